@@ -1,0 +1,188 @@
+// Sends one large segment (1 GB, 10^9 bytes, unless BRAVA_BENCH_UPLOAD_MB says otherwise) to a
+// loopback sink in another process, in turns with `curl --data-binary @file` and through the upload
+// queue (BRAVA_BENCH_ROUNDS rounds, 3 by default), and prints the median throughputs, their ratio,
+// the agent's CPU time and its peak memory during the uploads.
+#include "Config.h"
+#include "Uploader.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTextStream>
+#include <QTimer>
+
+#include <algorithm>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+// A field of /proc/self/status in kB ("VmRSS", "VmHWM").
+qint64 statusKb(const char *field)
+{
+    QFile f(QStringLiteral("/proc/self/status"));
+    if (!f.open(QIODevice::ReadOnly))
+        return -1;
+    const QByteArray prefix = QByteArray(field) + ':';
+    for (const QByteArray &line : f.readAll().split('\n'))
+        if (line.startsWith(prefix))
+            return line.mid(prefix.size()).trimmed().split(' ').value(0).toLongLong();
+    return -1;
+}
+
+// Resets the peak resident size to the current one, so VmHWM covers what follows.
+void resetPeak()
+{
+    QFile f(QStringLiteral("/proc/self/clear_refs"));
+    if (f.open(QIODevice::WriteOnly))
+        f.write("5");
+}
+
+bool writeFile(const QString &path, qint64 bytes)
+{
+    QFile f(path);
+    if (!f.open(QIODevice::WriteOnly))
+        return false;
+    QByteArray chunk(4 << 20, '\0');
+    quint32 x = 2463534242u;
+    for (char &c : chunk) { // incompressible bytes
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        c = char(x);
+    }
+    for (qint64 left = bytes; left > 0; left -= chunk.size())
+        if (f.write(chunk.constData(), qMin<qint64>(left, chunk.size())) < 0)
+            return false;
+    return f.flush();
+}
+
+// CPU time this process has used so far, user and system, in milliseconds.
+qint64 cpuMs()
+{
+    rusage use{};
+    getrusage(RUSAGE_SELF, &use);
+    return (qint64(use.ru_utime.tv_sec) + use.ru_stime.tv_sec) * 1000 + (use.ru_utime.tv_usec + use.ru_stime.tv_usec) / 1000;
+}
+
+double mbPerSecond(qint64 bytes, qint64 ms)
+{
+    return ms > 0 ? (double(bytes) / 1e6) / (double(ms) / 1000.0) : 0.0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QTextStream out(stdout);
+    // Decimal megabytes: curl keeps a --data-binary body in memory and refuses one of 1 GiB or more.
+    const qint64 mb = qEnvironmentVariableIsSet("BRAVA_BENCH_UPLOAD_MB") ? qEnvironmentVariableIntValue("BRAVA_BENCH_UPLOAD_MB") : 1000;
+    const qint64 bytes = mb * 1000 * 1000;
+
+    QTemporaryDir home;
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(home.path() + QStringLiteral("/config")));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(home.path() + QStringLiteral("/data")));
+
+    QProcess sink;
+    sink.start(QCoreApplication::applicationDirPath() + QStringLiteral("/bench_upload_sink"), {});
+    if (!sink.waitForStarted(5000) || !sink.waitForReadyRead(5000)) {
+        out << "upload bench: the sink did not start" << Qt::endl;
+        return 1;
+    }
+    const QString address = QStringLiteral("127.0.0.1:") + QString::fromLatin1(sink.readLine().trimmed());
+    Config::setAgentID(1);
+    Config::setServer(address);
+
+    const QString source = home.path() + QStringLiteral("/segment.m4a");
+    if (!writeFile(source, bytes)) {
+        out << "upload bench: cannot write " << source << Qt::endl;
+        return 1;
+    }
+
+    const int rounds = qMax(1, qEnvironmentVariableIsSet("BRAVA_BENCH_ROUNDS") ? qEnvironmentVariableIntValue("BRAVA_BENCH_ROUNDS") : 3);
+    const QString staging = home.path() + QStringLiteral("/staging");
+    QDir().mkpath(staging);
+
+    const qint64 rssBefore = statusKb("VmRSS");
+    resetPeak();
+    Uploader up;
+    up.tickIntervalMs = 600000; // every upload below starts from enqueue, none from the timer
+    QElapsedTimer clock;
+    qint64 agentMs = -1;
+    up.onUploaded = [&](const QString &) {
+        agentMs = clock.elapsed();
+        app.quit();
+    };
+    up.start();
+
+    QList<qint64> curlTimes, agentTimes, cpuTimes;
+    for (int round = 0; round < rounds; ++round) {
+        // The reference: curl reading the same file.
+        clock.restart();
+        const int curl = QProcess::execute(QStringLiteral("curl"),
+                                           {QStringLiteral("-sS"), QStringLiteral("-o"), QStringLiteral("/dev/null"),
+                                            QStringLiteral("--data-binary"), QLatin1Char('@') + source,
+                                            QStringLiteral("http://") + address + QStringLiteral("/upload")});
+        curlTimes.append(clock.elapsed());
+        if (curl != 0) {
+            out << "upload bench: curl failed (" << curl << ")" << Qt::endl;
+            return 1;
+        }
+
+        // The agent: a finished segment handed to the queue, deleted after the 200. A hard link
+        // stands in for the file, so the source stays and no gigabyte is copied.
+        const QString segment = staging + QStringLiteral("/mic_1700000000000_%1_final.m4a").arg(round, 5, 10, QLatin1Char('0'));
+        if (::link(QFile::encodeName(source).constData(), QFile::encodeName(segment).constData()) != 0
+            && !QFile::copy(source, segment)) {
+            out << "upload bench: cannot queue the file" << Qt::endl;
+            return 1;
+        }
+        agentMs = -1;
+        const qint64 cpuBefore = cpuMs();
+        QTimer watchdog;
+        watchdog.setSingleShot(true);
+        QObject::connect(&watchdog, &QTimer::timeout, &app, &QCoreApplication::quit);
+        watchdog.start(600000);
+        clock.restart();
+        up.enqueue(segment, QStringLiteral("bench"));
+        app.exec();
+        if (agentMs < 0) {
+            out << "upload bench: the agent's upload did not finish: " << up.lastError() << Qt::endl;
+            return 1;
+        }
+        agentTimes.append(agentMs);
+        cpuTimes.append(cpuMs() - cpuBefore);
+    }
+    const qint64 peak = statusKb("VmHWM");
+
+    sink.kill();
+    sink.waitForFinished(3000);
+
+    auto median = [](QList<qint64> v) {
+        std::sort(v.begin(), v.end());
+        return v.at(v.size() / 2);
+    };
+    auto list = [](const QList<qint64> &v) {
+        QStringList t;
+        for (qint64 x : v)
+            t.append(QString::number(x));
+        return t.join(QLatin1Char(' '));
+    };
+    const double agent = mbPerSecond(bytes, median(agentTimes));
+    const double reference = mbPerSecond(bytes, median(curlTimes));
+    out << QStringLiteral("upload bench: %1 MB segment over loopback, %2 rounds, medians").arg(mb).arg(rounds) << Qt::endl;
+    out << QStringLiteral("  agent upload: %1 MB/s (ms: %2)").arg(agent, 0, 'f', 1).arg(list(agentTimes)) << Qt::endl;
+    out << QStringLiteral("  curl --data-binary @file: %1 MB/s (ms: %2)").arg(reference, 0, 'f', 1).arg(list(curlTimes)) << Qt::endl;
+    out << QStringLiteral("  ratio agent/curl: %1").arg(reference > 0 ? agent / reference : 0.0, 0, 'f', 2) << Qt::endl;
+    out << QStringLiteral("  agent CPU time per upload: %1 ms (ms: %2)").arg(median(cpuTimes)).arg(list(cpuTimes)) << Qt::endl;
+    out << QStringLiteral("  agent resident memory: %1 MiB before, peak %2 MiB during the uploads")
+               .arg(rssBefore / 1024.0, 0, 'f', 1)
+               .arg(peak / 1024.0, 0, 'f', 1)
+        << Qt::endl;
+    return 0;
+}

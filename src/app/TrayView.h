@@ -1,0 +1,53 @@
+#pragma once
+
+#include "StatusMenu.h"
+
+#include <QObject>
+
+#include <functional>
+
+class QMenu;
+class QSystemTrayIcon;
+
+// Draws the agent's state in the system tray: the status icon with its menu and, while on a call,
+// a second icon with the call controls. On a desktop without a tray the menus are still kept up
+// to date (and can be shown elsewhere), and the agent logs once that it has no tray.
+class TrayView : public QObject
+{
+    Q_OBJECT
+public:
+    explicit TrayView(QObject *parent = nullptr);
+    ~TrayView() override;
+
+    /// Redraws icon, title and menus for this state.
+    void draw(const StatusMenu::State &state);
+    /// Shows a short confirmation as the status title.
+    void flash(const QString &text);
+    /// Sets the on-call item's title (the running call timer).
+    void setCallTitle(const QString &title);
+    /// Whether the on-call item exists.
+    bool hasCallItem() const { return m_callIcon != nullptr; }
+
+    /// The main menu as last drawn.
+    QMenu *menu() const { return m_menu; }
+    /// The current status title.
+    QString title() const { return m_title; }
+    /// How many times draw() ran.
+    int drawCount() const { return m_drawCount; }
+
+    /// Whether an action can be triggered now; actions that cannot are shown disabled.
+    std::function<bool(StatusMenu::Action)> isAvailable;
+    /// Called when the user picks a menu action.
+    std::function<void(StatusMenu::Action)> onAction;
+
+private:
+    void fill(QMenu *menu, const QList<StatusMenu::Entry> &entries);
+    void setTitle(const QString &title);
+
+    QSystemTrayIcon *m_icon = nullptr;
+    QSystemTrayIcon *m_callIcon = nullptr;
+    QMenu *m_menu = nullptr;
+    QMenu *m_callMenu = nullptr;
+    QString m_title;
+    int m_drawCount = 0;
+};

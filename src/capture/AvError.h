@@ -1,0 +1,6 @@
+#pragma once
+
+#include <QString>
+
+/// The text of an FFmpeg error code.
+QString avErrorText(int code);

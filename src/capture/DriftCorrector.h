@@ -1,0 +1,82 @@
+#pragma once
+
+#include "AudioBackend.h"
+#include "TimedSample.h"
+
+#include <vector>
+
+struct SwrContext;
+
+// Puts one audio stream on the monotonic time line. A sound card's crystal is never exactly at
+// its nominal rate, so a time line made of sample counts alone slides away from the other tracks
+// (0.1 % is almost 2 s per 30 minutes). This follows each block's measured capture time with a
+// slow control loop and stretches the audio by a few samples at a time (libswresample
+// compensation) so that exactly `rate` samples are written per second of monotonic time. Output
+// time stamps are therefore exactly contiguous: no jitter, no gaps. Only a real discontinuity
+// (a lost block, a paused device, an error above kJumpSeconds) re-anchors the time line.
+// A new time line is placed only once the stamps have settled: blocks are held back (at least
+// kSettleSeconds, at most kMaxSettleSeconds) until the newest kSteadyBlocks agree within
+// kSteadySpreadSeconds, and the line is anchored on their median. A sound server's first stamps
+// are the least reliable (its latency reports settle during the first second), and an anchor
+// taken from them would misplace the track for as long as the loop takes to pull it back.
+class DriftCorrector
+{
+public:
+    /// Deviation of one block from the time line that counts as a discontinuity.
+    static constexpr double kJumpSeconds = 0.25;
+    /// Deviation of the filtered error that makes the time line be placed again.
+    static constexpr double kDriftSeconds = 0.02;
+    /// Time constant of the loop's proportional part.
+    static constexpr double kLoopSeconds = 4.0;
+    /// Largest stretch applied (0.5 %).
+    static constexpr double kMaxStretch = 0.005;
+    /// Audio held back at least, and at most, to place a new time line.
+    static constexpr double kSettleSeconds = 0.25;
+    static constexpr double kMaxSettleSeconds = 2.0;
+    /// Newest blocks that must agree, and how closely, before a time line is placed.
+    static constexpr int kSteadyBlocks = 10;
+    static constexpr double kSteadySpreadSeconds = 0.002;
+
+    DriftCorrector() = default;
+    ~DriftCorrector();
+    DriftCorrector(const DriftCorrector &) = delete;
+    DriftCorrector &operator=(const DriftCorrector &) = delete;
+
+    /// Places one captured block; returns the corrected blocks (usually one, none while the
+    /// resampler fills, two at a re-anchor: the tail of the old time line, then the new one).
+    std::vector<TimedSample> process(const AudioBuffer &buffer);
+    /// Everything still held or inside the resampler, placed on the time line (at a stop or
+    /// before a device change); the corrector then starts over with the next block.
+    std::vector<TimedSample> flush();
+    /// Starts over with the next block (new take or new device).
+    void reset();
+
+    /// The filtered distance of the time line from the capture times, in seconds (+ = ahead).
+    double error() const { return m_error; }
+    /// Current stretch (output samples per input sample − 1).
+    double stretch() const { return m_stretch; }
+    /// Number of re-anchors since the last reset.
+    int anchors() const { return m_anchors; }
+
+private:
+    bool setUp(int rate, int channels);
+    void anchor(int64_t ns);
+    void settle(std::vector<TimedSample> &out);
+    std::vector<int64_t> heldStarts() const;
+    bool steady() const;
+    void flushTail(std::vector<TimedSample> &out);
+    TimedSample convert(const float *data, int frames);
+    TimedSample blockAt(std::vector<float> &&pcm, int frames);
+
+    SwrContext *m_swr = nullptr;
+    int m_rate = 0;
+    int m_channels = 0;
+    int64_t m_anchorNs = 0;
+    int64_t m_outFrames = 0; // frames emitted since the anchor
+    std::vector<AudioBuffer> m_held; // blocks of a time line that is not placed yet
+    int64_t m_heldFrames = 0;
+    double m_error = 0;      // filtered
+    double m_integral = 0;   // the loop's estimate of the device's rate error
+    double m_stretch = 0;
+    int m_anchors = 0;
+};

@@ -1,0 +1,94 @@
+#pragma once
+
+#include "MediaTime.h"
+#include "SegmentFormat.h"
+#include "TimedSample.h"
+
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+struct AVFormatContext;
+
+// Writes one track as a series of self-contained fragmented files ("segments") in
+// writing/<session>/: <track>_<take>_<nnnnn>[_final].<ext>. A segment starts at openAt (the common
+// start) or at its first sample, rolls over when a sample is segmentSeconds or more past the
+// segment start, and is fragmented every 2 s so a file cut off by a crash stays readable.
+// Encoding is delegated to a SegmentFormat (AAC in M4A, H.264 in MP4).
+//
+// All calls except setOpenAt come from the one serial queue that serves the track. Finished
+// segments are reported through onSegmentDone on that queue; the receiver hops to its own thread.
+class SegmentWriter
+{
+public:
+    /// Segment length of production recordings.
+    static constexpr double kSegmentSeconds = 1800.0;
+    /// Fragment duration of the files, in microseconds.
+    static constexpr int kFragmentMicroseconds = 2000000;
+
+    SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format,
+                  double segmentSeconds = kSegmentSeconds);
+    virtual ~SegmentWriter();
+    SegmentWriter(const SegmentWriter &) = delete;
+    SegmentWriter &operator=(const SegmentWriter &) = delete;
+
+    /// Arms the writer for a take: numbering restarts at 0 and openAt is cleared. An open segment
+    /// is left alone.
+    void begin(const std::optional<QString> &session, int64_t take);
+    /// Offers one sample; dropped when idle, invalid, or earlier than openAt.
+    void append(const TimedSample &sample);
+    /// Ends the current segment. final: the take stops (the file gets "_final"; with nothing open
+    /// an empty final marker is reported once at least one segment was opened).
+    void close(bool final);
+    /// Forgets the session (the writer becomes idle).
+    void clearSession();
+
+    /// Sets the common start; safe from any thread.
+    void setOpenAt(const std::optional<MediaTime> &at);
+    /// The common start, if set.
+    std::optional<MediaTime> openAt() const;
+
+    /// True when `t` is at or past the roll-over point of a segment started at `segStart`.
+    static bool crossesBoundary(MediaTime segStart, MediaTime t, double segmentSeconds = kSegmentSeconds);
+    /// File name of segment `idx` of a take.
+    static QString pieceName(const QString &track, int64_t take, int idx, bool final, const QString &ext);
+
+    QString track() const { return m_track; }
+    std::optional<QString> session() const { return m_session; }
+    int64_t take() const { return m_take; }
+    /// Segments opened in this take (= number of the next one).
+    int idx() const { return m_idx; }
+    /// Start of the open segment (invalid before the first).
+    MediaTime segStart() const { return m_segStart; }
+    /// Whether a segment is open.
+    bool isOpen() const { return m_fmt != nullptr; }
+    /// Path of the open segment ("" when none).
+    QString path() const { return m_path; }
+    double segmentSeconds() const { return m_segmentSeconds; }
+
+    /// One finished segment file (absolute path).
+    std::function<void(const QString &path)> onSegmentDone;
+
+private:
+    bool open(const QString &session, MediaTime at, const TimedSample &sample);
+    bool finishFile(const QString &file);
+    void abandon();
+    void report(const QString &failure);
+    QString folder() const;
+
+    const QString m_track;
+    const std::unique_ptr<SegmentFormat> m_format;
+    const double m_segmentSeconds;
+    std::optional<QString> m_session;
+    int64_t m_take = 0;
+    int m_idx = 0;
+    MediaTime m_segStart;
+    QString m_path;
+    AVFormatContext *m_fmt = nullptr;
+    mutable std::mutex m_openAtMutex;
+    std::optional<MediaTime> m_openAt;
+    QString m_lastFailure;
+};

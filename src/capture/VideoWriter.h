@@ -1,0 +1,18 @@
+#pragma once
+
+#include "H264Format.h"
+#include "SegmentWriter.h"
+
+// The segment writer of a camera track ("cam", "cam2"–"cam4"): H.264 in MP4. The main camera
+// gets the measured preset; extra cameras the fastest, so four 1080p30 cameras fit two cores.
+class VideoWriter final : public SegmentWriter
+{
+public:
+    explicit VideoWriter(const QString &track, double segmentSeconds = kSegmentSeconds)
+        : SegmentWriter(track,
+                        std::make_unique<H264Format>(track == QLatin1String("cam") ? H264Format::kPreset
+                                                                                   : H264Format::kExtraPreset),
+                        segmentSeconds)
+    {
+    }
+};

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+struct AVFrame;
+
+// Draws the synthetic camera's picture: a moving bar over a gradient, the frame counter in large
+// digits at the top left, or an all-white frame for a flash. Frames are YUV 4:2:0.
+namespace TestPattern {
+/// A new frame of this size showing frame number `index`; white all over when `flash`.
+std::shared_ptr<AVFrame> draw(int width, int height, int64_t index, bool flash);
+/// Reads back the counter drawn into a frame by draw(); -1 when it cannot be read.
+int64_t readCounter(const AVFrame &frame);
+/// Mean luma of the frame (0–255), to tell a flash from the pattern.
+double meanLuma(const AVFrame &frame);
+} // namespace TestPattern

@@ -1,0 +1,200 @@
+#include "Connection.h"
+
+#include "BravaLog.h"
+#include "Config.h"
+#include "OrderedJson.h"
+
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QPointer>
+#include <QThread>
+#include <QTimer>
+#include <QUrlQuery>
+#include <QWebSocket>
+
+Connection &Connection::shared()
+{
+    static Connection *instance = new Connection(QCoreApplication::instance());
+    return *instance;
+}
+
+Connection::Connection(QObject *parent)
+    : QObject(parent)
+{
+}
+
+Connection::~Connection()
+{
+    cancelSocket();
+}
+
+QUrl Connection::linkURL()
+{
+    const QString server = Config::server();
+    if (server.isEmpty())
+        return {};
+    QUrl url(QStringLiteral("ws://") + server + QStringLiteral("/agent"), QUrl::StrictMode);
+    if (!url.isValid() || url.host().isEmpty())
+        return {};
+    QUrlQuery query;
+    query.addQueryItem(QStringLiteral("id"), QString::number(Config::agentID()));
+    query.addQueryItem(QStringLiteral("os"), QStringLiteral("linux"));
+    query.addQueryItem(QStringLiteral("v"), Config::version());
+    query.addQueryItem(QStringLiteral("name"), Config::agentName());
+    // Encode every reserved character in the values ('&', '=', '+', '#', spaces …).
+    QString encoded;
+    for (const auto &[key, value] : query.queryItems(QUrl::FullyDecoded)) {
+        if (!encoded.isEmpty())
+            encoded += QLatin1Char('&');
+        encoded += key + QLatin1Char('=') + QString::fromLatin1(QUrl::toPercentEncoding(value));
+    }
+    url.setQuery(encoded, QUrl::StrictMode);
+    return url.isValid() ? url : QUrl();
+}
+
+void Connection::cancelSocket()
+{
+    if (!m_socket)
+        return;
+    QWebSocket *old = m_socket;
+    m_socket = nullptr;
+    // The old socket's later signals are cut here and would fail the generation check anyway.
+    old->disconnect(this);
+    old->close(QWebSocketProtocol::CloseCodeGoingAway);
+    old->deleteLater();
+}
+
+void Connection::connect()
+{
+    Q_ASSERT(QThread::currentThread() == thread());
+    ++m_generation;
+    cancelSocket();
+    m_replaced = false;
+    if (Config::agentID() < 1)
+        return;
+    const QUrl url = linkURL();
+    if (!url.isValid())
+        return;
+
+    const qint64 gen = m_generation;
+    auto *socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
+    socket->setMaxAllowedIncomingMessageSize(kMaxMessageBytes);
+    m_socket = socket;
+    QObject::connect(socket, &QWebSocket::connected, this, [this, gen, socket] { opened(gen, socket); });
+    QObject::connect(socket, &QWebSocket::textMessageReceived, this, [this, gen](const QString &text) { received(gen, text); });
+    // Binary frames from the control room carry nothing for the agent.
+    // A failed open reports an error, an open link that ends reports disconnected, and some
+    // failures report both: the first one for the current socket counts.
+    const auto lost = [this, gen, socket] {
+        if (socket == m_socket && !socket->property("brava.dropped").toBool()) {
+            socket->setProperty("brava.dropped", true);
+            dropped(gen);
+        }
+    };
+    QObject::connect(socket, &QWebSocket::disconnected, this, lost);
+    QObject::connect(socket, qOverload<QAbstractSocket::SocketError>(&QWebSocket::error), this, lost);
+    socket->open(url);
+}
+
+void Connection::opened(qint64 gen, QWebSocket *socket)
+{
+    if (gen != m_generation || socket != m_socket)
+        return;
+    m_connected = true;
+    bravaLog(QStringLiteral("connected to %1 as agent %2").arg(Config::server()).arg(Config::agentID()));
+    if (onChange)
+        onChange();
+}
+
+void Connection::received(qint64 gen, const QString &text)
+{
+    if (gen != m_generation)
+        return;
+    QJsonParseError error{};
+    const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError || !doc.isObject())
+        return;
+    const QJsonObject command = doc.object();
+    const QJsonValue type = command.value(QStringLiteral("type"));
+    if (type.isString() && type.toString() == QLatin1String("replaced"))
+        m_replaced = true;
+    QPointer<Connection> self(this);
+    QMetaObject::invokeMethod(
+        this,
+        [self, command] {
+            if (self && self->onCommand)
+                self->onCommand(command);
+        },
+        Qt::QueuedConnection);
+}
+
+void Connection::dropped(qint64 gen)
+{
+    if (gen != m_generation)
+        return;
+    if (m_connected)
+        bravaLog(QStringLiteral("disconnected"));
+    m_connected = false;
+    QPointer<Connection> self(this);
+    QMetaObject::invokeMethod(
+        this,
+        [self] {
+            if (self && self->onChange)
+                self->onChange();
+        },
+        Qt::QueuedConnection);
+    if (m_replaced)
+        return;
+    QTimer::singleShot(kRetryMs, this, [this, gen] {
+        if (m_generation == gen && !m_connected)
+            connect();
+    });
+}
+
+void Connection::disconnect()
+{
+    Q_ASSERT(QThread::currentThread() == thread());
+    ++m_generation;
+    cancelSocket();
+    m_connected = false;
+    if (onChange)
+        onChange();
+}
+
+void Connection::sendText(const QByteArray &text)
+{
+    if (!m_connected || !m_socket)
+        return;
+    m_socket->sendTextMessage(QString::fromUtf8(text));
+}
+
+void Connection::sendJSON(const OrderedJson &message)
+{
+    sendText(message.toJson());
+}
+
+void Connection::sendJSON(const QJsonObject &message)
+{
+    sendText(QJsonDocument(message).toJson(QJsonDocument::Compact));
+}
+
+void Connection::sendBinary(const QByteArray &data)
+{
+    if (QThread::currentThread() != thread()) {
+        // Live audio and preview arrive on capture threads; the socket belongs to this thread.
+        if (!m_connected)
+            return;
+        QPointer<Connection> self(this);
+        QMetaObject::invokeMethod(
+            this,
+            [self, data] {
+                if (self)
+                    self->sendBinary(data);
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+    if (!m_connected || !m_socket)
+        return;
+    m_socket->sendBinaryMessage(data);
+}

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QObject>
+
+#include <atomic>
+#include <functional>
+
+class OrderedJson;
+class QWebSocket;
+
+// The agent's single WebSocket link to the control room: ws://<server>/agent?id&os&v&name.
+// Hands every JSON object received to onCommand, sends status JSON and binary frames, and
+// reconnects 2 s after a drop unless the control room said this agent number was replaced.
+// State lives on the thread that owns the object (the main thread); sends from other threads are
+// forwarded to it.
+class Connection : public QObject
+{
+    Q_OBJECT
+public:
+    /// The one shared link, created on first use (on the main thread).
+    static Connection &shared();
+
+    explicit Connection(QObject *parent = nullptr);
+    ~Connection() override;
+
+    /// (Re)opens the link with the identity in Config; an agent without a number never connects.
+    void connect();
+    /// Closes the link (code 1001) and stops any pending retry.
+    void disconnect();
+    /// Sends one JSON text message while connected; dropped otherwise.
+    void sendJSON(const OrderedJson &message);
+    /// Sends one JSON text message while connected; dropped otherwise.
+    void sendJSON(const QJsonObject &message);
+    /// Sends one binary message while connected; dropped otherwise. Callable from any thread.
+    void sendBinary(const QByteArray &data);
+
+    /// True between the open of the current socket and its drop.
+    bool connected() const { return m_connected; }
+    /// True after the control room said another computer took this agent number.
+    bool replaced() const { return m_replaced; }
+    /// Incremented on every connect() and disconnect().
+    qint64 generation() const { return m_generation; }
+    /// The URL connect() would open now (empty when it cannot be built).
+    static QUrl linkURL();
+
+    /// Delay before an automatic reconnection, in milliseconds (2000).
+    static constexpr int kRetryMs = 2000;
+    /// Largest incoming message accepted; larger ones make the socket close.
+    static constexpr qint64 kMaxMessageBytes = 8 * 1024 * 1024;
+
+    /// Called on the main thread with every JSON object received.
+    std::function<void(const QJsonObject &)> onCommand;
+    /// Called on the main thread whenever connected() may have changed.
+    std::function<void()> onChange;
+
+private:
+    void opened(qint64 gen, QWebSocket *socket);
+    void received(qint64 gen, const QString &text);
+    void dropped(qint64 gen);
+    void cancelSocket();
+    void sendText(const QByteArray &text);
+
+    QWebSocket *m_socket = nullptr;
+    qint64 m_generation = 0;
+    std::atomic<bool> m_connected{false}; // read by capture threads before they forward a frame
+    bool m_replaced = false;
+};

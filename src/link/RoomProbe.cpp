@@ -1,0 +1,30 @@
+#include "RoomProbe.h"
+
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QUrl>
+
+RoomProbe::RoomProbe(QObject *parent)
+    : QObject(parent)
+    , m_net(new QNetworkAccessManager(this))
+{
+}
+
+bool RoomProbe::probe(const QString &host, int port, std::function<void(bool)> done)
+{
+    const QUrl url(QStringLiteral("http://") + host + QLatin1Char(':') + QString::number(port) + QLatin1Char('/'),
+                   QUrl::StrictMode);
+    if (!url.isValid() || url.host().isEmpty() || port < 0 || port > 65535)
+        return false;
+    QNetworkRequest request(url);
+    request.setTransferTimeout(timeoutMs);
+    // A redirect is an answer too; it is not followed.
+    request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
+    QNetworkReply *reply = m_net->get(request);
+    connect(reply, &QNetworkReply::finished, this, [reply, done = std::move(done)] {
+        reply->deleteLater();
+        done(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid());
+    });
+    return true;
+}

@@ -1,0 +1,239 @@
+#include "Config.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QMutex>
+#include <QSettings>
+
+#include <memory>
+#include <optional>
+
+namespace {
+
+QString xdgDir(const char *variable, const char *fallbackUnderHome)
+{
+    const QString value = qEnvironmentVariable(variable);
+    // The XDG base directory rules ignore relative paths.
+    if (!value.isEmpty() && QDir::isAbsolutePath(value))
+        return value;
+    return QDir::homePath() + QLatin1Char('/') + QLatin1String(fallbackUnderHome);
+}
+
+const QString kFolder = QStringLiteral("Brava Recorder");
+
+QMutex &storeMutex()
+{
+    static QMutex m;
+    return m;
+}
+
+// The settings object is made once, lazily, and reused; QSettings itself re-reads the file when
+// another process changed it.
+QSettings &store()
+{
+    static std::unique_ptr<QSettings> s;
+    if (!s)
+        s = std::make_unique<QSettings>(Config::settingsFilePath(), QSettings::IniFormat);
+    return *s;
+}
+
+QVariant readValue(const QString &key)
+{
+    QMutexLocker lock(&storeMutex());
+    return store().value(key);
+}
+
+void writeValue(const QString &key, const QVariant &value)
+{
+    QMutexLocker lock(&storeMutex());
+    store().setValue(key, value);
+    store().sync();
+}
+
+int readInt(const QString &key)
+{
+    bool ok = false;
+    const int v = readValue(key).toInt(&ok);
+    return ok ? v : 0;
+}
+
+bool readBool(const QString &key)
+{
+    const QVariant v = readValue(key);
+    if (!v.isValid())
+        return false;
+    if (v.typeId() == QMetaType::Bool)
+        return v.toBool();
+    const QString text = v.toString().trimmed().toLower();
+    return text == QLatin1String("true") || text == QLatin1String("1");
+}
+
+QString readString(const QString &key, const QString &fallback)
+{
+    const QVariant v = readValue(key);
+    return v.isValid() ? v.toString() : fallback;
+}
+
+struct Info {
+    QString server, version, build, identifier, webBase;
+};
+
+QMutex &infoMutex()
+{
+    static QMutex m;
+    return m;
+}
+QString &infoOverride()
+{
+    static QString p;
+    return p;
+}
+std::optional<Info> &infoCache()
+{
+    static std::optional<Info> c;
+    return c;
+}
+
+Info info()
+{
+    QMutexLocker lock(&infoMutex());
+    if (!infoCache()) {
+        const QString path = Config::infoFilePath();
+        QSettings ini(path, QSettings::IniFormat);
+        const auto str = [&](const char *key) {
+            const QVariant v = ini.value(QLatin1String(key));
+            return v.isValid() ? v.toString() : QString();
+        };
+        Info i;
+        i.server = str("BravaServer");
+        i.version = str("CFBundleShortVersionString");
+        if (i.version.isEmpty())
+            i.version = QStringLiteral("1.0");
+        i.build = str("CFBundleVersion");
+        i.identifier = str("CFBundleIdentifier");
+        if (i.identifier.isEmpty())
+            i.identifier = QStringLiteral("com.vantorra.brava-recorder");
+        i.webBase = Config::trimSpacesAndTabs(str("EventWebServiceURL"));
+        while (i.webBase.endsWith(QLatin1Char('/')))
+            i.webBase.chop(1);
+        infoCache() = i;
+    }
+    return *infoCache();
+}
+
+QString executableDir()
+{
+    if (QCoreApplication::instance())
+        return QCoreApplication::applicationDirPath();
+    return QFileInfo(QStringLiteral("/proc/self/exe")).symLinkTarget().section(QLatin1Char('/'), 0, -2);
+}
+
+} // namespace
+
+namespace Config {
+
+QString trimSpacesAndTabs(const QString &text)
+{
+    qsizetype b = 0, e = text.size();
+    const auto blank = [](QChar c) { return c == QLatin1Char(' ') || c == QLatin1Char('\t'); };
+    while (b < e && blank(text.at(b)))
+        ++b;
+    while (e > b && blank(text.at(e - 1)))
+        --e;
+    return text.mid(b, e - b);
+}
+
+int agentID() { return readInt(QStringLiteral("agentID")); }
+void setAgentID(int id) { writeValue(QStringLiteral("agentID"), id); }
+
+QString agentName() { return readString(QStringLiteral("agentName"), QString()); }
+void setAgentName(const QString &name) { writeValue(QStringLiteral("agentName"), trimSpacesAndTabs(name)); }
+
+QString server() { return readString(QStringLiteral("server"), defaultServer()); }
+void setServer(const QString &server) { writeValue(QStringLiteral("server"), trimSpacesAndTabs(server)); }
+
+bool setupDone() { return readBool(QStringLiteral("setupDone")); }
+void setSetupDone(bool done) { writeValue(QStringLiteral("setupDone"), done); }
+
+int wizardStep() { return readInt(QStringLiteral("wizardStep")); }
+void setWizardStep(int step) { writeValue(QStringLiteral("wizardStep"), step); }
+
+QString micUID() { return readString(QStringLiteral("micUID"), QString()); }
+void setMicUID(const QString &uid) { writeValue(QStringLiteral("micUID"), uid); }
+
+QString camUID() { return readString(QStringLiteral("camUID"), QString()); }
+void setCamUID(const QString &uid) { writeValue(QStringLiteral("camUID"), uid); }
+
+QString uploadQuality() { return readString(QStringLiteral("uploadQuality"), QStringLiteral("full")); }
+void setUploadQuality(const QString &quality) { writeValue(QStringLiteral("uploadQuality"), quality); }
+
+int videoBitrate()
+{
+    const QString q = uploadQuality();
+    if (q == QLatin1String("low"))
+        return 2000000;
+    if (q == QLatin1String("med"))
+        return 4000000;
+    return 8000000;
+}
+
+QString defaultServer() { return info().server; }
+bool serverLocked() { return !trimSpacesAndTabs(defaultServer()).isEmpty(); }
+QString version() { return info().version; }
+QString buildNumber() { return info().build; }
+QString bundleIdentifier() { return info().identifier; }
+QString webServiceURL() { return info().webBase; }
+
+QString infoFilePath()
+{
+    {
+        const QString o = infoOverride();
+        if (!o.isEmpty())
+            return o;
+    }
+    return executableDir() + QStringLiteral("/Info.ini");
+}
+
+QString readInfoKey(const QString &path, const QString &key)
+{
+    if (!QFileInfo::exists(path))
+        return QString();
+    QSettings ini(path, QSettings::IniFormat);
+    return ini.value(key).toString();
+}
+
+void overrideInfoFileForTesting(const QString &path)
+{
+    QMutexLocker lock(&infoMutex());
+    infoOverride() = path;
+    infoCache().reset();
+}
+
+QString settingsFilePath()
+{
+    return xdgDir("XDG_CONFIG_HOME", ".config") + QLatin1Char('/') + kFolder + QStringLiteral("/settings.ini");
+}
+
+QString dataDir()
+{
+    const QString path = xdgDir("XDG_DATA_HOME", ".local/share") + QLatin1Char('/') + kFolder;
+    QDir().mkpath(path);
+    return path;
+}
+
+QString dir(const QString &name)
+{
+    const QString path = dataDir() + QLatin1Char('/') + name;
+    QDir().mkpath(path);
+    return path;
+}
+
+void removeAll()
+{
+    QMutexLocker lock(&storeMutex());
+    store().clear();
+    store().sync();
+}
+
+} // namespace Config

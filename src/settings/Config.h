@@ -1,0 +1,88 @@
+#pragma once
+
+#include <QString>
+
+// The agent's one settings store. Every user setting lives in the per-user INI file
+// $XDG_CONFIG_HOME/Brava Recorder/settings.ini and is read from the store on every access, so a
+// value written anywhere is seen at once everywhere. Build information comes from Info.ini beside
+// the executable; the data folder is $XDG_DATA_HOME/Brava Recorder. Safe to use from any thread.
+namespace Config {
+
+/// The agent number (1–110; 0 when none).
+int agentID();
+/// Stores the agent number as given.
+void setAgentID(int id);
+
+/// The agent's name.
+QString agentName();
+/// Stores the name without leading or trailing spaces and tabs.
+void setAgentName(const QString &name);
+
+/// The control-room address host:port; defaultServer() when nothing is stored.
+QString server();
+/// Stores the address without leading or trailing spaces and tabs.
+void setServer(const QString &server);
+
+/// Whether the setup wizard has been completed.
+bool setupDone();
+/// Stores the setup-done flag.
+void setSetupDone(bool done);
+
+/// The wizard step to reopen at.
+int wizardStep();
+/// Stores the wizard step.
+void setWizardStep(int step);
+
+/// Unique ID of the chosen microphone; empty means the system default.
+QString micUID();
+/// Stores the microphone choice.
+void setMicUID(const QString &uid);
+
+/// Unique ID of the chosen camera; empty means the default camera.
+QString camUID();
+/// Stores the camera choice.
+void setCamUID(const QString &uid);
+
+/// Upload quality word ("low", "med", "full"); "full" when absent.
+QString uploadQuality();
+/// Stores the upload quality word as given.
+void setUploadQuality(const QString &quality);
+
+/// Video bit rate in bits per second derived from uploadQuality() (exact, case-sensitive words).
+int videoBitrate();
+
+/// The fixed control-room address of this build ("BravaServer" in Info.ini), "" when none.
+QString defaultServer();
+/// True when this build fixes the control-room address.
+bool serverLocked();
+/// The marketing version ("CFBundleShortVersionString"), "1.0" when missing.
+QString version();
+/// The build number ("CFBundleVersion"), "" when missing.
+QString buildNumber();
+/// The application identifier ("CFBundleIdentifier"), a fixed fallback when missing.
+QString bundleIdentifier();
+/// Base URL of the event web service without a trailing slash, "" when this build has none.
+QString webServiceURL();
+
+/// Path of the Info.ini this process reads (beside the executable).
+QString infoFilePath();
+/// Reads one key of an Info.ini file on disk now, "" when the file or key is missing.
+QString readInfoKey(const QString &path, const QString &key);
+
+/// The data folder, created (with parents) on every call; creation failures are ignored.
+QString dataDir();
+/// A sub-folder of the data folder, created on every call; creation failures are ignored.
+QString dir(const QString &name);
+/// Path of the settings file.
+QString settingsFilePath();
+
+/// Removes every stored setting (used by uninstall).
+void removeAll();
+
+/// Trims leading and trailing spaces and tabs (not newlines).
+QString trimSpacesAndTabs(const QString &text);
+
+/// Tests only: read build information from this file instead (an empty path restores the default).
+void overrideInfoFileForTesting(const QString &path);
+
+} // namespace Config

@@ -1,0 +1,207 @@
+#include "Uploader.h"
+
+#include "BravaLog.h"
+#include "Config.h"
+#include "SegmentName.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QPointer>
+#include <QThread>
+#include <QTimer>
+#include <QUrl>
+#include <QUrlQuery>
+
+#include <algorithm>
+
+namespace {
+
+// Every entry of a folder except "." and "..", hidden ones included, in name order.
+QFileInfoList entries(const QString &dir)
+{
+    return QDir(dir).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                                   QDir::Name);
+}
+
+bool isHidden(const QFileInfo &info)
+{
+    return info.fileName().startsWith(QLatin1Char('.'));
+}
+
+} // namespace
+
+Uploader &Uploader::shared()
+{
+    static Uploader *instance = new Uploader(QCoreApplication::instance());
+    return *instance;
+}
+
+Uploader::Uploader(QObject *parent)
+    : QObject(parent)
+    , m_net(new QNetworkAccessManager(this))
+{
+}
+
+Uploader::~Uploader() = default;
+
+void Uploader::start()
+{
+    Q_ASSERT(QThread::currentThread() == thread());
+    if (m_timer)
+        return; // already running: orphans are only recovered before the first take
+    recoverOrphans();
+    m_timer = new QTimer(this);
+    m_timer->setInterval(tickIntervalMs);
+    connect(m_timer, &QTimer::timeout, this, &Uploader::tick);
+    m_timer->start();
+    tick();
+}
+
+void Uploader::enqueue(const QString &file, const QString &session)
+{
+    if (!isSessionFolderName(session)) {
+        // pending/ would never list it; the file stays where it is rather than going astray.
+        bravaLog(QStringLiteral("upload: session \"%1\" cannot name a folder; %2 stays where it is").arg(session, file));
+        return;
+    }
+    const QString folder = Config::dir(QStringLiteral("pending")) + QLatin1Char('/') + session;
+    QDir().mkpath(folder);
+    // A move that fails leaves the file where it was; from writing/ the next launch recovers it.
+    QFile::rename(file, folder + QLatin1Char('/') + QFileInfo(file).fileName());
+    QPointer<Uploader> self(this);
+    QMetaObject::invokeMethod(this, [self] {
+        if (self)
+            self->tick();
+    }, Qt::QueuedConnection);
+}
+
+QList<Uploader::PendingFile> Uploader::pendingFiles(const QString &pendingDir)
+{
+    QList<PendingFile> files;
+    for (const QFileInfo &session : entries(pendingDir)) {
+        if (isHidden(session) || !session.isDir())
+            continue;
+        for (const QFileInfo &file : entries(session.filePath()))
+            if (SegmentName::isMedia(file.fileName()))
+                files.append({file.filePath(), session.fileName()});
+    }
+    std::stable_sort(files.begin(), files.end(), [](const PendingFile &a, const PendingFile &b) {
+        return QFileInfo(a.path).fileName() < QFileInfo(b.path).fileName();
+    });
+    return files;
+}
+
+void Uploader::tick()
+{
+    Q_ASSERT(QThread::currentThread() == thread());
+    const QList<PendingFile> files = pendingFiles(Config::dir(QStringLiteral("pending")));
+    m_pendingCount = int(files.size());
+    if (m_busy || files.isEmpty())
+        return;
+    const PendingFile &first = files.first();
+    if (!SegmentName::parse(QFileInfo(first.path).fileName())) {
+        setAside(first);
+        return;
+    }
+    upload(first);
+}
+
+bool Uploader::isSessionFolderName(const QString &session)
+{
+    return !session.isEmpty() && !session.startsWith(QLatin1Char('.')) && !session.contains(QLatin1Char('/'))
+           && !session.contains(QChar(0));
+}
+
+void Uploader::setAside(const PendingFile &file)
+{
+    const QString name = QFileInfo(file.path).fileName();
+    // A name already set aside earlier gets a number, so the odd file never blocks the queue.
+    const QString base = Config::dir(QStringLiteral("unrecognized")) + QLatin1Char('/') + name;
+    QString target = base;
+    for (int n = 1; QFileInfo::exists(target); ++n)
+        target = base + QLatin1Char('.') + QString::number(n);
+    if (QFile::rename(file.path, target))
+        bravaLog(QStringLiteral("upload: ") + name + QStringLiteral(" is not a segment name; kept in unrecognized/"));
+    else
+        m_lastError = QStringLiteral("could not set aside ") + name;
+}
+
+void Uploader::upload(const PendingFile &file)
+{
+    const QString fileName = QFileInfo(file.path).fileName();
+    const std::optional<SegmentName> name = SegmentName::parse(fileName);
+    Q_ASSERT(name);
+    QUrl url(QStringLiteral("http://") + Config::server() + QStringLiteral("/upload"), QUrl::StrictMode);
+    QUrlQuery query;
+    query.setQueryItems(name->queryItems(Config::agentID(), file.session));
+    url.setQuery(query);
+    if (!url.isValid() || url.host().isEmpty()) {
+        // No usable control-room address: the file waits until the setting is fixed.
+        m_lastError = QStringLiteral("no valid control-room address");
+        return;
+    }
+
+    // The body is read from the file as it is sent, never whole.
+    auto *body = new QFile(file.path);
+    if (!body->open(QIODevice::ReadOnly)) {
+        m_lastError = QStringLiteral("cannot read ") + fileName + QStringLiteral(": ") + body->errorString();
+        delete body;
+        return;
+    }
+    QNetworkRequest request(url);
+    request.setTransferTimeout(requestTimeoutMs);
+    m_busy = true;
+    // A custom "POST" keeps the network layer from inventing a content type for the body.
+    QNetworkReply *reply = m_net->sendCustomRequest(request, QByteArrayLiteral("POST"), body);
+    body->setParent(reply);
+    const QString path = file.path;
+    connect(reply, &QNetworkReply::finished, this, [this, reply, path] { finished(reply, path); });
+}
+
+void Uploader::finished(QNetworkReply *reply, const QString &path)
+{
+    Q_ASSERT(m_busy);
+    reply->deleteLater();
+    m_busy = false;
+    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    const bool transportError = !status.isValid();
+    if (reply->error() == QNetworkReply::NoError && status.isValid() && status.toInt() == 200) {
+        m_lastError.clear();
+        QFile::remove(path);
+        if (onUploaded)
+            onUploaded(path);
+        tick();
+        return;
+    }
+    // Anything else leaves the file first in line for the next timer tick.
+    const QString name = QFileInfo(path).fileName();
+    m_lastError = transportError ? QStringLiteral("upload of %1 failed: %2").arg(name, reply->errorString())
+                                 : QStringLiteral("upload of %1 answered %2").arg(name).arg(status.toInt());
+}
+
+void Uploader::recoverOrphans()
+{
+    // Runs before the recorder has begun a take, so every folder in writing/ is left over.
+    for (const QFileInfo &folder : entries(Config::dir(QStringLiteral("writing")))) {
+        if (isHidden(folder) || !folder.isDir())
+            continue;
+        bool allMoved = true;
+        for (const QFileInfo &file : entries(folder.filePath())) {
+            if (!SegmentName::isMedia(file.fileName()))
+                continue;
+            enqueue(file.filePath(), folder.fileName());
+            allMoved = allMoved && !QFileInfo::exists(file.filePath());
+        }
+        if (allMoved) {
+            QDir(folder.filePath()).removeRecursively();
+        } else {
+            // A recording that could not be moved is never deleted; the next launch tries again.
+            bravaLog(QStringLiteral("upload: could not recover every file of writing/") + folder.fileName());
+        }
+    }
+}

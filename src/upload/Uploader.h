@@ -1,0 +1,69 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+
+class QNetworkAccessManager;
+class QNetworkReply;
+class QTimer;
+
+// Sends every finished segment file to the control room, one at a time, oldest name first. The
+// disk is the queue: a file waits in pending/<session>/ until the control room has answered 200,
+// and is then deleted, so the queue survives crashes and restarts. A file that is refused blocks
+// the ones behind it and is tried again at every tick, for as long as the program runs.
+// Queue state lives on the main thread; enqueue() may be called from any thread.
+class Uploader : public QObject
+{
+    Q_OBJECT
+public:
+    /// One waiting file and the session folder it sits in.
+    struct PendingFile
+    {
+        QString path;
+        QString session;
+    };
+
+    /// The one shared queue, created on first use (on the main thread).
+    static Uploader &shared();
+    explicit Uploader(QObject *parent = nullptr);
+    ~Uploader() override;
+
+    /// Recovers orphans from writing/, then ticks every tickIntervalMs and once at once; later calls do nothing.
+    void start();
+    /// Moves a finished file into pending/<session>/ and schedules a tick; callable from any thread.
+    void enqueue(const QString &file, const QString &session);
+    /// Files waiting at the last tick, the one in flight included.
+    int pendingCount() const { return m_pendingCount; }
+    /// Whether an upload request is in flight.
+    bool busy() const { return m_busy; }
+    /// Why the last upload did not go through; "" after a success.
+    QString lastError() const { return m_lastError; }
+
+    /// Whether a session can name a folder of pending/ that is listed (not empty, hidden or nested).
+    static bool isSessionFolderName(const QString &session);
+    /// The waiting files of a pending folder in upload order (stable, by file name alone).
+    static QList<PendingFile> pendingFiles(const QString &pendingDir);
+
+    /// Period of the retry tick in milliseconds; set before start().
+    int tickIntervalMs = 3000;
+    /// Inactivity limit of one upload in milliseconds.
+    int requestTimeoutMs = 60000;
+    /// Called on the main thread after a file was accepted and deleted.
+    std::function<void(const QString &path)> onUploaded;
+
+private:
+    void tick();
+    void recoverOrphans();
+    void setAside(const PendingFile &file);
+    void upload(const PendingFile &file);
+    void finished(QNetworkReply *reply, const QString &path);
+
+    QNetworkAccessManager *m_net = nullptr;
+    QTimer *m_timer = nullptr;
+    bool m_busy = false;
+    int m_pendingCount = 0;
+    QString m_lastError;
+};

@@ -1,0 +1,78 @@
+#include "MediaProbe.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QStandardPaths>
+
+#include <cmath>
+#include <cstring>
+
+namespace MediaProbe {
+
+bool available()
+{
+    return !QStandardPaths::findExecutable(QStringLiteral("ffprobe")).isEmpty()
+        && !QStandardPaths::findExecutable(QStringLiteral("ffmpeg")).isEmpty();
+}
+
+QJsonObject stream(const QString &path)
+{
+    QProcess p;
+    p.start(QStringLiteral("ffprobe"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-select_streams"),
+                                        QStringLiteral("a:0"), QStringLiteral("-show_entries"),
+                                        QStringLiteral("stream=codec_name,sample_rate,channels,bit_rate,duration,start_time:format=duration"),
+                                        QStringLiteral("-of"), QStringLiteral("json"), path});
+    if (!p.waitForFinished(30000) || p.exitCode() != 0)
+        return {};
+    const QJsonObject doc = QJsonDocument::fromJson(p.readAllStandardOutput()).object();
+    const QJsonArray streams = doc.value(QStringLiteral("streams")).toArray();
+    if (streams.isEmpty())
+        return {};
+    QJsonObject out = streams.first().toObject();
+    out.insert(QStringLiteral("format_duration"), doc.value(QStringLiteral("format")).toObject().value(QStringLiteral("duration")));
+    return out;
+}
+
+QVector<float> decode(const QString &path, QString *errors)
+{
+    // Keep the file's own time stamps and present what a player presents: from time 0 (the
+    // encoder's priming carries negative times) to the end the file declares.
+    QString trim = QStringLiteral("atrim=start=0");
+    QProcess probe;
+    probe.start(QStringLiteral("ffprobe"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
+                                            QStringLiteral("format=start_time,duration"), QStringLiteral("-of"),
+                                            QStringLiteral("json"), path});
+    if (probe.waitForFinished(30000) && probe.exitCode() == 0) {
+        const QJsonObject f = QJsonDocument::fromJson(probe.readAllStandardOutput()).object().value(QStringLiteral("format")).toObject();
+        bool okStart = false, okDuration = false;
+        const double start = f.value(QStringLiteral("start_time")).toString().toDouble(&okStart);
+        const double duration = f.value(QStringLiteral("duration")).toString().toDouble(&okDuration);
+        if (okStart && okDuration)
+            trim += QStringLiteral(":end=") + QString::number(start + duration, 'f', 6);
+    }
+    QProcess p;
+    p.start(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-copyts"),
+                                       QStringLiteral("-i"), path, QStringLiteral("-af"), trim,
+                                       QStringLiteral("-ac"), QStringLiteral("1"), QStringLiteral("-ar"),
+                                       QStringLiteral("48000"), QStringLiteral("-f"), QStringLiteral("f32le"),
+                                       QStringLiteral("-")});
+    if (!p.waitForFinished(120000))
+        return {};
+    if (errors)
+        *errors = QString::fromUtf8(p.readAllStandardError());
+    const QByteArray raw = p.readAllStandardOutput();
+    QVector<float> out(raw.size() / qsizetype(sizeof(float)));
+    std::memcpy(out.data(), raw.constData(), size_t(out.size()) * sizeof(float));
+    return out;
+}
+
+qsizetype firstAbove(const QVector<float> &samples, float threshold, qsizetype from)
+{
+    for (qsizetype i = std::max<qsizetype>(from, 0); i < samples.size(); ++i)
+        if (std::fabs(samples[i]) >= threshold)
+            return i;
+    return -1;
+}
+
+} // namespace MediaProbe

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonObject>
+#include <QString>
+#include <QVector>
+
+// ffprobe and ffmpeg as test oracles: what a finished file really contains.
+namespace MediaProbe {
+
+/// The first audio stream's fields (codec_name, sample_rate, channels, bit_rate, duration, start_time) and
+/// the format's duration as "format_duration"; empty when ffprobe cannot read the file.
+QJsonObject stream(const QString &path);
+/// The file decoded to mono 48 kHz float as a player presents it (times from 0 to the declared end);
+/// empty on failure. `errors` gets ffmpeg's stderr.
+QVector<float> decode(const QString &path, QString *errors = nullptr);
+/// Index of the first sample whose magnitude reaches `threshold`, -1 when none.
+qsizetype firstAbove(const QVector<float> &samples, float threshold, qsizetype from = 0);
+/// True when ffprobe and ffmpeg are installed.
+bool available();
+
+} // namespace MediaProbe

@@ -1,0 +1,45 @@
+#include "TestHome.h"
+
+#include "Config.h"
+
+#include <QDir>
+#include <QFile>
+
+TestHome::TestHome()
+{
+    Q_ASSERT(m_dir.isValid());
+    qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_dir.path() + QStringLiteral("/config")));
+    qputenv("XDG_DATA_HOME", QFile::encodeName(m_dir.path() + QStringLiteral("/data")));
+    useInfo(QString());
+}
+
+void TestHome::wipe()
+{
+    Config::removeAll();
+    QDir(Config::dataDir()).removeRecursively();
+}
+
+void TestHome::useInfo(const QString &bravaServer, const QString &version, const QString &webBase)
+{
+    const QString path = m_dir.path() + QStringLiteral("/Info.ini");
+    QFile f(path);
+    if (f.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        QByteArray text = "[General]\n";
+        text += "BravaServer=" + bravaServer.toUtf8() + "\n";
+        if (!version.isEmpty())
+            text += "CFBundleShortVersionString=" + version.toUtf8() + "\n";
+        text += "CFBundleVersion=7\n";
+        text += "EventWebServiceURL=" + webBase.toUtf8() + "\n";
+        f.write(text);
+    }
+    f.close();
+    Config::overrideInfoFileForTesting(path);
+}
+
+QString TestHome::log() const
+{
+    QFile f(Config::dataDir() + QStringLiteral("/log.txt"));
+    if (!f.open(QIODevice::ReadOnly))
+        return QString();
+    return QString::fromUtf8(f.readAll());
+}

@@ -1,0 +1,86 @@
+// brava-control-room: a small control room for trying the agent out.
+//
+//   brava-control-room [port] [uploads-folder]
+//
+// Commands on standard input, each to every agent or, with a leading "@N", to agent N:
+//   start <session> | stop | listen on|off | cameras on|off | preview on|off [hd] | quality low|med|full
+//   whisper <seat> <text> | release | json {...} | list | quit
+#include "ControlRoomServer.h"
+
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSocketNotifier>
+#include <QTextStream>
+
+#include <unistd.h>
+
+namespace {
+QJsonObject parse(const QStringList &w)
+{
+    const QString cmd = w.value(0);
+    const bool on = w.value(1) == QLatin1String("on");
+    if (cmd == QLatin1String("start"))
+        return {{"type", "start"}, {"session", w.value(1)}};
+    if (cmd == QLatin1String("stop") || cmd == QLatin1String("release"))
+        return {{"type", cmd}};
+    if (cmd == QLatin1String("listen") || cmd == QLatin1String("cameras"))
+        return {{"type", cmd}, {"on", on}};
+    if (cmd == QLatin1String("preview"))
+        return {{"type", "preview"}, {"on", on}, {"hd", w.value(2) == QLatin1String("hd")}};
+    if (cmd == QLatin1String("quality"))
+        return {{"type", "quality"}, {"q", w.value(1)}};
+    if (cmd == QLatin1String("whisper"))
+        return {{"type", "whisper"}, {"seat", w.value(1).toInt()}, {"text", w.mid(2).join(QLatin1Char(' '))}};
+    return {};
+}
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    const QStringList args = app.arguments();
+    const quint16 port = quint16(args.value(1, QStringLiteral("8080")).toUInt());
+    const QDir uploads(args.value(2, QStringLiteral("uploads")));
+    QDir().mkpath(uploads.path());
+
+    ControlRoomServer room(uploads);
+    const quint16 bound = room.listen(port);
+    QTextStream out(stdout);
+    if (!bound) {
+        QTextStream(stderr) << "cannot listen on port " << port << Qt::endl;
+        return 1;
+    }
+    out << "control room on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
+
+    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
+    QTextStream in(stdin);
+    QObject::connect(&input, &QSocketNotifier::activated, &app, [&] {
+        QString line;
+        if (!in.readLineInto(&line)) {
+            input.setEnabled(false); // end of input: keep serving
+            return;
+        }
+        QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        if (words.isEmpty())
+            return;
+        int target = 0;
+        if (words.first().startsWith(QLatin1Char('@')))
+            target = words.takeFirst().mid(1).toInt();
+        if (words.value(0) == QLatin1String("quit"))
+            return QCoreApplication::quit();
+        if (words.value(0) == QLatin1String("list"))
+            return room.list();
+        QByteArray json;
+        if (words.value(0) == QLatin1String("json"))
+            json = line.mid(line.indexOf(QLatin1String("json")) + 4).trimmed().toUtf8();
+        else if (const QJsonObject o = parse(words); !o.isEmpty())
+            json = QJsonDocument(o).toJson(QJsonDocument::Compact);
+        if (json.isEmpty()) {
+            out << "unknown command" << Qt::endl;
+            return;
+        }
+        out << "sent to " << room.send(target, json) << " agent(s)" << Qt::endl;
+    });
+    return app.exec();
+}
