@@ -155,23 +155,22 @@ void CameraManager::buildMain()
         fail(open.error, QStringLiteral("camera: ") + device->name + QStringLiteral(" ") + open.error);
         return;
     }
+    // The log line comes before the camera is published, so that whoever sees it running also
+    // finds the line in the log.
     const bool running = open.stream->running();
+    const QString line = QStringLiteral("camera: ") + device->name + QStringLiteral(" running=");
+    if (running)
+        bravaLog(line + QStringLiteral("true"));
     {
         std::lock_guard lock(m_mutex);
         m_mainHandoff = std::move(handoff);
         m_main = std::move(open.stream);
         m_primaryUID = device->uid;
-    }
-    const QString line = QStringLiteral("camera: ") + device->name + QStringLiteral(" running=");
-    if (running) {
-        {
-            std::lock_guard lock(m_mutex);
+        if (running)
             m_camError.reset();
-        }
-        bravaLog(line + QStringLiteral("true"));
-    } else {
-        fail(CameraTexts::failedToStart(), line + QStringLiteral("false"));
     }
+    if (!running)
+        fail(CameraTexts::failedToStart(), line + QStringLiteral("false"));
     buildExtras();
 }
 
