@@ -16,9 +16,11 @@ struct SwrContext;
 // (a lost block, a paused device, an error above kJumpSeconds) re-anchors the time line.
 // A new time line is placed only once the stamps have settled: blocks are held back (at least
 // kSettleSeconds, at most kMaxSettleSeconds) until the newest kSteadyBlocks agree within
-// kSteadySpreadSeconds, and the line is anchored on their median. A sound server's first stamps
-// are the least reliable (its latency reports settle during the first second), and an anchor
-// taken from them would misplace the track for as long as the loop takes to pull it back.
+// kSteadySpreadSeconds, and the line is anchored on their median. A device's first stamps can be
+// off (a device that is still starting up), and an anchor taken from them would misplace the
+// track for as long as the loop takes to pull it back. The hold is kept short because the start
+// sync drops what it is handed before every track has arrived: a track held back long costs the
+// other tracks their first moments.
 class DriftCorrector
 {
 public:
@@ -31,11 +33,12 @@ public:
     /// Largest stretch applied (0.5 %).
     static constexpr double kMaxStretch = 0.005;
     /// Audio held back at least, and at most, to place a new time line.
-    static constexpr double kSettleSeconds = 0.25;
-    static constexpr double kMaxSettleSeconds = 2.0;
-    /// Newest blocks that must agree, and how closely, before a time line is placed.
+    static constexpr double kSettleSeconds = 0.1;
+    static constexpr double kMaxSettleSeconds = 0.5;
+    /// Newest blocks that must agree, and how closely, before a time line is placed (a device
+    /// that hands over audio in chunks of a few milliseconds scatters its stamps by that much).
     static constexpr int kSteadyBlocks = 10;
-    static constexpr double kSteadySpreadSeconds = 0.002;
+    static constexpr double kSteadySpreadSeconds = 0.006;
 
     DriftCorrector() = default;
     ~DriftCorrector();

@@ -2,7 +2,18 @@
 
 #include <pulse/pulseaudio.h>
 
+#include <algorithm>
 #include <cassert>
+#include <ctime>
+
+namespace {
+int64_t realtimeNs()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+} // namespace
 
 PulseCapture::PulseCapture(pa_threaded_mainloop *loop, pa_context *ctx, int rate, int channels,
                            AudioBackend::Handlers handlers)
@@ -23,6 +34,11 @@ PulseCapture::~PulseCapture()
         pa_stream_set_read_callback(m_stream, nullptr, nullptr);
         pa_stream_set_overflow_callback(m_stream, nullptr, nullptr);
         pa_stream_set_suspended_callback(m_stream, nullptr, nullptr);
+        if (m_timingOp) {
+            pa_operation_cancel(m_timingOp);
+            pa_operation_unref(m_timingOp);
+            m_timingOp = nullptr;
+        }
         if (pa_stream_get_state(m_stream) == PA_STREAM_READY)
             pa_stream_disconnect(m_stream);
         pa_stream_unref(m_stream);
@@ -52,8 +68,7 @@ bool PulseCapture::startLocked(const QString &source, QString *error)
     pa_buffer_attr attr{};
     attr.maxlength = uint32_t(-1);
     attr.fragsize = uint32_t(pa_usec_to_bytes(10000, &spec)); // 10 ms blocks
-    const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE
-                                         | PA_STREAM_INTERPOLATE_TIMING);
+    const auto flags = PA_STREAM_ADJUST_LATENCY;
     const QByteArray name = source.toUtf8();
     if (pa_stream_connect_record(m_stream, name.constData(), &attr, flags) < 0) {
         *error = QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx)));
@@ -80,12 +95,18 @@ void PulseCapture::stateCallback(pa_stream *, void *self)
 
 void PulseCapture::readCallback(pa_stream *, size_t, void *self)
 {
-    static_cast<PulseCapture *>(self)->readable();
+    auto *capture = static_cast<PulseCapture *>(self);
+    capture->requestTiming(); // one snapshot per wake-up of the server's
+    capture->readable();
 }
 
 void PulseCapture::gapCallback(pa_stream *, void *self)
 {
-    static_cast<PulseCapture *>(self)->m_gap = true;
+    // After an overflow or a suspend the device's position no longer follows the old snapshot.
+    auto *capture = static_cast<PulseCapture *>(self);
+    capture->m_gap = true;
+    capture->m_snapshot.valid = false;
+    capture->m_untimedWakeups = 0;
 }
 
 void PulseCapture::stateChanged()
@@ -99,25 +120,62 @@ void PulseCapture::stateChanged()
     }
 }
 
+void PulseCapture::timingCallback(pa_stream *, int success, void *self)
+{
+    static_cast<PulseCapture *>(self)->timingArrived(success != 0);
+}
+
+void PulseCapture::requestTiming()
+{
+    if (m_timingOp)
+        return;
+    m_timingOp = pa_stream_update_timing_info(m_stream, &PulseCapture::timingCallback, this);
+}
+
+void PulseCapture::timingArrived(bool success)
+{
+    if (m_timingOp) {
+        pa_operation_unref(m_timingOp);
+        m_timingOp = nullptr;
+    }
+    const pa_timing_info *ti = success ? pa_stream_get_timing_info(m_stream) : nullptr;
+    // A snapshot from before the first data (write position 0) says nothing about when the
+    // device started delivering.
+    if (!ti || ti->write_index_corrupt || ti->write_index <= 0)
+        return;
+    // The snapshot's moment on the real-time clock, moved onto the monotonic one.
+    const int64_t taken = int64_t(ti->timestamp.tv_sec) * 1000000000 + int64_t(ti->timestamp.tv_usec) * 1000;
+    const int64_t nowMono = Clock::monotonic().nowNs();
+    const int64_t age = std::max<int64_t>(0, realtimeNs() - taken);
+    m_snapshot.valid = true;
+    m_snapshot.writeIndex = ti->write_index;
+    m_snapshot.atNs = nowMono - age - int64_t(ti->source_usec) * 1000 + int64_t(ti->sink_usec) * 1000;
+    readable(); // data held back for want of a snapshot
+}
+
 void PulseCapture::readable()
 {
-    // The stream's latency is the age of the oldest unread frame. It is read once per wake-up:
-    // the server's timing information does not follow our own reads, so the blocks after the
-    // first one of a wake-up are stamped by their position behind it.
-    pa_usec_t latency = 0;
-    int negative = 0;
-    const bool timed = pa_stream_get_latency(m_stream, &latency, &negative) >= 0;
+    if (pa_stream_get_state(m_stream) != PA_STREAM_READY)
+        return;
     const int64_t now = Clock::monotonic().nowNs();
-    const int64_t oldestNs = now - (negative ? -int64_t(latency) : int64_t(latency)) * 1000;
+    if (!m_snapshot.valid && ++m_untimedWakeups <= kMaxUntimedWakeups)
+        return; // the data waits in the stream's queue for the first snapshot
     const size_t frameBytes = sizeof(float) * size_t(m_channels);
-    int64_t framesBefore = 0;
+    const int64_t bytesPerSecond = int64_t(frameBytes) * m_rate;
+    // Without a snapshot the newest frame is taken as captured just now.
+    const pa_timing_info *ti = pa_stream_get_timing_info(m_stream);
+    const bool indexed = ti && !ti->read_index_corrupt;
+    int64_t readIndex = indexed ? ti->read_index : 0;
+    const int64_t arrivalBase = now - int64_t(pa_stream_readable_size(m_stream)) * 1000000000 / bytesPerSecond;
+    int64_t arrivalBytes = 0;
     while (pa_stream_readable_size(m_stream) > 0) {
         const void *data = nullptr;
         size_t bytes = 0;
         if (pa_stream_peek(m_stream, &data, &bytes) < 0 || bytes == 0)
             return;
         if (!data) { // a hole: data the server lost
-            framesBefore += int64_t(bytes / frameBytes);
+            readIndex += int64_t(bytes);
+            arrivalBytes += int64_t(bytes);
             pa_stream_drop(m_stream);
             m_gap = true;
             continue;
@@ -127,12 +185,13 @@ void PulseCapture::readable()
         b.rate = m_rate;
         b.channels = m_channels;
         b.pcm = QByteArray(static_cast<const char *>(data), qsizetype(usable));
-        // Without timing information yet, assume the block has just been captured.
-        b.captureNs = timed ? oldestNs + framesBefore * 1000000000 / m_rate
-                            : now - int64_t(b.frames()) * 1000000000 / m_rate;
+        b.captureNs = (m_snapshot.valid && indexed)
+            ? m_snapshot.atNs - (m_snapshot.writeIndex - readIndex) * 1000000000 / bytesPerSecond
+            : arrivalBase + arrivalBytes * 1000000000 / bytesPerSecond;
         b.discontinuity = m_gap;
         m_gap = false;
-        framesBefore += b.frames();
+        readIndex += int64_t(bytes);
+        arrivalBytes += int64_t(bytes);
         pa_stream_drop(m_stream);
         if (usable > 0 && m_handlers.onBuffer)
             m_handlers.onBuffer(std::move(b));

@@ -3,13 +3,23 @@
 #include "AudioBackend.h"
 
 struct pa_context;
+struct pa_operation;
 struct pa_stream;
 struct pa_threaded_mainloop;
 
 // One PulseAudio record stream. Its callbacks run on the main loop's thread: each readable
-// fragment is copied out, stamped with the CLOCK_MONOTONIC time of its first frame (now minus
-// the stream's latency, i.e. the age of the oldest unread frame) and handed to onBuffer. Holes,
-// overflows and suspends mark the next block as a discontinuity.
+// fragment is copied out, stamped with the CLOCK_MONOTONIC time of its first frame and handed to
+// onBuffer. Holes, overflows and suspends mark the next block as a discontinuity.
+//
+// Stamps come from the server's timing snapshots, not from the library's interpolated latency
+// (whose smoother reports stale figures, off by hundreds of milliseconds, for the first second
+// of a stream). A snapshot tells where the server's write position was at a known moment and how
+// long a frame spends in the device before it gets there (minus, for a monitor, how long it
+// still waits in the output before it is heard), which places every frame of the stream: a
+// frame k bytes before that write position was captured k bytes' worth of time earlier. A fresh
+// snapshot is asked for at every wake-up. Until the first one taken while data flows has come
+// back, the data waits in the stream's queue (nothing is lost); a server that never answers
+// gets arrival-time stamps after kMaxUntimedWakeups.
 class PulseCapture final : public AudioCapture
 {
 public:
@@ -24,8 +34,20 @@ private:
     static void stateCallback(pa_stream *s, void *self);
     static void readCallback(pa_stream *s, size_t bytes, void *self);
     static void gapCallback(pa_stream *s, void *self);
+    static void timingCallback(pa_stream *s, int success, void *self);
     void stateChanged();
     void readable();
+    void requestTiming();
+    void timingArrived(bool success);
+
+    /// Wake-ups without a usable snapshot after which arrival times are used instead.
+    static constexpr int kMaxUntimedWakeups = 50;
+
+    struct Snapshot {
+        bool valid = false;
+        int64_t writeIndex = 0; // bytes
+        int64_t atNs = 0;       // capture time of the frame at writeIndex
+    };
 
     pa_threaded_mainloop *m_loop;
     pa_context *m_ctx;
@@ -35,4 +57,7 @@ private:
     pa_stream *m_stream = nullptr;
     bool m_running = false;
     bool m_gap = false;
+    pa_operation *m_timingOp = nullptr;
+    Snapshot m_snapshot;
+    int m_untimedWakeups = 0;
 };

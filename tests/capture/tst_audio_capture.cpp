@@ -22,16 +22,6 @@ QVector<float> clickSound()
     return s;
 }
 
-// A steady 440 Hz tone.
-QVector<float> tone(double seconds, float amplitude = 0.5f)
-{
-    QVector<float> s(int(seconds * 48000));
-    for (int i = 0; i < s.size(); ++i)
-        s[i] = amplitude * float(std::sin(2 * M_PI * 440.0 * i / 48000.0));
-    return s;
-}
-
-QString writingDir(const QString &session) { return Config::dir(QStringLiteral("writing")) + QLatin1Char('/') + session; }
 } // namespace
 
 // Recording from the test PulseAudio daemon: real devices, real streams, real files.
@@ -111,7 +101,7 @@ private slots:
         QTRY_VERIFY(started);
         QVERIFY2(!rec.lastError(), qPrintable(rec.lastError().value_or(QString())));
         QCOMPARE(rec.micName(), QStringLiteral("BravaBuiltinMic"));
-        QTest::qWait(2500); // past the streams' start-up, where sound servers' latency reports settle
+        QTest::qWait(2500);
         const QString wav = home.root() + QStringLiteral("/click.wav");
         QVERIFY(PulseFixture::writeWav(wav, clickSound()));
         QVERIFY(PulseFixture::play(QStringLiteral("brava_out"), wav));
@@ -145,10 +135,10 @@ private slots:
         QVERIFY2(ca > 0 && cb > 0, qPrintable(QStringLiteral("%1 %2").arg(ca).arg(cb)));
         const double offsetMs = double(ca - cb) / 48.0;
         qInfo("click offset mic - sys: %.3f ms (mic at %lld, sys at %lld)", offsetMs, qlonglong(ca), qlonglong(cb));
-        // The aim is 1 ms. On this set-up the server's own latency reports for the remapped
-        // source and the monitor were measured up to about 8 ms apart per block, and the recorded
-        // clicks 0.1 to 4.5 ms apart; the bound here is what the recorder holds today.
-        QVERIFY2(std::fabs(offsetMs) <= 6.0, qPrintable(QString::number(offsetMs)));
+        // The microphone here is the output's monitor remapped: it hears each chunk the output
+        // renders (2 ms here) when it is rendered, the monitor stamps it when it is heard.
+        // Measured 0.2 to 0.5 ms, also with both cores busy.
+        QVERIFY2(std::fabs(offsetMs) <= 1.0, qPrintable(QString::number(offsetMs)));
         // Both tracks start at the common start and cover the take: about 2.5 + 1.0 + 0.3 s.
         const double durA = a.size() / 48000.0, durB = b.size() / 48000.0;
         QVERIFY2(std::fabs(durA - durB) < 0.1 && durA > 3.4 && durA < 5.0, qPrintable(QStringLiteral("%1 %2").arg(durA).arg(durB)));

@@ -177,9 +177,9 @@ private slots:
                     out.push_back(std::move(s));
             }
         };
-        feed(1, 1000000000, 24);
-        QVERIFY(out.empty()); // 0.24 s: still settling
-        feed(1, 1240000000, 10);
+        feed(1, 1000000000, 9);
+        QVERIFY(out.empty()); // 0.09 s: still settling
+        feed(1, 1090000000, 10);
         QVERIFY(!out.empty());
         QVERIFY(std::llabs(out.front().pts.in(1000000000) - 1000000000) < 1000);
         out.clear();
