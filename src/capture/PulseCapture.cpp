@@ -3,6 +3,7 @@
 #include <pulse/pulseaudio.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cassert>
 #include <ctime>
 
@@ -185,9 +186,13 @@ void PulseCapture::readable()
         b.rate = m_rate;
         b.channels = m_channels;
         b.pcm = QByteArray(static_cast<const char *>(data), qsizetype(usable));
+        const int64_t arrived = arrivalBase + arrivalBytes * 1000000000 / bytesPerSecond;
         b.captureNs = (m_snapshot.valid && indexed)
             ? m_snapshot.atNs - (m_snapshot.writeIndex - readIndex) * 1000000000 / bytesPerSecond
-            : arrivalBase + arrivalBytes * 1000000000 / bytesPerSecond;
+            : arrived;
+        // A server whose figures place a frame seconds away from its arrival is not believed.
+        if (std::llabs(b.captureNs - arrived) > kMaxSkewNs)
+            b.captureNs = arrived;
         b.discontinuity = m_gap;
         m_gap = false;
         readIndex += int64_t(bytes);

@@ -42,6 +42,8 @@ private:
 
     /// Wake-ups without a usable snapshot after which arrival times are used instead.
     static constexpr int kMaxUntimedWakeups = 50;
+    /// Largest distance between a frame's stamp and its arrival that is believed.
+    static constexpr int64_t kMaxSkewNs = 5000000000;
 
     struct Snapshot {
         bool valid = false;
