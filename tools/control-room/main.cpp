@@ -13,6 +13,8 @@
 #include <QSocketNotifier>
 #include <QTextStream>
 
+#include <utility>
+
 #include <unistd.h>
 
 namespace {
@@ -53,14 +55,9 @@ int main(int argc, char *argv[])
     }
     out << "control room on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
 
-    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
-    QTextStream in(stdin);
-    QObject::connect(&input, &QSocketNotifier::activated, &app, [&] {
-        QString line;
-        if (!in.readLineInto(&line)) {
-            input.setEnabled(false); // end of input: keep serving
-            return;
-        }
+    // Standard input is read in whatever pieces arrive and cut into lines here: several lines
+    // can come in one piece, and the notifier only speaks again when more arrives.
+    const auto run = [&](const QString &line) {
         QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
         if (words.isEmpty())
             return;
@@ -81,6 +78,24 @@ int main(int argc, char *argv[])
             return;
         }
         out << "sent to " << room.send(target, json) << " agent(s)" << Qt::endl;
+    };
+    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
+    QByteArray pending;
+    QObject::connect(&input, &QSocketNotifier::activated, &app, [&] {
+        char chunk[4096];
+        const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof chunk);
+        if (n <= 0) {
+            input.setEnabled(false); // end of input: keep serving
+            if (!pending.isEmpty())
+                run(QString::fromUtf8(std::exchange(pending, {})));
+            return;
+        }
+        pending.append(chunk, qsizetype(n));
+        for (qsizetype end; (end = pending.indexOf('\n')) >= 0;) {
+            const QString line = QString::fromUtf8(pending.left(end));
+            pending.remove(0, end + 1);
+            run(line);
+        }
     });
     return app.exec();
 }
