@@ -54,7 +54,7 @@ TrayView::TrayView(QObject *parent)
     , m_callMenu(new QMenu)
 {
     // The icon is made even without a tray: it appears if a tray host starts later.
-    m_icon = new QSystemTrayIcon(this);
+    m_icon = new QSystemTrayIcon(statusIcon(Look::Disconnected), this);
     m_icon->setContextMenu(m_menu);
     m_icon->show();
     if (!QSystemTrayIcon::isSystemTrayAvailable())
