@@ -168,18 +168,18 @@ void AppDelegate::wireRecorder()
 
 void AppDelegate::checkPermissionsAtLaunch()
 {
+    // Cameras are not asked here: Linux has no prompt, and the device says so when it is opened.
     const Permissions::Status mic = Permissions::microphone();
     const Permissions::Status screen = Permissions::computerAudio();
-    if (m_rec.hasCamera() && Permissions::camera() == Permissions::Status::NotDetermined) {
-        // Linux asks nobody: the camera check happens when the device is opened.
-    }
-    // Only a definite refusal sends the agent back to setup; an unknown answer does not.
+    // Only a definite refusal sends the agent back to setup. No answer is usually a sound server
+    // that is not up yet (the agent starts at login, often before it); the recorder reports it
+    // when a take starts.
     const bool micMissing = mic == Permissions::Status::Denied;
     const bool screenMissing = screen == Permissions::Status::Denied;
     if (!micMissing && !screenMissing)
         return;
     bravaLog(QStringLiteral("permission missing: mic=%1 screen=%2")
-                 .arg(QLatin1String(micMissing ? "false" : "true"), QLatin1String(screenMissing ? "false" : "true")));
+                 .arg(QLatin1String(Permissions::flag(mic)), QLatin1String(Permissions::flag(screen))));
     Config::setWizardStep(micMissing ? 2 : 3);
     showWizard();
 }

@@ -104,10 +104,12 @@ void TrayView::draw(const StatusMenu::State &state)
     setTitle(StatusMenu::title(state));
     fill(m_menu, StatusMenu::entries(state));
 
-    const bool wantCallItem = state.onCall && StatusMenu::callControls(state);
-    if (wantCallItem) {
-        fill(m_callMenu, StatusMenu::callEntries(state));
-        if (!m_callIcon) {
+    // The call item appears on a call with the call controls shown, and stays until the call
+    // ends: controls hidden mid-call (cameras switched off) must not take away "End the Call".
+    if (state.onCall) {
+        if (StatusMenu::callControls(state) || m_callIcon)
+            fill(m_callMenu, StatusMenu::callEntries(state));
+        if (StatusMenu::callControls(state) && !m_callIcon) {
             m_callIcon = new QSystemTrayIcon(statusIcon(Look::OnCall), this);
             m_callIcon->setContextMenu(m_callMenu);
             m_callIcon->setToolTip(QStringLiteral(" 🔵 On a Call"));

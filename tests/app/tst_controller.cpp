@@ -331,8 +331,16 @@ private slots:
         QVERIFY(app->onCall());
         QVERIFY(app->updateBusy());
         QCOMPARE(app->tray().menu()->actions().at(3)->text(), QStringLiteral("⏹  End the Call"));
+        QVERIFY(app->tray().hasCallItem());
+        // Cameras switched off mid-call hide the call controls in the menu, but the call item
+        // stays until the call ends: it is the way to end it.
+        command({{"type", "cameras"}, {"on", false}});
+        QTRY_VERIFY(!app->tray().menu()->actions().at(3)->text().contains(QStringLiteral("Call")));
+        QVERIFY(app->onCall());
+        QVERIFY(app->tray().hasCallItem());
         app->toggleCall();
         QVERIFY(!app->onCall());
+        QVERIFY(!app->tray().hasCallItem());
     }
 };
 
