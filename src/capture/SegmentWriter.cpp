@@ -78,7 +78,7 @@ QString SegmentWriter::pieceName(const QString &track, int64_t take, int idx, bo
 QString SegmentWriter::folder() const
 {
     assert(m_session);
-    const QString path = Config::dir(QStringLiteral("writing")) + QLatin1Char('/') + *m_session;
+    const QString path = Config::dir(QStringLiteral("writing")) + QLatin1Char('/') + Config::sessionFolder(*m_session);
     QDir().mkpath(path); // a failure shows up when the file is created
     return path;
 }

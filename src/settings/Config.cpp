@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QUrl>
 #include <QFileInfo>
 #include <QMutex>
 #include <QSettings>
@@ -227,6 +228,35 @@ QString dir(const QString &name)
     const QString path = dataDir() + QLatin1Char('/') + name;
     QDir().mkpath(path);
     return path;
+}
+
+QString sessionFolder(const QString &session)
+{
+    if (session.isEmpty())
+        return QStringLiteral("%");
+    QString folder;
+    folder.reserve(session.size());
+    for (qsizetype i = 0; i < session.size(); ++i) {
+        const QChar c = session.at(i);
+        if (c == QLatin1Char('%'))
+            folder += QStringLiteral("%25");
+        else if (c == QLatin1Char('/'))
+            folder += QStringLiteral("%2F");
+        else if (c == QChar(0))
+            folder += QStringLiteral("%00");
+        else if (c == QLatin1Char('.') && i == 0)
+            folder += QStringLiteral("%2E");
+        else
+            folder += c;
+    }
+    return folder;
+}
+
+QString sessionOfFolder(const QString &folder)
+{
+    if (folder == QLatin1String("%"))
+        return QString();
+    return QUrl::fromPercentEncoding(folder.toUtf8());
 }
 
 void removeAll()

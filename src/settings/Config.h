@@ -73,6 +73,12 @@ QString readInfoKey(const QString &path, const QString &key);
 QString dataDir();
 /// A sub-folder of the data folder, created on every call; creation failures are ignored.
 QString dir(const QString &name);
+/// The folder name under writing/ and pending/ that stands for a recording session: the session
+/// itself, with "%", "/" and NUL written as %25, %2F and %00, a leading "." as %2E, and "%" alone
+/// for the empty session. Any text the control room sends stays one folder inside the data folder.
+QString sessionFolder(const QString &session);
+/// The session a folder name under writing/ or pending/ stands for (the reverse of sessionFolder).
+QString sessionOfFolder(const QString &folder);
 /// Path of the settings file.
 QString settingsFilePath();
 

@@ -64,12 +64,7 @@ void Uploader::start()
 
 void Uploader::enqueue(const QString &file, const QString &session)
 {
-    if (!isSessionFolderName(session)) {
-        // pending/ would never list it; the file stays where it is rather than going astray.
-        bravaLog(QStringLiteral("upload: session \"%1\" cannot name a folder; %2 stays where it is").arg(session, file));
-        return;
-    }
-    const QString folder = Config::dir(QStringLiteral("pending")) + QLatin1Char('/') + session;
+    const QString folder = Config::dir(QStringLiteral("pending")) + QLatin1Char('/') + Config::sessionFolder(session);
     QDir().mkpath(folder);
     // A move that fails leaves the file where it was; from writing/ the next launch recovers it.
     QFile::rename(file, folder + QLatin1Char('/') + QFileInfo(file).fileName());
@@ -88,7 +83,7 @@ QList<Uploader::PendingFile> Uploader::pendingFiles(const QString &pendingDir)
             continue;
         for (const QFileInfo &file : entries(session.filePath()))
             if (SegmentName::isMedia(file.fileName()))
-                files.append({file.filePath(), session.fileName()});
+                files.append({file.filePath(), Config::sessionOfFolder(session.fileName())});
     }
     std::stable_sort(files.begin(), files.end(), [](const PendingFile &a, const PendingFile &b) {
         return QFileInfo(a.path).fileName() < QFileInfo(b.path).fileName();
@@ -109,12 +104,6 @@ void Uploader::tick()
         return;
     }
     upload(first);
-}
-
-bool Uploader::isSessionFolderName(const QString &session)
-{
-    return !session.isEmpty() && !session.startsWith(QLatin1Char('.')) && !session.contains(QLatin1Char('/'))
-           && !session.contains(QChar(0));
 }
 
 void Uploader::setAside(const PendingFile &file)
@@ -192,9 +181,11 @@ void Uploader::recoverOrphans()
             continue;
         bool allMoved = true;
         for (const QFileInfo &file : entries(folder.filePath())) {
-            if (!SegmentName::isMedia(file.fileName()))
+            if (file.isDir())
+                allMoved = false; // not made by this program: looked at by a person, not deleted
+            if (!SegmentName::isMedia(file.fileName()) || !file.isFile())
                 continue;
-            enqueue(file.filePath(), folder.fileName());
+            enqueue(file.filePath(), Config::sessionOfFolder(folder.fileName()));
             allMoved = allMoved && !QFileInfo::exists(file.filePath());
         }
         if (allMoved) {

@@ -42,8 +42,6 @@ public:
     /// Why the last upload did not go through; "" after a success.
     QString lastError() const { return m_lastError; }
 
-    /// Whether a session can name a folder of pending/ that is listed (not empty, hidden or nested).
-    static bool isSessionFolderName(const QString &session);
     /// The waiting files of a pending folder in upload order (stable, by file name alone).
     static QList<PendingFile> pendingFiles(const QString &pendingDir);
 

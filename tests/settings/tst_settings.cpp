@@ -143,6 +143,27 @@ private slots:
         QVERIFY(QDir(pending).exists());
     }
 
+    // A session names exactly one folder inside writing/ and pending/, whatever its text, and
+    // the folder gives the session back; ordinary names are their own folder.
+    void sessionFoldersStayInsideAndReadBack()
+    {
+        QCOMPARE(Config::sessionFolder(QStringLiteral("Show 1 (A&B)")), QStringLiteral("Show 1 (A&B)"));
+        QCOMPARE(Config::sessionFolder(QStringLiteral("../a/b")), QStringLiteral("%2E.%2Fa%2Fb"));
+        const QStringList sessions = {QString(), QStringLiteral("."), QStringLiteral(".."), QStringLiteral("../../x"),
+                                      QStringLiteral("a/b"), QStringLiteral("%"), QStringLiteral("%2F"),
+                                      QStringLiteral("50%41"), QString(QChar(0)) + QStringLiteral("x"), QStringLiteral("Zoë ☕")};
+        QSet<QString> folders;
+        for (const QString &session : sessions) {
+            const QString folder = Config::sessionFolder(session);
+            QVERIFY2(!folder.isEmpty() && !folder.startsWith(QLatin1Char('.')) && !folder.contains(QLatin1Char('/'))
+                         && !folder.contains(QChar(0)),
+                     qPrintable(folder));
+            QCOMPARE(Config::sessionOfFolder(folder), session);
+            folders.insert(folder);
+        }
+        QCOMPARE(folders.size(), sessions.size());
+    }
+
     void logCreatesThenAppends()
     {
         QVERIFY(!QFile::exists(Config::dataDir() + QStringLiteral("/log.txt")));

@@ -137,8 +137,7 @@ private slots:
         QTest::qWait(1000);
         send({{"type", "stop"}});
         QTRY_VERIFY(!rec->running());
-        QTest::qWaitFor([this] { return room->uploads.size() == 2; }, 10000);
-        if (room->uploads.size() != 2) {
+        if (!QTest::qWaitFor([this] { return room->uploads.size() == 2; }, 10000)) {
             qWarning() << "uploader:" << Uploader::shared().lastError() << "pending:" << Uploader::shared().pendingCount()
                        << "writing:" << QDir(Config::dir(QStringLiteral("writing")) + QStringLiteral("/take-2")).entryList()
                        << "recorder:" << rec->lastError().value_or(QString());

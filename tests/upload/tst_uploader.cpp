@@ -170,23 +170,32 @@ private slots:
         QVERIFY(QFile::exists(unrecognized + QStringLiteral("/cam2_1_00000.mp4.1")));
     }
 
-    void sessionThatCannotNameAFolderKeepsTheFile_data()
+    // Whatever text the control room names a session with, its files stay in one folder inside
+    // pending/ and reach the control room under exactly that session.
+    void oddSessionsStayInsideAndArriveUnchanged_data()
     {
         QTest::addColumn<QString>("session");
         QTest::newRow("empty") << QString();
         QTest::newRow("hidden") << QStringLiteral(".s");
         QTest::newRow("parent") << QStringLiteral("..");
         QTest::newRow("nested") << QStringLiteral("a/b");
+        QTest::newRow("escape") << QStringLiteral("../../x");
+        QTest::newRow("percent") << QStringLiteral("50%41off %");
+        QTest::newRow("plus and space") << QStringLiteral("Show 1+2 (A&B)");
     }
-    void sessionThatCannotNameAFolderKeepsTheFile()
+    void oddSessionsStayInsideAndArriveUnchanged()
     {
         QFETCH(QString, session);
         makeUploader(100)->start();
         const QString file = put(Config::dir(QStringLiteral("writing")) + QStringLiteral("/w"), QStringLiteral("mic_1_00000.m4a"));
         up->enqueue(file, session);
-        QVERIFY(QFile::exists(file));
-        QVERIFY(home.log().contains(QLatin1String("cannot name a folder")));
-        QVERIFY(Uploader::isSessionFolderName(QStringLiteral("Show 1 (A&B)")));
+        QVERIFY(!QFile::exists(file));
+        const QStringList folders = QDir(pending()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+        QCOMPARE(folders, QStringList({Config::sessionFolder(session)}));
+        QCOMPARE(Config::sessionOfFolder(folders.first()), session);
+        QTRY_COMPARE(server->requests.size(), 1);
+        QCOMPARE(query(0, "session"), session);
+        QTRY_COMPARE(up->pendingCount(), 0);
     }
 
     void onlyMediaInSessionFoldersCount()
@@ -376,6 +385,19 @@ private slots:
         QTRY_COMPARE(server->requests.size(), 1);
         QCOMPARE(query(0, "session"), QStringLiteral("old"));
         QCOMPARE(query(0, "track"), QStringLiteral("cam"));
+    }
+
+    // A folder inside a session folder was not made by the recorder: the session folder is
+    // emptied of its recordings but not deleted.
+    void orphanFolderWithAFolderInsideIsNotDeleted()
+    {
+        const QString writing = Config::dir(QStringLiteral("writing"));
+        put(writing + QStringLiteral("/s"), QStringLiteral("mic_3_00000.m4a"));
+        const QString inner = put(writing + QStringLiteral("/s/inner"), QStringLiteral("mic_3_00001.m4a"));
+        server->setDefault(HttpStub::status(500));
+        makeUploader(600000)->start();
+        QVERIFY(QFile::exists(pending() + QStringLiteral("/s/mic_3_00000.m4a")));
+        QVERIFY(QFile::exists(inner));
     }
 
     void orphanThatCannotMoveIsKept()
