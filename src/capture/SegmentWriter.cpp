@@ -40,6 +40,7 @@ void SegmentWriter::begin(const std::optional<QString> &session, int64_t take)
     m_session = session;
     m_take = take;
     m_idx = 0;
+    m_retryFrom.reset();
     setOpenAt(std::nullopt);
 }
 
@@ -97,8 +98,14 @@ void SegmentWriter::append(const TimedSample &sample)
         if (!open(*m_session, t, sample))
             return;
     }
-    if (!m_fmt && !open(*m_session, at.value_or(t), sample))
-        return;
+    if (!m_fmt) {
+        if (m_retryFrom && t < *m_retryFrom)
+            return; // a write failed a moment ago: not every sample gets a file of its own
+        // The first segment of a take starts at the common start; one after a failed write
+        // starts at its own first sample, where the audio really continues.
+        if (!open(*m_session, m_idx == 0 ? at.value_or(t) : t, sample))
+            return;
+    }
 
     const bool ok = m_format->write(sample, [this](AVPacket *packet) {
         packet->stream_index = 0;
@@ -109,6 +116,7 @@ void SegmentWriter::append(const TimedSample &sample)
         // sample opens a fresh one.
         report(m_format->text(SegmentFormat::Text::CreateFailed, m_track, QStringLiteral("write failed")));
         close(false);
+        m_retryFrom = t + MediaTime::make(kRetrySeconds, 1);
     }
 }
 
@@ -155,6 +163,7 @@ bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample
     }
     (void)session;
     m_lastFailure.clear();
+    m_retryFrom.reset();
     m_segStart = at;
     m_path = file;
     ++m_idx;

@@ -28,6 +28,8 @@ public:
     static constexpr double kSegmentSeconds = 1800.0;
     /// Fragment duration of the files, in microseconds.
     static constexpr int kFragmentMicroseconds = 2000000;
+    /// After a failed write, media time before a new segment is tried.
+    static constexpr int kRetrySeconds = 2;
 
     SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format,
                   double segmentSeconds = kSegmentSeconds);
@@ -85,6 +87,7 @@ private:
     std::optional<QString> m_session;
     int64_t m_take = 0;
     int m_idx = 0;
+    std::optional<MediaTime> m_retryFrom; // no new segment before this, after a failed write
     MediaTime m_segStart;
     QString m_path;
     AVFormatContext *m_fmt = nullptr;

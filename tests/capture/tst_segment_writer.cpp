@@ -39,6 +39,7 @@ public:
         int writes = 0;
         QList<MediaTime> starts;
         bool failDrain = false;
+        bool failWrites = false;
     };
     explicit CountingFormat(Log &log) : m_log(log) {}
     QString extension() const override { return QStringLiteral("m4a"); }
@@ -63,7 +64,7 @@ public:
     bool write(const TimedSample &, const PacketSink &) override
     {
         ++m_log.writes;
-        return true;
+        return !m_log.failWrites;
     }
     bool drain(const PacketSink &) override { return !m_log.failDrain; }
     void release() override {}
@@ -310,6 +311,34 @@ private slots:
         w.clearSession();
         w.append(AudioSignal::silence(kBase, 480));
         QVERIFY(!w.isOpen());
+    }
+
+    // A write the disk refuses ends the segment as it stands; the next one is tried 2 s later and
+    // starts at its own first sample, not at the take's start (which would fill it with silence).
+    void failedWriteStartsAFreshSegmentWhereTheAudioIs()
+    {
+        CountingFormat::Log log;
+        SegmentWriter w(QStringLiteral("mic"), std::make_unique<CountingFormat>(log));
+        Done done;
+        done.attach(w);
+        w.begin(QStringLiteral("S10"), 5);
+        w.setOpenAt(MediaTime::fromNanoseconds(kBase));
+        w.append(AudioSignal::silence(kBase, 480));
+        log.failWrites = true;
+        w.append(AudioSignal::silence(kBase + ns(480), 480));
+        QVERIFY(!w.isOpen());
+        QCOMPARE(done.paths.size(), 1);
+        log.failWrites = false;
+        for (int b = 2; b < 200; ++b) // 1.98 s more: no new file yet
+            w.append(AudioSignal::silence(kBase + ns(480 * b), 480));
+        QVERIFY(!w.isOpen());
+        QCOMPARE(log.opens, 1);
+        const int64_t later = kBase + ns(480) + 2000000000;
+        w.append(AudioSignal::silence(later, 480));
+        QVERIFY(w.isOpen());
+        QCOMPARE(w.segStart(), MediaTime::fromNanoseconds(later));
+        QVERIFY(w.path().endsWith(QStringLiteral("mic_5_00001.m4a")));
+        w.close(true);
     }
 
     // A segment that cannot be completed is logged and never reported; one that cannot be created
