@@ -57,4 +57,7 @@ public:
                                                QString *error) = 0;
     /// The clock the capture time stamps are on.
     virtual Clock &clock() = 0;
+    /// Calls `onChanged` (on any thread) whenever the default output may have changed; an empty
+    /// function stops it. One watcher at a time.
+    virtual void watchOutput(std::function<void()> onChanged) { (void)onChanged; }
 };

@@ -77,8 +77,20 @@ bool PulseBackend::connectLocked()
     }
     for (;;) {
         const pa_context_state_t state = pa_context_get_state(m_ctx);
-        if (state == PA_CONTEXT_READY)
+        if (state == PA_CONTEXT_READY) {
+            // Server events (a new default output among them) go to the output watcher.
+            pa_context_set_subscribe_callback(
+                m_ctx,
+                [](pa_context *, pa_subscription_event_type_t, uint32_t, void *self) {
+                    auto *backend = static_cast<PulseBackend *>(self);
+                    if (backend->m_onOutputChanged)
+                        backend->m_onOutputChanged();
+                },
+                this);
+            if (pa_operation *op = pa_context_subscribe(m_ctx, PA_SUBSCRIPTION_MASK_SERVER, nullptr, nullptr))
+                pa_operation_unref(op);
             return true;
+        }
         if (!PA_CONTEXT_IS_GOOD(state)) {
             m_lastError = pa_context_errno(m_ctx);
             return false;
@@ -196,6 +208,33 @@ std::optional<QString> PulseBackend::outputMonitor(QString *reason)
     return ctx.monitor;
 }
 
+void PulseBackend::watchOutput(std::function<void()> onChanged)
+{
+    assert(!pa_threaded_mainloop_in_thread(m_loop));
+    LoopLock lock(m_loop);
+    m_onOutputChanged = std::move(onChanged);
+    connectLocked(); // events flow once connected
+}
+
+bool PulseBackend::isMonitorLocked(const QString &source)
+{
+    struct Ctx {
+        pa_threaded_mainloop *loop;
+        bool monitor = false;
+    } ctx{m_loop};
+    const QByteArray name = source.toUtf8();
+    waitLocked(pa_context_get_source_info_by_name(
+        m_ctx, name.constData(),
+        [](pa_context *, const pa_source_info *i, int eol, void *data) {
+            auto *c = static_cast<Ctx *>(data);
+            if (!eol && i)
+                c->monitor = i->monitor_of_sink != PA_INVALID_INDEX;
+            pa_threaded_mainloop_signal(c->loop, 0);
+        },
+        &ctx));
+    return ctx.monitor;
+}
+
 std::unique_ptr<AudioCapture> PulseBackend::open(const QString &source, int rate, int channels, Handlers handlers,
                                                  QString *error)
 {
@@ -210,7 +249,10 @@ std::unique_ptr<AudioCapture> PulseBackend::open(const QString &source, int rate
         }
         capture = std::make_unique<PulseCapture>(m_loop, m_ctx, rate, channels, std::move(handlers));
         QString reason;
-        if (capture->startLocked(source, &reason))
+        // A monitor stays with its output: if the output goes away the stream ends (and the
+        // recorder opens the new default output's monitor) instead of the server moving it to
+        // whatever source is left, a microphone perhaps.
+        if (capture->startLocked(source, isMonitorLocked(source), &reason))
             return capture;
         if (error)
             *error = reason;

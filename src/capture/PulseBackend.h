@@ -28,6 +28,7 @@ public:
     std::unique_ptr<AudioCapture> open(const QString &source, int rate, int channels, Handlers handlers,
                                        QString *error) override;
     Clock &clock() override { return Clock::monotonic(); }
+    void watchOutput(std::function<void()> onChanged) override;
 
 private:
     struct ServerInfo {
@@ -35,10 +36,12 @@ private:
         QString defaultSink;
     };
     bool connectLocked();
+    bool isMonitorLocked(const QString &source);
     std::optional<ServerInfo> serverInfoLocked();
     void waitLocked(struct pa_operation *op);
 
     pa_threaded_mainloop *m_loop = nullptr;
     pa_context *m_ctx = nullptr;
     int m_lastError = 0;
+    std::function<void()> m_onOutputChanged; // guarded by the main loop's lock
 };

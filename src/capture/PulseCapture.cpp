@@ -48,7 +48,7 @@ PulseCapture::~PulseCapture()
     pa_threaded_mainloop_unlock(m_loop);
 }
 
-bool PulseCapture::startLocked(const QString &source, QString *error)
+bool PulseCapture::startLocked(const QString &source, bool pinned, QString *error)
 {
     pa_sample_spec spec{};
     spec.format = PA_SAMPLE_FLOAT32LE;
@@ -69,7 +69,7 @@ bool PulseCapture::startLocked(const QString &source, QString *error)
     pa_buffer_attr attr{};
     attr.maxlength = uint32_t(-1);
     attr.fragsize = uint32_t(pa_usec_to_bytes(10000, &spec)); // 10 ms blocks
-    const auto flags = PA_STREAM_ADJUST_LATENCY;
+    const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | (pinned ? PA_STREAM_DONT_MOVE : 0));
     const QByteArray name = source.toUtf8();
     if (pa_stream_connect_record(m_stream, name.constData(), &attr, flags) < 0) {
         *error = QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx)));

@@ -27,8 +27,9 @@ public:
     ~PulseCapture() override;
 
     /// Connects the stream to `source` and waits until it runs; false with `error` otherwise.
+    /// `pinned`: the stream ends with its source instead of being moved to another one.
     /// Called with the main loop's lock held.
-    bool startLocked(const QString &source, QString *error);
+    bool startLocked(const QString &source, bool pinned, QString *error);
 
 private:
     static void stateCallback(pa_stream *s, void *self);

@@ -80,6 +80,7 @@ Recorder::Recorder(AudioBackend &backend, Clock &clock, QObject *parent)
     m_sync->onLock = [this](MediaTime t0) { lockStart(t0); };
     schedule = [this](int ms, std::function<void()> action) { QTimer::singleShot(ms, this, std::move(action)); };
     g_deviceBackend = &backend;
+    m_backend.watchOutput([this] { QMetaObject::invokeMethod(this, [this] { outputChanged(); }, Qt::QueuedConnection); });
 
     CameraManager::Hooks hooks;
     hooks.allowed = [this] { return cameraAllowed(); };
@@ -101,6 +102,7 @@ Recorder::~Recorder()
 {
     if (g_deviceBackend == &m_backend)
         g_deviceBackend = nullptr;
+    m_backend.watchOutput(nullptr);
     for (auto &cap : m_caps)
         cap.reset(); // no more blocks arrive
     m_q->sync([this] { m_capturing = false; }); // from here on no sample reaches the start sync
@@ -286,11 +288,31 @@ void Recorder::startSystemAudio()
         return;
     }
     QString error;
+    m_sysMonitor = *monitor;
     m_caps[Sys] = openSource(Sys, *monitor, 2, &error);
     if (!m_caps[Sys]) {
         setLastError(kSysBlocked);
         bravaLog(QStringLiteral("computer audio error: ") + error);
     }
+}
+
+void Recorder::outputChanged()
+{
+    // Computer audio follows the default output (headphones plugged in mid-call, say): the
+    // customer is heard on the new one. A vanished output ends its stream and is handled there.
+    if (!m_running)
+        return;
+    QString reason;
+    const std::optional<QString> monitor = m_backend.outputMonitor(&reason);
+    if (!monitor || (m_caps[Sys] && *monitor == m_sysMonitor))
+        return;
+    bravaLog(QStringLiteral("computer audio: following the output to ") + *monitor);
+    ++m_retryToken; // a pending retry of the old output is void
+    m_caps[Sys].reset();
+    startSystemAudio();
+    const std::optional<QString> error = lastError();
+    if (m_caps[Sys] && (error == kSysStopped || error == QStringLiteral("No audio output found")))
+        setLastError(std::nullopt);
 }
 
 void Recorder::systemAudioStopped(const QString &reason)

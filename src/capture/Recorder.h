@@ -158,6 +158,7 @@ private:
     void startRoomMic();
     void startSystemAudio();
     void systemAudioStopped(const QString &reason);
+    void outputChanged();
     std::unique_ptr<AudioCapture> openSource(Source source, const QString &name, int channels, QString *error);
     void onAudio(Source source, int generation, const AudioBuffer &buffer);
     void write(Source source, const std::vector<TimedSample> &samples);
@@ -170,6 +171,7 @@ private:
     void stopCamerasIfDisabled();
 
     AudioBackend &m_backend;
+    QString m_sysMonitor; // the source computer audio is taken from
     Clock &m_clock;
 
     bool m_running = false;

@@ -70,3 +70,21 @@ int SyntheticAudioBackend::openChannels(const QString &source) const
     const Capture *c = m_open.value(source);
     return c ? c->channels : 0;
 }
+
+void SyntheticAudioBackend::watchOutput(std::function<void()> onChanged)
+{
+    std::lock_guard lock(m_mutex);
+    m_onOutputChanged = std::move(onChanged);
+}
+
+void SyntheticAudioBackend::changeOutput(const std::optional<QString> &newMonitor)
+{
+    std::function<void()> watcher;
+    {
+        std::lock_guard lock(m_mutex);
+        monitor = newMonitor;
+        watcher = m_onOutputChanged;
+    }
+    if (watcher)
+        watcher();
+}

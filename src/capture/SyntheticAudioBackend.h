@@ -36,6 +36,10 @@ public:
     std::unique_ptr<AudioCapture> open(const QString &source, int rate, int channels, Handlers handlers,
                                        QString *error) override;
     Clock &clock() override { return m_clock; }
+    void watchOutput(std::function<void()> onChanged) override;
+
+    /// Makes `newMonitor` the default output's monitor (none: no output) and tells the watcher.
+    void changeOutput(const std::optional<QString> &newMonitor);
 
     /// Hands one block to the open capture of `source`; false when none is open.
     bool deliver(const QString &source, const QByteArray &pcm, int64_t captureNs, bool discontinuity = false);
@@ -55,4 +59,5 @@ private:
     Clock &m_clock;
     mutable std::recursive_mutex m_mutex;
     QMap<QString, Capture *> m_open;
+    std::function<void()> m_onOutputChanged;
 };

@@ -8,6 +8,7 @@
 #include "TestHome.h"
 
 #include <QDir>
+#include <QProcess>
 #include <QtTest>
 
 #include <cmath>
@@ -142,6 +143,85 @@ private slots:
         // Both tracks start at the common start and cover the take: about 2.5 + 1.0 + 0.3 s.
         const double durA = a.size() / 48000.0, durB = b.size() / 48000.0;
         QVERIFY2(std::fabs(durA - durB) < 0.1 && durA > 3.4 && durA < 5.0, qPrintable(QStringLiteral("%1 %2").arg(durA).arg(durB)));
+    }
+
+    // A new default output mid-take (headphones plugged in): computer audio follows it, and what
+    // plays on the new output is recorded.
+    void computerAudioFollowsTheDefaultOutput()
+    {
+        if (!MediaProbe::available())
+            QSKIP("ffprobe/ffmpeg not installed");
+        Config::setMicUID(QStringLiteral("brava_mic"));
+        Recorder rec;
+        QString sys;
+        rec.onSegmentDone = [&](const QString &path, const QString &) {
+            if (path.contains(QLatin1String("/sys_")))
+                sys = path;
+        };
+        bool started = false;
+        rec.start(QStringLiteral("follow"), [&] { started = true; });
+        QTRY_VERIFY(started);
+        QVERIFY(setDefaultSink(QStringLiteral("brava_feed")));
+        QTRY_VERIFY(home.log().contains(QLatin1String("computer audio: following the output to brava_feed.monitor")));
+        const QString wav = home.root() + QStringLiteral("/click.wav");
+        QVERIFY(PulseFixture::writeWav(wav, clickSound()));
+        QVERIFY(PulseFixture::play(QStringLiteral("brava_feed"), wav));
+        bool stopped = false;
+        rec.stop([&] { stopped = true; });
+        QTRY_VERIFY(stopped);
+        QVERIFY(setDefaultSink(QStringLiteral("brava_out")));
+        QVERIFY2(sys.endsWith(QStringLiteral("_final.m4a")), qPrintable(sys));
+        QVERIFY(MediaProbe::firstAbove(MediaProbe::decode(sys), 0.25f) > 0);
+    }
+
+    // The output in use goes away (headphones unplugged): computer audio comes back on the output
+    // that is the default then, never on a microphone the server might have moved it to.
+    void computerAudioSurvivesItsOutputGoingAway()
+    {
+        if (!MediaProbe::available())
+            QSKIP("ffprobe/ffmpeg not installed");
+        QProcess load;
+        load.start(QStringLiteral("pactl"), {QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
+                                             QStringLiteral("sink_name=brava_headset"), QStringLiteral("rate=48000")});
+        QVERIFY(load.waitForFinished(5000) && load.exitCode() == 0);
+        const QString module = QString::fromUtf8(load.readAllStandardOutput()).trimmed();
+        QVERIFY(setDefaultSink(QStringLiteral("brava_headset")));
+        Config::setMicUID(QStringLiteral("brava_mic"));
+        Recorder rec;
+        QString sys;
+        rec.onSegmentDone = [&](const QString &path, const QString &) {
+            if (path.contains(QLatin1String("/sys_")))
+                sys = path;
+        };
+        bool started = false;
+        rec.start(QStringLiteral("unplug"), [&] { started = true; });
+        QTRY_VERIFY(started);
+        QVERIFY(QProcess::execute(QStringLiteral("pactl"), {QStringLiteral("unload-module"), module}) == 0);
+        QVERIFY(setDefaultSink(QStringLiteral("brava_out")));
+        QTRY_VERIFY_WITH_TIMEOUT(home.log().contains(QLatin1String("following the output to brava_out.monitor"))
+                                     || home.log().count(QLatin1String("computer audio stopped")) == 1,
+                                 5000);
+        QTest::qWait(2500); // past the one retry
+        const QString wav = home.root() + QStringLiteral("/click.wav");
+        QVERIFY(PulseFixture::writeWav(wav, clickSound()));
+        QVERIFY(PulseFixture::play(QStringLiteral("brava_out"), wav));
+        bool stopped = false;
+        rec.stop([&] { stopped = true; });
+        QTRY_VERIFY(stopped);
+        QVERIFY2(!sys.isEmpty(), qPrintable(home.log()));
+        QVERIFY2(MediaProbe::firstAbove(MediaProbe::decode(sys), 0.25f) > 0, qPrintable(home.log()));
+    }
+
+    void cleanupTestCase()
+    {
+        if (PulseFixture::available())
+            setDefaultSink(QStringLiteral("brava_out"));
+    }
+
+private:
+    static bool setDefaultSink(const QString &sink)
+    {
+        return QProcess::execute(QStringLiteral("pactl"), {QStringLiteral("set-default-sink"), sink}) == 0;
     }
 };
 

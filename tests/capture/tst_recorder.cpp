@@ -254,6 +254,34 @@ private slots:
         QCOMPARE(backend->openChannels(kMonitor), 0);
     }
 
+    // Computer audio follows the default output mid-take (headphones plugged in), and an output
+    // that appears after a take started without one is picked up; nothing happens when idle.
+    void computerAudioFollowsTheDefaultOutput()
+    {
+        const QString headphones = QStringLiteral("headphones.monitor");
+        startTake(QStringLiteral("S8"));
+        backend->changeOutput(headphones);
+        QTRY_COMPARE(backend->openChannels(headphones), 2);
+        QCOMPARE(backend->openChannels(kMonitor), 0);
+        QVERIFY(home.log().contains("computer audio: following the output to headphones.monitor"));
+        backend->changeOutput(headphones); // the same output again: nothing to do
+        QTest::qWait(50);
+        QCOMPARE(home.log().count("following the output"), 1);
+        stopTake();
+
+        backend->changeOutput(std::nullopt);
+        startTake(QStringLiteral("S9"));
+        QCOMPARE(rec->lastError().value_or(QString()), QStringLiteral("No audio output found"));
+        backend->changeOutput(kMonitor);
+        QTRY_COMPARE(backend->openChannels(kMonitor), 2);
+        QVERIFY(!rec->lastError());
+        stopTake();
+
+        backend->changeOutput(headphones);
+        QTest::qWait(50);
+        QCOMPARE(backend->openChannels(headphones), 0);
+    }
+
     // A take stopped while the time lines are still being placed keeps that audio, and the end of
     // every take reaches the file whole.
     void shortTakeKeepsEverything()
