@@ -243,7 +243,8 @@ void Recorder::startMic()
     QString error;
     m_caps[Mic] = openSource(Mic, mic->uid, 1, &error);
     if (!m_caps[Mic]) {
-        setLastError(kMicUnavailable);
+        setLastError(kNoMic); // a device that cannot be opened is no usable microphone
+        bravaLog(QStringLiteral("mic error: ") + mic->name + QStringLiteral(": ") + error);
         return;
     }
     bravaLog(QStringLiteral("mic: ") + mic->name);

@@ -231,6 +231,15 @@ private slots:
         startTake(QStringLiteral("S5"));
         QCOMPARE(rec->lastError().value_or(QString()), QStringLiteral("No microphone found"));
         stopTake();
+
+        // A microphone that is listed but cannot be opened is no usable microphone either.
+        backend->devices = {Device{QStringLiteral("usbmic"), QStringLiteral("USB Mic"), false, true}};
+        backend->refused = {QStringLiteral("usbmic")};
+        startTake(QStringLiteral("S5b"));
+        QCOMPARE(rec->lastError().value_or(QString()), QStringLiteral("No microphone found"));
+        QVERIFY(home.log().contains("mic error: USB Mic"));
+        stopTake();
+        backend->refused.clear();
     }
 
     // The computer audio dies under a running take: "Computer audio stopped", one retry after
