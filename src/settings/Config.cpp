@@ -29,8 +29,8 @@ QMutex &storeMutex()
     return m;
 }
 
-// The settings object is made once, lazily, and reused; QSettings itself re-reads the file when
-// another process changed it.
+// The settings object is made once, lazily, and reused. Every read syncs it first, which
+// re-reads the file when someone else changed it (a person editing settings.ini, say).
 QSettings &store()
 {
     static std::unique_ptr<QSettings> s;
@@ -42,6 +42,7 @@ QSettings &store()
 QVariant readValue(const QString &key)
 {
     QMutexLocker lock(&storeMutex());
+    store().sync();
     return store().value(key);
 }
 

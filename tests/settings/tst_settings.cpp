@@ -164,6 +164,26 @@ private slots:
         QCOMPARE(folders.size(), sessions.size());
     }
 
+    // The file edited by someone else while the agent runs: the next read sees the change, and
+    // the agent's own next write keeps it.
+    void editsFromOutsideAreSeen()
+    {
+        Config::setAgentID(7);
+        QCOMPARE(Config::agentID(), 7);
+        QTest::qWait(1100); // a new modification time, whatever the file system's resolution
+        {
+            // As a text editor would: the file rewritten whole, not through this process's QSettings.
+            QFile file(Config::settingsFilePath());
+            QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+            file.write("[General]\nagentID=12\nagentName=Edited\n");
+        }
+        QCOMPARE(Config::agentID(), 12);
+        Config::setServer(QStringLiteral("10.0.0.9:8080"));
+        QCOMPARE(Config::agentName(), QStringLiteral("Edited"));
+        QSettings check(Config::settingsFilePath(), QSettings::IniFormat);
+        QCOMPARE(check.value(QStringLiteral("agentID")).toInt(), 12);
+    }
+
     void logCreatesThenAppends()
     {
         QVERIFY(!QFile::exists(Config::dataDir() + QStringLiteral("/log.txt")));
