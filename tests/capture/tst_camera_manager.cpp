@@ -283,6 +283,54 @@ private slots:
         QCOMPARE(backend.opens, 2);
     }
 
+    // The main camera unplugged while another camera runs as an extra one: the next build takes
+    // that camera as the main one (a device opens only once, as with V4L2) instead of reporting
+    // it busy.
+    void unpluggedMainCameraHandsOverToAnExtraOne()
+    {
+        struct Stream : CameraStream {
+            QSet<QString> &inUse;
+            const QSet<QString> &unplugged;
+            const QString id;
+            Stream(QSet<QString> &u, const QSet<QString> &gone, QString i) : inUse(u), unplugged(gone), id(std::move(i)) {}
+            ~Stream() override { inUse.remove(id); }
+            QString uid() const override { return id; }
+            QString name() const override { return id; }
+            QSize size() const override { return {320, 180}; }
+            bool running() const override { return !unplugged.contains(id); }
+        };
+        struct Backend : CameraBackend {
+            QSet<QString> inUse, unplugged;
+            QList<Device> list() override
+            {
+                QList<Device> all;
+                for (const QString &id : {QStringLiteral("cam-a"), QStringLiteral("cam-b")})
+                    if (!unplugged.contains(id))
+                        all.append(Device{id, id, false, false});
+                return all;
+            }
+            CameraOpen open(const QString &uid, QSize, FrameSink) override
+            {
+                if (inUse.contains(uid))
+                    return {nullptr, CameraTexts::busy()};
+                inUse.insert(uid);
+                return {std::make_unique<Stream>(inUse, unplugged, uid), QString()};
+            }
+        } backend;
+        Config::setCamUID(QStringLiteral("cam-a"));
+        Owner owner;
+        CameraManager m(owner.videoQ, owner.hooks(), backend);
+        owner.videoQ.sync([&] { m.build(); });
+        QVERIFY(m.camRunning());
+        QCOMPARE(backend.inUse, QSet<QString>({"cam-a", "cam-b"}));
+
+        backend.unplugged.insert(QStringLiteral("cam-a"));
+        owner.videoQ.sync([&] { m.build(); });
+        QVERIFY(m.camRunning());
+        QVERIFY(!m.camError());
+        QCOMPARE(backend.inUse, QSet<QString>({"cam-b"}));
+    }
+
     // While cameras are allowed a missing or stopped camera is tried again by itself, and a
     // problem that stays is logged once.
     void camerasAreRetriedWithoutFlooding()

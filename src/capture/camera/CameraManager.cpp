@@ -147,6 +147,16 @@ void CameraManager::buildMain()
     }
     if (!m_hooks.allowed())
         return; // switched off meanwhile: nothing is started
+    // The camera chosen may be running as an extra one (the main camera was unplugged): a device
+    // opens once, so the extras are let go first and set up again around the new main camera.
+    bool chosenIsExtra = false;
+    {
+        std::lock_guard lock(m_mutex);
+        for (const Extra &e : m_extras)
+            chosenIsExtra = chosenIsExtra || e.uid == device->uid;
+    }
+    if (chosenIsExtra)
+        teardownExtras();
     std::unique_ptr<NewestFrame> handoff = handoffFor(device->uid, true);
     NewestFrame *sink = handoff.get();
     CameraOpen open = m_backend.open(device->uid, QSize(kWantWidth, kWantHeight),
