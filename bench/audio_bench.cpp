@@ -5,6 +5,7 @@
 //     with blocks arriving in real time every 10 ms;
 //  3. encode speed of the track writer against the ffmpeg command line encoding the same PCM with
 //     the same settings (a ratio; above 1 means the writer is faster).
+#include "SyntheticCameraBackend.h"
 #include "Clock.h"
 #include "ManualClock.h"
 #include "Recorder.h"
@@ -74,7 +75,8 @@ double recordingCpuPerMinute(int minutes)
     SyntheticAudioBackend backend(clock);
     backend.devices = {Device{QStringLiteral("mic"), QStringLiteral("Mic"), false, true}};
     backend.monitor = QStringLiteral("out.monitor");
-    Recorder rec(backend, clock);
+    SyntheticCameraBackend cameras({});
+    Recorder rec(backend, cameras, clock);
     rec.listening = true;
     rec.onLiveAudio = [](quint8, const QByteArray &) {};
     startAndWait(rec, QStringLiteral("bench"));
@@ -97,7 +99,8 @@ void liveLatency(double *median, double *p99)
     SyntheticAudioBackend backend;
     backend.devices = {Device{QStringLiteral("mic"), QStringLiteral("Mic"), false, true}};
     backend.monitor = QStringLiteral("out.monitor");
-    Recorder rec(backend, Clock::monotonic());
+    SyntheticCameraBackend cameras({});
+    Recorder rec(backend, cameras, Clock::monotonic());
     rec.listening = true;
     std::mutex mutex;
     std::vector<int64_t> arrived, handed;

@@ -55,10 +55,11 @@ QNetworkAccessManager &web()
 
 } // namespace
 
-AppDelegate::AppDelegate(Recorder *rec, Connection *conn, QObject *parent)
+AppDelegate::AppDelegate(Recorder &rec, Connection &conn, Permissions &permissions, QObject *parent)
     : QObject(parent)
-    , m_rec(rec ? *rec : Recorder::shared())
-    , m_conn(conn ? *conn : Connection::shared())
+    , m_rec(rec)
+    , m_conn(conn)
+    , m_permissions(permissions)
     , m_reconciler(new Reconciler(m_rec, this))
 {
     m_reconciler->canApply = [this] { return Config::setupDone() && !m_wizardOpen; };
@@ -97,10 +98,10 @@ void AppDelegate::applicationDidFinishLaunching()
 
     // 4. Uploads, check-in and the mentor roster.
     Uploader::shared().start();
-    CheckIn::setPermissionSource([] {
+    CheckIn::setPermissionSource([this] {
         using S = Permissions::Status;
-        return CheckIn::Flags{Permissions::microphone() == S::Authorized, Permissions::camera() == S::Authorized,
-                              Permissions::computerAudio() == S::Authorized};
+        return CheckIn::Flags{m_permissions.microphone() == S::Authorized, m_permissions.camera() == S::Authorized,
+                              m_permissions.computerAudio() == S::Authorized};
     });
     CheckIn::poke(true);
     CheckIn::start();
@@ -169,8 +170,8 @@ void AppDelegate::wireRecorder()
 void AppDelegate::checkPermissionsAtLaunch()
 {
     // Cameras are not asked here: Linux has no prompt, and the device says so when it is opened.
-    const Permissions::Status mic = Permissions::microphone();
-    const Permissions::Status screen = Permissions::computerAudio();
+    const Permissions::Status mic = m_permissions.microphone();
+    const Permissions::Status screen = m_permissions.computerAudio();
     // Only a definite refusal sends the agent back to setup. No answer is usually a sound server
     // that is not up yet (the agent starts at login, often before it); the recorder reports it
     // when a take starts.
@@ -204,8 +205,9 @@ void AppDelegate::applyFinished()
 {
     refresh();
     const std::optional<QString> error = m_rec.lastError();
-    if (m_rec.running() && error && error->contains(QLatin1String("blocked")) && !m_wizardOpen) {
-        Config::setWizardStep(error->contains(QLatin1String("Microphone")) ? 2 : 3);
+    const Recorder::Blocked blocked = m_rec.blocked();
+    if (m_rec.running() && error && blocked != Recorder::Blocked::None && !m_wizardOpen) {
+        Config::setWizardStep(blocked == Recorder::Blocked::Microphone ? 2 : 3);
         showWizard();
     }
 }
@@ -328,10 +330,10 @@ void AppDelegate::tick()
     v.cam = m_rec.hasCamera();
     v.camActive = m_rec.camRunning();
     v.camError = m_rec.camError();
-    const std::optional<Device> mic = Recorder::pickMic();
+    const std::optional<Device> mic = m_rec.pickMic();
     v.micName = mic ? mic->name : QString();
-    v.mics = Recorder::listMics();
-    v.cams = Recorder::listCameras();
+    v.mics = m_rec.mics();
+    v.cams = m_rec.cameras();
     v.micUID = Config::micUID();
     v.camUID = Config::camUID();
     v.error = m_rec.lastError();

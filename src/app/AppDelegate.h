@@ -8,6 +8,7 @@
 #include <QString>
 
 class Connection;
+class Permissions;
 class Reconciler;
 class Recorder;
 class TrayView;
@@ -20,8 +21,8 @@ class AppDelegate : public QObject
 {
     Q_OBJECT
 public:
-    /// Uses the shared recorder and connection unless others are given (tests).
-    explicit AppDelegate(Recorder *rec = nullptr, Connection *conn = nullptr, QObject *parent = nullptr);
+    /// A controller of this recorder and link, reading these permissions.
+    AppDelegate(Recorder &rec, Connection &conn, Permissions &permissions, QObject *parent = nullptr);
     ~AppDelegate() override;
 
     /// The launch sequence: wiring, login item, link, permission check, timers, first draw.
@@ -83,6 +84,7 @@ private:
 
     Recorder &m_rec;
     Connection &m_conn;
+    Permissions &m_permissions;
     Reconciler *m_reconciler = nullptr;
     TrayView *m_tray = nullptr;
     QTimer *m_timer = nullptr;

@@ -1,9 +1,12 @@
 #include "Permissions.h"
 
 #include "CameraAccess.h"
-#include "PulseBackend.h"
+#include "AudioBackend.h"
 
-namespace Permissions {
+Permissions::Permissions(AudioBackend &audio)
+    : m_audio(audio)
+{
+}
 
 // Linux has no consent prompt for sound, so the answer is what the sound server does:
 // - microphone: Authorized when the server accepts this program's connection, Denied when it
@@ -11,9 +14,9 @@ namespace Permissions {
 //   NotDetermined when no server answers at all (nothing setup could repair);
 // - computer audio: Authorized when the default output's monitor can be opened for capture,
 //   Denied when the server or the stream refuses, NotDetermined when there is no output device.
-Status microphone()
+Permissions::Status Permissions::microphone() const
 {
-    switch (PulseBackend::shared().access()) {
+    switch (m_audio.access()) {
     case AudioBackend::Access::Allowed:
         return Status::Authorized;
     case AudioBackend::Access::Refused:
@@ -24,22 +27,21 @@ Status microphone()
     return Status::NotDetermined;
 }
 
-Status computerAudio()
+Permissions::Status Permissions::computerAudio() const
 {
     const Status server = microphone();
     if (server != Status::Authorized)
         return server;
-    PulseBackend &pulse = PulseBackend::shared();
     QString reason;
-    const std::optional<QString> monitor = pulse.outputMonitor(&reason);
+    const std::optional<QString> monitor = m_audio.outputMonitor(&reason);
     if (!monitor)
         return Status::NotDetermined;
     QString error;
-    const std::unique_ptr<AudioCapture> probe = pulse.open(*monitor, 48000, 2, {}, &error);
+    const std::unique_ptr<AudioCapture> probe = m_audio.open(*monitor, 48000, 2, {}, &error);
     return probe ? Status::Authorized : Status::Denied;
 }
 
-Status camera()
+Permissions::Status Permissions::camera() const
 {
     switch (CameraAccess::status()) {
     case CameraAccess::Status::Authorized: return Status::Authorized;
@@ -49,6 +51,5 @@ Status camera()
     return Status::NotDetermined;
 }
 
-const char *flag(Status status) { return status == Status::Authorized ? "true" : "false"; }
+const char *Permissions::flag(Status status) { return status == Status::Authorized ? "true" : "false"; }
 
-} // namespace Permissions

@@ -8,7 +8,6 @@
 #include "DeviceChoice.h"
 #include "DriftCorrector.h"
 #include "LiveConverter.h"
-#include "PulseBackend.h"
 #include "SerialQueue.h"
 #include "SyncGate.h"
 #include "TrackWriter.h"
@@ -29,13 +28,6 @@ const QString kMicUnavailable = QStringLiteral("Microphone unavailable");
 const QString kSysBlocked = QStringLiteral("Computer audio blocked — re-run setup on this computer");
 const QString kSysStopped = QStringLiteral("Computer audio stopped");
 
-// The backend the static device queries use: the newest recorder's, else PulseAudio.
-AudioBackend *g_deviceBackend = nullptr;
-AudioBackend &deviceBackend()
-{
-    return g_deviceBackend ? *g_deviceBackend : PulseBackend::shared();
-}
-
 // Completions always arrive later on the owner's thread, never inside the call.
 void finishLater(QObject *owner, std::function<void()> done)
 {
@@ -51,20 +43,10 @@ const char *trackName(int source)
 }
 } // namespace
 
-Recorder &Recorder::shared()
-{
-    static Recorder *instance = new Recorder(QCoreApplication::instance());
-    return *instance;
-}
-
-Recorder::Recorder(QObject *parent)
-    : Recorder(PulseBackend::shared(), Clock::monotonic(), parent)
-{
-}
-
-Recorder::Recorder(AudioBackend &backend, Clock &clock, QObject *parent)
+Recorder::Recorder(AudioBackend &backend, CameraBackend &cameras, Clock &clock, QObject *parent)
     : QObject(parent)
     , m_backend(backend)
+    , m_cameraBackend(cameras)
     , m_clock(clock)
     , m_micW(std::make_unique<TrackWriter>(QStringLiteral("mic")))
     , m_sysW(std::make_unique<TrackWriter>(QStringLiteral("sys")))
@@ -79,8 +61,7 @@ Recorder::Recorder(AudioBackend &backend, Clock &clock, QObject *parent)
         d = std::make_unique<DriftCorrector>();
     m_sync->onLock = [this](MediaTime t0) { lockStart(t0); };
     schedule = [this](int ms, std::function<void()> action) { QTimer::singleShot(ms, this, std::move(action)); };
-    g_deviceBackend = &backend;
-    m_backend.watchOutput([this] { QMetaObject::invokeMethod(this, [this] { outputChanged(); }, Qt::QueuedConnection); });
+    m_backend.watch([this] { QMetaObject::invokeMethod(this, [this] { outputChanged(); }, Qt::QueuedConnection); });
 
     CameraManager::Hooks hooks;
     hooks.allowed = [this] { return cameraAllowed(); };
@@ -91,7 +72,7 @@ Recorder::Recorder(AudioBackend &backend, Clock &clock, QObject *parent)
     hooks.previewHd = [this] { return previewHd.load(); };
     hooks.previewCamUID = [this] { return previewCamUID(); };
     hooks.savedCamUID = [] { return Config::camUID(); };
-    m_cameras = std::make_unique<CameraManager>(*m_videoQ, std::move(hooks), CameraBackend::system(), clock);
+    m_cameras = std::make_unique<CameraManager>(*m_videoQ, std::move(hooks), cameras, clock);
     m_cameras->onPreviewFrame = [this](const QByteArray &jpeg) {
         if (onPreviewFrame)
             onPreviewFrame(jpeg);
@@ -100,9 +81,7 @@ Recorder::Recorder(AudioBackend &backend, Clock &clock, QObject *parent)
 
 Recorder::~Recorder()
 {
-    if (g_deviceBackend == &m_backend)
-        g_deviceBackend = nullptr;
-    m_backend.watchOutput(nullptr);
+    m_backend.watch(nullptr);
     for (auto &cap : m_caps)
         cap.reset(); // no more blocks arrive
     m_q->sync([this] { m_capturing = false; }); // from here on no sample reaches the start sync
@@ -227,7 +206,7 @@ std::unique_ptr<AudioCapture> Recorder::openSource(Source source, const QString 
 void Recorder::startMic()
 {
     if (m_backend.access() == AudioBackend::Access::Refused) {
-        setLastError(kMicBlocked);
+        setLastError(kMicBlocked, Blocked::Microphone);
         return;
     }
     const std::optional<Device> mic = DeviceChoice::pickMic(m_backend.inputs(), Config::micUID());
@@ -278,21 +257,21 @@ void Recorder::startRoomMic()
 void Recorder::startSystemAudio()
 {
     if (m_backend.access() == AudioBackend::Access::Refused) {
-        setLastError(kSysBlocked);
+        setLastError(kSysBlocked, Blocked::ComputerAudio);
         bravaLog(QStringLiteral("computer audio error: the sound server refused this program"));
         return;
     }
     QString reason;
     const std::optional<QString> monitor = m_backend.outputMonitor(&reason);
     if (!monitor) {
-        setLastError(reason);
+        setLastError(reason, reason == kSysBlocked ? Blocked::ComputerAudio : Blocked::None);
         return;
     }
     QString error;
     m_sysMonitor = *monitor;
     m_caps[Sys] = openSource(Sys, *monitor, 2, &error);
     if (!m_caps[Sys]) {
-        setLastError(kSysBlocked);
+        setLastError(kSysBlocked, Blocked::ComputerAudio);
         bravaLog(QStringLiteral("computer audio error: ") + error);
     }
 }
@@ -491,10 +470,17 @@ std::optional<QString> Recorder::lastError() const
     return m_lastError;
 }
 
-void Recorder::setLastError(const std::optional<QString> &error)
+void Recorder::setLastError(const std::optional<QString> &error, Blocked kind)
 {
     QMutexLocker lock(&m_textMutex);
     m_lastError = error;
+    m_blocked = error ? kind : Blocked::None;
+}
+
+Recorder::Blocked Recorder::blocked() const
+{
+    QMutexLocker lock(&m_textMutex);
+    return m_blocked;
 }
 
 std::optional<QString> Recorder::camError() const
@@ -530,16 +516,16 @@ Recorder::Levels Recorder::takeLevels()
     return levels;
 }
 
-QList<Device> Recorder::listMics()
+QList<Device> Recorder::mics() const
 {
-    return deviceBackend().inputs();
+    return m_backend.inputs();
 }
 
-std::optional<Device> Recorder::pickMic()
+std::optional<Device> Recorder::pickMic() const
 {
-    return DeviceChoice::pickMic(listMics(), Config::micUID());
+    return DeviceChoice::pickMic(mics(), Config::micUID());
 }
 
-bool Recorder::hasCamera() const { return !listCameras().isEmpty(); }
+bool Recorder::hasCamera() const { return !cameras().isEmpty(); }
 bool Recorder::camRunning() const { return m_cameras->camRunning(); }
-QList<Device> Recorder::listCameras() { return CameraManager::list(CameraBackend::system()); }
+QList<Device> Recorder::cameras() const { return m_cameraBackend.list(); }

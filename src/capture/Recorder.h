@@ -18,6 +18,7 @@
 
 class AudioBackend;
 class AudioCapture;
+class CameraBackend;
 class CameraManager;
 class Clock;
 class DriftCorrector;
@@ -43,13 +44,8 @@ class Recorder : public QObject
 {
     Q_OBJECT
 public:
-    /// The one recorder, created on first use on the main thread.
-    static Recorder &shared();
-
-    /// A recorder on the PulseAudio backend and CLOCK_MONOTONIC.
-    explicit Recorder(QObject *parent = nullptr);
-    /// A recorder on the given audio backend and clock (tests, benchmarks).
-    Recorder(AudioBackend &backend, Clock &clock, QObject *parent = nullptr);
+    /// A recorder on these sound-server and camera backends, stamping on `clock`.
+    Recorder(AudioBackend &backend, CameraBackend &cameras, Clock &clock, QObject *parent = nullptr);
     ~Recorder() override;
 
     /// Starts capture (a take when session is set, levels/live only otherwise); `done` runs on the
@@ -112,11 +108,16 @@ public:
     Levels takeLevels();
 
     /// Available microphones (real devices only).
-    static QList<Device> listMics();
+    QList<Device> mics() const;
     /// The microphone a start would use.
-    static std::optional<Device> pickMic();
+    std::optional<Device> pickMic() const;
     /// Available cameras (real devices only).
-    static QList<Device> listCameras();
+    QList<Device> cameras() const;
+
+    /// A capture permission the last start found refused.
+    enum class Blocked { None, Microphone, ComputerAudio };
+    /// Which permission the current error is about (None when the error is of another kind).
+    Blocked blocked() const;
 
     /// Forgets the take's common start; expectCam: the main camera must be waited for.
     void resetSync(bool expectCam);
@@ -148,8 +149,8 @@ public:
     std::function<void(const QByteArray &jpeg)> onPreviewFrame;
 
 protected:
-    /// Sets lastError (thread-safe).
-    void setLastError(const std::optional<QString> &error);
+    /// Sets lastError and its kind (thread-safe).
+    void setLastError(const std::optional<QString> &error, Blocked kind = Blocked::None);
 
 private:
     enum Source { Mic = 0, Sys = 1, Room = 2 };
@@ -171,6 +172,7 @@ private:
     void stopCamerasIfDisabled();
 
     AudioBackend &m_backend;
+    CameraBackend &m_cameraBackend;
     QString m_sysMonitor; // the source computer audio is taken from
     Clock &m_clock;
 
@@ -181,6 +183,7 @@ private:
     mutable QMutex m_textMutex;
     QString m_previewCamUID;
     std::optional<QString> m_lastError;
+    Blocked m_blocked = Blocked::None;
     QString m_micName, m_micUID, m_roomName;
 
     // Audio sources (main thread) and their generation, bumped at every open so blocks of a

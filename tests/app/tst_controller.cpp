@@ -1,3 +1,5 @@
+#include "AgentParts.h"
+#include "Clock.h"
 #include "AppDelegate.h"
 #include "Config.h"
 #include "Connection.h"
@@ -24,14 +26,16 @@ class ControllerTest : public QObject
     TestHome home;
     ControlRoom *room = nullptr;
     Connection *conn = nullptr;
+    std::unique_ptr<AgentParts> parts;
     Recorder *rec = nullptr;
     AppDelegate *app = nullptr;
 
     void launch()
     {
         conn = new Connection(this);
-        rec = new Recorder(this);
-        app = new AppDelegate(rec, conn, this);
+        parts = std::make_unique<AgentParts>();
+        rec = new Recorder(parts->audio, *parts->cameras, Clock::monotonic(), this);
+        app = new AppDelegate(*rec, *conn, parts->permissions, this);
         app->applicationDidFinishLaunching();
     }
 

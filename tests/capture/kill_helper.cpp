@@ -1,5 +1,6 @@
 // A recorder process for the crash test: records a take from a synthetic sound system fed in
 // real time, prints "started <take>" and runs until it is killed.
+#include "SyntheticCameraBackend.h"
 #include "Clock.h"
 #include "Recorder.h"
 #include "SyntheticAudioBackend.h"
@@ -17,7 +18,8 @@ int main(int argc, char **argv)
     SyntheticAudioBackend backend;
     backend.devices = {Device{QStringLiteral("usbmic"), QStringLiteral("USB Mic"), false, true}};
     backend.monitor = QStringLiteral("out.monitor");
-    Recorder rec(backend, Clock::monotonic());
+    SyntheticCameraBackend cameras({});
+    Recorder rec(backend, cameras, Clock::monotonic());
     std::atomic<bool> quit{false};
     std::thread feeder;
     rec.start(QStringLiteral("killed"), [&] {

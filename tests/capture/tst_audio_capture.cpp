@@ -1,3 +1,5 @@
+#include "SyntheticCameraBackend.h"
+#include "Clock.h"
 #include "AudioSignal.h"
 #include "Config.h"
 #include "MediaProbe.h"
@@ -30,6 +32,8 @@ class AudioCaptureTest : public QObject
 {
     Q_OBJECT
     TestHome home;
+    PulseBackend pulse;
+    SyntheticCameraBackend noCameras{SyntheticCameraBackend::Setup{}};
 
 private slots:
     void init()
@@ -45,18 +49,22 @@ private slots:
     {
         const QByteArray server = qgetenv("PULSE_SERVER");
         qputenv("PULSE_SERVER", "unix:/nonexistent/brava/native");
-        QCOMPARE(Permissions::microphone(), Permissions::Status::NotDetermined);
-        QCOMPARE(Permissions::computerAudio(), Permissions::Status::NotDetermined);
+        {
+            PulseBackend absent;
+            const Permissions none(absent);
+            QCOMPARE(none.microphone(), Permissions::Status::NotDetermined);
+            QCOMPARE(none.computerAudio(), Permissions::Status::NotDetermined);
+        }
         qputenv("PULSE_SERVER", server);
-        QCOMPARE(Permissions::microphone(), Permissions::Status::Authorized);
-        QCOMPARE(Permissions::computerAudio(), Permissions::Status::Authorized);
+        const Permissions permissions(pulse);
+        QCOMPARE(permissions.microphone(), Permissions::Status::Authorized);
+        QCOMPARE(permissions.computerAudio(), Permissions::Status::Authorized);
     }
 
     // Microphones are the non-monitor sources with their descriptions; the built-in flag comes
     // from the form factor or bus; the computer audio is the default output's monitor.
     void devicesAreListedAndChosen()
     {
-        PulseBackend &pulse = PulseBackend::shared();
         QCOMPARE(pulse.access(), AudioBackend::Access::Allowed);
         const QList<Device> mics = pulse.inputs();
         QStringList uids;
@@ -77,9 +85,10 @@ private slots:
         QCOMPARE(pulse.outputMonitor(&reason).value_or(QString()), QStringLiteral("brava_out.monitor"));
 
         Config::setMicUID(QString());
-        QCOMPARE(Recorder::pickMic()->uid, QStringLiteral("brava_usbmic")); // attached wins
+        Recorder rec(pulse, noCameras, Clock::monotonic());
+        QCOMPARE(rec.pickMic()->uid, QStringLiteral("brava_usbmic")); // attached wins
         Config::setMicUID(QStringLiteral("gone"));
-        QCOMPARE(Recorder::pickMic()->uid, QStringLiteral("brava_mic")); // unplugged: the default
+        QCOMPARE(rec.pickMic()->uid, QStringLiteral("brava_mic")); // unplugged: the default
     }
 
     // One click played into the output reaches microphone and computer audio at the same instant;
@@ -91,7 +100,7 @@ private slots:
         if (!MediaProbe::available())
             QSKIP("ffprobe/ffmpeg not installed");
         Config::setMicUID(QStringLiteral("brava_mic"));
-        Recorder rec;
+        Recorder rec(pulse, noCameras, Clock::monotonic());
         QStringList done;
         rec.onSegmentDone = [&](const QString &path, const QString &session) {
             QCOMPARE(session, QStringLiteral("align"));
@@ -152,7 +161,7 @@ private slots:
         if (!MediaProbe::available())
             QSKIP("ffprobe/ffmpeg not installed");
         Config::setMicUID(QStringLiteral("brava_mic"));
-        Recorder rec;
+        Recorder rec(pulse, noCameras, Clock::monotonic());
         QString sys;
         rec.onSegmentDone = [&](const QString &path, const QString &) {
             if (path.contains(QLatin1String("/sys_")))
@@ -187,7 +196,7 @@ private slots:
         const QString module = QString::fromUtf8(load.readAllStandardOutput()).trimmed();
         QVERIFY(setDefaultSink(QStringLiteral("brava_headset")));
         Config::setMicUID(QStringLiteral("brava_mic"));
-        Recorder rec;
+        Recorder rec(pulse, noCameras, Clock::monotonic());
         QString sys;
         rec.onSegmentDone = [&](const QString &path, const QString &) {
             if (path.contains(QLatin1String("/sys_")))

@@ -196,10 +196,10 @@ private slots:
         QVERIFY(!SyntheticCameraBackend::parse("2:640x360@0"));
 
         qputenv("BRAVA_FAKE_CAMERAS", "nonsense");
-        QVERIFY(CameraBackend::system().list().isEmpty());
+        QVERIFY(CameraBackend::fromEnvironment()->list().isEmpty());
         QVERIFY(home.log().contains("synthetic cameras: cannot read BRAVA_FAKE_CAMERAS=nonsense"));
         qputenv("BRAVA_FAKE_CAMERAS", "2:320x180@30");
-        const QList<Device> cams = CameraBackend::system().list();
+        const QList<Device> cams = CameraBackend::fromEnvironment()->list();
         QCOMPARE(cams.size(), 2);
         QCOMPARE(cams[0].uid, QString("synthetic-1"));
         QVERIFY(cams[0].builtIn && cams[0].isDefault);

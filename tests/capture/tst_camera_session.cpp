@@ -101,6 +101,7 @@ class TstCameraSession : public QObject
     Q_OBJECT
     TestHome home;
     SyntheticAudioBackend *backend = nullptr;
+    std::unique_ptr<CameraBackend> camBackend;
     Recorder *rec = nullptr;
     std::mutex mutex;
     QList<QPair<QString, QString>> done;
@@ -112,7 +113,8 @@ class TstCameraSession : public QObject
         backend = new SyntheticAudioBackend();
         backend->devices = {Device{kMic, QStringLiteral("Laptop Mic"), true, true}};
         backend->monitor = kMonitor;
-        rec = new Recorder(*backend, Clock::monotonic());
+        camBackend = CameraBackend::fromEnvironment();
+        rec = new Recorder(*backend, *camBackend, Clock::monotonic());
         rec->onSegmentDone = [this](const QString &path, const QString &session) {
             std::lock_guard lock(mutex);
             done.append({path, session});
@@ -178,7 +180,7 @@ private slots:
     {
         makeRecorder("1:640x360@30");
         QVERIFY(rec->hasCamera());
-        QCOMPARE(Recorder::listCameras().size(), 1);
+        QCOMPARE(rec->cameras().size(), 1);
         rec->setCamerasEnabled(true);
         QTRY_VERIFY(rec->camRunning());
         QVERIFY(!rec->camError());

@@ -1,3 +1,4 @@
+#include "AgentParts.h"
 #include "AppDelegate.h"
 #include "Config.h"
 #include "Connection.h"
@@ -38,6 +39,7 @@ class TstPreviewRoom : public QObject
     ControlRoom *room = nullptr;
     Connection *conn = nullptr;
     SyntheticAudioBackend *audio = nullptr;
+    std::unique_ptr<AgentParts> parts;
     Recorder *rec = nullptr;
     AppDelegate *app = nullptr;
 
@@ -76,8 +78,9 @@ private slots:
         Config::setSetupDone(true);
         conn = new Connection(this);
         audio = new SyntheticAudioBackend();
-        rec = new Recorder(*audio, Clock::monotonic(), this);
-        app = new AppDelegate(rec, conn, this);
+        parts = std::make_unique<AgentParts>();
+        rec = new Recorder(*audio, *parts->cameras, Clock::monotonic(), this);
+        app = new AppDelegate(*rec, *conn, parts->permissions, this);
         app->applicationDidFinishLaunching();
         QTRY_VERIFY(conn->connected());
     }

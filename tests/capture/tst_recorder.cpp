@@ -1,3 +1,4 @@
+#include "SyntheticCameraBackend.h"
 #include "AudioSignal.h"
 #include "Config.h"
 #include "DriftCorrector.h"
@@ -37,6 +38,7 @@ class RecorderTest : public QObject
     TestHome home;
     ManualClock *clock = nullptr;
     SyntheticAudioBackend *backend = nullptr;
+    SyntheticCameraBackend noCameras{SyntheticCameraBackend::Setup{}};
     Recorder *rec = nullptr;
     QList<QPair<QString, QString>> done; // (path, session)
     QList<std::function<void()>> scheduled;
@@ -91,7 +93,7 @@ private slots:
         backend->devices = {Device{QStringLiteral("laptop"), QStringLiteral("Laptop Mic"), true, true},
                             Device{QStringLiteral("usbmic"), QStringLiteral("USB Mic"), false, false}};
         backend->monitor = kMonitor;
-        rec = new Recorder(*backend, *clock);
+        rec = new Recorder(*backend, noCameras, *clock);
         done.clear();
         scheduled.clear();
         rec->onSegmentDone = [this](const QString &path, const QString &session) { done.append({path, session}); };

@@ -1,3 +1,5 @@
+#include "AgentParts.h"
+#include "Clock.h"
 #include "AppDelegate.h"
 #include "Config.h"
 #include "Connection.h"
@@ -22,6 +24,7 @@ class RecorderLinkTest : public QObject
     TestHome home;
     ControlRoom *room = nullptr;
     Connection *conn = nullptr;
+    std::unique_ptr<AgentParts> parts;
     Recorder *rec = nullptr;
     AppDelegate *app = nullptr;
     QList<QPair<QString, QString>> segments;
@@ -64,8 +67,9 @@ private slots:
         Config::setSetupDone(true);
         Config::setMicUID(QStringLiteral("brava_mic"));
         conn = new Connection(this);
-        rec = new Recorder(this);
-        app = new AppDelegate(rec, conn, this);
+        parts = std::make_unique<AgentParts>();
+        rec = new Recorder(parts->audio, *parts->cameras, Clock::monotonic(), this);
+        app = new AppDelegate(*rec, *conn, parts->permissions, this);
         app->applicationDidFinishLaunching();
         // Watch the finished segments on their way to the upload queue.
         const auto upload = rec->onSegmentDone;

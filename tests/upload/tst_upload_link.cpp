@@ -1,3 +1,5 @@
+#include "AgentParts.h"
+#include "Clock.h"
 #include "AppDelegate.h"
 #include "Config.h"
 #include "Connection.h"
@@ -25,6 +27,7 @@ class UploadLinkTest : public QObject
     TestHome home;
     HttpControlRoom *room = nullptr;
     Connection *conn = nullptr;
+    std::unique_ptr<AgentParts> parts;
     Recorder *rec = nullptr;
     AppDelegate *app = nullptr;
     const QString session = QStringLiteral("show-1");
@@ -67,8 +70,9 @@ private slots:
         Config::setSetupDone(true);
         Uploader::shared().tickIntervalMs = 200;
         conn = new Connection(this);
-        rec = new Recorder(this);
-        app = new AppDelegate(rec, conn, this);
+        parts = std::make_unique<AgentParts>();
+        rec = new Recorder(parts->audio, *parts->cameras, Clock::monotonic(), this);
+        app = new AppDelegate(*rec, *conn, parts->permissions, this);
         app->applicationDidFinishLaunching();
         QTRY_VERIFY(conn->connected());
         room->sendText(QString::fromUtf8(QJsonDocument(QJsonObject{{"type", "start"}, {"session", session}}).toJson()));

@@ -1,3 +1,5 @@
+#include "AgentParts.h"
+#include "Clock.h"
 #include "AppDelegate.h"
 #include "CheckIn.h"
 #include "Config.h"
@@ -21,6 +23,7 @@ class WebServiceWiringTest : public QObject
     ControlRoom *room = nullptr;
     HttpStub *service = nullptr;
     Connection *conn = nullptr;
+    std::unique_ptr<AgentParts> parts;
     Recorder *rec = nullptr;
     AppDelegate *app = nullptr;
     qint64 clockMs = 1000000;
@@ -58,8 +61,9 @@ private slots:
         Config::setSetupDone(true);
         CheckIn::setClockForTesting([this] { return clockMs; });
         conn = new Connection(this);
-        rec = new Recorder(this);
-        app = new AppDelegate(rec, conn, this);
+        parts = std::make_unique<AgentParts>();
+        rec = new Recorder(parts->audio, *parts->cameras, Clock::monotonic(), this);
+        app = new AppDelegate(*rec, *conn, parts->permissions, this);
         app->applicationDidFinishLaunching();
     }
     void cleanupTestCase()

@@ -45,6 +45,6 @@ public:
     /// Opens the camera with this uid, asking for `wanted` when the device offers it.
     virtual CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) = 0;
 
-    /// The process's backend: synthetic cameras when BRAVA_FAKE_CAMERAS is set, else V4L2.
-    static CameraBackend &system();
+    /// The computer's cameras: synthetic ones when BRAVA_FAKE_CAMERAS is set, else V4L2.
+    static std::unique_ptr<CameraBackend> fromEnvironment();
 };

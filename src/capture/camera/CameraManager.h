@@ -49,7 +49,7 @@ public:
     /// How often a missing or stopped main camera is tried again.
     static constexpr int kRetryMs = 2000;
 
-    CameraManager(SerialQueue &videoQ, Hooks hooks, CameraBackend &backend = CameraBackend::system(),
+    CameraManager(SerialQueue &videoQ, Hooks hooks, CameraBackend &backend,
                   const Clock &clock = Clock::monotonic(), int retryMs = kRetryMs);
     /// Stops every camera (on the video queue).
     ~CameraManager();

@@ -19,16 +19,13 @@ public:
     PulseBackend(const PulseBackend &) = delete;
     PulseBackend &operator=(const PulseBackend &) = delete;
 
-    /// The process-wide connection, created on first use.
-    static PulseBackend &shared();
-
     Access access() override;
     QList<Device> inputs() override;
     std::optional<QString> outputMonitor(QString *reason) override;
     std::unique_ptr<AudioCapture> open(const QString &source, int rate, int channels, Handlers handlers,
                                        QString *error) override;
     Clock &clock() override { return Clock::monotonic(); }
-    void watchOutput(std::function<void()> onChanged) override;
+    void watch(std::function<void()> onChanged) override;
 
 private:
     struct ServerInfo {

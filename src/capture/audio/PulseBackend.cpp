@@ -49,12 +49,6 @@ PulseBackend::~PulseBackend()
     pa_threaded_mainloop_free(m_loop);
 }
 
-PulseBackend &PulseBackend::shared()
-{
-    static PulseBackend backend;
-    return backend;
-}
-
 bool PulseBackend::connectLocked()
 {
     if (m_ctx && pa_context_get_state(m_ctx) == PA_CONTEXT_READY)
@@ -208,7 +202,7 @@ std::optional<QString> PulseBackend::outputMonitor(QString *reason)
     return ctx.monitor;
 }
 
-void PulseBackend::watchOutput(std::function<void()> onChanged)
+void PulseBackend::watch(std::function<void()> onChanged)
 {
     assert(!pa_threaded_mainloop_in_thread(m_loop));
     LoopLock lock(m_loop);

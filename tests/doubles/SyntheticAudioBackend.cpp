@@ -71,7 +71,7 @@ int SyntheticAudioBackend::openChannels(const QString &source) const
     return c ? c->channels : 0;
 }
 
-void SyntheticAudioBackend::watchOutput(std::function<void()> onChanged)
+void SyntheticAudioBackend::watch(std::function<void()> onChanged)
 {
     std::lock_guard lock(m_mutex);
     m_onOutputChanged = std::move(onChanged);

@@ -36,7 +36,7 @@ public:
     std::unique_ptr<AudioCapture> open(const QString &source, int rate, int channels, Handlers handlers,
                                        QString *error) override;
     Clock &clock() override { return m_clock; }
-    void watchOutput(std::function<void()> onChanged) override;
+    void watch(std::function<void()> onChanged) override;
 
     /// Makes `newMonitor` the default output's monitor (none: no output) and tells the watcher.
     void changeOutput(const std::optional<QString> &newMonitor);

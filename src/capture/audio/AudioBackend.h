@@ -57,7 +57,9 @@ public:
                                                QString *error) = 0;
     /// The clock the capture time stamps are on.
     virtual Clock &clock() = 0;
-    /// Calls `onChanged` (on any thread) whenever the default output may have changed; an empty
-    /// function stops it. One watcher at a time.
-    virtual void watchOutput(std::function<void()> onChanged) { (void)onChanged; }
+    /// Whether the server answered its last health check in time (false while it is hung or gone).
+    virtual bool answering() const { return true; }
+    /// Calls `onChanged` (on any thread) whenever access, inputs, the default output's monitor or
+    /// answering() may have changed; an empty function stops it. One watcher at a time.
+    virtual void watch(std::function<void()> onChanged) { (void)onChanged; }
 };
