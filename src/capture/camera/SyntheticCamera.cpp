@@ -1,5 +1,6 @@
 #include "SyntheticCamera.h"
 
+#include "Clock.h"
 #include "TestPattern.h"
 
 #include <cassert>
@@ -9,13 +10,6 @@ namespace {
 
 std::atomic<int64_t> g_flashAt{0};
 std::atomic<int64_t> g_lastFlash{0};
-
-int64_t monotonicNs()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
 
 void sleepUntil(int64_t ns)
 {
@@ -57,12 +51,12 @@ int64_t SyntheticCamera::lastFlashNs() { return g_lastFlash; }
 void SyntheticCamera::run()
 {
     const int64_t period = 1000000000 / m_fps;
-    const int64_t start = monotonicNs();
+    const int64_t start = Clock::monotonic().nowNs();
     for (int64_t index = 0; !m_stop; ++index) {
         sleepUntil(start + index * period);
         if (m_stop)
             break;
-        const int64_t now = monotonicNs();
+        const int64_t now = Clock::monotonic().nowNs();
         const int64_t flash = g_flashAt;
         // The first frame at or after the requested moment, even when this thread woke late.
         const bool white = flash > 0 && now >= flash && m_flashed != flash;
