@@ -3,7 +3,8 @@
 #include "Clock.h"
 #include "TestPattern.h"
 
-#include <cassert>
+#include <QtGlobal>
+
 #include <ctime>
 
 namespace {
@@ -28,7 +29,7 @@ SyntheticCamera::SyntheticCamera(const Device &device, QSize size, int fps, int6
     , m_counterBase(counterBase)
     , m_sink(std::move(sink))
 {
-    assert(m_fps > 0 && m_sink && !m_size.isEmpty());
+    Q_ASSERT(m_fps > 0 && m_sink && !m_size.isEmpty());
     m_running = true;
     m_thread = std::thread([this] { run(); });
 }
