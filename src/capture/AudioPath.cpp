@@ -6,6 +6,8 @@
 #include "SerialQueue.h"
 #include "Take.h"
 
+#include <array>
+
 namespace {
 const char *trackName(int source)
 {
@@ -48,9 +50,13 @@ void AudioPath::post(Source source, int generation, AudioBuffer &&buffer)
 
 void AudioPath::beginTake(std::shared_ptr<Take> take)
 {
-    m_q.async([this, take = std::move(take)]() mutable {
+    // Drops from now on belong to this take, also those before the job below has run.
+    std::array<long long, kSources> before{};
+    for (int k = 0; k < kSources; ++k)
+        before[size_t(k)] = m_dropped[k];
+    m_q.async([this, before, take = std::move(take)]() mutable {
         for (int k = 0; k < kSources; ++k)
-            m_reported[k] = m_dropped[k];
+            m_reported[k] = before[size_t(k)];
         m_take = std::move(take);
     });
 }

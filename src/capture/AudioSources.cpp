@@ -101,7 +101,7 @@ std::unique_ptr<AudioCapture> AudioSources::openSource(Source source, const QStr
                     bravaLog(QString::fromLatin1(source == Source::Mic ? "mic stopped: " : "computer mic stopped: ")
                              + reason);
                     self->m_caps[source].reset();
-                    if (source == Source::Mic)
+                    if (source == Source::Mic && self->m_answering) // else reopened when it answers
                         self->setError(kMicUnavailable);
                 }
             },
@@ -231,8 +231,10 @@ void AudioSources::serverChanged()
 void AudioSources::systemAudioStopped(const QString &reason)
 {
     bravaLog(QStringLiteral("computer audio stopped: ") + reason);
-    setError(kSysStopped);
     m_caps[Source::Sys].reset();
+    if (!m_answering)
+        return; // the server's silence is the error; the stream reopens when it answers
+    setError(kSysStopped);
     if (!m_open)
         return;
     const int token = m_retryToken;

@@ -10,7 +10,6 @@
 
 #include <QDirIterator>
 #include <QFileInfo>
-#include <QSet>
 #include <QtTest>
 
 #include <atomic>
@@ -23,7 +22,7 @@
 // audio from "out.monitor") and synthetic cameras that can be unplugged, on a clock the test
 // moves (ManualClock) or the real one. Collects finished segments and preview pictures.
 struct RecorderFixture {
-    // Synthetic cameras, any of which the test can unplug: it leaves the list and stops delivering.
+    // Synthetic cameras, one of which the test can unplug: it leaves the list and stops delivering.
     struct Cameras final : CameraBackend {
         struct Stream final : CameraStream {
             std::unique_ptr<CameraStream> inner;
@@ -35,28 +34,13 @@ struct RecorderFixture {
             bool running() const override { return inner->running() && !owner.isUnplugged(uid()); }
         };
         SyntheticCameraBackend synthetic;
-        mutable std::mutex mutex;
-        QSet<QString> unplugged;
+        std::atomic<int> unplugged{0}; // number of the unplugged camera, 0 for none
         explicit Cameras(int count) : synthetic({count, {320, 180}, 30}) {}
-        bool isUnplugged(const QString &uid) const
-        {
-            std::lock_guard lock(mutex);
-            return unplugged.contains(uid);
-        }
-        void unplug(const QString &uid, bool gone)
-        {
-            std::lock_guard lock(mutex);
-            if (gone)
-                unplugged.insert(uid);
-            else
-                unplugged.remove(uid);
-        }
+        bool isUnplugged(const QString &uid) const { return uid == QStringLiteral("synthetic-%1").arg(unplugged.load()); }
         QList<Device> list() override
         {
-            QList<Device> out;
-            for (const Device &d : synthetic.list())
-                if (!isUnplugged(d.uid))
-                    out.append(d);
+            QList<Device> out = synthetic.list();
+            out.removeIf([this](const Device &d) { return isUnplugged(d.uid); });
             return out;
         }
         CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override
@@ -67,16 +51,33 @@ struct RecorderFixture {
                 if (!isUnplugged(uid))
                     sink(std::move(f));
             });
-            if (o.stream)
-                o.stream = std::make_unique<Stream>(std::move(o.stream), *this);
+            o.stream = o.stream ? std::make_unique<Stream>(std::move(o.stream), *this) : nullptr;
             return o;
         }
+    };
+
+    // The synthetic sound system behind a switch that makes it stop answering.
+    struct Server final : AudioBackend {
+        SyntheticAudioBackend &inner;
+        std::atomic<bool> answer{true};
+        explicit Server(SyntheticAudioBackend &b) : inner(b) {}
+        Access access() override { return inner.access(); }
+        QList<Device> inputs() override { return inner.inputs(); }
+        std::optional<QString> outputMonitor(QString *reason) override { return inner.outputMonitor(reason); }
+        std::unique_ptr<AudioCapture> open(const QString &s, int rate, int ch, Handlers h, QString *error) override
+        {
+            return inner.open(s, rate, ch, std::move(h), error);
+        }
+        Clock &clock() override { return inner.clock(); }
+        bool answering() const override { return answer; }
+        void watch(std::function<void()> onChanged) override { inner.watch(std::move(onChanged)); }
     };
 
     static inline const QString kMonitor = QStringLiteral("out.monitor");
     std::unique_ptr<ManualClock> manual;
     Clock *clock = &Clock::monotonic();
     std::unique_ptr<SyntheticAudioBackend> audio;
+    std::unique_ptr<Server> server;
     std::unique_ptr<Cameras> cameras;
     std::unique_ptr<Recorder> rec;
     std::mutex mutex;
@@ -95,7 +96,8 @@ struct RecorderFixture {
                           Device{QStringLiteral("usbmic"), QStringLiteral("USB Mic"), false, false}};
         audio->monitor = kMonitor;
         cameras = std::make_unique<Cameras>(cameraCount);
-        rec = std::make_unique<Recorder>(*audio, *cameras, *clock);
+        server = std::make_unique<Server>(*audio);
+        rec = std::make_unique<Recorder>(*server, *cameras, *clock);
         rec->onSegmentDone = [this](const QString &path, const QString &session) {
             std::lock_guard lock(mutex);
             done.append({path, session});

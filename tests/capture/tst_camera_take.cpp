@@ -168,9 +168,9 @@ private Q_SLOTS:
         QVERIFY(f->start(QStringLiteral("BACK")));
         AudioFeed feed(*f->audio);
         QTest::qWait(800);
-        f->cameras->unplug(QStringLiteral("synthetic-1"), true);
+        f->cameras->unplugged = 1;
         QTRY_VERIFY_WITH_TIMEOUT(!f->rec->camRunning() && f->rec->camError(), 5000);
-        f->cameras->unplug(QStringLiteral("synthetic-1"), false);
+        f->cameras->unplugged = 0;
         QTRY_VERIFY_WITH_TIMEOUT(f->rec->camRunning(), 5000);
         QTest::qWait(800);
         QVERIFY(f->stop());

@@ -223,6 +223,25 @@ private Q_SLOTS:
         QVERIFY(f->stop());
     }
 
+    // A sound server that stops answering is one error, logged once; when it answers again the
+    // error clears and a stream that ended meanwhile is opened again.
+    void serverNotAnswering()
+    {
+        QVERIFY(f->start(QStringLiteral("S11")));
+        f->server->answer = false;
+        f->audio->changeOutput(mon); // the backend's watcher hears of it
+        QTRY_COMPARE(f->rec->lastError(), std::optional<QString>(QStringLiteral("Sound server not answering")));
+        QVERIFY(f->audio->fail(usb, QStringLiteral("server gone")));
+        f->audio->changeOutput(mon);
+        QTRY_COMPARE(f->audio->openChannels(usb), 0);
+        f->server->answer = true;
+        f->audio->changeOutput(mon);
+        QTRY_COMPARE(f->audio->openChannels(usb), 1);
+        QVERIFY(!f->rec->lastError());
+        QCOMPARE(home.log().count(QStringLiteral("Sound server not answering")), 1);
+        QVERIFY(f->stop());
+    }
+
     // A stuck audio queue holds at most 2 s per source; the rest is dropped, counted, and logged
     // once when the take ends. The main thread's level reading does not wait for the queue.
     void fullQueueDropsAndSays()
