@@ -113,18 +113,14 @@ struct RecorderFixture {
     }
     ~RecorderFixture() { rec.reset(); }
 
-    bool start(const std::optional<QString> &session)
+    bool waitFor(const std::function<void(std::function<void()>)> &call)
     {
-        bool started = false;
-        rec->start(session, [&] { started = true; });
-        return QTest::qWaitFor([&] { return started; }, 10000);
+        bool done = false;
+        call([&] { done = true; });
+        return QTest::qWaitFor([&] { return done; }, 20000);
     }
-    bool stop()
-    {
-        bool stopped = false;
-        rec->stop([&] { stopped = true; });
-        return QTest::qWaitFor([&] { return stopped; }, 20000);
-    }
+    bool start(const std::optional<QString> &s) { return waitFor([&](auto done) { rec->start(s, done); }); }
+    bool stop() { return waitFor([&](auto done) { rec->stop(done); }); }
     QString take() const { return QString::number(rec->currentTake()); }
     QStringList doneNames(const QString &prefix = QString())
     {
