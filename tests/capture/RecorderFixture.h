@@ -22,7 +22,7 @@
 // audio from "out.monitor") and synthetic cameras that can be unplugged, on a clock the test
 // moves (ManualClock) or the real one. Collects finished segments and preview pictures.
 struct RecorderFixture {
-    // Synthetic cameras, one of which the test can unplug: it leaves the list and stops delivering.
+    // Synthetic cameras, one of which the test can unplug: it stops delivering and cannot open.
     struct Cameras final : CameraBackend {
         struct Stream final : CameraStream {
             std::unique_ptr<CameraStream> inner;
@@ -37,12 +37,7 @@ struct RecorderFixture {
         std::atomic<int> unplugged{0}; // number of the unplugged camera, 0 for none
         explicit Cameras(int count) : synthetic({count, {320, 180}, 30}) {}
         bool isUnplugged(const QString &uid) const { return uid == QStringLiteral("synthetic-%1").arg(unplugged.load()); }
-        QList<Device> list() override
-        {
-            QList<Device> out = synthetic.list();
-            out.removeIf([this](const Device &d) { return isUnplugged(d.uid); });
-            return out;
-        }
+        QList<Device> list() override { return synthetic.list(); }
         CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override
         {
             if (isUnplugged(uid))

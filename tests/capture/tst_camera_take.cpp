@@ -91,6 +91,19 @@ private Q_SLOTS:
         QVERIFY(f->rec->camRunning()); // enabled cameras outlive the take
     }
 
+    // A camera that delivers nothing holds the start back for 2 s, then the take starts without it.
+    void syncWaitsForTheCamera()
+    {
+        make(1);
+        f->cameras->unplugged = 1;
+        QVERIFY(f->start(QStringLiteral("WAIT")));
+        QElapsedTimer waited;
+        waited.start();
+        AudioFeed feed(*f->audio);
+        QTRY_VERIFY_WITH_TIMEOUT(home.log().contains("sync: started without cam (timed out)"), 5000);
+        QVERIFY2(waited.elapsed() >= 1900, qPrintable(QString::number(waited.elapsed())));
+    }
+
     // Five cameras give cam, cam2, cam3, cam4 from one start, reported with the session.
     void fiveCamerasGiveFourTracks()
     {
