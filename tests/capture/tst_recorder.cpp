@@ -230,16 +230,16 @@ private Q_SLOTS:
     void fullQueueDropsAndSays()
     {
         QVERIFY(f->start(QStringLiteral("S10")));
-        std::atomic<bool> release{false};
-        f->rec->audioQueue().async([&] {
-            while (!release)
+        auto release = std::make_shared<std::atomic<bool>>(false);
+        f->rec->audioQueue().async([release] {
+            while (!*release)
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
         });
         const int64_t t = f->clock->nowNs();
         for (int b = 0; b < 300; ++b)
             f->audio->deliver(usb, RecorderFixture::tone(1, b * 480), t + b * 10000000LL);
         f->rec->takeLevels(); // returns although q is stuck
-        release = true;
+        *release = true;
         QCOMPARE(f->rec->audioPath().dropped(AudioPath::Mic), 100LL);
         QVERIFY(f->stop());
         QCOMPARE(home.log().count(QStringLiteral("audio queue full: dropped 100 blocks of mic")), 1);
