@@ -180,7 +180,7 @@ private Q_SLOTS:
         QVERIFY(f->start(QStringLiteral("S7")));
         const int64_t t = f->clock->nowNs();
         for (int b = 0; b < 40; ++b) { // 0.4 s with stamps too unsteady to place the line early
-            const int64_t at = t + b * 10000000LL + (b % 2 ? 3000000 : -3000000);
+            const int64_t at = t + b * 10000000LL + (b % 2 ? 4000000 : -4000000);
             f->manual->set(t + (b + 1) * 10000000LL);
             f->audio->deliver(usb, RecorderFixture::tone(1, int64_t(b) * 480), at);
             f->audio->deliver(mon, RecorderFixture::tone(2, int64_t(b) * 480), at);
