@@ -91,17 +91,24 @@ private Q_SLOTS:
         QVERIFY(f->rec->camRunning()); // enabled cameras outlive the take
     }
 
-    // A camera that delivers nothing holds the start back for 2 s, then the take starts without it.
+    // A main camera that delivers nothing holds the start back for 2 s, then the take starts
+    // without it; an extra camera records from that start, not before.
     void syncWaitsForTheCamera()
     {
-        make(1);
+        make(2);
         f->cameras->unplugged = 1;
         QVERIFY(f->start(QStringLiteral("WAIT")));
         QElapsedTimer waited;
         waited.start();
-        AudioFeed feed(*f->audio);
-        QTRY_VERIFY_WITH_TIMEOUT(home.log().contains("sync: started without cam (timed out)"), 5000);
-        QVERIFY2(waited.elapsed() >= 1900, qPrintable(QString::number(waited.elapsed())));
+        {
+            AudioFeed feed(*f->audio);
+            QTRY_VERIFY_WITH_TIMEOUT(home.log().contains("sync: started without cam (timed out)"), 5000);
+            QVERIFY2(waited.elapsed() >= 1900, qPrintable(QString::number(waited.elapsed())));
+            QTest::qWait(1000);
+        }
+        QVERIFY(f->stop());
+        const int frames = number(MediaProbe::video(f->path("WAIT", "cam2_" + f->take() + "_00000_final.mp4")), "nb_read_frames");
+        QVERIFY2(frames >= 20 && frames <= 45, qPrintable(QString::number(frames)));
     }
 
     // Five cameras give cam, cam2, cam3, cam4 from one start, reported with the session.
