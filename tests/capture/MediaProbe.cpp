@@ -74,18 +74,13 @@ QVector<float> decode(const QString &path, QString *errors)
     // Keep the file's own time stamps and present what a player presents: from time 0 (the
     // encoder's priming carries negative times) to the end the file declares.
     QString trim = QStringLiteral("atrim=start=0");
-    QProcess probe;
-    probe.start(QStringLiteral("ffprobe"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-show_entries"),
-                                            QStringLiteral("format=start_time,duration"), QStringLiteral("-of"),
-                                            QStringLiteral("json"), path});
-    if (probe.waitForFinished(30000) && probe.exitCode() == 0) {
-        const QJsonObject f = QJsonDocument::fromJson(probe.readAllStandardOutput()).object().value(QStringLiteral("format")).toObject();
-        bool okStart = false, okDuration = false;
-        const double start = f.value(QStringLiteral("start_time")).toString().toDouble(&okStart);
-        const double duration = f.value(QStringLiteral("duration")).toString().toDouble(&okDuration);
-        if (okStart && okDuration)
-            trim += QStringLiteral(":end=") + QString::number(start + duration, 'f', 6);
-    }
+    const QJsonObject f = probe({QStringLiteral("-show_entries"), QStringLiteral("format=start_time,duration"), path})
+                              .value(QStringLiteral("format")).toObject();
+    bool okStart = false, okDuration = false;
+    const double start = f.value(QStringLiteral("start_time")).toString().toDouble(&okStart);
+    const double duration = f.value(QStringLiteral("duration")).toString().toDouble(&okDuration);
+    if (okStart && okDuration)
+        trim += QStringLiteral(":end=") + QString::number(start + duration, 'f', 6);
     QProcess p;
     p.start(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-copyts"),
                                        QStringLiteral("-i"), path, QStringLiteral("-af"), trim,

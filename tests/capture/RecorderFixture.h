@@ -93,14 +93,8 @@ struct RecorderFixture {
         cameras = std::make_unique<Cameras>(cameraCount);
         server = std::make_unique<Server>(*audio);
         rec = std::make_unique<Recorder>(*server, *cameras, *clock);
-        rec->onSegmentDone = [this](const QString &path, const QString &session) {
-            std::lock_guard lock(mutex);
-            done.append({path, session});
-        };
-        rec->onPreviewFrame = [this](const QByteArray &jpeg) {
-            std::lock_guard lock(mutex);
-            jpegs.append(jpeg);
-        };
+        rec->onSegmentDone = [this](const QString &path, const QString &s) { locked([&] { done.append({path, s}); }); };
+        rec->onPreviewFrame = [this](const QByteArray &jpeg) { locked([&] { jpegs.append(jpeg); }); };
         rec->sources().schedule = [this](int ms, std::function<void()> action) {
             QCOMPARE(ms, 2000);
             scheduled.append(std::move(action));
@@ -131,10 +125,16 @@ struct RecorderFixture {
     {
         return Config::dir(QStringLiteral("writing")) + QLatin1Char('/') + session + QLatin1Char('/') + name;
     }
-    QList<QByteArray> takeJpegs()
+    void locked(const std::function<void()> &job)
     {
         std::lock_guard lock(mutex);
-        return std::exchange(jpegs, {});
+        job();
+    }
+    QList<QByteArray> takeJpegs()
+    {
+        QList<QByteArray> out;
+        locked([&] { out.swap(jpegs); });
+        return out;
     }
 
     // 10 ms of a 440 Hz tone at 0.3 (or of `level` when set), first frame `first`.

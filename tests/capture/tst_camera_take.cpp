@@ -64,7 +64,6 @@ private Q_SLOTS:
     void cameraTrackLinesUpWithTheMicrophone()
     {
         make(1);
-        QVERIFY(home.log().contains("camera: Synthetic Camera 1 running=true"));
         const int64_t click = Clock::monotonic().nowNs() + 1513000000; // off the frame grid
         SyntheticCamera::flashAt(click);
         QVERIFY(f->start(QStringLiteral("CAM")));
@@ -85,7 +84,6 @@ private Q_SLOTS:
         const double clickAt = double(MediaProbe::firstAbove(mic, 0.3f)) / 48000.0;
         QVERIFY(flashAt > 0 && clickAt > 0);
         const double captured = double(SyntheticCamera::lastFlashNs() - click) / 1e9;
-        qInfo("flash at %.4f s, click at %.4f s; captured %.4f s apart", flashAt, clickAt, captured);
         QVERIFY(captured >= 0 && captured < 0.5);
         QVERIFY(std::fabs((flashAt - clickAt) - captured) <= 0.002);
         QVERIFY(f->rec->camRunning()); // enabled cameras outlive the take
@@ -146,18 +144,6 @@ private Q_SLOTS:
         QCOMPARE(f->doneNames("cam"), ended);
         QCOMPARE(f->doneNames("mic").size(), 1);
         QVERIFY(home.log().contains("Go Live OFF by control"));
-    }
-
-    // Without cameras enabled the start does not wait for a camera and writes no camera file.
-    void disabledCamerasAreNotRecorded()
-    {
-        make(1, false);
-        record(QStringLiteral("NOCAM"), 700);
-        QVERIFY(f->stop());
-        QVERIFY(!f->rec->camRunning());
-        QVERIFY(f->doneNames("cam").isEmpty());
-        QCOMPARE(f->doneNames("mic").size(), 1);
-        QVERIFY(home.log().contains("sync: all tracks locked to one start"));
     }
 
     // Preview shows the main camera, then only the chosen one, at most 24 pictures a second.

