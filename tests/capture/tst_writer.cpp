@@ -97,8 +97,8 @@ private Q_SLOTS:
         QVERIFY2(std::abs(measured - bitRate) < 0.2 * bitRate, qPrintable(QString::number(measured)));
     }
 
-    // Samples before the common start are dropped; segments roll over at their length without
-    // losing or repeating a sample; the last one is "_final".
+    // Samples before the common start are dropped, a hole in the stamps becomes silence, and
+    // segments roll over at their length without losing or repeating a sample; the last is "_final".
     void rollOverFromTheCommonStart()
     {
         TrackWriter w(QStringLiteral("mic"), 2.0);
@@ -107,7 +107,8 @@ private Q_SLOTS:
         w.setOpenAt(MediaTime::fromNanoseconds(kBase + ns(4800)));
         const int blocks = 5 * 100 + 17;
         for (int b = 0; b < blocks; ++b)
-            w.append(AudioSignal::block(kBase + ns(b * 480), 480, 1, [b](int i) { return (b * 480 + i) % 997 ? 0.f : 0.5f; }));
+            if (b < 300 || b >= 310) // a 100 ms hole, filled with silence
+                w.append(AudioSignal::block(kBase + ns(b * 480), 480, 1, [b](int i) { return (b * 480 + i) % 997 ? 0.f : 0.5f; }));
         QCOMPARE(w.segStart(), MediaTime::fromNanoseconds(kBase + ns(4800 + 2 * 96000)));
         w.close(true);
         QCOMPARE(done.size(), 3);
