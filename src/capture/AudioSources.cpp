@@ -88,22 +88,21 @@ std::unique_ptr<AudioCapture> AudioSources::openSource(Source source, const QStr
     handlers.onBuffer = [path, source, generation](AudioBuffer &&buffer) {
         path->post(source, generation, std::move(buffer));
     };
-    QPointer<AudioSources> self(this);
-    handlers.onFailed = [self, source, generation](const QString &reason) {
+    // Queued with this object as context: dropped if it is gone by the time the main thread runs it.
+    handlers.onFailed = [this, source, generation](const QString &reason) {
         QMetaObject::invokeMethod(
-            self,
-            [self, source, generation, reason] {
-                if (!self || !self->m_caps[source] || generation != self->m_stream[source])
+            this,
+            [this, source, generation, reason] {
+                if (!m_caps[source] || generation != m_stream[source])
                     return; // an older stream
                 if (source == Source::Sys) {
-                    self->systemAudioStopped(reason);
-                } else {
-                    bravaLog(QString::fromLatin1(source == Source::Mic ? "mic stopped: " : "computer mic stopped: ")
-                             + reason);
-                    self->m_caps[source].reset();
-                    if (source == Source::Mic && self->m_answering) // else reopened when it answers
-                        self->setError(kMicUnavailable);
+                    systemAudioStopped(reason);
+                    return;
                 }
+                bravaLog(QString::fromLatin1(source == Source::Mic ? "mic stopped: " : "computer mic stopped: ") + reason);
+                m_caps[source].reset();
+                if (source == Source::Mic && m_answering) // else reopened when the server answers
+                    setError(kMicUnavailable);
             },
             Qt::QueuedConnection);
     };
