@@ -147,13 +147,13 @@ struct RecorderFixture {
                 p[i * channels + c] = level >= 0 ? level : 0.3f * float(std::sin(2 * M_PI * 440.0 * double(first + i) / 48000.0));
         return pcm;
     }
-    // Manual clock: `seconds` of tone from each source from `fromNs`, in 10 ms blocks, the clock
-    // moving along and the audio queue handling each block in its time.
-    void feed(const QStringList &sources, int64_t fromNs, double seconds)
+    // Manual clock: `seconds` of tone from each source from `fromNs`, in 10 ms blocks stamped
+    // ± `jitterNs`, the clock moving along and the audio queue handling each block in its time.
+    void feed(const QStringList &sources, int64_t fromNs, double seconds, int64_t jitterNs = 0)
     {
         for (int b = 0; b < int(seconds * 100); ++b) {
-            const int64_t at = fromNs + b * 10000000LL;
-            manual->set(at + 10000000LL);
+            const int64_t at = fromNs + b * 10000000LL + (b % 2 ? jitterNs : -jitterNs);
+            manual->set(fromNs + (b + 1) * 10000000LL);
             for (const QString &s : sources)
                 if (const int channels = audio->openChannels(s))
                     audio->deliver(s, tone(channels, int64_t(b) * 480), at);
@@ -176,11 +176,9 @@ public:
                 clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr);
                 QByteArray mono = RecorderFixture::tone(1, 0, 0.001f);
                 auto *p = reinterpret_cast<float *>(mono.data());
-                for (int i = 0; i < 480 && clickNs; ++i) {
-                    const int64_t since = at + int64_t(i) * 1000000000 / 48000 - clickNs;
-                    if (since >= 0 && since < 1000000)
+                for (int i = 0; i < 480 && clickNs; ++i)
+                    if (const int64_t since = at + int64_t(i) * 1000000000 / 48000 - clickNs; since >= 0 && since < 1000000)
                         p[i] = 0.9f;
-                }
                 backend.deliver(QStringLiteral("usbmic"), mono, at);
                 backend.deliver(RecorderFixture::kMonitor, RecorderFixture::tone(2, 0, 0), at);
             }

@@ -19,9 +19,9 @@ namespace {
 int cameraOf(const QByteArray &jpeg)
 {
     FrameDecoder d;
-    if (!d.open(V4L2_PIX_FMT_MJPEG, 0, 0))
-        return -1;
-    std::shared_ptr<AVFrame> f = d.decode(reinterpret_cast<const uint8_t *>(jpeg.constData()), size_t(jpeg.size()));
+    const std::shared_ptr<AVFrame> f = d.open(V4L2_PIX_FMT_MJPEG, 0, 0)
+        ? d.decode(reinterpret_cast<const uint8_t *>(jpeg.constData()), size_t(jpeg.size()))
+        : nullptr;
     const int64_t counter = f ? TestPattern::readCounter(*f) : -1;
     return counter < 0 ? -1 : int(counter / SyntheticCameraBackend::kCounterStep);
 }
@@ -124,7 +124,6 @@ private Q_SLOTS:
             if (path.endsWith(QLatin1String(".mp4")))
                 QVERIFY2(number(MediaProbe::video(path), "nb_read_frames") >= 5, qPrintable(path));
         }
-        QVERIFY(!home.log().contains("Synthetic Camera 5"));
     }
 
     // Cameras switched off mid-take end their tracks once; audio goes on; preview stops.
