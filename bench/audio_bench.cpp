@@ -135,6 +135,35 @@ void liveLatency(double *median, double *p99)
     *p99 = ms.empty() ? 0 : ms[std::min(ms.size() - 1, size_t(double(ms.size()) * 0.99))];
 }
 
+// The main thread against a busy audio queue: 2 s of audio handed over at once (q encodes it),
+// then levels are read and the take is stopped. Neither call waits for the encoding.
+void mainThreadWaits(double *levelsUs, double *stopMs, double *finishedMs)
+{
+    ManualClock clock(1000000000);
+    SyntheticAudioBackend backend(clock);
+    backend.devices = {Device{QStringLiteral("mic"), QStringLiteral("Mic"), false, true}};
+    backend.monitor = QStringLiteral("out.monitor");
+    SyntheticCameraBackend cameras({});
+    Recorder rec(backend, cameras, clock);
+    startAndWait(rec, QStringLiteral("busy"));
+    for (int64_t b = 0; b < 200; ++b) {
+        clock.set(1000000000 + (b + 1) * 10000000);
+        backend.deliver(QStringLiteral("mic"), signal(b * 480, 480, 1), 1000000000 + b * 10000000);
+        backend.deliver(QStringLiteral("out.monitor"), signal(b * 480, 480, 2), 1000000000 + b * 10000000);
+    }
+    const int64_t t0 = Clock::monotonic().nowNs();
+    rec.takeLevels();
+    const int64_t t1 = Clock::monotonic().nowNs();
+    bool stopped = false;
+    rec.stop([&] { stopped = true; });
+    const int64_t t2 = Clock::monotonic().nowNs();
+    while (!stopped)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+    *levelsUs = double(t1 - t0) / 1e3;
+    *stopMs = double(t2 - t1) / 1e6;
+    *finishedMs = double(Clock::monotonic().nowNs() - t1) / 1e6;
+}
+
 // Seconds of wall time for the writer and for ffmpeg on the same PCM and settings.
 void encodeSpeed(const QString &dir, int channels, int seconds, double *writer, double *cli)
 {
@@ -186,6 +215,11 @@ int main(int argc, char **argv)
     const double cpu = recordingCpuPerMinute(minutes);
     std::printf("recording mic (mono 64k) + sys (stereo 128k), full path: %.2f s CPU per minute of audio (%.2f %% of one core)\n",
                 cpu, cpu / 60.0 * 100.0);
+
+    double levelsUs = 0, stopMs = 0, finishedMs = 0;
+    mainThreadWaits(&levelsUs, &stopMs, &finishedMs);
+    std::printf("main thread with 2 s of audio queued: takeLevels %.1f us, stop() returns after %.2f ms, files finished after %.0f ms\n",
+                levelsUs, stopMs, finishedMs);
 
     double median = 0, p99 = 0;
     liveLatency(&median, &p99);

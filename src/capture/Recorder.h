@@ -1,55 +1,67 @@
 #pragma once
 
+#include "AudioSources.h"
 #include "Device.h"
-#include "MediaTime.h"
 
 #include <QByteArray>
 #include <QList>
-#include <QMutex>
 #include <QObject>
 #include <QString>
 
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <vector>
 
 class AudioBackend;
-class AudioCapture;
+class AudioPath;
 class CameraBackend;
 class CameraManager;
 class Clock;
-class DriftCorrector;
-class LiveConverter;
-class SegmentWriter;
 class SerialQueue;
-class SyncGate;
-class TrackWriter;
-struct AudioBuffer;
-struct TimedSample;
+class Take;
 
-// Owns the capture graph: microphone, computer audio, room microphone and cameras. Starts and
-// stops takes for the controller, routes samples through the start sync to the segment writers
-// and hands live audio, preview frames and finished segments to its owner.
-// running/session are main-thread state; the flags are atomics read by capture threads.
+// The recorder: a thin coordinator of one take at a time over the sound sources, the audio path
+// and the cameras. The road of one recording, hop by hop:
 //
-// Threads: start/stop/restartMic and the device opening run on the main thread. Every audio
-// block is handed by the sound system's thread to the serial queue q ("brava.recorder.audio"),
-// which owns the audio writers, the drift correctors and the live converters; camera samples and
-// camera writers belong to videoQ ("brava.recorder.video"). Writer control is dispatched to these
-// queues synchronously, so it never overlaps an append.
+//  1. The control room's "start" arrives on the link (main thread); the controller's command
+//     handler decides the wanted state and calls Recorder::start(session).
+//  2. Recorder::start makes a Take: the session, the take number, the start sync (SyncGate) and,
+//     as tracks deliver, their writers (mic, sys, room, cam, cam2–cam4). It hands the take to the
+//     AudioPath (posted to the audio queue q) and to the CameraManager (posted to videoQ).
+//  3. AudioSources opens the microphone, the computer audio (the default output's monitor) and the
+//     room microphone on the main thread; the CameraManager opens the cameras on videoQ.
+//  4. The sound server's thread copies each block to q (at most ~2 s waiting per source); each
+//     camera's capture thread hands its newest frame to videoQ.
+//  5. On q the drift corrector makes the audio contiguous on the monotonic clock.
+//  6. The take's start sync holds every track back until mic, sys and (when expected) cam have
+//     delivered, or 2 s have passed, then fixes the common start T0 and gives it to every writer
+//     of the take, also to those made later.
+//  7. The track's SegmentWriter appends the sample; its format encodes it (AAC in M4A, H.264 in
+//     MP4) into a fragmented file in writing/<session>/.
+//  8. A segment rolls over after 30 min; Recorder::stop ends the take: the held audio is written,
+//     every track is closed once with "_final" (posted; the main thread never waits).
+//  9. Each finished file goes out through onSegmentDone (on the writer's queue) to the upload
+//     queue, which moves it to pending/ and uploads it.
+//
+// Threads: every public method is for the main thread unless it says otherwise; the callbacks
+// come on the queues named below.
 class Recorder : public QObject
 {
     Q_OBJECT
+private:
+    // Declared first: built first, destroyed last.
+    std::unique_ptr<SerialQueue> m_q;
+    std::unique_ptr<SerialQueue> m_videoQ;
+
 public:
     /// A recorder on these sound-server and camera backends, stamping on `clock`.
-    Recorder(AudioBackend &backend, CameraBackend &cameras, Clock &clock, QObject *parent = nullptr);
+    Recorder(AudioBackend &audio, CameraBackend &cameras, Clock &clock, QObject *parent = nullptr);
+    /// Stops capture; no callback runs after it returns. Open segments stay in writing/.
     ~Recorder() override;
 
-    /// Starts capture (a take when session is set, levels/live only otherwise); `done` runs on the
-    /// main thread once it has started. A running capture is stopped first.
+    /// Starts capture (a take when session is set, levels/live only otherwise); `done` runs later
+    /// on the main thread. A running capture is stopped first.
     void start(const std::optional<QString> &session, std::function<void()> done);
     /// Stops capture and finishes every file; `done` runs on the main thread afterwards.
     void stop(std::function<void()> done);
@@ -57,156 +69,99 @@ public:
     void restartMic();
 
     /// Capture is running.
-    bool running() const { return m_running; }
+    bool running() const { return m_take != nullptr; }
     /// Session of the current recording; none for a sound test or listen-only run.
-    std::optional<QString> session() const { return m_session; }
+    std::optional<QString> session() const;
     /// Running with a session.
-    bool isRecording() const { return m_running && m_session.has_value(); }
+    bool isRecording() const { return session().has_value(); }
+    /// Take number of the current (or last) recording.
+    qint64 currentTake() const { return m_lastTake; }
 
     /// The control room has enabled cameras.
-    bool camerasEnabled() const { return m_camerasEnabled; }
+    bool camerasEnabled() const;
     /// Switches cameras on or off for the control room.
     void setCamerasEnabled(bool on);
     /// The setup wizard ends its use of the camera.
     void endSetupCamera();
-    /// Opens the camera session when a camera is allowed and none runs (asynchronously).
+    /// Opens the chosen camera when cameras are allowed and none runs.
     void ensureCamera();
-    /// Ends the camera track and stops every camera unless the control room or the wizard uses them.
-    void shutCamera();
     /// Opens the chosen camera again (after the choice changed).
     void restartCamera();
-    /// The control room wants live audio.
-    std::atomic<bool> listening{false};
-    /// The control room wants preview frames.
-    std::atomic<bool> previewing{false};
-    /// Preview in the larger size.
-    std::atomic<bool> previewHd{false};
-    /// The setup wizard may use the camera.
-    std::atomic<bool> setupCameraAllowed{false};
-    /// camerasEnabled or setupCameraAllowed.
-    bool cameraAllowed() const { return m_camerasEnabled || setupCameraAllowed; }
-
     /// Camera chosen for preview ("" = the main camera).
     QString previewCamUID() const;
     /// Chooses the camera for preview.
     void setPreviewCamUID(const QString &uid);
 
+private:
+    std::atomic<bool> m_listening{false};
+    std::unique_ptr<AudioPath> m_path;
+    std::unique_ptr<AudioSources> m_sources;
+    std::unique_ptr<CameraManager> m_cameras;
+
+public:
+    /// The control room wants live audio.
+    std::atomic<bool> &listening;
+    /// The control room wants preview frames (the camera manager's).
+    std::atomic<bool> &previewing;
+    /// Preview in the larger size (the camera manager's).
+    std::atomic<bool> &previewHd;
+    /// The setup wizard may use the camera (the camera manager's).
+    std::atomic<bool> &setupCameraAllowed;
+
     /// Last capture problem, none when fine.
     std::optional<QString> lastError() const;
+    /// A capture permission the last start found refused.
+    using Blocked = AudioSources::Blocked;
+    /// Which permission the current error is about (None when the error is of another kind).
+    Blocked blocked() const;
     /// Last camera problem, none when fine.
     std::optional<QString> camError() const;
     /// A camera can be picked.
-    bool hasCamera() const;
-    /// The camera session is running.
+    bool hasCamera() const { return !cameras().isEmpty(); }
+    /// The main camera is delivering frames.
     bool camRunning() const;
 
     struct Levels {
         float mic = 0;
         float sys = 0;
     };
-    /// Peak levels since the last call, then reset.
+    /// Peak levels since the last call, then reset. Never waits.
     Levels takeLevels();
 
-    /// Available microphones (real devices only).
+    /// Available microphones (real devices only), as last listed.
     QList<Device> mics() const;
     /// The microphone a start would use.
     std::optional<Device> pickMic() const;
-    /// Available cameras (real devices only).
+    /// Available cameras (real devices only), as last listed.
     QList<Device> cameras() const;
+    /// Name and unique ID of the microphone in use, name of the room microphone ("" when none).
+    QString micName() const { return m_sources->micName(); }
+    QString micUID() const { return m_sources->micUID(); }
+    QString roomName() const { return m_sources->roomName(); }
 
-    /// A capture permission the last start found refused.
-    enum class Blocked { None, Microphone, ComputerAudio };
-    /// Which permission the current error is about (None when the error is of another kind).
-    Blocked blocked() const;
-
-    /// Forgets the take's common start; expectCam: the main camera must be waited for.
-    void resetSync(bool expectCam);
-    /// The start sync: true when the sample of `track` ("mic", "sys", "room", "cam") at `time`
-    /// is to be written. Safe from q and videoQ at once.
-    bool syncGate(const QString &track, MediaTime time);
-    /// Adds a writer whose openAt is set when the sync locks (the camera writers); any thread.
-    void addSyncedWriter(SegmentWriter *writer);
-    /// Removes a writer added with addSyncedWriter.
-    void removeSyncedWriter(SegmentWriter *writer);
+    /// The sound sources (tests replace their retry scheduling).
+    AudioSources &sources() { return *m_sources; }
+    /// The audio path (tests read its drop count).
+    AudioPath &audioPath() { return *m_path; }
+    /// The cameras.
+    CameraManager &cameraManager() { return *m_cameras; }
     /// The audio queue.
     SerialQueue &audioQueue() { return *m_q; }
     /// The camera queue.
     SerialQueue &videoQueue() { return *m_videoQ; }
-    /// Take number of the current (or last) recording.
-    qint64 currentTake() const { return m_currentTake; }
-    /// Name and unique ID of the microphone in use, name of the room microphone ("" when none).
-    QString micName() const;
-    QString micUID() const;
-    QString roomName() const;
-    /// Replaces how a delayed action is scheduled (the 2 s retry); tests run it at once or never.
-    std::function<void(int ms, std::function<void()> action)> schedule;
+    /// Segment length of the next takes, in seconds (tests shorten it).
+    double segmentSeconds = 1800.0;
 
-    /// A finished segment file and its session ("" when none); called on a writer thread.
+    /// A finished segment file and its session ("" when none); called on a writer's queue.
     std::function<void(const QString &path, const QString &session)> onSegmentDone;
     /// One live-audio block; source 0 = microphone, 1 = computer audio; called on the audio queue.
     std::function<void(quint8 source, const QByteArray &pcm)> onLiveAudio;
     /// One JPEG preview frame; called on the video queue.
     std::function<void(const QByteArray &jpeg)> onPreviewFrame;
 
-protected:
-    /// Sets lastError and its kind (thread-safe).
-    void setLastError(const std::optional<QString> &error, Blocked kind = Blocked::None);
-
 private:
-    enum Source { Mic = 0, Sys = 1, Room = 2 };
-
-    void startMic();
-    void startRoomMic();
-    void startSystemAudio();
-    void systemAudioStopped(const QString &reason);
-    void outputChanged();
-    std::unique_ptr<AudioCapture> openSource(Source source, const QString &name, int channels, QString *error);
-    void onAudio(Source source, int generation, const AudioBuffer &buffer);
-    void write(Source source, const std::vector<TimedSample> &samples);
-    void lockStart(MediaTime t0);
-
-    // Camera hooks (the camera paths fill these in).
-    bool cameraExpected(const std::optional<QString> &session) const;
-    void beginCameraWriters(const std::optional<QString> &session, qint64 take);
-    void closeCameraWriters();
-    void stopCamerasIfDisabled();
-
-    AudioBackend &m_backend;
     CameraBackend &m_cameraBackend;
-    QString m_sysMonitor; // the source computer audio is taken from
     Clock &m_clock;
-
-    bool m_running = false;
-    std::optional<QString> m_session;
-    qint64 m_currentTake = 0;
-    std::atomic<bool> m_camerasEnabled{false};
-    mutable QMutex m_textMutex;
-    QString m_previewCamUID;
-    std::optional<QString> m_lastError;
-    Blocked m_blocked = Blocked::None;
-    QString m_micName, m_micUID, m_roomName;
-
-    // Audio sources (main thread) and their generation, bumped at every open so blocks of a
-    // closed device are recognised on q.
-    std::unique_ptr<AudioCapture> m_caps[3];
-    std::atomic<int> m_generation[3] = {0, 0, 0};
-    int m_retryToken = 0;
-
-    // Owned by q.
-    std::unique_ptr<TrackWriter> m_micW, m_sysW, m_roomW;
-    std::unique_ptr<DriftCorrector> m_drift[3];
-    int m_driftGeneration[3] = {-1, -1, -1};
-    std::unique_ptr<LiveConverter> m_micLive, m_sysLive;
-    std::atomic<bool> m_capturing{false}; // running, as seen from q: cleared inside the closing job
-
-    std::unique_ptr<SyncGate> m_sync;
-    std::mutex m_syncedMutex;
-    std::vector<SegmentWriter *> m_synced;
-
-    // The cameras, their writers and preview; works on videoQ, destroyed before the queues.
-    std::unique_ptr<CameraManager> m_cameras;
-
-    // Declared last: destroyed first, draining their jobs while everything they use still exists.
-    std::unique_ptr<SerialQueue> m_videoQ;
-    std::unique_ptr<SerialQueue> m_q;
+    std::shared_ptr<Take> m_take; // the running take; none when stopped
+    qint64 m_lastTake = 0;
 };

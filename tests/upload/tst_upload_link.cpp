@@ -81,7 +81,7 @@ private slots:
     {
         delete app;
         app = nullptr;
-        delete rec; // before the sound-server backend it records from
+        delete rec; // before the backends it records from
         rec = nullptr;
     }
 

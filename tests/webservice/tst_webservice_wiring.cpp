@@ -70,7 +70,7 @@ private slots:
     {
         delete app;
         app = nullptr;
-        delete rec; // before the sound-server backend it records from
+        delete rec; // before the backends it records from
         rec = nullptr;
         CheckIn::setClockForTesting(nullptr);
     }

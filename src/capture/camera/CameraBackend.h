@@ -40,7 +40,7 @@ public:
     using FrameSink = std::function<void(TimedSample frame)>;
 
     virtual ~CameraBackend() = default;
-    /// Cameras present now, real devices only, in a stable order.
+    /// Cameras as last listed, real devices only, in a stable order; never opens a device.
     virtual QList<Device> list() = 0;
     /// Opens the camera with this uid, asking for `wanted` when the device offers it.
     virtual CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) = 0;

@@ -2,26 +2,20 @@
 
 #include "BravaLog.h"
 #include "CameraTexts.h"
+#include "Config.h"
+#include "Take.h"
 
-#include <algorithm>
-#include <cassert>
-
-CameraManager::CameraManager(SerialQueue &videoQ, Hooks hooks, CameraBackend &backend, const Clock &clock,
-                             int retryMs)
+CameraManager::CameraManager(SerialQueue &videoQ, CameraBackend &backend, const Clock &clock, int retryMs,
+                             std::function<CameraAccess::Status()> access)
     : m_videoQ(videoQ)
-    , m_hooks(std::move(hooks))
     , m_backend(backend)
+    , m_access(std::move(access))
     , m_throttle(clock)
 {
-    assert(m_hooks.allowed && m_hooks.enabled && m_hooks.running && m_hooks.gateCam && m_hooks.previewing
-           && m_hooks.previewHd && m_hooks.previewCamUID && m_hooks.savedCamUID && m_hooks.access);
-    m_camW.onSegmentDone = [this](const QString &path) {
-        if (onSegmentDone)
-            onSegmentDone(path);
-    };
+    Q_ASSERT(m_access);
     m_retry = std::make_unique<RetryTicker>(retryMs, [this] {
         m_videoQ.async([this] {
-            if (m_hooks.allowed() && !mainRunning())
+            if (allowed() && !mainRunning())
                 build();
         });
     });
@@ -33,16 +27,12 @@ CameraManager::~CameraManager()
     m_videoQ.sync([this] {
         stopMain();
         teardownExtras();
+        m_take.reset();
     });
 }
 
-void CameraManager::assertOnQueue() const { assert(m_videoQ.isCurrent()); }
-
-QList<Device> CameraManager::list(CameraBackend &backend) { return backend.list(); }
-
-std::optional<Device> CameraManager::pick(CameraBackend &backend, const QString &savedUid)
+std::optional<Device> CameraManager::pick(const QList<Device> &cameras, const QString &savedUid)
 {
-    const QList<Device> cameras = backend.list();
     if (!savedUid.isEmpty()) {
         for (const Device &d : cameras)
             if (d.uid == savedUid)
@@ -58,6 +48,80 @@ std::optional<Device> CameraManager::pick(CameraBackend &backend, const QString 
         return cameras.first();
     return std::nullopt;
 }
+
+// ---- Policy (main thread) ---------------------------------------------------------------------
+
+void CameraManager::setEnabled(bool on)
+{
+    m_enabled = on;
+    if (on) {
+        ensure();
+    } else {
+        previewing = false;
+        m_videoQ.async([this] {
+            if (!allowed())
+                shut();
+        });
+    }
+}
+
+void CameraManager::endSetupCamera()
+{
+    setupAllowed = false;
+    m_videoQ.async([this] {
+        if (!allowed())
+            shut();
+    });
+}
+
+void CameraManager::ensure()
+{
+    if (allowed())
+        m_videoQ.async([this] { build(); }); // does nothing while a camera runs
+}
+
+void CameraManager::restart()
+{
+    m_videoQ.async([this] {
+        stopMain();
+        build();
+    });
+}
+
+bool CameraManager::expectsCamera() const { return m_enabled && !m_backend.list().isEmpty(); }
+
+QString CameraManager::previewCamUID() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_previewCamUID;
+}
+
+void CameraManager::setPreviewCamUID(const QString &uid)
+{
+    std::lock_guard lock(m_mutex);
+    m_previewCamUID = uid;
+}
+
+void CameraManager::beginTake(std::shared_ptr<Take> take)
+{
+    m_videoQ.async([this, take = std::move(take)]() mutable { m_take = std::move(take); });
+}
+
+void CameraManager::endTake(std::function<void()> done)
+{
+    m_videoQ.async([this, done = std::move(done)] {
+        if (m_take)
+            m_take->finishCameras();
+        m_take.reset();
+        // With cameras enabled the camera keeps running between takes so that preview stays.
+        if (!allowed())
+            shut();
+        if (done)
+            done();
+    });
+}
+
+// ---- State ------------------------------------------------------------------------------------
 
 std::optional<QString> CameraManager::camError() const
 {
@@ -77,6 +141,21 @@ bool CameraManager::mainRunning() const
     return m_main && m_main->running();
 }
 
+bool CameraManager::camRunning() const
+{
+    std::lock_guard lock(m_mutex);
+    return !m_primaryUID.isEmpty() && m_camError == std::nullopt && m_main && m_main->running();
+}
+
+QStringList CameraManager::extraTracks() const
+{
+    std::lock_guard lock(m_mutex);
+    QStringList tracks;
+    for (const Extra &e : m_extras)
+        tracks << e.track;
+    return tracks;
+}
+
 // Sets the camera problem; the log line is written only when the problem is new, so retries of
 // a camera that stays away do not fill the log.
 void CameraManager::fail(const QString &text, const QString &logLine)
@@ -91,20 +170,7 @@ void CameraManager::fail(const QString &text, const QString &logLine)
         bravaLog(logLine);
 }
 
-bool CameraManager::camRunning() const
-{
-    std::lock_guard lock(m_mutex);
-    return !m_primaryUID.isEmpty() && m_camError == std::nullopt && m_main && m_main->running();
-}
-
-QStringList CameraManager::extraTracks() const
-{
-    std::lock_guard lock(m_mutex);
-    QStringList tracks;
-    for (const Extra &e : m_extras)
-        tracks << e.writer->track();
-    return tracks;
-}
+// ---- Sessions (video queue) -------------------------------------------------------------------
 
 std::unique_ptr<NewestFrame> CameraManager::handoffFor(const QString &uid, bool main)
 {
@@ -119,8 +185,8 @@ std::unique_ptr<NewestFrame> CameraManager::handoffFor(const QString &uid, bool 
 
 void CameraManager::build()
 {
-    assertOnQueue();
-    if (!m_hooks.allowed())
+    Q_ASSERT(m_videoQ.isCurrent());
+    if (!allowed())
         return;
     if (m_main && !m_main->running()) {
         // Unplugged or failed since: a camera that delivers nothing counts as no camera.
@@ -135,18 +201,16 @@ void CameraManager::build()
 
 void CameraManager::buildMain()
 {
-    const CameraAccess::Status access = m_hooks.access();
+    const CameraAccess::Status access = m_access();
     if (access == CameraAccess::Status::Denied) {
         fail(CameraTexts::notAllowed(), QStringLiteral("camera auth=") + QString::number(int(access)));
         return;
     }
-    const std::optional<Device> device = pick(m_backend, m_hooks.savedCamUID());
+    const std::optional<Device> device = pick(m_backend.list(), Config::camUID());
     if (!device) {
         fail(CameraTexts::noneFound(), QString());
         return;
     }
-    if (!m_hooks.allowed())
-        return; // switched off meanwhile: nothing is started
     // The camera chosen may be running as an extra one (the main camera was unplugged): a device
     // opens once, so the extras are let go first and set up again around the new main camera.
     bool chosenIsExtra = false;
@@ -187,7 +251,7 @@ void CameraManager::buildMain()
 void CameraManager::buildExtras()
 {
     teardownExtras();
-    if (!m_hooks.enabled())
+    if (!m_enabled)
         return; // the setup wizard uses the main camera only
     const QString primary = primaryUID();
     int number = 2;
@@ -198,6 +262,7 @@ void CameraManager::buildExtras()
             break;
         Extra extra;
         extra.uid = device.uid;
+        extra.track = QStringLiteral("cam") + QString::number(number);
         extra.handoff = handoffFor(device.uid, false);
         NewestFrame *sink = extra.handoff.get();
         CameraOpen open = m_backend.open(device.uid, QSize(kWantWidth, kWantHeight),
@@ -206,21 +271,12 @@ void CameraManager::buildExtras()
             continue; // an extra camera that cannot be opened is skipped
         const bool running = open.stream->running();
         extra.stream = std::move(open.stream);
-        extra.writer = extraWriter(QStringLiteral("cam") + QString::number(number));
         {
-            // Under the lock that lockAt takes: either the start is known here, or lockAt sees
-            // this camera in the list.
             std::lock_guard lock(m_mutex);
-            const bool sameTake = extra.writer->session() == m_session && extra.writer->take() == m_take;
-            if (m_session && m_hooks.running() && !sameTake) {
-                extra.writer->begin(m_session, m_take);
-                if (m_lockedT0)
-                    extra.writer->setOpenAt(*m_lockedT0);
-            }
             m_extras.push_back(std::move(extra));
         }
         bravaLog(QStringLiteral("extra camera cam") + QString::number(number) + QStringLiteral(": ") + device.name
-                 + QStringLiteral(" running=") + (running ? "true" : "false"));
+                 + QStringLiteral(" running=") + (running ? QStringLiteral("true") : QStringLiteral("false")));
         ++number;
     }
 }
@@ -235,21 +291,9 @@ void CameraManager::teardownExtras()
     for (Extra &e : extras) {
         e.handoff->close();
         e.stream.reset(); // joins the capture thread
-        e.writer->close(true); // keeps the take: a camera back in this take continues the numbering
+        if (m_take)
+            m_take->endTrack(e.track); // a camera back in this take continues the numbering
     }
-}
-
-VideoWriter *CameraManager::extraWriter(const QString &track)
-{
-    std::unique_ptr<VideoWriter> &writer = m_extraWriters[track];
-    if (!writer) {
-        writer = std::make_unique<VideoWriter>(track);
-        writer->onSegmentDone = [this](const QString &path) {
-            if (onSegmentDone)
-                onSegmentDone(path);
-        };
-    }
-    return writer.get();
 }
 
 void CameraManager::stopMain()
@@ -269,69 +313,21 @@ void CameraManager::stopMain()
 
 void CameraManager::shut()
 {
-    assertOnQueue();
-    m_camW.close(true); // a camera switched off mid-take ends its track properly
+    Q_ASSERT(m_videoQ.isCurrent());
+    if (m_take)
+        m_take->endTrack(QStringLiteral("cam")); // a camera switched off mid-take ends its track
     stopMain();
     teardownExtras();
 }
 
-void CameraManager::restart()
-{
-    assertOnQueue();
-    stopMain();
-    build();
-}
-
-void CameraManager::beginTake(const std::optional<QString> &session, int64_t take)
-{
-    assertOnQueue();
-    std::lock_guard lock(m_mutex);
-    m_session = session;
-    m_take = take;
-    m_lockedT0.reset();
-    m_camW.begin(session, take);
-    for (Extra &e : m_extras)
-        e.writer->begin(session, take);
-}
-
-void CameraManager::endTake()
-{
-    assertOnQueue();
-    std::vector<VideoWriter *> attached{&m_camW};
-    {
-        std::lock_guard lock(m_mutex);
-        m_session.reset();
-        for (Extra &e : m_extras)
-            attached.push_back(e.writer);
-    }
-    for (auto &[track, writer] : m_extraWriters) {
-        // A writer whose camera went away already ended its track then.
-        if (std::find(attached.begin(), attached.end(), writer.get()) == attached.end())
-            writer->clearSession();
-    }
-    for (VideoWriter *w : attached) {
-        w->close(true);
-        w->clearSession();
-    }
-}
-
-void CameraManager::lockAt(MediaTime t0)
-{
-    std::lock_guard lock(m_mutex);
-    m_lockedT0 = t0;
-    m_camW.setOpenAt(t0);
-    for (Extra &e : m_extras)
-        e.writer->setOpenAt(t0);
-}
-
 void CameraManager::onMainFrame(const TimedSample &frame)
 {
-    if (!m_hooks.allowed())
+    if (!allowed())
         return;
-    if (m_hooks.running() && m_hooks.gateCam(frame.pts))
-        m_camW.append(frame);
-    if (m_hooks.previewing()) {
-        const QString uid = m_hooks.previewCamUID();
+    if (m_take && m_enabled)
+        m_take->write(QStringLiteral("cam"), frame);
+    if (previewing) {
+        const QString uid = previewCamUID();
         if (uid.isEmpty() || uid == primaryUID())
             sendPreview(frame);
     }
@@ -339,21 +335,21 @@ void CameraManager::onMainFrame(const TimedSample &frame)
 
 void CameraManager::onExtraFrame(const QString &uid, const TimedSample &frame)
 {
-    if (!m_hooks.allowed())
+    if (!allowed())
         return;
-    VideoWriter *writer = nullptr;
+    QString track;
     {
         std::lock_guard lock(m_mutex);
-        for (Extra &e : m_extras)
+        for (const Extra &e : m_extras)
             if (e.uid == uid)
-                writer = e.writer;
+                track = e.track;
     }
-    if (!writer)
+    if (track.isEmpty())
         return; // torn down meanwhile
-    // Extra cameras wait for the main start sync's lock instead of taking part in it.
-    if (m_hooks.running() && writer->openAt())
-        writer->append(frame);
-    if (m_hooks.previewing() && m_hooks.previewCamUID() == uid)
+    // Extra cameras take the main start sync's common start instead of taking part in it.
+    if (m_take && m_enabled)
+        m_take->write(track, frame);
+    if (previewing && previewCamUID() == uid)
         sendPreview(frame);
 }
 
@@ -361,7 +357,7 @@ void CameraManager::sendPreview(const TimedSample &frame)
 {
     if (!frame.frame || !m_throttle.admit())
         return;
-    const QByteArray jpeg = m_preview.encode(*frame.frame, m_hooks.previewHd());
+    const QByteArray jpeg = m_preview.encode(*frame.frame, previewHd);
     if (!jpeg.isEmpty() && onPreviewFrame)
         onPreviewFrame(jpeg);
 }

@@ -8,40 +8,33 @@
 #include "PreviewThrottle.h"
 #include "RetryTicker.h"
 #include "SerialQueue.h"
-#include "VideoWriter.h"
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
+#include <atomic>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <vector>
 
-// The recorder's cameras: the main camera (track "cam", waited for by the start sync) and up to
-// three extra cameras (cam2–cam4, which take the common start when the sync locks), their writers
-// and camera preview. Sessions are built, kept across takes and torn down on the video queue;
-// frames reach the video queue through a newest-frame hand-off, so a busy queue drops frames
-// rather than falling behind. While cameras are allowed, a main camera that is missing or has
-// stopped (unplugged, busy) is tried again every retry period, so a camera plugged back in
-// mid-take goes on recording its track.
+class Take;
+
+// The recorder's cameras and every decision about them: whether cameras may run (enabled by the
+// control room, or the setup wizard's camera), which ones run (the main camera, track "cam", and
+// up to three extra cameras, cam2–cam4), what preview shows (on/off, size, chosen camera, at most
+// 24 frames per second) and which take their frames go to. Sessions are built, kept across takes
+// and torn down on the video queue; frames reach it through a newest-frame hand-off, so a busy
+// queue drops frames rather than falling behind. While cameras are allowed, a main camera that is
+// missing or has stopped (unplugged, busy) is tried again every retry period, so a camera plugged
+// back in mid-take goes on recording its track.
+//
+// Policy setters are called on the main thread and only post work to the video queue.
 class CameraManager
 {
 public:
-    /// What the manager reads from its owner; each is called on the video queue.
-    struct Hooks {
-        std::function<bool()> allowed;          // cameras may run (control room or setup wizard)
-        std::function<bool()> enabled;          // the control room enabled cameras (extras only then)
-        std::function<bool()> running;          // capture is running
-        std::function<bool(MediaTime)> gateCam; // the start sync passes a main-camera frame
-        std::function<bool()> previewing;       // preview frames are wanted
-        std::function<bool()> previewHd;        // in the larger size
-        std::function<QString()> previewCamUID; // "" = the main camera
-        std::function<QString()> savedCamUID;   // the camera chosen in settings
-        std::function<CameraAccess::Status()> access = &CameraAccess::status;
-    };
     /// Highest extra-camera number (cam2…cam4).
     static constexpr int kLastExtra = 4;
     /// Size asked of every camera.
@@ -49,31 +42,49 @@ public:
     /// How often a missing or stopped main camera is tried again.
     static constexpr int kRetryMs = 2000;
 
-    CameraManager(SerialQueue &videoQ, Hooks hooks, CameraBackend &backend,
-                  const Clock &clock = Clock::monotonic(), int retryMs = kRetryMs);
-    /// Stops every camera (on the video queue).
+    /// Cameras of `backend` run on `videoQ`; preview spacing reads `clock`.
+    CameraManager(SerialQueue &videoQ, CameraBackend &backend, const Clock &clock, int retryMs = kRetryMs,
+                  std::function<CameraAccess::Status()> access = &CameraAccess::status);
+    /// Stops every camera (waits for the video queue).
     ~CameraManager();
     CameraManager(const CameraManager &) = delete;
     CameraManager &operator=(const CameraManager &) = delete;
 
-    /// The cameras of a backend, real devices only.
-    static QList<Device> list(CameraBackend &backend);
-    /// The camera to use: the saved one if present, else the default, else the first built-in,
-    /// else the first; none when there is no camera.
-    static std::optional<Device> pick(CameraBackend &backend, const QString &savedUid);
+    /// The camera to use from `cameras`: the saved one if present, else the default, else the
+    /// first built-in, else the first; none when there is no camera.
+    static std::optional<Device> pick(const QList<Device> &cameras, const QString &savedUid);
 
-    /// Video queue: builds the main camera unless one runs, then the extra cameras.
-    void build();
-    /// Video queue: ends the "cam" track ("_final"), stops the main camera and the extras.
-    void shut();
-    /// Video queue: stops the main camera and builds again (another camera was chosen).
+    /// Main thread: the control room switches cameras on or off.
+    void setEnabled(bool on);
+    /// The control room has enabled cameras.
+    bool enabled() const { return m_enabled; }
+    /// Main thread: the setup wizard ends its use of the camera.
+    void endSetupCamera();
+    /// Cameras may run (enabled, or the setup wizard's camera).
+    bool allowed() const { return m_enabled || setupAllowed; }
+    /// Main thread: opens the chosen camera when allowed and none runs (posted).
+    void ensure();
+    /// Main thread: opens the chosen camera again after the choice changed (posted).
     void restart();
-    /// Video queue: arms every camera writer for a take (numbering from 0, no common start yet).
-    void beginTake(const std::optional<QString> &session, int64_t take);
-    /// Video queue: finishes every camera writer's take ("_final") and makes them idle.
-    void endTake();
-    /// Any thread (the start sync's lock): the common start for "cam" and every extra camera.
-    void lockAt(MediaTime t0);
+    /// The start sync of a take starting now must wait for the main camera.
+    bool expectsCamera() const;
+
+    /// The control room wants preview frames.
+    std::atomic<bool> previewing{false};
+    /// Preview in the larger size.
+    std::atomic<bool> previewHd{false};
+    /// The setup wizard may use the camera.
+    std::atomic<bool> setupAllowed{false};
+    /// Camera chosen for preview ("" = the main camera).
+    QString previewCamUID() const;
+    /// Chooses the camera for preview.
+    void setPreviewCamUID(const QString &uid);
+
+    /// Main thread: frames go to `take` from now on (posted).
+    void beginTake(std::shared_ptr<Take> take);
+    /// Main thread: ends every camera track of the current take ("_final") and lets it go;
+    /// `done` runs on the video queue afterwards (posted).
+    void endTake(std::function<void()> done);
 
     /// The main camera is delivering frames.
     bool camRunning() const;
@@ -83,22 +94,20 @@ public:
     QString primaryUID() const;
     /// Tracks of the running extra cameras, in order ("cam2", …).
     QStringList extraTracks() const;
-    /// Writer of the main camera.
-    VideoWriter &camW() { return m_camW; }
 
-    /// A finished segment file of any camera track; called on the video queue.
-    std::function<void(const QString &path)> onSegmentDone;
     /// One JPEG preview frame; called on the video queue.
     std::function<void(const QByteArray &jpeg)> onPreviewFrame;
 
 private:
     struct Extra {
         QString uid;
+        QString track;
         std::unique_ptr<NewestFrame> handoff;
         std::unique_ptr<CameraStream> stream;
-        VideoWriter *writer = nullptr; // one of m_extraWriters
     };
 
+    void build();
+    void shut();
     void buildMain();
     void buildExtras();
     void teardownExtras();
@@ -107,30 +116,24 @@ private:
     void onMainFrame(const TimedSample &frame);
     void onExtraFrame(const QString &uid, const TimedSample &frame);
     void sendPreview(const TimedSample &frame);
-    VideoWriter *extraWriter(const QString &track);
     void fail(const QString &text, const QString &logLine);
     bool mainRunning() const;
-    void assertOnQueue() const;
 
     SerialQueue &m_videoQ;
-    const Hooks m_hooks;
     CameraBackend &m_backend;
+    const std::function<CameraAccess::Status()> m_access;
+    std::atomic<bool> m_enabled{false};
     PreviewThrottle m_throttle;
     PreviewEncoder m_preview;
-    VideoWriter m_camW{QStringLiteral("cam")};
     std::unique_ptr<NewestFrame> m_mainHandoff;
-    // Extra-camera writers by track, kept for the manager's life: a camera that comes back within
-    // a take continues its track's numbering instead of overwriting its earlier segments.
-    std::map<QString, std::unique_ptr<VideoWriter>> m_extraWriters;
     std::unique_ptr<CameraStream> m_main;
+    std::shared_ptr<Take> m_take; // video queue
 
     mutable std::mutex m_mutex; // guards the fields below against other threads
     QString m_primaryUID;
+    QString m_previewCamUID;
     std::optional<QString> m_camError;
     std::vector<Extra> m_extras;
-    std::optional<MediaTime> m_lockedT0;
-    std::optional<QString> m_session;
-    int64_t m_take = 0;
 
     // Declared last: stopped first, before anything its jobs use.
     std::unique_ptr<RetryTicker> m_retry;

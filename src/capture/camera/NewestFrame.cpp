@@ -1,6 +1,7 @@
 #include "NewestFrame.h"
 
-#include <cassert>
+#include <QtGlobal>
+
 #include <mutex>
 #include <optional>
 
@@ -28,7 +29,7 @@ NewestFrame::NewestFrame(Post post, Consumer consumer)
     : m_post(std::move(post))
     , m_state(std::make_shared<State>())
 {
-    assert(m_post && consumer);
+    Q_ASSERT(m_post && consumer);
     m_state->consumer = std::move(consumer);
 }
 

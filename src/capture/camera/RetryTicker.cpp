@@ -1,13 +1,14 @@
 #include "RetryTicker.h"
 
-#include <cassert>
+#include <QtGlobal>
+
 #include <chrono>
 
 RetryTicker::RetryTicker(int periodMs, std::function<void()> tick)
     : m_periodMs(periodMs)
     , m_tick(std::move(tick))
 {
-    assert(m_periodMs > 0 && m_tick);
+    Q_ASSERT(m_periodMs > 0 && m_tick);
     m_thread = std::thread([this] { run(); });
 }
 

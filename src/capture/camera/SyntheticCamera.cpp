@@ -1,21 +1,16 @@
 #include "SyntheticCamera.h"
 
+#include "Clock.h"
 #include "TestPattern.h"
 
-#include <cassert>
+#include <QtGlobal>
+
 #include <ctime>
 
 namespace {
 
 std::atomic<int64_t> g_flashAt{0};
 std::atomic<int64_t> g_lastFlash{0};
-
-int64_t monotonicNs()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
 
 void sleepUntil(int64_t ns)
 {
@@ -34,7 +29,7 @@ SyntheticCamera::SyntheticCamera(const Device &device, QSize size, int fps, int6
     , m_counterBase(counterBase)
     , m_sink(std::move(sink))
 {
-    assert(m_fps > 0 && m_sink && !m_size.isEmpty());
+    Q_ASSERT(m_fps > 0 && m_sink && !m_size.isEmpty());
     m_running = true;
     m_thread = std::thread([this] { run(); });
 }
@@ -57,12 +52,12 @@ int64_t SyntheticCamera::lastFlashNs() { return g_lastFlash; }
 void SyntheticCamera::run()
 {
     const int64_t period = 1000000000 / m_fps;
-    const int64_t start = monotonicNs();
+    const int64_t start = Clock::monotonic().nowNs();
     for (int64_t index = 0; !m_stop; ++index) {
         sleepUntil(start + index * period);
         if (m_stop)
             break;
-        const int64_t now = monotonicNs();
+        const int64_t now = Clock::monotonic().nowNs();
         const int64_t flash = g_flashAt;
         // The first frame at or after the requested moment, even when this thread woke late.
         const bool white = flash > 0 && now >= flash && m_flashed != flash;

@@ -1,11 +1,12 @@
 #include "TestPattern.h"
 
+#include <QtGlobal>
+
 extern "C" {
 #include <libavutil/frame.h>
 }
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 #include <cstring>
 
@@ -56,7 +57,7 @@ namespace TestPattern {
 
 std::shared_ptr<AVFrame> draw(int width, int height, int64_t index, bool flash)
 {
-    assert(width >= 64 && height >= 48 && width % 2 == 0 && height % 2 == 0);
+    Q_ASSERT(width >= 64 && height >= 48 && width % 2 == 0 && height % 2 == 0);
     AVFrame *raw = av_frame_alloc();
     if (!raw)
         return {};

@@ -2,6 +2,7 @@
 
 #include "BravaLog.h"
 #include "CameraTexts.h"
+#include "Clock.h"
 
 #include <QFile>
 
@@ -28,13 +29,6 @@ int xioctl(int fd, unsigned long request, void *arg)
         r = ioctl(fd, request, arg);
     } while (r < 0 && errno == EINTR);
     return r;
-}
-
-int64_t monotonicNs()
-{
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return int64_t(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
 
 bool offersSize(int fd, uint32_t fourcc, QSize size)
@@ -220,7 +214,7 @@ void V4L2Camera::run()
         }
         const bool monotonic = (buf.flags & V4L2_BUF_FLAG_TIMESTAMP_MASK) == V4L2_BUF_FLAG_TIMESTAMP_MONOTONIC;
         const int64_t ns = monotonic ? int64_t(buf.timestamp.tv_sec) * 1000000000 + int64_t(buf.timestamp.tv_usec) * 1000
-                                     : monotonicNs();
+                                     : Clock::monotonic().nowNs();
         std::shared_ptr<AVFrame> frame;
         if (!(buf.flags & V4L2_BUF_FLAG_ERROR) && buf.index < m_buffers.size())
             frame = m_decoder.decode(static_cast<const uint8_t *>(m_buffers[buf.index].start), buf.bytesused);

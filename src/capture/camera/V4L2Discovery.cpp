@@ -1,6 +1,6 @@
 #include "V4L2Discovery.h"
 
-#include "RealDeviceName.h"
+#include "DeviceChoice.h"
 
 #include <QDir>
 #include <QFile>
@@ -75,7 +75,7 @@ QList<V4L2Discovery::Found> V4L2Discovery::find() const
         QString name = caps->card;
         if (name.isEmpty())
             name = readLine(classDir.filePath(node + QStringLiteral("/name")));
-        if (name.isEmpty() || !RealDeviceName::isReal(name))
+        if (name.isEmpty() || !DeviceChoice::isReal(name))
             continue;
         Found f;
         f.path = QDir::cleanPath(path);

@@ -1,8 +1,9 @@
 #include "SerialQueue.h"
 
+#include <QtGlobal>
+
 #include <pthread.h>
 
-#include <cassert>
 #include <future>
 
 SerialQueue::SerialQueue(const QString &name)
@@ -21,13 +22,13 @@ SerialQueue::~SerialQueue()
         m_quit = true;
     }
     m_wake.notify_all();
-    assert(!isCurrent() && "a queue cannot destroy itself");
+    Q_ASSERT_X(!isCurrent(), "SerialQueue", "a queue cannot destroy itself");
     m_worker.join();
 }
 
 void SerialQueue::async(std::function<void()> job)
 {
-    assert(job);
+    Q_ASSERT(job);
     {
         std::lock_guard lock(m_mutex);
         m_jobs.push_back(std::move(job));
@@ -37,7 +38,7 @@ void SerialQueue::async(std::function<void()> job)
 
 void SerialQueue::sync(const std::function<void()> &job)
 {
-    assert(job);
+    Q_ASSERT(job);
     if (isCurrent()) {
         job();
         return;

@@ -1,6 +1,5 @@
 #include "PreviewEncoder.h"
 
-#include <cassert>
 #include <cmath>
 
 extern "C" {

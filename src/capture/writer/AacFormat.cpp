@@ -2,8 +2,8 @@
 
 #include "AvError.h"
 
+#include <QtGlobal>
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 #include <vector>
 
@@ -42,7 +42,7 @@ bool AacFormat::accepts(const TimedSample &sample) const
 
 bool AacFormat::open(AVFormatContext *fmt, const TimedSample &first, MediaTime start, QString *error)
 {
-    assert(!m_enc && accepts(first) && start.isValid());
+    Q_ASSERT(!m_enc && accepts(first) && start.isValid());
     m_rate = first.sampleRate;
     m_inChannels = first.channels;
     const int outChannels = channelsFor(m_inChannels);
@@ -107,7 +107,7 @@ fail:
 
 bool AacFormat::write(const TimedSample &sample, const PacketSink &sink)
 {
-    assert(m_enc);
+    Q_ASSERT(m_enc);
     if (sample.sampleRate != m_rate || sample.channels != m_inChannels)
         return false; // another device's format: the writer starts a new segment for it
 
@@ -190,7 +190,7 @@ bool AacFormat::encodeFrames(bool all, const PacketSink &sink)
 
 bool AacFormat::drain(const PacketSink &sink)
 {
-    assert(m_enc);
+    Q_ASSERT(m_enc);
     return encodeFrames(true, sink) && encode(m_enc, m_stream, nullptr, sink);
 }
 

@@ -3,9 +3,9 @@
 #include "AvError.h"
 #include "Config.h"
 
-#include <cassert>
 
 extern "C" {
+#include <QtGlobal>
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/opt.h>
@@ -49,7 +49,7 @@ QStringList H264Format::ffmpegOptions(int bitRate, const char *preset)
 
 bool H264Format::open(AVFormatContext *fmt, const TimedSample &first, MediaTime start, QString *error)
 {
-    assert(!m_enc && accepts(first) && start.isValid());
+    Q_ASSERT(!m_enc && accepts(first) && start.isValid());
     const AVFrame &frame = *first.frame;
     int rc = 0;
     AVDictionary *options = nullptr;
@@ -131,7 +131,7 @@ AVFrame *H264Format::convert(AVFrame *frame)
 
 bool H264Format::write(const TimedSample &sample, const PacketSink &sink)
 {
-    assert(m_enc && sample.frame);
+    Q_ASSERT(m_enc && sample.frame);
     const int64_t pts = (sample.pts - m_start).in(kTimescale);
     if (pts < 0 || pts <= m_lastPts)
         return true; // a frame from before the segment or out of order is skipped, not an error
@@ -151,7 +151,7 @@ bool H264Format::write(const TimedSample &sample, const PacketSink &sink)
 
 bool H264Format::drain(const PacketSink &sink)
 {
-    assert(m_enc);
+    Q_ASSERT(m_enc);
     return encode(m_enc, m_stream, nullptr, sink);
 }
 

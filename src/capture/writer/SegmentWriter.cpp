@@ -8,7 +8,6 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <cassert>
 #include <cmath>
 #include <mutex>
 
@@ -21,8 +20,8 @@ SegmentWriter::SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat
     , m_format(std::move(format))
     , m_segmentSeconds(segmentSeconds)
 {
-    assert(m_format);
-    assert(segmentSeconds > 0);
+    Q_ASSERT(m_format);
+    Q_ASSERT(segmentSeconds > 0);
     // libav's informational chatter (encoder statistics) stays out of the agent's stderr.
     static std::once_flag quiet;
     std::call_once(quiet, [] { av_log_set_level(AV_LOG_ERROR); });
@@ -78,7 +77,7 @@ QString SegmentWriter::pieceName(const QString &track, int64_t take, int idx, bo
 
 QString SegmentWriter::folder() const
 {
-    assert(m_session);
+    Q_ASSERT(m_session);
     const QString path = Config::dir(QStringLiteral("writing")) + QLatin1Char('/') + Config::sessionFolder(*m_session);
     QDir().mkpath(path); // a failure shows up when the file is created
     return path;
@@ -122,7 +121,7 @@ void SegmentWriter::append(const TimedSample &sample)
 
 bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample &sample)
 {
-    assert(!m_fmt);
+    Q_ASSERT(!m_fmt);
     if (!m_format->accepts(sample))
         return false;
 
@@ -192,7 +191,7 @@ void SegmentWriter::abandon()
 
 bool SegmentWriter::finishFile(const QString &file)
 {
-    assert(m_fmt);
+    Q_ASSERT(m_fmt);
     const bool drained = m_format->drain([this](AVPacket *packet) {
         packet->stream_index = 0;
         return av_interleaved_write_frame(m_fmt, packet) >= 0;

@@ -1,0 +1,137 @@
+#include "AudioPath.h"
+
+#include "BravaLog.h"
+#include "DriftCorrector.h"
+#include "LiveConverter.h"
+#include "SerialQueue.h"
+#include "Take.h"
+
+#include <array>
+
+namespace {
+const char *trackName(int source)
+{
+    static const char *const names[] = {"mic", "sys", "room"};
+    return names[source];
+}
+} // namespace
+
+AudioPath::AudioPath(SerialQueue &q, const std::atomic<bool> &listening)
+    : m_q(q)
+    , m_listening(listening)
+{
+    for (auto &d : m_drift)
+        d = std::make_unique<DriftCorrector>();
+    for (auto &l : m_live)
+        l = std::make_unique<LiveConverter>();
+}
+
+AudioPath::~AudioPath()
+{
+    m_q.sync([this] { m_take.reset(); }); // every job using this path has run
+}
+
+int AudioPath::newStream(Source source) { return ++m_generation[source]; }
+
+void AudioPath::post(Source source, int generation, AudioBuffer &&buffer)
+{
+    const int64_t frames = buffer.frames();
+    const int64_t limit = int64_t(buffer.rate) * kMaxQueuedMs / 1000;
+    if (m_queuedFrames[source] + frames > limit && m_queuedFrames[source] > 0) {
+        ++m_dropped[source]; // q is stuck (a disk that does not answer): the sound server may not wait
+        return;
+    }
+    m_queuedFrames[source] += frames;
+    m_q.async([this, source, generation, frames, b = std::move(buffer)] {
+        m_queuedFrames[source] -= frames;
+        onAudio(source, generation, b);
+    });
+}
+
+void AudioPath::beginTake(std::shared_ptr<Take> take)
+{
+    // Drops from now on belong to this take, also those before the job below has run.
+    std::array<long long, kSources> before{};
+    for (int k = 0; k < kSources; ++k)
+        before[size_t(k)] = m_dropped[k];
+    m_q.async([this, before, take = std::move(take)]() mutable {
+        for (int k = 0; k < kSources; ++k)
+            m_reported[k] = before[size_t(k)];
+        m_take = std::move(take);
+    });
+}
+
+void AudioPath::endTake(std::function<void()> done)
+{
+    m_q.async([this, done = std::move(done)] {
+        // Audio still held for placing goes to the sync in time order, as it would have come.
+        std::vector<TimedSample> held[kSources];
+        size_t next[kSources] = {0, 0, 0};
+        for (int k = 0; k < kSources; ++k)
+            held[k] = m_drift[k]->flush();
+        for (;;) {
+            int first = -1;
+            for (int k = 0; k < kSources; ++k)
+                if (next[k] < held[k].size() && (first < 0 || held[k][next[k]].pts < held[first][next[first]].pts))
+                    first = k;
+            if (first < 0)
+                break;
+            write(Source(first), {held[first][next[first]++]});
+        }
+        if (m_take)
+            m_take->finishAudio();
+        reportDrops();
+        m_take.reset();
+        if (done)
+            done();
+    });
+}
+
+void AudioPath::reportDrops()
+{
+    for (int k = 0; k < kSources; ++k) {
+        const long long now = m_dropped[k];
+        if (now > m_reported[k])
+            bravaLog(QStringLiteral("audio queue full: dropped ") + QString::number(now - m_reported[k])
+                     + QStringLiteral(" blocks of ") + QString::fromLatin1(trackName(k)));
+        m_reported[k] = now;
+    }
+}
+
+float AudioPath::takePeak(Source source) { return m_peak[source].exchange(0.f); }
+
+void AudioPath::raisePeak(Source source, float peak)
+{
+    float seen = m_peak[source];
+    while (peak > seen && !m_peak[source].compare_exchange_weak(seen, peak)) {
+    }
+}
+
+void AudioPath::onAudio(Source source, int generation, const AudioBuffer &buffer)
+{
+    Q_ASSERT(m_q.isCurrent());
+    if (generation != m_generation[source])
+        return; // a block of a stream that has been closed since
+    if (m_driftGeneration[source] != generation) {
+        write(source, m_drift[source]->flush()); // the previous stream's last audio
+        m_driftGeneration[source] = generation;
+    }
+    write(source, m_drift[source]->process(buffer));
+    if (source == Room)
+        return; // the room microphone has no live audio and no level
+    LiveConverter &live = *m_live[source];
+    const std::optional<QByteArray> pcm = live.process(reinterpret_cast<const float *>(buffer.pcm.constData()),
+                                                       buffer.frames(), buffer.rate, buffer.channels, m_listening);
+    raisePeak(source, live.takePeak());
+    if (pcm && onLiveAudio)
+        onLiveAudio(source == Mic ? 0 : 1, *pcm);
+}
+
+void AudioPath::write(Source source, const std::vector<TimedSample> &samples)
+{
+    if (!m_take)
+        return;
+    const QString track = QString::fromLatin1(trackName(source));
+    for (const TimedSample &sample : samples)
+        m_take->write(track, sample);
+}

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "AudioBackend.h"
+#include "TimedSample.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <vector>
+
+class DriftCorrector;
+class LiveConverter;
+class SerialQueue;
+class Take;
+
+// The audio half of a recording after the device: every block a source delivers is handed to
+// the audio queue q, where drift correction makes it contiguous and stamped on the monotonic
+// clock, then the take's start sync and writer get it, and the live converter makes live audio
+// and the level. At most ~2 s of blocks wait on q per source; blocks beyond are dropped, counted
+// and logged once per take (the drift corrector bridges the hole with silence, so the track keeps
+// its time line).
+class AudioPath
+{
+public:
+    enum Source { Mic = 0, Sys = 1, Room = 2 };
+    static constexpr int kSources = 3;
+    /// Most audio waiting on q per source, in milliseconds.
+    static constexpr int kMaxQueuedMs = 2000;
+
+    /// A path on queue `q`; `listening` says whether live audio is wanted.
+    AudioPath(SerialQueue &q, const std::atomic<bool> &listening);
+    ~AudioPath();
+    AudioPath(const AudioPath &) = delete;
+    AudioPath &operator=(const AudioPath &) = delete;
+
+    /// Any thread: a new stream of `source` starts; blocks of earlier streams are ignored from now.
+    int newStream(Source source);
+    /// Any thread (the sound server's): hands one block of stream `generation` over to q, or
+    /// drops and counts it when q already holds kMaxQueuedMs of that source.
+    void post(Source source, int generation, AudioBuffer &&buffer);
+
+    /// Main thread: blocks go to `take` from now on (posted to q).
+    void beginTake(std::shared_ptr<Take> take);
+    /// Main thread: writes the audio still held by drift correction, ends the take's audio tracks
+    /// and lets the take go; `done` runs on q afterwards (posted).
+    void endTake(std::function<void()> done);
+
+    /// Peak levels of microphone and computer audio since the last call, then reset. Never waits.
+    float takePeak(Source source);
+    /// Blocks dropped so far because q was full, per source (tests, benchmarks).
+    long long dropped(Source source) const { return m_dropped[source]; }
+
+    /// One live-audio block; source 0 = microphone, 1 = computer audio; called on q.
+    std::function<void(quint8 source, const QByteArray &pcm)> onLiveAudio;
+
+private:
+    void onAudio(Source source, int generation, const AudioBuffer &buffer);
+    void write(Source source, const std::vector<TimedSample> &samples);
+    void raisePeak(Source source, float peak);
+    void reportDrops();
+
+    SerialQueue &m_q;
+    const std::atomic<bool> &m_listening;
+    std::atomic<int> m_generation[kSources] = {0, 0, 0};
+    std::atomic<int64_t> m_queuedFrames[kSources] = {0, 0, 0};
+    std::atomic<long long> m_dropped[kSources] = {0, 0, 0};
+    std::atomic<float> m_peak[kSources] = {0.f, 0.f, 0.f};
+
+    // Owned by q.
+    std::shared_ptr<Take> m_take;
+    std::unique_ptr<DriftCorrector> m_drift[kSources];
+    int m_driftGeneration[kSources] = {-1, -1, -1};
+    std::unique_ptr<LiveConverter> m_live[2];
+    long long m_reported[kSources] = {0, 0, 0};
+};

@@ -1,0 +1,197 @@
+#pragma once
+
+#include "CameraBackend.h"
+#include "Config.h"
+#include "ManualClock.h"
+#include "Recorder.h"
+#include "SerialQueue.h"
+#include "SyntheticAudioBackend.h"
+#include "SyntheticCameraBackend.h"
+
+#include <QDirIterator>
+#include <QFileInfo>
+#include <QtTest>
+
+#include <atomic>
+#include <cmath>
+#include <ctime>
+#include <mutex>
+#include <thread>
+
+// One recorder on a synthetic sound system ("laptop" built-in and "usbmic" microphones, computer
+// audio from "out.monitor") and synthetic cameras that can be unplugged, on a clock the test
+// moves (ManualClock) or the real one. Collects finished segments and preview pictures.
+struct RecorderFixture {
+    // Synthetic cameras, one of which the test can unplug: it stops delivering and cannot open.
+    struct Cameras final : CameraBackend {
+        struct Stream final : CameraStream {
+            std::unique_ptr<CameraStream> inner;
+            const Cameras &owner;
+            Stream(std::unique_ptr<CameraStream> s, const Cameras &o) : inner(std::move(s)), owner(o) {}
+            QString uid() const override { return inner->uid(); }
+            QString name() const override { return inner->name(); }
+            QSize size() const override { return inner->size(); }
+            bool running() const override { return inner->running() && !owner.isUnplugged(uid()); }
+        };
+        SyntheticCameraBackend synthetic;
+        std::atomic<int> unplugged{0}; // number of the unplugged camera, 0 for none
+        explicit Cameras(int count) : synthetic({count, {320, 180}, 30}) {}
+        bool isUnplugged(const QString &uid) const { return uid == QStringLiteral("synthetic-%1").arg(unplugged.load()); }
+        QList<Device> list() override { return synthetic.list(); }
+        CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override
+        {
+            if (isUnplugged(uid))
+                return {nullptr, QStringLiteral("No usable webcam found")};
+            CameraOpen o = synthetic.open(uid, wanted, [this, uid, sink](TimedSample f) {
+                if (!isUnplugged(uid))
+                    sink(std::move(f));
+            });
+            o.stream = o.stream ? std::make_unique<Stream>(std::move(o.stream), *this) : nullptr;
+            return o;
+        }
+    };
+
+    // The synthetic sound system behind a switch that makes it stop answering.
+    struct Server final : AudioBackend {
+        SyntheticAudioBackend &inner;
+        std::atomic<bool> answer{true};
+        explicit Server(SyntheticAudioBackend &b) : inner(b) {}
+        Access access() override { return inner.access(); }
+        QList<Device> inputs() override { return inner.inputs(); }
+        std::optional<QString> outputMonitor(QString *reason) override { return inner.outputMonitor(reason); }
+        std::unique_ptr<AudioCapture> open(const QString &s, int rate, int ch, Handlers h, QString *error) override
+        {
+            return inner.open(s, rate, ch, std::move(h), error);
+        }
+        Clock &clock() override { return inner.clock(); }
+        bool answering() const override { return answer; }
+        void watch(std::function<void()> onChanged) override { inner.watch(std::move(onChanged)); }
+    };
+
+    static inline const QString kMonitor = QStringLiteral("out.monitor");
+    std::unique_ptr<ManualClock> manual;
+    Clock *clock = &Clock::monotonic();
+    std::unique_ptr<SyntheticAudioBackend> audio;
+    std::unique_ptr<Server> server;
+    std::unique_ptr<Cameras> cameras;
+    std::unique_ptr<Recorder> rec;
+    std::mutex mutex;
+    QList<QPair<QString, QString>> done; // (path, session)
+    QList<QByteArray> jpegs;
+    QList<std::function<void()>> scheduled; // the 2 s retries, run by the test
+
+    RecorderFixture(int cameraCount, bool manualClock)
+    {
+        if (manualClock) {
+            manual = std::make_unique<ManualClock>(100000000000LL);
+            clock = manual.get();
+        }
+        audio = std::make_unique<SyntheticAudioBackend>(*clock);
+        audio->devices = {Device{QStringLiteral("laptop"), QStringLiteral("Laptop Mic"), true, true},
+                          Device{QStringLiteral("usbmic"), QStringLiteral("USB Mic"), false, false}};
+        audio->monitor = kMonitor;
+        cameras = std::make_unique<Cameras>(cameraCount);
+        server = std::make_unique<Server>(*audio);
+        rec = std::make_unique<Recorder>(*server, *cameras, *clock);
+        rec->onSegmentDone = [this](const QString &path, const QString &s) { locked([&] { done.append({path, s}); }); };
+        rec->onPreviewFrame = [this](const QByteArray &jpeg) { locked([&] { jpegs.append(jpeg); }); };
+        rec->sources().schedule = [this](int ms, std::function<void()> action) {
+            QCOMPARE(ms, 2000);
+            scheduled.append(std::move(action));
+        };
+    }
+    ~RecorderFixture() { rec.reset(); }
+
+    bool waitFor(const std::function<void(std::function<void()>)> &call)
+    {
+        bool done = false;
+        call([&] { done = true; });
+        return QTest::qWaitFor([&] { return done; }, 20000);
+    }
+    bool start(const std::optional<QString> &s) { return waitFor([&](auto done) { rec->start(s, done); }); }
+    bool stop() { return waitFor([&](auto done) { rec->stop(done); }); }
+    QString take() const { return QString::number(rec->currentTake()); }
+    QStringList doneNames(const QString &prefix = QString())
+    {
+        std::lock_guard lock(mutex);
+        QStringList names;
+        for (const auto &[path, session] : done)
+            if (QFileInfo(path).fileName().startsWith(prefix))
+                names << QFileInfo(path).fileName();
+        names.sort();
+        return names;
+    }
+    static QString path(const QString &session, const QString &name)
+    {
+        return Config::dir(QStringLiteral("writing")) + QLatin1Char('/') + session + QLatin1Char('/') + name;
+    }
+    void locked(const std::function<void()> &job)
+    {
+        std::lock_guard lock(mutex);
+        job();
+    }
+    QList<QByteArray> takeJpegs()
+    {
+        QList<QByteArray> out;
+        locked([&] { out.swap(jpegs); });
+        return out;
+    }
+
+    // 10 ms of a 440 Hz tone at 0.3 (or of `level` when set), first frame `first`.
+    static QByteArray tone(int channels, int64_t first, float level = -1)
+    {
+        QByteArray pcm(480 * channels * int(sizeof(float)), Qt::Uninitialized);
+        auto *p = reinterpret_cast<float *>(pcm.data());
+        for (int i = 0; i < 480; ++i)
+            for (int c = 0; c < channels; ++c)
+                p[i * channels + c] = level >= 0 ? level : 0.3f * float(std::sin(2 * M_PI * 440.0 * double(first + i) / 48000.0));
+        return pcm;
+    }
+    // Manual clock: `seconds` of tone from each source from `fromNs`, in 10 ms blocks stamped
+    // ± `jitterNs`, the clock moving along and the audio queue handling each block in its time.
+    void feed(const QStringList &sources, int64_t fromNs, double seconds, int64_t jitterNs = 0)
+    {
+        for (int b = 0; b < int(seconds * 100); ++b) {
+            const int64_t at = fromNs + b * 10000000LL + (b % 2 ? jitterNs : -jitterNs);
+            manual->set(fromNs + (b + 1) * 10000000LL);
+            for (const QString &s : sources)
+                if (const int channels = audio->openChannels(s))
+                    audio->deliver(s, tone(channels, int64_t(b) * 480), at);
+            rec->audioQueue().sync([] {});
+        }
+    }
+};
+
+// Real time: 10 ms blocks of near-silence into "usbmic" and the monitor on the monotonic clock,
+// with a 1 ms click in the microphone at `clickNs` when set.
+class AudioFeed
+{
+public:
+    explicit AudioFeed(SyntheticAudioBackend &backend, int64_t clickNs = 0)
+        : m_thread([this, &backend, clickNs] {
+            const int64_t start = Clock::monotonic().nowNs();
+            for (int64_t b = 0; !m_stop; ++b) {
+                const int64_t at = start + b * 10000000LL, wake = at + 10000000LL;
+                const timespec ts{time_t(wake / 1000000000), long(wake % 1000000000)};
+                clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr);
+                QByteArray mono = RecorderFixture::tone(1, 0, 0.001f);
+                auto *p = reinterpret_cast<float *>(mono.data());
+                for (int i = 0; i < 480 && clickNs; ++i)
+                    if (const int64_t since = at + int64_t(i) * 1000000000 / 48000 - clickNs; since >= 0 && since < 1000000)
+                        p[i] = 0.9f;
+                backend.deliver(QStringLiteral("usbmic"), mono, at);
+                backend.deliver(RecorderFixture::kMonitor, RecorderFixture::tone(2, 0, 0), at);
+            }
+        })
+    {
+    }
+    ~AudioFeed()
+    {
+        m_stop = true;
+        m_thread.join();
+    }
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};

@@ -1,0 +1,35 @@
+#include "V4L2CameraBackend.h"
+
+#include <QDir>
+#include <QTemporaryDir>
+#include <QtTest>
+
+// The V4L2 camera list is a cache that follows the device folder: a node that appears or goes
+// away shows in list() without anyone opening devices on the caller's thread.
+class CameraListTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void listFollowsTheDeviceFolder()
+    {
+        QTemporaryDir root;
+        const QString nodes = root.path() + QStringLiteral("/sys/class/video4linux");
+        QVERIFY(QDir().mkpath(nodes + QStringLiteral("/video0")));
+        std::atomic<int> probes{0};
+        const auto probe = [&](const QString &path) { return ++probes, std::optional<V4L2Discovery::Caps>({QFileInfo(path).fileName(), {}, true}); };
+        V4L2CameraBackend backend(V4L2Discovery(root.path(), probe), nodes);
+        QTRY_COMPARE(backend.list().size(), 1);
+        const int probed = probes;
+        QCOMPARE(backend.list().first().name, QStringLiteral("video0"));
+        QCOMPARE(probes.load(), probed); // listing again opens nothing
+        QVERIFY(QDir().mkpath(nodes + QStringLiteral("/video2")));
+        QTRY_COMPARE(backend.list().size(), 2);
+        QVERIFY(QDir(nodes + QStringLiteral("/video0")).removeRecursively());
+        QTRY_COMPARE(backend.list().size(), 1);
+        QCOMPARE(backend.list().first().name, QStringLiteral("video2"));
+    }
+};
+
+QTEST_GUILESS_MAIN(CameraListTest)
+#include "tst_camera_list.moc"

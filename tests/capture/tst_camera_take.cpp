@@ -1,0 +1,215 @@
+#include "CameraManager.h"
+#include "FrameDecoder.h"
+#include "MediaProbe.h"
+#include "RecorderFixture.h"
+#include "SyntheticCamera.h"
+#include "TestHome.h"
+#include "TestPattern.h"
+
+#include <QJsonObject>
+
+#include <linux/videodev2.h>
+
+extern "C" {
+#include <libavutil/frame.h>
+}
+
+namespace {
+// The camera a preview picture came from (synthetic camera n counts from n × 10,000,000).
+int cameraOf(const QByteArray &jpeg)
+{
+    FrameDecoder d;
+    const std::shared_ptr<AVFrame> f = d.open(V4L2_PIX_FMT_MJPEG, 0, 0)
+        ? d.decode(reinterpret_cast<const uint8_t *>(jpeg.constData()), size_t(jpeg.size()))
+        : nullptr;
+    const int64_t counter = f ? TestPattern::readCounter(*f) : -1;
+    return counter < 0 ? -1 : int(counter / SyntheticCameraBackend::kCounterStep);
+}
+double number(const QJsonObject &o, const char *key) { return o.value(QLatin1String(key)).toString().toDouble(); }
+} // namespace
+
+// The recorder with synthetic cameras and real-time synthetic audio on the monotonic clock:
+// cameras in the take, the start sync waiting for the camera, camera tracks, preview.
+class CameraTakeTest : public QObject
+{
+    Q_OBJECT
+    TestHome home;
+    std::unique_ptr<RecorderFixture> f;
+
+    void make(int cameras, bool enable = true)
+    {
+        f = std::make_unique<RecorderFixture>(cameras, false);
+        if (enable) {
+            f->rec->setCamerasEnabled(true);
+            QTRY_VERIFY(f->rec->camRunning());
+        }
+    }
+    void record(const QString &session, int ms)
+    {
+        QVERIFY(f->start(session));
+        AudioFeed feed(*f->audio);
+        QTest::qWait(ms);
+    }
+
+private Q_SLOTS:
+    void init() { home.wipe(); }
+    void cleanup()
+    {
+        f.reset();
+        SyntheticCamera::flashAt(0);
+    }
+
+    // The start sync waits for the camera; the H.264 track has the camera's size, and a frame
+    // flashed at a click lies as far from the click in the files as it did when captured.
+    void cameraTrackLinesUpWithTheMicrophone()
+    {
+        make(1);
+        const int64_t click = Clock::monotonic().nowNs() + 1513000000; // off the frame grid
+        SyntheticCamera::flashAt(click);
+        QVERIFY(f->start(QStringLiteral("CAM")));
+        {
+            AudioFeed feed(*f->audio, click);
+            QTest::qWait(2800);
+        }
+        QVERIFY(f->stop());
+        QVERIFY(home.log().contains("sync: all tracks locked to one start"));
+        const QString cam = "cam_" + f->take() + "_00000_final.mp4";
+        QCOMPARE(f->doneNames("cam"), QStringList({cam}));
+        const QJsonObject s = MediaProbe::video(f->path("CAM", cam));
+        QCOMPARE(s.value("codec_name").toString(), QStringLiteral("h264"));
+        QCOMPARE(s.value("width").toInt(), 320);
+        QCOMPARE(s.value("height").toInt(), 180);
+        const double flashAt = MediaProbe::firstBrightFrame(f->path("CAM", cam));
+        const QVector<float> mic = MediaProbe::decode(f->path("CAM", "mic_" + f->take() + "_00000_final.m4a"));
+        const double clickAt = double(MediaProbe::firstAbove(mic, 0.3f)) / 48000.0;
+        QVERIFY(flashAt > 0 && clickAt > 0);
+        const double captured = double(SyntheticCamera::lastFlashNs() - click) / 1e9;
+        QVERIFY(captured >= 0 && captured < 0.5);
+        QVERIFY(std::fabs((flashAt - clickAt) - captured) <= 0.002);
+        QVERIFY(f->rec->camRunning()); // enabled cameras outlive the take
+    }
+
+    // A main camera that delivers nothing holds the start back for 2 s, then the take starts
+    // without it; an extra camera records from that start, not before.
+    void syncWaitsForTheCamera()
+    {
+        make(2);
+        f->cameras->unplugged = 1;
+        QVERIFY(f->start(QStringLiteral("WAIT")));
+        QElapsedTimer waited;
+        waited.start();
+        {
+            AudioFeed feed(*f->audio);
+            QTRY_VERIFY_WITH_TIMEOUT(home.log().contains("sync: started without cam (timed out)"), 5000);
+            QVERIFY2(waited.elapsed() >= 1900, qPrintable(QString::number(waited.elapsed())));
+            QTest::qWait(1000);
+        }
+        QVERIFY(f->stop());
+        const int frames = number(MediaProbe::video(f->path("WAIT", "cam2_" + f->take() + "_00000_final.mp4")), "nb_read_frames");
+        QVERIFY2(frames >= 20 && frames <= 45, qPrintable(QString::number(frames)));
+    }
+
+    // Five cameras give cam, cam2, cam3, cam4 from one start, reported with the session.
+    void fiveCamerasGiveFourTracks()
+    {
+        make(5);
+        QTRY_COMPARE(f->rec->cameraManager().extraTracks(), QStringList({"cam2", "cam3", "cam4"}));
+        record(QStringLiteral("FIVE"), 1200);
+        QVERIFY(f->stop());
+        const QString t = f->take();
+        QCOMPARE(f->doneNames("cam"), QStringList({"cam2_" + t + "_00000_final.mp4", "cam3_" + t + "_00000_final.mp4",
+                                                   "cam4_" + t + "_00000_final.mp4", "cam_" + t + "_00000_final.mp4"}));
+        for (const auto &[path, session] : f->done) {
+            QCOMPARE(session, QStringLiteral("FIVE"));
+            if (path.endsWith(QLatin1String(".mp4")))
+                QVERIFY2(number(MediaProbe::video(path), "nb_read_frames") >= 5, qPrintable(path));
+        }
+    }
+
+    // Cameras switched off mid-take end their tracks once; audio goes on; preview stops.
+    void camerasOffMidTakeEndTheTrackOnce()
+    {
+        make(2);
+        record(QStringLiteral("OFF"), 1000);
+        f->rec->previewing = true;
+        f->rec->setCamerasEnabled(false);
+        QVERIFY(!f->rec->previewing);
+        f->rec->videoQueue().sync([] {});
+        QVERIFY(!f->rec->camRunning());
+        const QStringList ended{"cam2_" + f->take() + "_00000_final.mp4", "cam_" + f->take() + "_00000_final.mp4"};
+        QCOMPARE(f->doneNames("cam"), ended);
+        QVERIFY(f->rec->isRecording());
+        QVERIFY(f->stop());
+        QCOMPARE(f->doneNames("cam"), ended);
+        QCOMPARE(f->doneNames("mic").size(), 1);
+        QVERIFY(home.log().contains("Go Live OFF by control"));
+    }
+
+    // Preview shows the main camera, then only the chosen one, at most 24 pictures a second.
+    void previewFollowsTheChosenCamera()
+    {
+        make(3);
+        f->rec->previewing = true;
+        QTest::qWait(1000);
+        QList<QByteArray> got = f->takeJpegs();
+        QVERIFY2(got.size() >= 10 && got.size() <= 25, qPrintable(QString::number(got.size())));
+        for (const QByteArray &j : got)
+            QCOMPARE(cameraOf(j), 1);
+        f->rec->setPreviewCamUID(QStringLiteral("synthetic-3"));
+        f->rec->videoQueue().sync([] {});
+        f->takeJpegs();
+        QTest::qWait(400);
+        got = f->takeJpegs();
+        QVERIFY(got.size() >= 4);
+        for (const QByteArray &j : got)
+            QCOMPARE(cameraOf(j), 3);
+    }
+
+    // A main camera unplugged mid-take is named and opened again when back; its track goes on
+    // in the same numbering, nothing overwritten.
+    void mainCameraUnpluggedAndBackContinuesItsTrack()
+    {
+        make(1);
+        QVERIFY(f->start(QStringLiteral("BACK")));
+        AudioFeed feed(*f->audio);
+        QTest::qWait(800);
+        f->cameras->unplugged = 1;
+        QTRY_VERIFY_WITH_TIMEOUT(!f->rec->camRunning() && f->rec->camError(), 5000);
+        f->cameras->unplugged = 0;
+        QTRY_VERIFY_WITH_TIMEOUT(f->rec->camRunning(), 5000);
+        QTest::qWait(800);
+        QVERIFY(f->stop());
+        const QStringList cams = f->doneNames("cam_");
+        QCOMPARE(cams, QStringList({"cam_" + f->take() + "_00000_final.mp4"}));
+        const QJsonObject s = MediaProbe::video(f->path("BACK", cams.first()));
+        QVERIFY2(number(s, "format_duration") > 3.0, qPrintable(s.value("format_duration").toString()));
+    }
+
+    // Cameras enabled after the take locked on audio: every camera track takes the common start
+    // (the same late start in each file), and an extra camera opened again continues numbering.
+    void extraCamerasTakeTheCommonStart()
+    {
+        make(2, false);
+        QVERIFY(f->start(QStringLiteral("LATE")));
+        AudioFeed feed(*f->audio);
+        QTRY_VERIFY(home.log().contains("sync: all tracks locked to one start"));
+        QTest::qWait(500);
+        f->rec->setCamerasEnabled(true);
+        QTRY_COMPARE(f->rec->cameraManager().extraTracks(), QStringList({"cam2"}));
+        QTest::qWait(600);
+        f->rec->restartCamera();
+        QTest::qWait(600);
+        QVERIFY(f->stop());
+        const QString t = f->take();
+        QCOMPARE(f->doneNames("cam"), QStringList({"cam2_" + t + "_00000_final.mp4", "cam2_" + t + "_00001_final.mp4",
+                                                   "cam_" + t + "_00000_final.mp4"}));
+        const QJsonObject cam = MediaProbe::video(f->path("LATE", "cam_" + t + "_00000_final.mp4"));
+        const QJsonObject cam2 = MediaProbe::video(f->path("LATE", "cam2_" + t + "_00000_final.mp4"));
+        QVERIFY2(number(cam, "start_time") > 0.4, qPrintable(cam.value("start_time").toString()));
+        QVERIFY(std::fabs(number(cam, "start_time") - number(cam2, "start_time")) < 0.1);
+        QVERIFY(number(MediaProbe::video(f->path("LATE", "cam2_" + t + "_00001_final.mp4")), "nb_read_frames") >= 5);
+    }
+};
+
+QTEST_GUILESS_MAIN(CameraTakeTest)
+#include "tst_camera_take.moc"

@@ -1,0 +1,141 @@
+#include "AudioSignal.h"
+#include "Config.h"
+#include "MediaProbe.h"
+#include "TestHome.h"
+#include "TestPattern.h"
+#include "TrackWriter.h"
+#include "VideoWriter.h"
+
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QtTest>
+
+extern "C" {
+#include <libavutil/frame.h>
+}
+
+using AudioSignal::ns;
+
+namespace {
+constexpr int64_t kBase = 5000LL * 1000000000; // an arbitrary monotonic start (5000 s)
+
+// A grainy camera frame: the counted test pattern under noise, so the encoder spends its budget.
+TimedSample frameAt(int64_t index, AudioSignal::Noise &noise)
+{
+    TimedSample s;
+    s.kind = TimedSample::Kind::Video;
+    s.pts = MediaTime::fromNanoseconds(kBase + index * 1000000000 / 30);
+    s.duration = MediaTime::make(1, 30);
+    s.frame = TestPattern::draw(640, 360, index, false);
+    for (int y = 0; y < 360; ++y)
+        for (int x = 0; x < 640; ++x) {
+            uint8_t &v = s.frame->data[0][size_t(y) * size_t(s.frame->linesize[0]) + size_t(x)];
+            v = uint8_t(std::clamp(int(v) + int(noise(0) * 80), 0, 255));
+        }
+    return s;
+}
+} // namespace
+
+// The segment writer with its two formats, checked with ffprobe: codecs, rates, naming,
+// roll-over, the common start and the final marker.
+class WriterTest : public QObject
+{
+    Q_OBJECT
+    TestHome home;
+    QStringList done;
+
+    void attach(SegmentWriter &w) { w.onSegmentDone = [this](const QString &p) { done.append(p); }; }
+
+private Q_SLOTS:
+    void init()
+    {
+        home.wipe();
+        done.clear();
+    }
+
+    void formats_data()
+    {
+        QTest::addColumn<int>("channels"); // 0: video
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<int>("outChannels");
+        QTest::addColumn<int>("bitRate");
+        QTest::newRow("mono AAC") << 1 << "mic_1_00000_final.m4a" << 1 << 64000;
+        QTest::newRow("six channels to stereo") << 6 << "sys_1_00000_final.m4a" << 2 << 128000;
+        QTest::newRow("H.264 at full quality") << 0 << "cam_1_00000_final.mp4" << 0 << 8000000;
+    }
+    // AAC in M4A at 48 kHz (64 kbit/s mono, 128 kbit/s stereo), H.264 in MP4 at the quality's rate.
+    void formats()
+    {
+        QFETCH(int, channels);
+        QFETCH(QString, name);
+        QFETCH(int, outChannels);
+        QFETCH(int, bitRate);
+        Config::setUploadQuality(QStringLiteral("full"));
+        std::unique_ptr<SegmentWriter> w = channels ? std::unique_ptr<SegmentWriter>(new TrackWriter(name.left(3)))
+                                                    : std::make_unique<VideoWriter>(QStringLiteral("cam"));
+        attach(*w);
+        w->begin(QStringLiteral("S1"), 1);
+        AudioSignal::Noise noise;
+        for (int i = 0; i < (channels ? 300 : 90); ++i)
+            w->append(channels ? AudioSignal::block(kBase + ns(i * 480), 480, channels, noise) : frameAt(i, noise));
+        w->close(true);
+        QCOMPARE(done.size(), 1);
+        QCOMPARE(QFileInfo(done[0]).fileName(), name);
+        const QJsonObject s = channels ? MediaProbe::stream(done[0]) : MediaProbe::video(done[0]);
+        QCOMPARE(s.value("codec_name").toString(), channels ? QStringLiteral("aac") : QStringLiteral("h264"));
+        if (channels) {
+            QCOMPARE(s.value("sample_rate").toString(), QStringLiteral("48000"));
+            QCOMPARE(s.value("channels").toInt(), outChannels);
+            QCOMPARE(MediaProbe::decode(done[0]).size(), qsizetype(300 * 480)); // nothing added or lost
+        } else {
+            QCOMPARE(s.value("width").toInt(), 640);
+            QCOMPARE(s.value("nb_read_frames").toString().toInt(), 90);
+        }
+        const double measured = s.value("bit_rate").toString().toDouble();
+        QVERIFY2(std::abs(measured - bitRate) < 0.2 * bitRate, qPrintable(QString::number(measured)));
+    }
+
+    // Samples before the common start are dropped, a hole in the stamps becomes silence, and
+    // segments roll over at their length without losing or repeating a sample; the last is "_final".
+    void rollOverFromTheCommonStart()
+    {
+        TrackWriter w(QStringLiteral("mic"), 2.0);
+        attach(w);
+        w.begin(QStringLiteral("S2"), 42);
+        w.setOpenAt(MediaTime::fromNanoseconds(kBase + ns(4800)));
+        const int blocks = 5 * 100 + 17;
+        for (int b = 0; b < blocks; ++b)
+            if (b < 300 || b >= 310) // a 100 ms hole, filled with silence
+                w.append(AudioSignal::block(kBase + ns(b * 480), 480, 1, [b](int i) { return (b * 480 + i) % 997 ? 0.f : 0.5f; }));
+        QCOMPARE(w.segStart(), MediaTime::fromNanoseconds(kBase + ns(4800 + 2 * 96000)));
+        w.close(true);
+        QCOMPARE(done.size(), 3);
+        QVERIFY(done[0].endsWith(QStringLiteral("/S2/mic_42_00000.m4a")));
+        QVERIFY(done[1].endsWith(QStringLiteral("/S2/mic_42_00001.m4a")));
+        QVERIFY(done[2].endsWith(QStringLiteral("/S2/mic_42_00002_final.m4a")));
+        qsizetype total = 0;
+        for (const QString &p : done)
+            total += MediaProbe::decode(p).size();
+        QCOMPARE(total, qsizetype(blocks * 480 - 4800));
+    }
+
+    // Ending with nothing open leaves an empty final marker after the last segment, or nothing
+    // when the take never opened one.
+    void finalMarker()
+    {
+        TrackWriter w(QStringLiteral("room"));
+        attach(w);
+        w.begin(QStringLiteral("S3"), 11);
+        w.close(true);
+        QVERIFY(done.isEmpty());
+        w.append(AudioSignal::silence(kBase, 480));
+        w.close(false);
+        w.close(true);
+        QCOMPARE(done.size(), 2);
+        QVERIFY(done[1].endsWith(QStringLiteral("/S3/room_11_00001_final.m4a")));
+        QCOMPARE(QFileInfo(done[1]).size(), 0);
+    }
+};
+
+QTEST_GUILESS_MAIN(WriterTest)
+#include "tst_writer.moc"
