@@ -1,18 +1,18 @@
-#include "SyntheticCameraBackend.h"
 #include "Clock.h"
-#include "AudioSignal.h"
 #include "Config.h"
+#include "DeviceChoice.h"
 #include "MediaProbe.h"
-#include "Permissions.h"
 #include "PulseBackend.h"
 #include "PulseFixture.h"
 #include "Recorder.h"
+#include "SyntheticCameraBackend.h"
 #include "TestHome.h"
 
-#include <QDir>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QtTest>
 
+#include <csignal>
 #include <cmath>
 
 namespace {
@@ -25,6 +25,10 @@ QVector<float> clickSound()
     return s;
 }
 
+bool pactl(const QStringList &args)
+{
+    return QProcess::execute(QStringLiteral("pactl"), args) == 0;
+}
 } // namespace
 
 // Recording from the test PulseAudio daemon: real devices, real streams, real files.
@@ -34,111 +38,88 @@ class AudioCaptureTest : public QObject
     TestHome home;
     PulseBackend pulse;
     SyntheticCameraBackend noCameras{SyntheticCameraBackend::Setup{}};
+    std::unique_ptr<Recorder> rec;
+    QStringList done; // the take's finished files
 
-private slots:
+    bool startTake(const QString &session)
+    {
+        Config::setMicUID(QStringLiteral("brava_mic"));
+        rec = std::make_unique<Recorder>(pulse, noCameras, Clock::monotonic());
+        rec->onSegmentDone = [this](const QString &path, const QString &) { done.append(path); };
+        bool started = false;
+        rec->start(session, [&] { started = true; });
+        return QTest::qWaitFor([&] { return started; }, 10000) && !rec->lastError();
+    }
+    bool stopTake()
+    {
+        bool stopped = false;
+        rec->stop([&] { stopped = true; });
+        return QTest::qWaitFor([&] { return stopped; }, 10000);
+    }
+    QString file(const char *track) const
+    {
+        const QStringList f = done.filter(QStringLiteral("/%1_").arg(QLatin1String(track)));
+        return f.isEmpty() ? QString() : f.last();
+    }
+    bool playClick(const QString &sink)
+    {
+        const QString wav = home.root() + QStringLiteral("/click.wav");
+        return PulseFixture::writeWav(wav, clickSound()) && PulseFixture::play(sink, wav);
+    }
+
+private Q_SLOTS:
     void init()
     {
         if (!PulseFixture::available())
             QSKIP("needs the PulseAudio daemon of scripts/test (BRAVA_TEST_PULSE=1)");
         home.wipe();
+        done.clear();
     }
+    void cleanup() { rec.reset(); }
 
-    // Permissions follow the sound server: no server answering is no answer; the test server
-    // accepts this program and lets its output's monitor be opened.
-    void permissionsFollowTheServer()
+    // With no server there is no answer; the test server lists its microphones (no monitors)
+    // with their descriptions, built-in and default flags, and names the output's monitor.
+    void devicesAreListedAndChosen()
     {
         const QByteArray server = qgetenv("PULSE_SERVER");
         qputenv("PULSE_SERVER", "unix:/nonexistent/brava/native");
         {
             PulseBackend absent;
-            const Permissions none(absent);
-            QCOMPARE(none.microphone(), Permissions::Status::NotDetermined);
-            QCOMPARE(none.computerAudio(), Permissions::Status::NotDetermined);
+            QCOMPARE(absent.access(), AudioBackend::Access::Unknown);
+            QVERIFY(!absent.answering() && absent.inputs().isEmpty() && !absent.outputMonitor(nullptr));
         }
         qputenv("PULSE_SERVER", server);
-        const Permissions permissions(pulse);
-        QCOMPARE(permissions.microphone(), Permissions::Status::Authorized);
-        QCOMPARE(permissions.computerAudio(), Permissions::Status::Authorized);
-    }
-
-    // Microphones are the non-monitor sources with their descriptions; the built-in flag comes
-    // from the form factor or bus; the computer audio is the default output's monitor.
-    void devicesAreListedAndChosen()
-    {
         QCOMPARE(pulse.access(), AudioBackend::Access::Allowed);
-        const QList<Device> mics = pulse.inputs();
-        QStringList uids;
-        for (const Device &d : mics)
-            uids.append(d.uid);
-        QVERIFY2(uids.contains("brava_mic") && uids.contains("brava_usbmic"), qPrintable(uids.join(',')));
-        for (const Device &d : mics) {
-            QVERIFY(!d.uid.endsWith(QLatin1String(".monitor")));
-            if (d.uid == QLatin1String("brava_mic")) {
-                QCOMPARE(d.name, QStringLiteral("BravaBuiltinMic"));
-                QVERIFY(d.builtIn);
-                QVERIFY(d.isDefault);
-            }
-            if (d.uid == QLatin1String("brava_usbmic"))
-                QVERIFY(!d.builtIn);
-        }
-        QString reason;
-        QCOMPARE(pulse.outputMonitor(&reason).value_or(QString()), QStringLiteral("brava_out.monitor"));
-
-        Config::setMicUID(QString());
-        Recorder rec(pulse, noCameras, Clock::monotonic());
-        QCOMPARE(rec.pickMic()->uid, QStringLiteral("brava_usbmic")); // attached wins
-        Config::setMicUID(QStringLiteral("gone"));
-        QCOMPARE(rec.pickMic()->uid, QStringLiteral("brava_mic")); // unplugged: the default
+        QVERIFY(pulse.answering());
+        QStringList seen;
+        for (const Device &d : pulse.inputs())
+            seen.append(QStringLiteral("%1 %2 %3%4").arg(d.uid, d.name).arg(d.builtIn).arg(d.isDefault));
+        QVERIFY2(seen.contains(QStringLiteral("brava_mic BravaBuiltinMic 11"))
+                     && seen.contains(QStringLiteral("brava_usbmic BravaUSBMic 00")) && seen.filter(QStringLiteral("monitor")).isEmpty(),
+                 qPrintable(seen.join(QLatin1Char(','))));
+        QCOMPARE(pulse.outputMonitor(nullptr).value_or(QString()), QStringLiteral("brava_out.monitor"));
+        QCOMPARE(DeviceChoice::pickMic(pulse.inputs(), QString())->uid, QStringLiteral("brava_usbmic")); // attached wins
     }
 
     // One click played into the output reaches microphone and computer audio at the same instant;
-    // in the two files it sits at the same time within 1 ms. Levels rise, the room microphone
-    // (the built-in one, since the USB one is in use) is recorded too, and the files carry AAC
+    // in the two files it sits at the same time within 1 ms. Levels rise, and the files carry AAC
     // at the agreed rates with durations matching the take.
     void clickLinesUpAcrossTracks()
     {
         if (!MediaProbe::available())
             QSKIP("ffprobe/ffmpeg not installed");
-        Config::setMicUID(QStringLiteral("brava_mic"));
-        Recorder rec(pulse, noCameras, Clock::monotonic());
-        QStringList done;
-        rec.onSegmentDone = [&](const QString &path, const QString &session) {
-            QCOMPARE(session, QStringLiteral("align"));
-            done.append(path);
-        };
-        bool started = false;
-        rec.start(QStringLiteral("align"), [&] { started = true; });
-        QTRY_VERIFY(started);
-        QVERIFY2(!rec.lastError(), qPrintable(rec.lastError().value_or(QString())));
-        QCOMPARE(rec.micName(), QStringLiteral("BravaBuiltinMic"));
-        QTest::qWait(2500);
-        const QString wav = home.root() + QStringLiteral("/click.wav");
-        QVERIFY(PulseFixture::writeWav(wav, clickSound()));
-        QVERIFY(PulseFixture::play(QStringLiteral("brava_out"), wav));
-        const Recorder::Levels levels = rec.takeLevels();
+        QVERIFY(startTake(QStringLiteral("align")));
+        QTest::qWait(2500); // a take of a few seconds before the click
+        QVERIFY(playClick(QStringLiteral("brava_out")));
+        const Recorder::Levels levels = rec->takeLevels();
         QVERIFY2(levels.mic > 0.01f && levels.sys > 0.01f, qPrintable(QStringLiteral("%1 %2").arg(levels.mic).arg(levels.sys)));
-        QTest::qWait(300);
-        bool stopped = false;
-        rec.stop([&] { stopped = true; });
-        QTRY_VERIFY(stopped);
-
-        QString mic, sys;
-        for (const QString &p : done) {
-            if (p.contains(QLatin1String("/mic_")))
-                mic = p;
-            if (p.contains(QLatin1String("/sys_")))
-                sys = p;
-        }
-        QVERIFY2(mic.endsWith(QStringLiteral("_00000_final.m4a")) && sys.endsWith(QStringLiteral("_00000_final.m4a")),
-                 qPrintable(done.join(',')));
-        QVERIFY(mic.contains(QStringLiteral("/mic_%1_").arg(rec.currentTake())));
-
+        QVERIFY(stopTake());
+        const QString mic = file("mic"), sys = file("sys");
+        QVERIFY2(mic.endsWith(QStringLiteral("_00000_final.m4a")) && sys.endsWith(QStringLiteral("_00000_final.m4a")), qPrintable(done.join(QLatin1Char(','))));
         const QJsonObject m = MediaProbe::stream(mic), s = MediaProbe::stream(sys);
-        QCOMPARE(m.value("codec_name").toString(), QStringLiteral("aac"));
-        QCOMPARE(m.value("sample_rate").toString(), QStringLiteral("48000"));
-        QCOMPARE(m.value("channels").toInt(), 1);
-        QCOMPARE(s.value("channels").toInt(), 2);
-        QCOMPARE(s.value("sample_rate").toString(), QStringLiteral("48000"));
+        QCOMPARE(m.value(QStringLiteral("codec_name")).toString() + m.value(QStringLiteral("sample_rate")).toString(), QStringLiteral("aac48000"));
+        QCOMPARE(s.value(QStringLiteral("sample_rate")).toString(), QStringLiteral("48000"));
+        QCOMPARE(m.value(QStringLiteral("channels")).toInt() * 10 + s.value(QStringLiteral("channels")).toInt(), 12);
 
         const QVector<float> a = MediaProbe::decode(mic), b = MediaProbe::decode(sys);
         const qsizetype ca = MediaProbe::firstAbove(a, 0.25f), cb = MediaProbe::firstAbove(b, 0.25f);
@@ -149,88 +130,83 @@ private slots:
         // renders (2 ms here) when it is rendered, the monitor stamps it when it is heard.
         // Measured 0.2 to 0.5 ms, also with both cores busy.
         QVERIFY2(std::fabs(offsetMs) <= 1.0, qPrintable(QString::number(offsetMs)));
-        // Both tracks start at the common start and cover the take: about 2.5 + 1.0 + 0.3 s.
+        // Both tracks start at the common start and cover the take: about 2.5 + 1.0 s.
         const double durA = a.size() / 48000.0, durB = b.size() / 48000.0;
-        QVERIFY2(std::fabs(durA - durB) < 0.1 && durA > 3.4 && durA < 5.0, qPrintable(QStringLiteral("%1 %2").arg(durA).arg(durB)));
+        QVERIFY2(std::fabs(durA - durB) < 0.1 && durA > 3.3 && durA < 5.0, qPrintable(QStringLiteral("%1 %2").arg(durA).arg(durB)));
     }
 
-    // A new default output mid-take (headphones plugged in): computer audio follows it, and what
-    // plays on the new output is recorded.
-    void computerAudioFollowsTheDefaultOutput()
+    // Computer audio follows the default output: to a new one (headphones plugged in), and back
+    // to the one that is the default then when the output in use goes away (never to a
+    // microphone the server might move the stream to). What plays there is recorded.
+    void computerAudioFollowsTheOutput_data()
     {
-        if (!MediaProbe::available())
-            QSKIP("ffprobe/ffmpeg not installed");
-        Config::setMicUID(QStringLiteral("brava_mic"));
-        Recorder rec(pulse, noCameras, Clock::monotonic());
-        QString sys;
-        rec.onSegmentDone = [&](const QString &path, const QString &) {
-            if (path.contains(QLatin1String("/sys_")))
-                sys = path;
-        };
-        bool started = false;
-        rec.start(QStringLiteral("follow"), [&] { started = true; });
-        QTRY_VERIFY(started);
-        QVERIFY(setDefaultSink(QStringLiteral("brava_feed")));
-        QTRY_VERIFY(home.log().contains(QLatin1String("computer audio: following the output to brava_feed.monitor")));
-        const QString wav = home.root() + QStringLiteral("/click.wav");
-        QVERIFY(PulseFixture::writeWav(wav, clickSound()));
-        QVERIFY(PulseFixture::play(QStringLiteral("brava_feed"), wav));
-        bool stopped = false;
-        rec.stop([&] { stopped = true; });
-        QTRY_VERIFY(stopped);
-        QVERIFY(setDefaultSink(QStringLiteral("brava_out")));
-        QVERIFY2(sys.endsWith(QStringLiteral("_final.m4a")), qPrintable(sys));
-        QVERIFY(MediaProbe::firstAbove(MediaProbe::decode(sys), 0.25f) > 0);
+        QTest::addColumn<bool>("unplug");
+        QTest::addColumn<QString>("target");
+        QTest::newRow("plugged in") << false << QStringLiteral("brava_feed");
+        QTest::newRow("unplugged") << true << QStringLiteral("brava_out");
     }
-
-    // The output in use goes away (headphones unplugged): computer audio comes back on the output
-    // that is the default then, never on a microphone the server might have moved it to.
-    void computerAudioSurvivesItsOutputGoingAway()
+    void computerAudioFollowsTheOutput()
     {
+        QFETCH(bool, unplug);
+        QFETCH(QString, target);
         if (!MediaProbe::available())
             QSKIP("ffprobe/ffmpeg not installed");
+        const auto restore = qScopeGuard([] { pactl({QStringLiteral("set-default-sink"), QStringLiteral("brava_out")}); });
         QProcess load;
-        load.start(QStringLiteral("pactl"), {QStringLiteral("load-module"), QStringLiteral("module-null-sink"),
-                                             QStringLiteral("sink_name=brava_headset"), QStringLiteral("rate=48000")});
-        QVERIFY(load.waitForFinished(5000) && load.exitCode() == 0);
-        const QString module = QString::fromUtf8(load.readAllStandardOutput()).trimmed();
-        QVERIFY(setDefaultSink(QStringLiteral("brava_headset")));
-        Config::setMicUID(QStringLiteral("brava_mic"));
-        Recorder rec(pulse, noCameras, Clock::monotonic());
-        QString sys;
-        rec.onSegmentDone = [&](const QString &path, const QString &) {
-            if (path.contains(QLatin1String("/sys_")))
-                sys = path;
-        };
-        bool started = false;
-        rec.start(QStringLiteral("unplug"), [&] { started = true; });
-        QTRY_VERIFY(started);
-        QVERIFY(QProcess::execute(QStringLiteral("pactl"), {QStringLiteral("unload-module"), module}) == 0);
-        QVERIFY(setDefaultSink(QStringLiteral("brava_out")));
-        QTRY_VERIFY_WITH_TIMEOUT(home.log().contains(QLatin1String("following the output to brava_out.monitor"))
-                                     || home.log().count(QLatin1String("computer audio stopped")) == 1,
-                                 5000);
-        QTest::qWait(2500); // past the one retry
-        const QString wav = home.root() + QStringLiteral("/click.wav");
-        QVERIFY(PulseFixture::writeWav(wav, clickSound()));
-        QVERIFY(PulseFixture::play(QStringLiteral("brava_out"), wav));
-        bool stopped = false;
-        rec.stop([&] { stopped = true; });
-        QTRY_VERIFY(stopped);
-        QVERIFY2(!sys.isEmpty(), qPrintable(home.log()));
-        QVERIFY2(MediaProbe::firstAbove(MediaProbe::decode(sys), 0.25f) > 0, qPrintable(home.log()));
+        if (unplug) {
+            load.start(QStringLiteral("pactl"), {QStringLiteral("load-module"), QStringLiteral("module-null-sink"), QStringLiteral("sink_name=brava_headset")});
+            QVERIFY(load.waitForFinished(5000) && load.exitCode() == 0);
+            QVERIFY(pactl({QStringLiteral("set-default-sink"), QStringLiteral("brava_headset")}));
+            QTRY_COMPARE(pulse.outputMonitor(nullptr).value_or(QString()), QStringLiteral("brava_headset.monitor"));
+        }
+        QVERIFY(startTake(QStringLiteral("follow")));
+        if (unplug)
+            QVERIFY(pactl({QStringLiteral("unload-module"), QString::fromUtf8(load.readAllStandardOutput()).trimmed()}));
+        QVERIFY(pactl({QStringLiteral("set-default-sink"), target}));
+        QTRY_VERIFY_WITH_TIMEOUT(home.log().contains(QStringLiteral("following the output to %1.monitor").arg(target)), 5000);
+        QVERIFY(playClick(target));
+        QVERIFY(stopTake());
+        QVERIFY2(MediaProbe::firstAbove(MediaProbe::decode(file("sys")), 0.25f) > 0, qPrintable(home.log()));
     }
 
-    void cleanupTestCase()
+    // The sound server hangs (stopped) for 10 s in the middle of a take: the main thread keeps
+    // its pace while it asks what the tray and the heartbeat ask and opens a stream, the hang is
+    // noticed within seconds, and once the server resumes the error clears and audio flows again.
+    void aHungServerNeverStallsTheMainThread()
     {
-        if (PulseFixture::available())
-            setDefaultSink(QStringLiteral("brava_out"));
-    }
-
-private:
-    static bool setDefaultSink(const QString &sink)
-    {
-        return QProcess::execute(QStringLiteral("pactl"), {QStringLiteral("set-default-sink"), sink}) == 0;
+        const auto daemon = pid_t(qEnvironmentVariableIntValue("BRAVA_TEST_PULSE_PID"));
+        if (daemon <= 0)
+            QSKIP("needs BRAVA_TEST_PULSE_PID from scripts/test");
+        QVERIFY(startTake(QStringLiteral("hung")));
+        qint64 longestGap = 0;
+        QElapsedTimer sinceTick, hung;
+        QTimer ticks;
+        connect(&ticks, &QTimer::timeout, this, [&] {
+            longestGap = std::max(longestGap, sinceTick.restart());
+            (void)pulse.inputs(), (void)pulse.access(), (void)pulse.outputMonitor(nullptr), (void)rec->takeLevels();
+        });
+        ticks.start(50);
+        sinceTick.start();
+        const auto resume = qScopeGuard([daemon] { ::kill(daemon, SIGCONT); });
+        QCOMPARE(::kill(daemon, SIGSTOP), 0);
+        hung.start();
+        QVERIFY(pulse.open(QStringLiteral("brava_mic"), 48000, 1, {}, nullptr)); // asked, not awaited; closed at once
+        QTRY_VERIFY_WITH_TIMEOUT(!pulse.answering(), 3000);
+        qInfo("the hang was noticed after %lld ms", hung.elapsed());
+#if !__has_include("AudioSources.h") // the recorder learns of a hung server from its audio sources
+        QEXPECT_FAIL("", "the recorder reports a hung server once its audio sources watch answering()", Continue);
+#endif
+        QTRY_COMPARE_WITH_TIMEOUT(rec->lastError().value_or(QString()), QStringLiteral("Sound server not answering"), 3000);
+        QTRY_VERIFY_WITH_TIMEOUT(hung.hasExpired(10000), 12000); // the hang lasts 10 s
+        QCOMPARE(::kill(daemon, SIGCONT), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(pulse.answering(), 3000);
+        QTRY_VERIFY_WITH_TIMEOUT(!rec->lastError(), 10000);
+        ticks.stop();
+        qInfo("longest gap between ticks of the main thread: %lld ms", longestGap);
+        QVERIFY2(longestGap < 300, qPrintable(QString::number(longestGap)));
+        rec->takeLevels();
+        QTRY_VERIFY_WITH_TIMEOUT(playClick(QStringLiteral("brava_out")) && rec->takeLevels().mic > 0.01f, 15000);
+        QVERIFY(stopTake());
     }
 };
 
