@@ -1,24 +1,21 @@
 #include "SyntheticAudioBackend.h"
 
-SyntheticAudioBackend::Capture::Capture(SyntheticAudioBackend &owner, QString source_, int rate_, int channels_,
-                                        Handlers handlers_)
-    : source(std::move(source_))
-    , rate(rate_)
-    , channels(channels_)
-    , handlers(std::move(handlers_))
-    , m_owner(owner)
-{
-}
-
-SyntheticAudioBackend::Capture::~Capture()
-{
-    std::lock_guard lock(m_owner.m_mutex);
-    if (m_owner.m_open.value(source) == this)
-        m_owner.m_open.remove(source);
-}
+struct SyntheticAudioBackend::Capture final : AudioCapture {
+    Capture(SyntheticAudioBackend &owner_, int rate_, int channels_, Handlers handlers_)
+        : owner(owner_), rate(rate_), channels(channels_), handlers(std::move(handlers_)) {}
+    ~Capture() override
+    {
+        std::lock_guard lock(owner.m_mutex);
+        owner.m_open.remove(owner.m_open.key(this));
+    }
+    SyntheticAudioBackend &owner;
+    const int rate, channels;
+    const Handlers handlers;
+};
 
 std::optional<QString> SyntheticAudioBackend::outputMonitor(QString *reason)
 {
+    std::lock_guard lock(m_mutex);
     if (!monitor && reason)
         *reason = monitorReason;
     return monitor;
@@ -33,31 +30,25 @@ std::unique_ptr<AudioCapture> SyntheticAudioBackend::open(const QString &source,
             *error = QStringLiteral("refused");
         return nullptr;
     }
-    auto capture = std::make_unique<Capture>(*this, source, rate, channels, std::move(handlers));
+    auto capture = std::make_unique<Capture>(*this, rate, channels, std::move(handlers));
     m_open.insert(source, capture.get());
     return capture;
 }
 
 bool SyntheticAudioBackend::deliver(const QString &source, const QByteArray &pcm, int64_t captureNs, bool discontinuity)
 {
-    std::lock_guard lock(m_mutex); // held through the callback, like a real backend's loop lock
-    Capture *c = m_open.value(source);
+    std::lock_guard lock(m_mutex);
+    const Capture *c = m_open.value(source);
     if (!c || !c->handlers.onBuffer)
         return false;
-    AudioBuffer b;
-    b.pcm = pcm;
-    b.rate = c->rate;
-    b.channels = c->channels;
-    b.captureNs = captureNs;
-    b.discontinuity = discontinuity;
-    c->handlers.onBuffer(std::move(b));
+    c->handlers.onBuffer(AudioBuffer{pcm, c->rate, c->channels, captureNs, discontinuity});
     return true;
 }
 
 bool SyntheticAudioBackend::fail(const QString &source, const QString &reason)
 {
     std::lock_guard lock(m_mutex);
-    Capture *c = m_open.value(source);
+    const Capture *c = m_open.value(source);
     if (!c || !c->handlers.onFailed)
         return false;
     c->handlers.onFailed(reason);
@@ -74,17 +65,27 @@ int SyntheticAudioBackend::openChannels(const QString &source) const
 void SyntheticAudioBackend::watch(std::function<void()> onChanged)
 {
     std::lock_guard lock(m_mutex);
-    m_onOutputChanged = std::move(onChanged);
+    m_watcher = std::move(onChanged);
 }
 
 void SyntheticAudioBackend::changeOutput(const std::optional<QString> &newMonitor)
 {
-    std::function<void()> watcher;
     {
         std::lock_guard lock(m_mutex);
         monitor = newMonitor;
-        watcher = m_onOutputChanged;
     }
-    if (watcher)
-        watcher();
+    notify();
+}
+
+void SyntheticAudioBackend::setAnswering(bool answering)
+{
+    m_answering = answering;
+    notify();
+}
+
+void SyntheticAudioBackend::notify()
+{
+    std::lock_guard lock(m_mutex); // watch() cannot return while the old watcher runs
+    if (m_watcher)
+        m_watcher();
 }

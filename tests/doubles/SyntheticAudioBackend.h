@@ -5,6 +5,7 @@
 #include <QMap>
 #include <QSet>
 
+#include <atomic>
 #include <mutex>
 
 // A sound system made of nothing, for tests and benchmarks: its devices are whatever the test
@@ -13,21 +14,6 @@
 class SyntheticAudioBackend final : public AudioBackend
 {
 public:
-    // One open capture; the test drives it through the backend.
-    class Capture final : public AudioCapture
-    {
-    public:
-        Capture(SyntheticAudioBackend &owner, QString source, int rate, int channels, Handlers handlers);
-        ~Capture() override;
-        const QString source;
-        const int rate;
-        const int channels;
-        Handlers handlers;
-
-    private:
-        SyntheticAudioBackend &m_owner;
-    };
-
     explicit SyntheticAudioBackend(Clock &clock = Clock::monotonic()) : m_clock(clock) {}
 
     Access access() override { return accessAnswer; }
@@ -36,11 +22,13 @@ public:
     std::unique_ptr<AudioCapture> open(const QString &source, int rate, int channels, Handlers handlers,
                                        QString *error) override;
     Clock &clock() override { return m_clock; }
+    bool answering() const override { return m_answering; }
     void watch(std::function<void()> onChanged) override;
 
     /// Makes `newMonitor` the default output's monitor (none: no output) and tells the watcher.
     void changeOutput(const std::optional<QString> &newMonitor);
-
+    /// Makes the server (stop) answer its health checks and tells the watcher.
+    void setAnswering(bool answering);
     /// Hands one block to the open capture of `source`; false when none is open.
     bool deliver(const QString &source, const QByteArray &pcm, int64_t captureNs, bool discontinuity = false);
     /// Makes the open capture of `source` report that it died.
@@ -55,9 +43,12 @@ public:
     Access accessAnswer = Access::Allowed;
 
 private:
-    friend class Capture;
+    struct Capture;
+    void notify();
+
     Clock &m_clock;
-    mutable std::recursive_mutex m_mutex;
+    mutable std::recursive_mutex m_mutex; // held through callbacks, like a real backend's loop lock
     QMap<QString, Capture *> m_open;
-    std::function<void()> m_onOutputChanged;
+    std::function<void()> m_watcher;
+    std::atomic<bool> m_answering{true};
 };
