@@ -1,5 +1,4 @@
 #include "Config.h"
-#include "DeviceChoice.h"
 #include "MediaProbe.h"
 #include "PulseBackend.h"
 #include "PulseFixture.h"
@@ -36,15 +35,15 @@ class AudioCaptureTest : public QObject
         Config::setMicUID("brava_mic");
         rec = std::make_unique<Recorder>(pulse, noCameras, Clock::monotonic());
         rec->onSegmentDone = [this](const QString &path, const QString &) { done.append(path); };
-        bool started = false;
-        rec->start(QStringLiteral("s1"), [&] { started = true; });
-        return QTest::qWaitFor([&] { return started; }, 10000) && !rec->lastError();
+        return finished([this](auto done) { rec->start(QStringLiteral("s1"), done); }) && !rec->lastError();
     }
-    bool stopTake()
+    bool stopTake() { return finished([this](auto done) { rec->stop(done); }); }
+    // Runs a start or stop and waits until it calls back.
+    static bool finished(const std::function<void(std::function<void()>)> &step)
     {
-        bool stopped = false;
-        rec->stop([&] { stopped = true; });
-        return QTest::qWaitFor([&] { return stopped; }, 10000);
+        auto called = std::make_shared<bool>(false);
+        step([called] { *called = true; });
+        return QTest::qWaitFor([&] { return *called; }, 10000);
     }
     // 0.5 s of silence, one 1 kHz cycle at 0.9 (reaches 0.3 three samples in), 0.5 s of silence.
     bool playClick(const QString &sink)
@@ -70,13 +69,12 @@ private Q_SLOTS:
     // with their descriptions, built-in and default flags, and names the output's monitor.
     void devicesAreListed()
     {
-        const QByteArray server = qgetenv("PULSE_SERVER");
-        qputenv("PULSE_SERVER", "unix:/nonexistent/brava/native");
         {
+            const auto restore = qScopeGuard([server = qgetenv("PULSE_SERVER")] { qputenv("PULSE_SERVER", server); });
+            qputenv("PULSE_SERVER", "unix:/nonexistent/brava/native");
             PulseBackend absent;
             QVERIFY(absent.access() == AudioBackend::Access::Unknown && !absent.answering() && !absent.outputMonitor(nullptr));
         }
-        qputenv("PULSE_SERVER", server);
         QVERIFY(pulse.access() == AudioBackend::Access::Allowed && pulse.answering());
         QStringList seen;
         for (const Device &d : pulse.inputs())
@@ -84,7 +82,6 @@ private Q_SLOTS:
         QVERIFY2(seen.contains("brava_mic BravaBuiltinMic 11") && seen.contains("brava_usbmic BravaUSBMic 00")
                      && seen.filter("monitor").isEmpty(), qPrintable(seen.join(',')));
         QCOMPARE(pulse.outputMonitor(nullptr).value_or(QString()), "brava_out.monitor");
-        QCOMPARE(DeviceChoice::pickMic(pulse.inputs(), QString())->uid, "brava_usbmic"); // attached wins
     }
 
     // The snapshot follows the server's events and tells the watcher: a new default output
@@ -112,7 +109,7 @@ private Q_SLOTS:
     }
 
     // One click played into the output reaches microphone and computer audio at the same instant;
-    // in the two files it sits at the same time within 1 ms; levels rise; both tracks cover the take.
+    // in the two files it sits at the same time within 1 ms, and the levels rise.
     void clickLinesUpAcrossTracks()
     {
         if (!MediaProbe::available())
@@ -134,8 +131,6 @@ private Q_SLOTS:
         // renders (2 ms here) when it is rendered, the monitor stamps it when it is heard.
         // Measured 0.2 to 0.5 ms, also with both cores busy.
         QVERIFY2(std::fabs(offsetMs) <= 1.0, qPrintable(QString::number(offsetMs)));
-        const double durA = a.size() / 48000.0, durB = b.size() / 48000.0; // about 2.5 + 1.0 s
-        QVERIFY2(std::fabs(durA - durB) < 0.1 && durA > 3.3 && durA < 5.0, qPrintable(QStringLiteral("%1 %2").arg(durA).arg(durB)));
     }
 
     // The sound server hangs (stopped) for 10 s in the middle of a take: the main thread keeps
