@@ -49,6 +49,8 @@ public:
                                        QString *error) override;
     Clock &clock() override { return Clock::monotonic(); }
     bool answering() const override;
+    /// The watcher runs on the loop's thread with its lock held: it must only hand over (never
+    /// open or close a capture there).
     void watch(std::function<void()> onChanged) override;
 
 private:
