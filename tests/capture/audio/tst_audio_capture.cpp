@@ -63,7 +63,6 @@ private Q_SLOTS:
         home.wipe();
         done.clear();
     }
-    void cleanup() { rec.reset(); }
 
     // With no server there is no answer; the test server lists its microphones (no monitors)
     // with their descriptions, built-in and default flags, and names the output's monitor.

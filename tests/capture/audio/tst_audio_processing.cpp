@@ -46,22 +46,19 @@ class AudioProcessingTest : public QObject
 
 private Q_SLOTS:
     // A device 0.1 % fast for 30 minutes (1.8 s of extra samples) stays on the monotonic time
-    // line with contiguous stamps and exactly 48000 frames per second of monotonic time; lost
-    // blocks re-anchor the time line once, and what follows keeps its place.
+    // line with contiguous stamps and exactly 48000 frames per second of monotonic time; blocks
+    // lost after 10 s re-anchor the time line once, and what follows keeps its place.
     void staysOnTheTimeline_data()
     {
-        QTest::addColumn<double>("rateError");
-        QTest::addColumn<int>("seconds");
-        QTest::addColumn<int>("lostBlocks"); // after 10 s
-        QTest::newRow("0.1 % fast, 30 min") << 0.001 << 1800 << 0;
-        QTest::newRow("0.5 s lost") << 0.0 << 25 << 50;
+        QTest::addColumn<int>("lostBlocks");
+        QTest::newRow("none lost") << 0;
+        QTest::newRow("0.5 s lost") << 50;
     }
     void staysOnTheTimeline()
     {
-        QFETCH(double, rateError);
-        QFETCH(int, seconds);
         QFETCH(int, lostBlocks);
-        FastDevice dev{kRate * (1 + rateError), {int64_t(seconds * kRate * 0.5), int64_t(seconds * kRate * 0.99)}};
+        const int seconds = 1800;
+        FastDevice dev{kRate * 1.001, {int64_t(seconds * kRate * 0.5), int64_t(seconds * kRate * 0.99)}};
         DriftCorrector corrector;
         int64_t nextNs = -1, frames = 0;
         int gaps = 0;
@@ -90,7 +87,7 @@ private Q_SLOTS:
         const double written = double(frames) / kRate;
         const double elapsed = double(dev.timeOf(dev.frame) - kStartNs) / 1e9 - lostBlocks * 0.01;
         QVERIFY2(std::fabs(written - elapsed) < 0.005, qPrintable(QStringLiteral("%1 vs %2").arg(written).arg(elapsed)));
-        QVERIFY(std::fabs(corrector.stretch() + rateError) < 0.0002); // it found the crystal's error
+        QVERIFY(std::fabs(corrector.stretch() + 0.001) < 0.0002); // it found the crystal's error
     }
 
     // A new format (another device) starts a new time line at its own first block; what the old
