@@ -147,15 +147,6 @@ private Q_SLOTS:
         QVERIFY(amplitude < 1.0f || (pcm[0] == 32767 && pcm[24] == -32767 && pcm[48] == 32767));
     }
 
-    // Names of virtual devices are filtered; built-in comes from the form factor or the bus.
-    void realAndBuiltIn()
-    {
-        for (const char *fake : {"BlackHole 2ch", "Microsoft Teams Audio", "Monitor of VIRTUAL sink"})
-            QVERIFY(!DeviceChoice::isReal(QString::fromUtf8(fake)) && DeviceChoice::isReal("USB Headset"));
-        QVERIFY(DeviceChoice::isBuiltIn("internal", QString()) && DeviceChoice::isBuiltIn(QString(), "pci"));
-        QVERIFY(!DeviceChoice::isBuiltIn("headset", "usb") && !DeviceChoice::isBuiltIn(QString(), "bluetooth"));
-    }
-
     // Headset over the laptop's microphone with no saved choice; an unplugged saved choice goes
     // to the system default, not to another attached device; then the first one. The room
     // microphone is the built-in one unless it is already the main microphone.
