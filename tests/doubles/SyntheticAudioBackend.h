@@ -14,7 +14,6 @@
 // lock is held through every callback, like a real backend's loop lock.
 class SyntheticAudioBackend final : public AudioBackend
 {
-    struct Capture;
     template<typename F>
     auto locked(F f) const
     {

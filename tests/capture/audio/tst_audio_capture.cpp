@@ -13,13 +13,6 @@
 #include <cmath>
 #include <csignal>
 
-namespace {
-bool pactl(const QString &args)
-{
-    return QProcess::execute("pactl", args.split(' ')) == 0;
-}
-} // namespace
-
 // Recording from the test PulseAudio daemon: real devices, real streams, real files.
 class AudioCaptureTest : public QObject
 {
@@ -30,20 +23,22 @@ class AudioCaptureTest : public QObject
     std::unique_ptr<Recorder> rec;
     QStringList done; // the take's finished files
 
+    static bool pactl(const QString &args) { return QProcess::execute("pactl", args.split(' ')) == 0; }
+
     bool startTake()
     {
         Config::setMicUID("brava_mic");
         rec = std::make_unique<Recorder>(pulse, noCameras, Clock::monotonic());
         rec->onSegmentDone = [this](const QString &path, const QString &) { done.append(path); };
-        return finished([this](auto done) { rec->start(QStringLiteral("s1"), done); }) && !rec->lastError();
+        bool started = false;
+        rec->start(QStringLiteral("s1"), [&] { started = true; });
+        return QTest::qWaitFor([&] { return started; }, 10000) && !rec->lastError();
     }
-    bool stopTake() { return finished([this](auto done) { rec->stop(done); }); }
-    // Runs a start or stop and waits until it calls back.
-    static bool finished(const std::function<void(std::function<void()>)> &step)
+    bool stopTake()
     {
-        auto called = std::make_shared<bool>(false);
-        step([called] { *called = true; });
-        return QTest::qWaitFor([&] { return *called; }, 10000);
+        bool stopped = false;
+        rec->stop([&] { stopped = true; });
+        return QTest::qWaitFor([&] { return stopped; }, 10000);
     }
     // 0.5 s of silence, one 1 kHz cycle at 0.9 (reaches 0.3 three samples in), 0.5 s of silence.
     bool playClick(const QString &sink)
@@ -69,12 +64,10 @@ private Q_SLOTS:
     // output's monitor.
     void devicesAreListed()
     {
-        {
-            const auto restore = qScopeGuard([server = qgetenv("PULSE_SERVER")] { qputenv("PULSE_SERVER", server); });
-            qputenv("PULSE_SERVER", "unix:/nonexistent/brava/native");
-            PulseBackend absent;
-            QVERIFY(absent.access() == AudioBackend::Access::Unknown && !absent.answering() && !absent.outputMonitor(nullptr));
-        }
+        const auto restore = qScopeGuard([server = qgetenv("PULSE_SERVER")] { qputenv("PULSE_SERVER", server); });
+        qputenv("PULSE_SERVER", "unix:/nonexistent/brava/native");
+        PulseBackend absent;
+        QVERIFY(absent.access() == AudioBackend::Access::Unknown && !absent.answering() && !absent.outputMonitor(nullptr));
         QVERIFY(pulse.access() == AudioBackend::Access::Allowed && pulse.answering());
         QStringList seen;
         for (const Device &d : pulse.inputs())
@@ -96,8 +89,7 @@ private Q_SLOTS:
         QProcess load;
         load.start("pactl", {"load-module", "module-null-sink", "sink_name=brava_headset"});
         QVERIFY(load.waitForFinished(5000) && load.exitCode() == 0 && pactl("set-default-sink brava_headset"));
-        QTRY_COMPARE(pulse.outputMonitor(nullptr).value_or(QString()), "brava_headset.monitor");
-        QVERIFY(changes > 0);
+        QTRY_VERIFY(pulse.outputMonitor(nullptr) == "brava_headset.monitor" && changes > 0);
         const AudioBackend::Handlers handlers{[&](AudioBuffer &&) { flowing = true; }, [&](const QString &) { ++ended; }};
         const auto headset = pulse.open("brava_headset.monitor", 48000, 2, handlers, nullptr);
         QTRY_VERIFY(headset && flowing);

@@ -60,8 +60,7 @@ private Q_SLOTS:
         const int seconds = 1800;
         FastDevice dev{kRate * 1.001, {int64_t(seconds * kRate * 0.5), int64_t(seconds * kRate * 0.99)}};
         DriftCorrector corrector;
-        int64_t nextNs = -1, frames = 0;
-        int gaps = 0;
+        int64_t nextNs = -1, frames = 0, gaps = 0;
         QVector<int64_t> clicksNs; // where the written clicks reach 0.3
         for (int64_t b = 0; b < int64_t(seconds * dev.rate) / kBlock; ++b) {
             const AudioBuffer block = dev.next();
@@ -76,7 +75,7 @@ private Q_SLOTS:
                 nextNs = pts + int64_t(s.frameCount()) * 1000000000 / kRate;
             }
         }
-        QCOMPARE(gaps, lostBlocks ? 1 : 0);
+        QCOMPARE(gaps, int64_t(lostBlocks ? 1 : 0));
         QCOMPARE(corrector.anchors(), lostBlocks ? 2 : 1);
         QCOMPARE(clicksNs.size(), dev.clicks.size());
         for (int i = 0; i < dev.clicks.size(); ++i) {
@@ -160,7 +159,6 @@ private Q_SLOTS:
         QTest::newRow("saved") << both << "usb2" << "usb2 builtin";
         QTest::newRow("unplugged") << both << "gone" << "builtin ";
         QTest::newRow("no default") << QList<Device>{{"a", "", true, false}, {"b", "", true, false}} << QString() << "a b";
-        QTest::newRow("none") << QList<Device>{} << QString() << " ";
     }
     void choosingMicrophones()
     {
