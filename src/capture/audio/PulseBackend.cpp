@@ -258,6 +258,7 @@ void PulseBackend::refresh()
         return;
     }
     m_next = Snapshot{};
+    m_refreshBroken = false;
     m_next.access = Access::Allowed;
     m_next.answering = true; // a refresh that completes is an answer
     m_next.filled = true;
@@ -281,14 +282,14 @@ void PulseBackend::serverInfoArrived(const pa_server_info *info)
             m_ctx,
             [](pa_context *, const pa_source_info *i, int eol, void *self) {
                 auto *backend = static_cast<PulseBackend *>(self);
-                eol ? backend->refreshStepDone() : backend->sourceArrived(i);
+                eol ? backend->refreshStepDone(eol > 0) : backend->sourceArrived(i);
             },
             this);
         pa_operation *sinks = pa_context_get_sink_info_list(
             m_ctx,
             [](pa_context *, const pa_sink_info *i, int eol, void *self) {
                 auto *backend = static_cast<PulseBackend *>(self);
-                eol ? backend->refreshStepDone() : backend->sinkArrived(i);
+                eol ? backend->refreshStepDone(eol > 0) : backend->sinkArrived(i);
             },
             this);
         for (pa_operation *op : {sources, sinks}) {
@@ -298,7 +299,7 @@ void PulseBackend::serverInfoArrived(const pa_server_info *info)
             }
         }
     }
-    refreshStepDone();
+    refreshStepDone(info != nullptr);
 }
 
 void PulseBackend::sourceArrived(const pa_source_info *i)
@@ -325,12 +326,14 @@ void PulseBackend::sinkArrived(const pa_sink_info *i)
         m_next.monitor = text(i->monitor_source_name);
 }
 
-void PulseBackend::refreshStepDone()
+void PulseBackend::refreshStepDone(bool answered)
 {
     Q_ASSERT(m_refreshSteps > 0);
+    m_refreshBroken = m_refreshBroken || !answered;
     if (--m_refreshSteps > 0)
         return;
-    publish(m_next);
+    if (!m_refreshBroken) // a request that failed (timed out, say) leaves the old snapshot in place
+        publish(m_next);
     if (m_refreshAgain) {
         m_refreshAgain = false;
         refresh();

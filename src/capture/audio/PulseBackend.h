@@ -69,7 +69,7 @@ private:
     void contextFailed();
     void tick();
     void refresh();
-    void refreshStepDone();
+    void refreshStepDone(bool answered);
     void serverInfoArrived(const pa_server_info *info);
     void sourceArrived(const pa_source_info *info);
     void sinkArrived(const pa_sink_info *info);
@@ -88,6 +88,7 @@ private:
     int m_backoffMs = kFirstBackoffMs;
     int m_refreshSteps = 0;    // requests of the refresh under way
     bool m_refreshAgain = false;
+    bool m_refreshBroken = false; // a request of the refresh under way failed
     QString m_defaultSource, m_defaultSink;
     Snapshot m_next;           // the refresh under way
 
