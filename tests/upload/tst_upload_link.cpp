@@ -81,6 +81,8 @@ private slots:
     {
         delete app;
         app = nullptr;
+        delete rec; // before the sound-server backend it records from
+        rec = nullptr;
     }
 
     void segmentsAreUploadedAndDeleted()

@@ -70,6 +70,8 @@ private slots:
     {
         delete app;
         app = nullptr;
+        delete rec; // before the sound-server backend it records from
+        rec = nullptr;
         CheckIn::setClockForTesting(nullptr);
     }
 
