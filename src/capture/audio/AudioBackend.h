@@ -33,14 +33,15 @@ public:
 };
 
 // The sound system as the recorder needs it: list microphones, name the computer-audio source
-// (the default output's monitor), open captures. Callbacks come on the backend's own thread and
-// must only copy and hand over.
+// (the default output's monitor), open captures. Queries answer from what the backend already
+// knows and never wait for the sound system. Callbacks come on the backend's own thread and must
+// only copy and hand over.
 class AudioBackend
 {
 public:
     struct Handlers {
         std::function<void(AudioBuffer &&buffer)> onBuffer;
-        std::function<void(const QString &reason)> onFailed; // the stream died while running
+        std::function<void(const QString &reason)> onFailed; // the stream could not start, or died
     };
     enum class Access { Unknown, Allowed, Refused };
 
@@ -52,7 +53,8 @@ public:
     virtual QList<Device> inputs() = 0;
     /// The source carrying what the computer plays; none with `reason` set when there is none.
     virtual std::optional<QString> outputMonitor(QString *reason) = 0;
-    /// Opens a capture of `source` at `rate` and `channels`; none with `error` set on failure.
+    /// Opens a capture of `source` at `rate` and `channels` without waiting for the device; none
+    /// with `error` set when that fails at once, later failures come through Handlers::onFailed.
     virtual std::unique_ptr<AudioCapture> open(const QString &source, int rate, int channels, Handlers handlers,
                                                QString *error) = 0;
     /// The clock the capture time stamps are on.

@@ -1,7 +1,8 @@
 #include "DriftCorrector.h"
 
+#include <QtGlobal>
+
 #include <algorithm>
-#include <cassert>
 #include <cmath>
 
 extern "C" {
@@ -99,6 +100,7 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
         settle(out); // a gap while settling: place what came before it, then start over below
     }
 
+    Q_ASSERT(m_swr && buffer.rate == m_rate && buffer.channels == m_channels);
     // Where this block's first frame lands on the time line, against when it was captured.
     const int64_t pending = swr_get_delay(m_swr, m_rate);
     const double landing = double(m_anchorNs) * 1e-9 + double(m_outFrames + pending) / m_rate;

@@ -2,9 +2,10 @@
 
 #include <pulse/pulseaudio.h>
 
+#include <QtGlobal>
+
 #include <algorithm>
 #include <cstdlib>
-#include <cassert>
 #include <ctime>
 
 namespace {
@@ -28,7 +29,7 @@ PulseCapture::PulseCapture(pa_threaded_mainloop *loop, pa_context *ctx, int rate
 
 PulseCapture::~PulseCapture()
 {
-    assert(!pa_threaded_mainloop_in_thread(m_loop));
+    Q_ASSERT(!pa_threaded_mainloop_in_thread(m_loop));
     pa_threaded_mainloop_lock(m_loop);
     if (m_stream) {
         pa_stream_set_state_callback(m_stream, nullptr, nullptr);
@@ -40,8 +41,17 @@ PulseCapture::~PulseCapture()
             pa_operation_unref(m_timingOp);
             m_timingOp = nullptr;
         }
-        if (pa_stream_get_state(m_stream) == PA_STREAM_READY)
+        if (pa_stream_get_state(m_stream) == PA_STREAM_READY) {
             pa_stream_disconnect(m_stream);
+        } else { // still being created: it ends itself once the server has made it
+            pa_stream_set_state_callback(
+                m_stream,
+                [](pa_stream *s, void *) {
+                    if (pa_stream_get_state(s) == PA_STREAM_READY)
+                        pa_stream_disconnect(s);
+                },
+                nullptr);
+        }
         pa_stream_unref(m_stream);
         m_stream = nullptr;
     }
@@ -75,17 +85,6 @@ bool PulseCapture::startLocked(const QString &source, bool pinned, QString *erro
         *error = QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx)));
         return false;
     }
-    for (;;) {
-        const pa_stream_state_t state = pa_stream_get_state(m_stream);
-        if (state == PA_STREAM_READY)
-            break;
-        if (!PA_STREAM_IS_GOOD(state)) {
-            *error = QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx)));
-            return false;
-        }
-        pa_threaded_mainloop_wait(m_loop);
-    }
-    m_running = true;
     return true;
 }
 
@@ -112,10 +111,9 @@ void PulseCapture::gapCallback(pa_stream *, void *self)
 
 void PulseCapture::stateChanged()
 {
-    pa_threaded_mainloop_signal(m_loop, 0);
-    const pa_stream_state_t state = pa_stream_get_state(m_stream);
-    if (m_running && !PA_STREAM_IS_GOOD(state)) {
-        m_running = false;
+    // Failing to become ready and dying later are the same to the caller: the stream is gone.
+    if (!m_failed && !PA_STREAM_IS_GOOD(pa_stream_get_state(m_stream))) {
+        m_failed = true;
         if (m_handlers.onFailed)
             m_handlers.onFailed(QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx))));
     }

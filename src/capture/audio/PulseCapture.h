@@ -26,9 +26,10 @@ public:
     PulseCapture(pa_threaded_mainloop *loop, pa_context *ctx, int rate, int channels, AudioBackend::Handlers handlers);
     ~PulseCapture() override;
 
-    /// Connects the stream to `source` and waits until it runs; false with `error` otherwise.
-    /// `pinned`: the stream ends with its source instead of being moved to another one.
-    /// Called with the main loop's lock held.
+    /// Connects the stream to `source` and returns without waiting; false with `error` when the
+    /// request cannot be made. A stream that never becomes ready, or dies later, reports once
+    /// through onFailed. `pinned`: the stream ends with its source instead of being moved to
+    /// another one. Called with the main loop's lock held.
     bool startLocked(const QString &source, bool pinned, QString *error);
 
 private:
@@ -58,7 +59,7 @@ private:
     const int m_channels;
     AudioBackend::Handlers m_handlers;
     pa_stream *m_stream = nullptr;
-    bool m_running = false;
+    bool m_failed = false; // onFailed has been called
     bool m_gap = false;
     pa_operation *m_timingOp = nullptr;
     Snapshot m_snapshot;

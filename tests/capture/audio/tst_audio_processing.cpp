@@ -1,0 +1,174 @@
+#include "DeviceChoice.h"
+#include "DriftCorrector.h"
+#include "LiveConverter.h"
+
+#include <QtTest>
+
+#include <cmath>
+#include <random>
+
+namespace {
+constexpr int kRate = 48000;
+constexpr int kBlock = 480;
+constexpr int64_t kStartNs = 1000000000;
+
+// A capture device whose crystal runs at `rate` frames per second of monotonic time. Its blocks
+// are stamped with the monotonic time of their first frame plus the jitter a real sound server
+// shows (uniform ±1.5 ms); at the given frames it plays a click (one 1 kHz cycle at 0.9).
+struct FastDevice {
+    double rate;
+    QVector<int64_t> clicks;
+    int64_t frame = 0;
+    std::mt19937 random{7};
+
+    int64_t timeOf(int64_t f) const { return kStartNs + int64_t(double(f) * 1e9 / rate); }
+    AudioBuffer next()
+    {
+        AudioBuffer b{QByteArray(kBlock * int(sizeof(float)), 0), kRate, 1, timeOf(frame), false};
+        auto *s = reinterpret_cast<float *>(b.pcm.data());
+        for (int i = 0; i < kBlock; ++i)
+            for (int64_t d : clicks)
+                s[i] += frame + i - d >= 0 && frame + i - d < 48 ? 0.9f * float(std::sin(2 * M_PI * double(frame + i - d) / 48.0)) : 0.0f;
+        b.captureNs += std::uniform_int_distribution<int64_t>(-1500000, 1500000)(random);
+        frame += kBlock;
+        return b;
+    }
+};
+} // namespace
+
+Q_DECLARE_METATYPE(QList<Device>)
+
+// What happens to captured audio on its way to the files and the control room: the drift
+// corrector, the live-audio converter, and the choice of microphones.
+class AudioProcessingTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    // A device 0.1 % fast for 30 minutes (1.8 s of extra samples) stays on the monotonic time
+    // line with contiguous stamps and exactly 48000 frames per second of monotonic time; blocks
+    // lost after 10 s re-anchor the time line once, and what follows keeps its place.
+    void staysOnTheTimeline_data()
+    {
+        QTest::addColumn<int>("lostBlocks");
+        QTest::newRow("none lost") << 0;
+        QTest::newRow("0.5 s lost") << 50;
+    }
+    void staysOnTheTimeline()
+    {
+        QFETCH(int, lostBlocks);
+        const int seconds = 1800;
+        FastDevice dev{kRate * 1.001, {int64_t(seconds * kRate * 0.5), int64_t(seconds * kRate * 0.99)}};
+        DriftCorrector corrector;
+        int64_t nextNs = -1, frames = 0, gaps = 0;
+        QVector<int64_t> clicksNs; // where the written clicks reach 0.3
+        for (int64_t b = 0; b < int64_t(seconds * dev.rate) / kBlock; ++b) {
+            const AudioBuffer block = dev.next();
+            for (const TimedSample &s : b < 1000 || b >= 1000 + lostBlocks ? corrector.process(block) : std::vector<TimedSample>()) {
+                const int64_t pts = s.pts.in(1000000000);
+                gaps += nextNs >= 0 && std::llabs(pts - nextNs) > 1;
+                const auto *p = reinterpret_cast<const float *>(s.pcm.constData());
+                for (int i = 0; i < s.frameCount(); ++i)
+                    if (std::fabs(p[i]) >= 0.3f && (clicksNs.isEmpty() || pts - clicksNs.last() > 100000000))
+                        clicksNs.append(pts + int64_t(i) * 1000000000 / kRate);
+                frames += s.frameCount();
+                nextNs = pts + int64_t(s.frameCount()) * 1000000000 / kRate;
+            }
+        }
+        QCOMPARE(gaps, int64_t(lostBlocks ? 1 : 0));
+        QCOMPARE(corrector.anchors(), lostBlocks ? 2 : 1);
+        QCOMPARE(clicksNs.size(), dev.clicks.size());
+        for (int i = 0; i < dev.clicks.size(); ++i) {
+            const double errMs = double(clicksNs[i] - dev.timeOf(dev.clicks[i] + 3)) / 1e6;
+            qInfo("click at %.0f s: %.3f ms off the time line", double(dev.clicks[i]) / dev.rate, errMs);
+            QVERIFY2(std::fabs(errMs) < 1.0, qPrintable(QString::number(errMs)));
+        }
+        const double written = double(frames) / kRate;
+        const double elapsed = double(dev.timeOf(dev.frame) - kStartNs) / 1e9 - lostBlocks * 0.01;
+        QVERIFY2(std::fabs(written - elapsed) < 0.005, qPrintable(QStringLiteral("%1 vs %2").arg(written).arg(elapsed)));
+        QVERIFY(std::fabs(corrector.stretch() + 0.001) < 0.0002); // it found the crystal's error
+    }
+
+    // A new format (another device) starts a new time line at its own first block; what the old
+    // one still held comes out first. Blocks are held back only while a time line settles.
+    void formatChangeStartsOver()
+    {
+        DriftCorrector corrector;
+        std::vector<TimedSample> out;
+        const auto feed = [&](int channels, int64_t fromNs, int blocks) {
+            out.clear();
+            for (int b = 0; b < blocks; ++b)
+                for (TimedSample &s : corrector.process({QByteArray(kBlock * 4 * channels, 0), kRate, channels, fromNs + b * 10000000LL, false}))
+                    out.push_back(std::move(s));
+            return out.empty() ? -1 : out.front().pts.in(1000000000);
+        };
+        QCOMPARE(feed(1, 1000000000, 9), -1); // 0.09 s: still settling
+        QVERIFY(std::llabs(feed(1, 1090000000, 10) - 1000000000) < 1000);
+        QVERIFY(feed(2, 9000000000, 40) > 0 && out.front().channels == 1); // the mono time line's last held frames
+        const auto stereo = std::find_if(out.begin(), out.end(), [](const TimedSample &s) { return s.channels == 2; });
+        QVERIFY(stereo != out.end() && std::llabs(stereo->pts.in(1000000000) - 9000000000) < 1000000);
+    }
+
+    // 100 ms of a square wave in 10 ms blocks comes out as 48 kHz mono 16-bit at the same level:
+    // full scale as ±32767 (never −32768, beyond it clamped), stereo as one channel, another rate
+    // converted; without listening nothing comes out, yet the level is measured.
+    void conversion_data()
+    {
+        QTest::addColumn<int>("rate");
+        QTest::addColumn<int>("channels");
+        QTest::addColumn<float>("amplitude");
+        QTest::addColumn<bool>("listening");
+        QTest::newRow("full scale") << 48000 << 1 << 1.0f << true;
+        QTest::newRow("beyond full scale") << 48000 << 1 << 1.5f << true;
+        QTest::newRow("stereo") << 48000 << 2 << 0.8f << true;
+        QTest::newRow("44.1 kHz") << 44100 << 1 << 0.25f << true;
+        QTest::newRow("not listening") << 48000 << 1 << 0.5f << false;
+    }
+    void conversion()
+    {
+        QFETCH(int, rate);
+        QFETCH(int, channels);
+        QFETCH(float, amplitude);
+        QFETCH(bool, listening);
+        LiveConverter live;
+        const int frames = rate / 100;
+        std::vector<float> block(size_t(frames * channels));
+        QByteArray out;
+        for (int k = 0; k < 10; ++k) {
+            for (size_t i = 0; i < block.size(); ++i)
+                block[i] = ((k * frames + int(i) / channels) / 24) % 2 ? -amplitude : amplitude;
+            out += live.process(block.data(), frames, rate, channels, listening).value_or(QByteArray());
+        }
+        const int most = listening ? 4800 : 0; // 100 ms at 48 kHz; a resampler may hold a few back
+        QVERIFY2(out.size() / 2 >= most * 15 / 16 && out.size() / 2 <= most, qPrintable(QString::number(out.size())));
+        QVERIFY2(std::fabs(live.takePeak() - amplitude) < 0.03f * amplitude && live.takePeak() == 0.0f, qPrintable(QString::number(amplitude)));
+        const auto *pcm = reinterpret_cast<const int16_t *>(out.constData());
+        QVERIFY(amplitude < 1.0f || (pcm[0] == 32767 && pcm[24] == -32767 && pcm[48] == 32767));
+    }
+
+    // Headset over the laptop's microphone with no saved choice; an unplugged saved choice goes
+    // to the system default, not to another attached device; then the first one. The room
+    // microphone is the built-in one unless it is already the main microphone.
+    void choosingMicrophones_data()
+    {
+        const QList<Device> both = {{"builtin", "", true, true}, {"headset", "", false, false}, {"usb2", "", false, false}};
+        QTest::addColumn<QList<Device>>("devices");
+        QTest::addColumn<QString>("saved");
+        QTest::addColumn<QString>("micAndRoom");
+        QTest::newRow("attached wins") << both << QString() << "headset builtin";
+        QTest::newRow("saved") << both << "usb2" << "usb2 builtin";
+        QTest::newRow("unplugged") << both << "gone" << "builtin ";
+        QTest::newRow("no default") << QList<Device>{{"a", "", true, false}, {"b", "", true, false}} << QString() << "a b";
+    }
+    void choosingMicrophones()
+    {
+        QFETCH(QList<Device>, devices);
+        QFETCH(QString, saved);
+        QFETCH(QString, micAndRoom);
+        const QString mic = DeviceChoice::pickMic(devices, saved).value_or(Device{}).uid;
+        QCOMPARE(mic + ' ' + DeviceChoice::pickRoomMic(devices, mic).value_or(Device{}).uid, micAndRoom);
+    }
+};
+
+QTEST_GUILESS_MAIN(AudioProcessingTest)
+#include "tst_audio_processing.moc"
