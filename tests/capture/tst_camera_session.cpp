@@ -12,6 +12,7 @@
 #include "tst_video_probe.h"
 
 #include <QDirIterator>
+#include <QNetworkAccessManager>
 #include <QtTest>
 
 #include <atomic>
@@ -247,7 +248,8 @@ private slots:
                 QCOMPARE(session, QString("FIVE"));
         }
 
-        Uploader uploader;
+        QNetworkAccessManager net;
+        Uploader uploader(net);
         uploader.tickIntervalMs = 20;
         {
             std::lock_guard lock(mutex);

@@ -4,6 +4,7 @@
 
 #include <QCoreApplication>
 #include <QProcess>
+#include <QNetworkAccessManager>
 #include <QtTest>
 
 // Discovery against the real Avahi daemon that scripts/test starts on loopback (BRAVA_TEST_AVAHI=1),
@@ -56,7 +57,8 @@ private slots:
         // The bus address is read once per process, so the check runs in a child of this program
         // that is pointed at a system bus that is not there.
         if (qEnvironmentVariableIsSet("BRAVA_DISCOVERY_NO_BUS")) {
-            RoomDiscovery d;
+            QNetworkAccessManager net;
+            RoomDiscovery d(net);
             d.start();
             QVERIFY(!d.searching());
             QVERIFY(d.rooms().isEmpty());
@@ -87,7 +89,8 @@ private slots:
         dead.close();
         const QString v6host = QStringLiteral("brava-v6-%1.local").arg(QCoreApplication::applicationPid());
 
-        RoomDiscovery d;
+        QNetworkAccessManager net;
+        RoomDiscovery d(net);
         // The normal 4 s liveness pass also browses again, which revives a service whose first
         // resolution failed on a busy machine. Every room kept below answers its probe, so
         // removals still come from withdrawals only.

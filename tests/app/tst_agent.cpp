@@ -1,0 +1,326 @@
+#include "AgentFixture.h"
+#include "Config.h"
+#include "LoginItem.h"
+#include "Reconciler.h"
+#include "SyntheticAudioBackend.h"
+#include "TrayView.h"
+
+#include <QApplication>
+#include <QMenu>
+#include <QMessageBox>
+#include <QtTest>
+
+#include <thread>
+
+using J = QJsonObject;
+
+// The agent as main() builds it, driven by a control room on loopback over its real link.
+class AgentTest : public QObject
+{
+    Q_OBJECT
+    TestHome home;
+    SyntheticAudioBackend refusing;
+    std::unique_ptr<AgentFixture> f;
+
+    Recorder &rec() { return f->app->recorder(); }
+    Reconciler &wishes() { return f->app->commands().reconciler(); }
+    QStringList menu() const
+    {
+        QStringList titles;
+        for (QAction *a : f->app->status().tray()->menu()->actions())
+            titles.append(a->text());
+        return titles;
+    }
+    int frames(char kind) const
+    {
+        return int(std::count_if(f->room.binaries.cbegin(), f->room.binaries.cend(),
+                                 [kind](const QByteArray &b) { return b.size() > 1 && b.at(0) == kind; }));
+    }
+    // Waits for n more heartbeats: the time in which anything already sent has arrived.
+    bool heartbeats(int n)
+    {
+        const qsizetype before = f->room.statuses().size();
+        return QTest::qWaitFor([&] { return f->room.statuses().size() >= before + n; }, 5000);
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        f = std::make_unique<AgentFixture>(home);
+        QVERIFY(f->app->connection().connected());
+    }
+    void cleanup()
+    {
+        f.reset();
+        for (QWidget *w : QApplication::topLevelWidgets())
+            delete w;
+    }
+
+    void launchRegistersLoginItemAndDrawsTheMenu()
+    {
+        QFile entry(LoginItem::entryPath());
+        QVERIFY(LoginItem::entryPath().startsWith(home.root() + QStringLiteral("/config/autostart/")));
+        QVERIFY(entry.open(QIODevice::ReadOnly));
+        QVERIFY(entry.readAll().contains("Exec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\""));
+        // No tray in the offscreen platform: said once, and the menu is kept all the same.
+        QCOMPARE(home.log().count(QStringLiteral("no system tray")), 1);
+        QTRY_COMPARE(menu().value(1), QStringLiteral("On · Connected to control room"));
+        QCOMPARE(f->room.urls.size(), 1);
+    }
+
+    void heartbeatTwiceASecond()
+    {
+        QElapsedTimer t;
+        t.start();
+        QVERIFY(heartbeats(4));
+        QVERIFY2(t.elapsed() > 1400 && t.elapsed() < 3000, qPrintable(QString::number(t.elapsed())));
+        const QJsonObject o = f->room.statuses().last();
+        QCOMPARE(o.value("recording"), QJsonValue(false));
+        QCOMPARE(o.value("micUID"), QJsonValue(QString()));
+        QVERIFY(o.value("cams").toArray().size() == 1);
+    }
+
+    void menuRedrawsOnlyWhenTheStateChanges()
+    {
+        const int before = f->app->status().tray()->drawCount();
+        for (int i = 0; i < 3; ++i)
+            f->app->tick();
+        QCOMPARE(f->app->status().tray()->drawCount(), before);
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QCOMPARE(f->app->status().tray()->drawCount(), before + 1);
+        QVERIFY(menu().contains(QStringLiteral("🔵  On a Call")));
+    }
+
+    void commandsDriveTheRecorder()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}));
+        QVERIFY(f->idle());
+        QVERIFY(rec().running() && !rec().session() && rec().listening);
+        QVERIFY(f->app->commands().live());
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}}));
+        QVERIFY(f->idle());
+        QCOMPARE(rec().session(), std::optional<QString>(QStringLiteral("s1")));
+        QVERIFY(rec().isRecording() && rec().listening);
+        const int calls = wishes().recorderCalls();
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}})); // the same session again: no restart
+        QVERIFY(f->idle());
+        QCOMPARE(wishes().recorderCalls(), calls);
+        QVERIFY(f->command(J{{"type", "stop"}})); // stopping the session keeps the listen-only run
+        QVERIFY(f->idle());
+        QVERIFY(rec().running() && !rec().session());
+
+        // Wishes that change while a pass waits for the recorder are folded into that pass.
+        bool injected = false;
+        wishes().onRecorderCall = [&] {
+            if (!std::exchange(injected, true)) {
+                f->app->commands().handle(J{{"type", "start"}, {"session", "b"}});
+                f->app->commands().handle(J{{"type", "start"}, {"session", "c"}});
+            }
+        };
+        const int before = wishes().recorderCalls();
+        f->app->commands().handle(J{{"type", "start"}, {"session", "a"}});
+        QVERIFY(f->idle());
+        wishes().onRecorderCall = nullptr;
+        QCOMPARE(rec().session(), std::optional<QString>(QStringLiteral("c")));
+        QCOMPARE(wishes().recorderCalls(), before + 2);
+        QVERIFY(!home.log().contains(QStringLiteral("session=b")));
+
+        // Cameras off ends everything and refuses live audio and preview until they are back.
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
+        QVERIFY(f->idle());
+        QVERIFY(!rec().running() && !wishes().desiredSession);
+        QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "preview"}, {"on", true}, {"hd", true}}));
+        QVERIFY(!wishes().wantListen && !rec().previewing && rec().previewHd);
+    }
+
+    void argumentsOfTheWrongTypeCountAsAbsent()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        Config::setUploadQuality(QStringLiteral("low"));
+        f->room.send(J{{"type", "quality"}});
+        QTRY_COMPARE(Config::uploadQuality(), QStringLiteral("full"));
+        QTRY_COMPARE(home.log().count(QStringLiteral("upload quality set to full")), 1);
+        QVERIFY(f->command(J{{"type", "listen"}, {"on", "yes"}}));
+        QVERIFY(!wishes().wantListen);
+        QVERIFY(f->command(J{{"type", "start"}, {"session", 42}}));
+        QVERIFY(!wishes().desiredSession);
+        QVERIFY(f->command(J{{"type", "setCam"}, {"uid", "cam-y"}}));
+        QCOMPARE(rec().previewCamUID(), QStringLiteral("cam-y"));
+        QVERIFY(f->command(J{{"type", "setCam"}}));
+        QCOMPARE(rec().previewCamUID(), QString());
+        Config::setMicUID(QStringLiteral("keep"));
+        QVERIFY(f->command(J{{"type", "setMic"}, {"uid", 3}}));
+        QCOMPARE(Config::micUID(), QStringLiteral("keep"));
+        QVERIFY(f->command(J{{"type", "setMic"}, {"uid", "usb-mic"}}));
+        QCOMPARE(Config::micUID(), QStringLiteral("usb-mic"));
+
+        // Junk and unknown commands change nothing and log nothing; the link stays up.
+        const int lines = int(home.log().count(QLatin1Char('\n'))), markers = f->markers;
+        for (const char *text : {"{\"type\":\"START\",\"session\":\"x\"}", "{\"type\":null}", "[{\"type\":\"start\"}]",
+                                 "{\"type\":\"whisper\",\"text\":\" \\t\"}", "{\"type\":\"launch\"}", "{\"type\":\"start\""})
+            f->room.sendText(QString::fromUtf8(text));
+        QVERIFY(f->command(J{{"type", "setCam"}, {"uid", "z"}}));
+        QCOMPARE(rec().previewCamUID(), QStringLiteral("z"));
+        QVERIFY(!wishes().desiredSession);
+        QCOMPARE(int(home.log().count(QLatin1Char('\n'))) - (f->markers - markers), lines);
+        QVERIFY(f->app->connection().connected());
+    }
+
+    void liveAudioAndPreviewReachTheRoomOnlyWhileCamerasAreOn()
+    {
+        QVERIFY(f->command(J{{"type", "preview"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "preview"}, {"on", true}}));
+        QTRY_VERIFY_WITH_TIMEOUT(frames(0) > 3 && frames(1) > 3 && frames(2) > 3, 10000);
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
+        QVERIFY(f->idle());
+        QVERIFY(heartbeats(1));
+        f->room.binaries.clear();
+        QVERIFY(heartbeats(2));
+        QCOMPARE(f->room.binaries.size(), 0);
+    }
+
+    void linkDropEndsListeningButNotRecording()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "s4"}}));
+        QVERIFY(f->idle());
+        f->room.dropAgents();
+        QTRY_VERIFY(!f->app->connection().connected());
+        QVERIFY(f->idle());
+        QVERIFY(!wishes().wantListen && !rec().listening && !f->app->commands().live());
+        QCOMPARE(rec().session(), std::optional<QString>(QStringLiteral("s4")));
+        QTRY_VERIFY(f->app->connection().connected());
+        QVERIFY(heartbeats(1));
+        QCOMPARE(f->room.statuses().last().value("recording"), QJsonValue(true));
+        QCOMPARE(f->room.statuses().last().value("live"), QJsonValue(false));
+    }
+
+    void takeSegmentsReachTheRoomsUpload()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "take-2"}}));
+        QTRY_VERIFY_WITH_TIMEOUT(rec().isRecording(), 5000);
+        const QString writing = Config::dir(QStringLiteral("writing")) + QStringLiteral("/take-2");
+        QTRY_VERIFY_WITH_TIMEOUT(QDir(writing).entryList(QDir::Files).size() >= 2, 5000);
+        QVERIFY(heartbeats(2));
+        QVERIFY(f->command(J{{"type", "stop"}}));
+        QTRY_VERIFY_WITH_TIMEOUT(f->room.uploads.size() >= 2 && f->app->uploader().pendingCount() == 0, 15000);
+        QStringList tracks;
+        for (int i = 0; i < f->room.uploads.size(); ++i) {
+            const QUrlQuery &q = f->room.uploads[i];
+            QCOMPARE(q.queryItemValue("session"), QStringLiteral("take-2"));
+            QCOMPARE(q.queryItemValue("final"), QStringLiteral("1"));
+            QFile file(f->room.uploadPaths[i]);
+            QVERIFY(file.open(QIODevice::ReadOnly));
+            QCOMPARE(file.read(8).mid(4), QByteArray("ftyp")); // a whole MP4 file from its first byte
+            tracks.append(q.queryItemValue("track"));
+        }
+        QVERIFY2(tracks.contains("mic") && tracks.contains("sys"), qPrintable(tracks.join(',')));
+        QVERIFY(QDir(writing).entryList(QDir::Files).isEmpty());
+    }
+
+    void roomDownForAWhileGetsEverySegmentInOrder()
+    {
+        f->room.goDown();
+        QTRY_VERIFY(!f->app->connection().connected());
+        const QString folder = Config::dir(QStringLiteral("writing")) + QStringLiteral("/show-1");
+        QDir().mkpath(folder);
+        for (const char *name : {"sys_1700000000001_00000.m4a", "sys_1700000000001_00001.m4a", "mic_1700000000001_00002.m4a",
+                                 "sys_1700000000001_00003_final.m4a"}) {
+            const QString path = folder + QLatin1Char('/') + QLatin1String(name);
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(QByteArray(70000, 'x')) == 70000);
+            file.close();
+            std::thread writer([&] { rec().onSegmentDone(path, QStringLiteral("show-1")); }); // as a writer reports
+            writer.join();
+        }
+        QTRY_COMPARE(f->app->status().menuState().pendingCount, 4);
+        QVERIFY(f->app->updateBusy());
+        QTRY_VERIFY(menu().contains(QStringLiteral("Uploading 4 file(s)…")));
+        QVERIFY(f->room.comeBack());
+        QTRY_COMPARE_WITH_TIMEOUT(f->room.uploads.size(), 4, 10000);
+        QStringList order;
+        for (const QUrlQuery &q : f->room.uploads)
+            order.append(q.queryItemValue("idx") + q.queryItemValue("track") + q.queryItemValue("final") + q.queryItemValue("id"));
+        QCOMPARE(order, QStringList({"2mic07", "0sys07", "1sys07", "3sys17"}));
+        QTRY_COMPARE(f->app->status().menuState().pendingCount, 0);
+    }
+
+    void releaseFreesTheNumberAtOnce()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "s5"}}));
+        QVERIFY(f->idle());
+        f->room.send(J{{"type", "release"}});
+        QTRY_COMPARE(Config::agentID(), 0);
+        QVERIFY(!Config::setupDone() && !f->app->connection().connected() && !wishes().desiredSession);
+        QVERIFY(home.log().contains(QStringLiteral("setup needed")));
+        QTRY_VERIFY(!rec().running());
+        // Without setup, wishes are kept but not carried out; and the link stays down.
+        f->app->commands().handle(J{{"type", "start"}, {"session", "late"}});
+        QTest::qWait(3 * f->app->connection().retryMs);
+        QVERIFY(!rec().running() && !wishes().applying());
+        QCOMPARE(f->room.urls.size(), 1);
+    }
+
+    void replacedShowsTheAlertAndStaysDown()
+    {
+        f->room.send(J{{"type", "replaced"}});
+        QTRY_VERIFY(f->app->connection().replaced());
+        QMessageBox *box = nullptr;
+        QTRY_VERIFY((box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())));
+        QCOMPARE(box->text(), QStringLiteral("Agent #7 is being used on another computer"));
+        QTRY_COMPARE(menu().value(1), QStringLiteral("⚠ Agent number in use on another computer"));
+        f->room.dropAgents();
+        QTRY_VERIFY(!f->app->connection().connected());
+        QTest::qWait(3 * f->app->connection().retryMs);
+        QCOMPARE(f->room.urls.size(), 1);
+        QCOMPARE(Config::agentID(), 7);
+    }
+
+    void callToggleTellsTheRoom()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        f->app->actions().toggleCall();
+        QVERIFY(f->app->updateBusy());
+        QTRY_COMPARE(menu().value(3), QStringLiteral("⏹  End the Call"));
+        QVERIFY(f->app->status().tray()->hasCallItem());
+        // Cameras off mid-call hide the call controls, but the call item stays: it ends the call.
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
+        QTRY_VERIFY(!menu().value(3).contains(QStringLiteral("Call")));
+        QVERIFY(f->app->status().tray()->hasCallItem());
+        f->app->actions().toggleCall();
+        f->app->actions().needHelp();
+        QVERIFY(!f->app->status().tray()->hasCallItem());
+        QTRY_COMPARE(f->room.events.size(), 3);
+        QStringList events; // posted side by side: they may arrive in any order
+        for (const QUrlQuery &q : f->room.events)
+            events.append(q.toString(QUrl::FullyDecoded));
+        events.sort();
+        QCOMPARE(events, QStringList({"id=7&type=call_end&secs=0", "id=7&type=call_start", "id=7&type=help"}));
+        QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")));
+    }
+
+    // A sound server that refuses this program sends the agent back to setup at the microphone step.
+    void refusedSoundServerReopensSetup()
+    {
+        f.reset();
+        refusing.accessAnswer = AudioBackend::Access::Refused;
+        f = std::make_unique<AgentFixture>(home, &refusing);
+        QCOMPARE(home.log().count(QStringLiteral("permission missing: mic=false screen=false")), 1);
+        Config::setWizardStep(0);
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "s6"}}));
+        QVERIFY(f->idle());
+        QCOMPARE(rec().blocked(), Recorder::Blocked::Microphone);
+        QCOMPARE(Config::wizardStep(), 2);
+    }
+};
+
+QTEST_MAIN(AgentTest)
+#include "tst_agent.moc"

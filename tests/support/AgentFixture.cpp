@@ -1,0 +1,44 @@
+#include "AgentFixture.h"
+
+#include "Config.h"
+#include "PulseBackend.h"
+#include "Reconciler.h"
+
+#include <QJsonDocument>
+#include <QTest>
+
+AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio)
+    : home(home)
+{
+    home.wipe();
+    home.useInfo(QString());
+    Config::setAgentID(7);
+    Config::setAgentName(QStringLiteral("Ana"));
+    Config::setServer(room.address());
+    Config::setSetupDone(true);
+    if (!audio)
+        ownAudio = std::make_unique<PulseBackend>();
+    app = std::make_unique<AppDelegate>(audio ? *audio : *ownAudio, cameras, Clock::monotonic());
+    app->uploader().tickIntervalMs = 200;
+    app->connection().retryMs = 200;
+    app->applicationDidFinishLaunching();
+    QTest::qWaitFor([this] { return app->connection().connected(); }, 5000);
+}
+
+AgentFixture::~AgentFixture()
+{
+    app.reset();
+}
+
+bool AgentFixture::command(const QJsonObject &c)
+{
+    room.send(c);
+    const QString marker = QStringLiteral("marker%1").arg(++markers);
+    room.send({{QStringLiteral("type"), QStringLiteral("quality")}, {QStringLiteral("q"), marker}});
+    return QTest::qWaitFor([&] { return Config::uploadQuality() == marker; }, 5000);
+}
+
+bool AgentFixture::idle()
+{
+    return QTest::qWaitFor([this] { return !app->commands().reconciler().applying(); }, 10000);
+}
