@@ -1,4 +1,6 @@
 #include "AgentFixture.h"
+#include "HttpStub.h"
+#include "ManualClock.h"
 #include "Config.h"
 #include "LoginItem.h"
 #include "Reconciler.h"
@@ -191,10 +193,13 @@ private Q_SLOTS:
         QVERIFY(f->idle());
         f->room.dropAgents();
         QTRY_VERIFY(!f->app->connection().connected());
+        QElapsedTimer down;
+        down.start();
         QVERIFY(f->idle());
         QVERIFY(!wishes().wantListen && !rec().listening && !f->app->commands().live());
         QCOMPARE(rec().session(), std::optional<QString>(QStringLiteral("s4")));
         QTRY_VERIFY(f->app->connection().connected());
+        QVERIFY(down.elapsed() >= f->app->connection().retryMs - 50); // a new link after the retry delay
         QVERIFY(heartbeats(1));
         QCOMPARE(f->room.statuses().last().value("recording"), QJsonValue(true));
         QCOMPARE(f->room.statuses().last().value("live"), QJsonValue(false));
@@ -304,6 +309,32 @@ private Q_SLOTS:
         events.sort();
         QCOMPARE(events, QStringList({"id=7&type=call_end&secs=0", "id=7&type=call_start", "id=7&type=help"}));
         QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")));
+    }
+
+    // A locked build with an event web service: check-in at launch and when the link comes back,
+    // the roster at launch and when an unknown seat whispers.
+    void webServiceWiring()
+    {
+        f.reset();
+        HttpStub service;
+        QVERIFY(service.listen());
+        service.setDefault(HttpStub::status(200, R"({"3":"Ann"})", "application/json"));
+        const auto asked = [&](const char *path) {
+            return std::count_if(service.requests.cbegin(), service.requests.cend(),
+                                 [path](const HttpStub::Request &r) { return r.url.path().endsWith(QLatin1String(path)); });
+        };
+        ManualClock clock;
+        f = std::make_unique<AgentFixture>(home, nullptr, QStringLiteral("http://") + service.address(), clock);
+        QTRY_COMPARE(asked("/checkin"), 1);
+        QTRY_COMPARE(f->app->roster().name(3), QStringLiteral("Ann"));
+        QVERIFY(f->command(J{{"type", "whisper"}, {"text", "Slow down"}, {"seat", 3}}));
+        QCOMPARE(asked("/mentors"), 1);
+        f->room.send(J{{"type", "whisper"}, {"text", "Smile"}, {"seat", 7}});
+        QTRY_COMPARE(asked("/mentors"), 2);
+        clock.advance((CheckIn::kMinSpacingMs + 1) * 1000000); // past the spacing of check-ins
+        f->room.dropAgents();
+        QTRY_COMPARE(asked("/checkin"), 2);
+        f.reset();
     }
 
     // A sound server that refuses this program sends the agent back to setup at the microphone step.

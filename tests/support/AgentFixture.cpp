@@ -7,18 +7,18 @@
 #include <QJsonDocument>
 #include <QTest>
 
-AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio)
+AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio, const QString &webBase, Clock &clock)
     : home(home)
 {
     home.wipe();
-    home.useInfo(QString());
+    home.useInfo(webBase.isEmpty() ? QString() : room.address(), QStringLiteral("2.5"), webBase);
     Config::setAgentID(7);
     Config::setAgentName(QStringLiteral("Ana"));
     Config::setServer(room.address());
     Config::setSetupDone(true);
     if (!audio)
         ownAudio = std::make_unique<PulseBackend>();
-    app = std::make_unique<AppDelegate>(audio ? *audio : *ownAudio, cameras, Clock::monotonic());
+    app = std::make_unique<AppDelegate>(audio ? *audio : *ownAudio, cameras, clock);
     app->uploader().tickIntervalMs = 200;
     app->connection().retryMs = 200;
     app->applicationDidFinishLaunching();

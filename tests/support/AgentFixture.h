@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AppDelegate.h"
+#include "Clock.h"
 #include "SyntheticCameraBackend.h"
 #include "TestHome.h"
 #include "TestRoom.h"
@@ -15,8 +16,10 @@ class AudioBackend;
 // camera, set up as agent #7 of a TestRoom, launched and connected.
 struct AgentFixture
 {
-    /// Builds and launches the agent; `audio` replaces the test sound server when given.
-    explicit AgentFixture(TestHome &home, AudioBackend *audio = nullptr);
+    /// Builds and launches the agent; `audio` replaces the test sound server when given; with a
+    /// web service base URL the build is locked to the room and checks in.
+    explicit AgentFixture(TestHome &home, AudioBackend *audio = nullptr, const QString &webBase = QString(),
+                          Clock &clock = Clock::monotonic());
     ~AgentFixture();
     /// Sends a command over the link and waits until the agent has handled it (false on time-out).
     bool command(const QJsonObject &c);
