@@ -1,6 +1,7 @@
 #include "AgentFixture.h"
 #include "HttpStub.h"
 #include "ManualClock.h"
+#include "OrderedJson.h"
 #include "Config.h"
 #include "LoginItem.h"
 #include "Reconciler.h"
@@ -309,6 +310,43 @@ private Q_SLOTS:
         events.sort();
         QCOMPARE(events, QStringList({"id=7&type=call_end&secs=0", "id=7&type=call_start", "id=7&type=help"}));
         QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")));
+    }
+
+    void linkRules()
+    {
+        Connection &conn = f->app->connection();
+        QCOMPARE(OrderedJson().insert(QStringLiteral("z"), true).insert(QStringLiteral("a"), QStringLiteral("q\"\\\n")).toJson(),
+                 QByteArray("{\"z\":true,\"a\":\"q\\\"\\\\\\n\"}"));
+        // Frames sent from another thread arrive whole, in order, behind their kind.
+        std::thread capture([&] {
+            for (int i = 0; i < 20; ++i)
+                conn.sendLiveAudio(quint8(i % 2), QByteArray(640, char(i)));
+        });
+        capture.join();
+        QTRY_COMPARE(f->room.binaries.size(), 20);
+        for (int i = 0; i < 20; ++i)
+            QCOMPARE(f->room.binaries[i], QByteArray(1, char(i % 2)) + QByteArray(640, char(i)));
+        // An oversized message drops the link, which comes back.
+        f->room.sendText(QString(int(Connection::kMaxMessageBytes) + 16, QLatin1Char('x')));
+        QTRY_VERIFY_WITH_TIMEOUT(f->room.urls.size() == 2 && conn.connected(), 8000);
+        // A connect() during the retry wait makes one socket.
+        f->room.dropAgents();
+        QTRY_VERIFY(!conn.connected());
+        conn.connect();
+        QTRY_VERIFY(conn.connected());
+        // Without a number or a usable address no socket is made, not even by a retry, and sends are dropped.
+        Config::setAgentID(0);
+        conn.connect();
+        QTRY_COMPARE(f->room.agentCount(), 0);
+        Config::setAgentID(7);
+        for (const char *server : {"not a host:xx", ""}) {
+            Config::setServer(QString::fromLatin1(server));
+            conn.connect();
+        }
+        conn.sendPreview("early");
+        QTest::qWait(3 * conn.retryMs);
+        QCOMPARE(f->room.urls.size(), 3);
+        QCOMPARE(f->room.binaries.size(), 20);
     }
 
     // A locked build with an event web service: check-in at launch and when the link comes back,

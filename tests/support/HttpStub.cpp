@@ -111,3 +111,8 @@ void HttpStub::respond(QTcpSocket *socket, const Answer &answer)
     socket->write("HTTP/1.1 " + QByteArray::number(answer.status) + " Stub\r\nContent-Type: " + answer.contentType
                   + "\r\nContent-Length: " + QByteArray::number(answer.body.size()) + "\r\n\r\n" + answer.body);
 }
+
+bool HttpStub::isListening() const
+{
+    return m_server->isListening();
+}

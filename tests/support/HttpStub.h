@@ -43,6 +43,8 @@ public:
     bool listen(quint16 port = 0);
     /// Stops listening and drops every connection.
     void close();
+    /// Whether it listens.
+    bool isListening() const;
     /// Port listened on.
     quint16 port() const;
     /// host:port.
