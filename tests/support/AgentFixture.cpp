@@ -13,7 +13,7 @@ AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio, const QString &w
     home.wipe();
     home.useInfo(webBase.isEmpty() ? QString() : room.address(), QStringLiteral("2.5"), webBase);
     Config::setAgentID(7);
-    Config::setAgentName(QStringLiteral("Ana"));
+    Config::setAgentName(QStringLiteral("Ana Lee & Co=1"));
     Config::setServer(room.address());
     Config::setSetupDone(true);
     if (!audio)
@@ -35,7 +35,7 @@ bool AgentFixture::command(const QJsonObject &c)
     room.send(c);
     const QString marker = QStringLiteral("marker%1").arg(++markers);
     room.send({{QStringLiteral("type"), QStringLiteral("quality")}, {QStringLiteral("q"), marker}});
-    return QTest::qWaitFor([&] { return Config::uploadQuality() == marker; }, 5000);
+    return QTest::qWaitFor([&] { return Config::uploadQuality() == marker; }, 5000) && idle();
 }
 
 bool AgentFixture::idle()

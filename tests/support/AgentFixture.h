@@ -21,7 +21,8 @@ struct AgentFixture
     explicit AgentFixture(TestHome &home, AudioBackend *audio = nullptr, const QString &webBase = QString(),
                           Clock &clock = Clock::monotonic());
     ~AgentFixture();
-    /// Sends a command over the link and waits until the agent has handled it (false on time-out).
+    /// Sends a command over the link and waits until the agent has handled it and carried it out
+    /// (false on time-out).
     bool command(const QJsonObject &c);
     /// Waits until no reconciler pass runs (false on time-out).
     bool idle();
