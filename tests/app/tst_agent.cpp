@@ -350,7 +350,7 @@ private Q_SLOTS:
         f.reset();
         HttpStub service;
         QVERIFY(service.listen());
-        service.setDefault(HttpStub::status(200, R"({"3":"Ann"})", "application/json"));
+        service.setDefault(HttpStub::status(200, R"({"3":"Ann"})"));
         const auto asked = [&](const char *path) {
             return std::count_if(service.requests.cbegin(), service.requests.cend(),
                                  [path](const HttpStub::Request &r) { return r.url.path().endsWith(QLatin1String(path)); });

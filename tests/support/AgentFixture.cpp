@@ -16,8 +16,7 @@ AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio, const QString &w
     Config::setAgentName(QStringLiteral("Ana Lee & Co=1"));
     Config::setServer(room.address());
     Config::setSetupDone(true);
-    if (!audio)
-        ownAudio = std::make_unique<PulseBackend>();
+    ownAudio = audio ? nullptr : std::make_unique<PulseBackend>();
     app = std::make_unique<AppDelegate>(audio ? *audio : *ownAudio, cameras, clock);
     app->uploader().tickIntervalMs = 200;
     app->connection().retryMs = 200;
@@ -25,10 +24,6 @@ AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio, const QString &w
     QTest::qWaitFor([this] { return app->connection().connected(); }, 5000);
 }
 
-AgentFixture::~AgentFixture()
-{
-    app.reset();
-}
 
 bool AgentFixture::command(const QJsonObject &c)
 {

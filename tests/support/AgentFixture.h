@@ -20,7 +20,6 @@ struct AgentFixture
     /// web service base URL the build is locked to the room and checks in.
     explicit AgentFixture(TestHome &home, AudioBackend *audio = nullptr, const QString &webBase = QString(),
                           Clock &clock = Clock::monotonic());
-    ~AgentFixture();
     /// Sends a command over the link and waits until the agent has handled it and carried it out
     /// (false on time-out).
     bool command(const QJsonObject &c);

@@ -49,11 +49,6 @@ quint16 HttpStub::port() const
     return m_server->serverPort();
 }
 
-HttpStub::Answer HttpStub::status(int code, const QByteArray &body, const QByteArray &type)
-{
-    return Answer{Answer::Reply, code, body, type};
-}
-
 void HttpStub::release(const Answer &answer)
 {
     for (QTcpSocket *socket : std::exchange(m_hanging, {}))
@@ -82,7 +77,6 @@ void HttpStub::readFrom(QTcpSocket *socket)
         }
         const qsizetype take = qsizetype(qMin<qint64>(c.buffer.size(), c.remaining));
         c.request.body += c.buffer.left(qsizetype(qBound<qint64>(0, keepBodyBytes - c.request.body.size(), take)));
-        c.request.bodySize += take;
         c.buffer.remove(0, take);
         if ((c.remaining -= take) > 0)
             return;
@@ -110,9 +104,4 @@ void HttpStub::respond(QTcpSocket *socket, const Answer &answer)
     }
     socket->write("HTTP/1.1 " + QByteArray::number(answer.status) + " Stub\r\nContent-Type: " + answer.contentType
                   + "\r\nContent-Length: " + QByteArray::number(answer.body.size()) + "\r\n\r\n" + answer.body);
-}
-
-bool HttpStub::isListening() const
-{
-    return m_server->isListening();
 }

@@ -33,7 +33,6 @@ public:
         QUrl url;
         QHash<QByteArray, QByteArray> headers;
         QByteArray body;
-        qint64 bodySize = 0;
     };
 
     explicit HttpStub(QObject *parent = nullptr);
@@ -43,15 +42,13 @@ public:
     bool listen(quint16 port = 0);
     /// Stops listening and drops every connection.
     void close();
-    /// Whether it listens.
-    bool isListening() const;
     /// Port listened on.
     quint16 port() const;
     /// host:port.
     QString address() const { return QStringLiteral("127.0.0.1:%1").arg(port()); }
 
     /// A status answer.
-    static Answer status(int code, const QByteArray &body = QByteArray(), const QByteArray &type = "text/plain");
+    static Answer status(int code, const QByteArray &body = QByteArray()) { return Answer{Answer::Reply, code, body}; }
     /// No answer until release().
     static Answer hang() { return Answer{Answer::Hang}; }
     /// The answer used when the script is empty.

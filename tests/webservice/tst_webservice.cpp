@@ -45,9 +45,9 @@ class WebServiceTest : public QObject
     }
 
 private Q_SLOTS:
+    void initTestCase() { QVERIFY(service.listen()); }
     void init()
     {
-        QVERIFY(service.isListening() || service.listen());
         home.wipe();
         home.useInfo(QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"), base());
         Config::setAgentID(42);
@@ -75,23 +75,22 @@ private Q_SLOTS:
 
     void checkInOnlyFromASetUpAgentOfALockedBuild_data()
     {
-        QTest::addColumn<QString>("fixedServer");
         QTest::addColumn<int>("agent");
         QTest::addColumn<bool>("setupDone");
         QTest::addColumn<bool>("withService");
-        QTest::newRow("unlocked build") << QString() << 42 << true << true;
-        QTest::newRow("no agent number") << QStringLiteral("10.0.0.5:8080") << 0 << true << true;
-        QTest::newRow("setup not done") << QStringLiteral("10.0.0.5:8080") << 42 << false << true;
-        QTest::newRow("no web service") << QStringLiteral("10.0.0.5:8080") << 42 << true << false;
+        QTest::newRow("unlocked build") << 42 << true << true;
+        QTest::newRow("no agent number") << 0 << true << true;
+        QTest::newRow("setup not done") << 42 << false << true;
+        QTest::newRow("no web service") << 42 << true << false;
     }
     void checkInOnlyFromASetUpAgentOfALockedBuild()
     {
-        QFETCH(QString, fixedServer);
-        QFETCH(int, agent);
-        QFETCH(bool, setupDone);
         QFETCH(bool, withService);
-        home.useInfo(fixedServer, QStringLiteral("3.1"), withService ? base() : QString());
+        home.useInfo(QTest::currentDataTag() == QByteArray("unlocked build") ? QString() : QStringLiteral("10.0.0.5:8080"),
+                     QStringLiteral("3.1"), withService ? base() : QString());
+        QFETCH(int, agent);
         Config::setAgentID(agent);
+        QFETCH(bool, setupDone);
         Config::setSetupDone(setupDone);
         checkIn.poke(true);
         QCOMPARE(net.made, 0);
@@ -136,7 +135,6 @@ private Q_SLOTS:
         QVERIFY(t >= before && t <= QDateTime::currentSecsSinceEpoch()); // a cache buster
         fetch(R"({"2":"Cy"})"); // each answer replaces the roster whole
         QCOMPARE(roster.map(), (QMap<int, QString>{{2, "Cy"}}));
-        QCOMPARE(roster.fault(), MentorRoster::Fault::None);
         // Bad answers keep the roster as it was.
         fetch("<html>busy</html>");
         QCOMPARE(roster.fault(), MentorRoster::Fault::NotAnObject);
