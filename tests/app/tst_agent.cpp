@@ -84,10 +84,7 @@ private Q_SLOTS:
         const QJsonObject o = f->room.statuses().last();
         QVERIFY(o.value("mic").isDouble() && o.value("camError").isNull() && o.value("rate") == QJsonValue(48000));
         QCOMPARE(o.value("cams").toArray().size(), 1);
-    }
-
-    void menuRedrawsOnlyWhenTheStateChanges()
-    {
+        // The menu is drawn again only when what it shows changed.
         const int before = f->app->status().tray()->drawCount();
         for (int i = 0; i < 3; ++i)
             f->app->tick();
@@ -162,9 +159,8 @@ private Q_SLOTS:
             f->room.sendText(QString::fromUtf8(text));
         QVERIFY(f->command(J{{"type", "setCam"}, {"uid", "z"}}));
         QCOMPARE(rec().previewCamUID(), QStringLiteral("z"));
-        QVERIFY(!wishes().desiredSession);
+        QVERIFY(!wishes().desiredSession && f->app->connection().connected());
         QCOMPARE(int(home.log().count(QLatin1Char('\n'))) - (f->markers - markers), lines);
-        QVERIFY(f->app->connection().connected());
     }
 
     void liveAudioAndPreviewReachTheRoomOnlyWhileCamerasAreOn()
@@ -204,7 +200,6 @@ private Q_SLOTS:
     {
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
         QVERIFY(f->command(J{{"type", "start"}, {"session", "take-2"}}));
-        QTRY_VERIFY_WITH_TIMEOUT(rec().isRecording(), 5000);
         const QString writing = Config::dir(QStringLiteral("writing")) + QStringLiteral("/take-2");
         QTRY_VERIFY_WITH_TIMEOUT(QDir(writing).entryList(QDir::Files).size() >= 2, 5000);
         QVERIFY(heartbeats(2));
@@ -228,16 +223,12 @@ private Q_SLOTS:
     {
         f->room.goDown();
         QTRY_VERIFY(!f->app->connection().connected());
-        const QString folder = Config::dir(QStringLiteral("writing")) + QStringLiteral("/show-1");
-        QDir().mkpath(folder);
+        const QString folder = Config::dir(QStringLiteral("writing/show-1"));
         for (const char *name : {"sys_1700000000001_00000.m4a", "sys_1700000000001_00001.m4a", "mic_1700000000001_00002.m4a",
                                  "sys_1700000000001_00003_final.m4a"}) {
-            const QString path = folder + QLatin1Char('/') + QLatin1String(name);
-            QFile file(path);
+            QFile file(folder + QLatin1Char('/') + QLatin1String(name));
             QVERIFY(file.open(QIODevice::WriteOnly) && file.write(QByteArray(70000, 'x')) == 70000);
-            file.close();
-            std::thread writer([&] { rec().onSegmentDone(path, QStringLiteral("show-1")); }); // as a writer reports
-            writer.join();
+            std::thread([&] { rec().onSegmentDone(file.fileName(), QStringLiteral("show-1")); }).join(); // as a writer reports
         }
         QTRY_COMPARE(f->app->status().menuState().pendingCount, 4);
         QVERIFY(f->app->updateBusy());
@@ -289,7 +280,6 @@ private Q_SLOTS:
         f->app->actions().toggleCall();
         QVERIFY(f->app->updateBusy());
         QTRY_COMPARE(menu().value(3), QStringLiteral("⏹  End the Call"));
-        QVERIFY(f->app->status().tray()->hasCallItem());
         // Cameras off mid-call hide the call controls, but the call item stays: it ends the call.
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
         QTRY_VERIFY(!menu().value(3).contains(QStringLiteral("Call")));

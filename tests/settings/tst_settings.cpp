@@ -6,7 +6,7 @@
 
 #include <QRegularExpression>
 #include <QSettings>
-#include <QThread>
+#include <thread>
 #include <QtTest>
 
 class SettingsTest : public QObject
@@ -120,18 +120,14 @@ private Q_SLOTS:
     {
         const QDateTime t(QDate(2026, 3, 4), QTime(23, 5, 6, 789), QTimeZone(3600));
         QCOMPARE(bravaLogLine(QStringLiteral("hi"), t), QStringLiteral("2026-03-04T22:05:06Z hi"));
-        QList<QThread *> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.append(QThread::create([t] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([t] {
                 for (int i = 0; i < 200; ++i)
                     bravaLog(QStringLiteral("thread %1 line %2 %3").arg(t).arg(i).arg(QString(100, QLatin1Char('x'))));
-            }));
-            threads.last()->start();
-        }
-        for (QThread *t : threads) {
-            QVERIFY(t->wait(10000));
-            delete t;
-        }
+            });
+        for (std::thread &t : threads)
+            t.join();
         const QStringList lines = home.log().split(QLatin1Char('\n'), Qt::SkipEmptyParts);
         QCOMPARE(lines.size(), 800);
         const QRegularExpression shape(QStringLiteral("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ thread \\d line \\d+ x{100}$"));
