@@ -67,33 +67,22 @@ private Q_SLOTS:
         const HttpStub::Request &r = service.requests.first();
         QCOMPARE(r.method + ' ' + r.url.path().toUtf8() + ' ' + r.headers.value("content-type"),
                  QByteArray("POST /wp-json/brava/v1/checkin application/json"));
-        const QJsonObject o = QJsonDocument::fromJson(r.body).object();
-        QCOMPARE(o, QJsonObject({{"token", QString::fromLatin1(CheckIn::token)}, {"agent", 42}, {"name", "Zoë \"Z\" Park"},
+        QCOMPARE(QJsonDocument::fromJson(r.body).object(), QJsonObject({{"token", QString::fromLatin1(CheckIn::token)}, {"agent", 42}, {"name", "Zoë \"Z\" Park"},
                                  {"os", "linux"}, {"version", "3.1"}, {"mic", true}, {"cam", false}, {"screen", true}}));
         QVERIFY(r.body.startsWith("{\"token\":") && r.body.indexOf("\"os\"") < r.body.indexOf("\"screen\""));
     }
 
-    void checkInOnlyFromASetUpAgentOfALockedBuild_data()
-    {
-        QTest::addColumn<int>("agent");
-        QTest::addColumn<bool>("setupDone");
-        QTest::addColumn<bool>("withService");
-        QTest::newRow("unlocked build") << 42 << true << true;
-        QTest::newRow("no agent number") << 0 << true << true;
-        QTest::newRow("setup not done") << 42 << false << true;
-        QTest::newRow("no web service") << 42 << true << false;
-    }
     void checkInOnlyFromASetUpAgentOfALockedBuild()
     {
-        QFETCH(bool, withService);
-        home.useInfo(QTest::currentDataTag() == QByteArray("unlocked build") ? QString() : QStringLiteral("10.0.0.5:8080"),
-                     QStringLiteral("3.1"), withService ? base() : QString());
-        QFETCH(int, agent);
-        Config::setAgentID(agent);
-        QFETCH(bool, setupDone);
-        Config::setSetupDone(setupDone);
-        checkIn.poke(true);
-        QCOMPARE(net.made, 0);
+        // Unlocked build, no web service, no agent number, setup not done: one missing at a time.
+        for (int missing = 0; missing < 4; ++missing) {
+            home.useInfo(missing == 0 ? QString() : QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"),
+                         missing == 1 ? QString() : base());
+            Config::setAgentID(missing == 2 ? 0 : 42);
+            Config::setSetupDone(missing != 3);
+            checkIn.poke(true);
+            QCOMPARE(net.made, 0);
+        }
     }
 
     void checkInSpacingAndChangedPermissions()
@@ -143,10 +132,8 @@ private Q_SLOTS:
         fetch({}, 0, HttpStub::Answer::Reset);
         QCOMPARE(roster.fault(), MentorRoster::Fault::NoAnswer);
         QCOMPARE(roster.name(2), QStringLiteral("Cy"));
-    }
-
-    void rosterFetchesOneAtATimeAndOnlyWithAService()
-    {
+        // One download at a time, and none without a web service.
+        net.made = 0;
         service.script({HttpStub::hang()});
         roster.fetch();
         roster.fetch(); // an unknown seat whispers meanwhile
