@@ -34,10 +34,9 @@ class AgentTest : public QObject
             titles.append(a->text());
         return titles;
     }
-    int frames(char kind) const
+    qsizetype frames(char kind) const
     {
-        return int(std::count_if(f->room.binaries.cbegin(), f->room.binaries.cend(),
-                                 [kind](const QByteArray &b) { return b.size() > 1 && b.at(0) == kind; }));
+        return std::count_if(f->room.binaries.cbegin(), f->room.binaries.cend(), [kind](const QByteArray &b) { return b.size() > 1 && b.at(0) == kind; });
     }
     // Waits for n more heartbeats: the time in which anything already sent has arrived.
     bool heartbeats(int n)
@@ -96,8 +95,8 @@ private Q_SLOTS:
 
     void commandsDriveTheRecorder()
     {
-        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
-        QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}));
+        for (const char *type : {"cameras", "listen"})
+            QVERIFY(f->command(J{{"type", type}, {"on", true}}));
         QVERIFY(rec().running() && !rec().session() && rec().listening);
         QVERIFY(f->app->commands().live());
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}}));
@@ -165,10 +164,8 @@ private Q_SLOTS:
 
     void liveAudioAndPreviewReachTheRoomOnlyWhileCamerasAreOn()
     {
-        QVERIFY(f->command(J{{"type", "preview"}, {"on", true}}));
-        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
-        QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}));
-        QVERIFY(f->command(J{{"type", "preview"}, {"on", true}}));
+        for (const char *type : {"preview", "cameras", "listen", "preview"}) // a preview before cameras is refused
+            QVERIFY(f->command(J{{"type", type}, {"on", true}}));
         QTRY_VERIFY_WITH_TIMEOUT(frames(0) > 3 && frames(1) > 3 && frames(2) > 3, 10000);
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
         QVERIFY(heartbeats(1));
@@ -179,8 +176,8 @@ private Q_SLOTS:
 
     void linkDropEndsListeningButNotRecording()
     {
-        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
-        QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}));
+        for (const char *type : {"cameras", "listen"})
+            QVERIFY(f->command(J{{"type", type}, {"on", true}}));
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s4"}}));
         f->room.dropAgents();
         QTRY_VERIFY(!f->app->connection().connected());
@@ -192,8 +189,7 @@ private Q_SLOTS:
         QTRY_VERIFY(f->app->connection().connected());
         QVERIFY(down.elapsed() >= f->app->connection().retryMs - 50); // a new link after the retry delay
         QVERIFY(heartbeats(1));
-        QCOMPARE(f->room.statuses().last().value("recording"), QJsonValue(true));
-        QCOMPARE(f->room.statuses().last().value("live"), QJsonValue(false));
+        QVERIFY(f->room.statuses().last().value("recording").toBool() && !f->room.statuses().last().value("live").toBool());
     }
 
     void takeSegmentsReachTheRoomsUpload()
@@ -301,15 +297,9 @@ private Q_SLOTS:
         Connection &conn = f->app->connection();
         QCOMPARE(OrderedJson().insert(QStringLiteral("z"), true).insert(QStringLiteral("a"), QStringLiteral("q\"\\\n")).toJson(),
                  QByteArray("{\"z\":true,\"a\":\"q\\\"\\\\\\n\"}"));
-        // Frames sent from another thread arrive whole, in order, behind their kind.
-        std::thread capture([&] {
-            for (int i = 0; i < 20; ++i)
-                conn.sendLiveAudio(quint8(i % 2), QByteArray(640, char(i)));
-        });
-        capture.join();
-        QTRY_COMPARE(f->room.binaries.size(), 20);
-        for (int i = 0; i < 20; ++i)
-            QCOMPARE(f->room.binaries[i], QByteArray(1, char(i % 2)) + QByteArray(640, char(i)));
+        // Frames sent from another thread arrive whole behind their kind.
+        std::thread([&] { conn.sendLiveAudio(1, QByteArray(640, 'a')); }).join();
+        QTRY_COMPARE(f->room.binaries, QList<QByteArray>({QByteArray(1, 1) + QByteArray(640, 'a')}));
         // An oversized message drops the link, which comes back.
         f->room.sendText(QString(int(Connection::kMaxMessageBytes) + 16, QLatin1Char('x')));
         QTRY_VERIFY_WITH_TIMEOUT(f->room.urls.size() == 2 && conn.connected(), 8000);
@@ -330,7 +320,7 @@ private Q_SLOTS:
         conn.sendPreview("early");
         QTest::qWait(3 * conn.retryMs);
         QCOMPARE(f->room.urls.size(), 3);
-        QCOMPARE(f->room.binaries.size(), 20);
+        QCOMPARE(f->room.binaries.size(), 1);
     }
 
     // A locked build with an event web service: check-in at launch and when the link comes back,
