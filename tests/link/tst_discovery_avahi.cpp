@@ -10,22 +10,14 @@
 class DiscoveryAvahiTest : public QObject
 {
     Q_OBJECT
-    std::vector<std::unique_ptr<QProcess>> publishers;
-
-    QProcess *publish(const QString &name, quint16 port)
-    {
-        publishers.push_back(std::make_unique<QProcess>());
-        publishers.back()->start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name, QStringLiteral("_bravacontrol._tcp"),
-                                                                  QString::number(port)});
-        return publishers.back().get();
-    }
+    QProcess good, bad;
 
 private Q_SLOTS:
     void announcedRoomsThatAnswerAppearAndLeave()
     {
         if (qEnvironmentVariableIntValue("BRAVA_TEST_AVAHI") != 1)
             QSKIP("no Avahi daemon for tests (run through scripts/test)");
-        const QString good = QStringLiteral("Good %1").arg(QCoreApplication::applicationPid());
+        const QString name = QStringLiteral("Room %1").arg(QCoreApplication::applicationPid());
         HttpStub room, dead;
         QVERIFY(room.listen() && dead.listen());
         const quint16 deadPort = dead.port();
@@ -34,12 +26,12 @@ private Q_SLOTS:
         RoomDiscovery d(net);
         d.start();
         QVERIFY(d.searching());
-        QProcess *goodPublisher = publish(good, room.port());
-        publish(QStringLiteral("Dead %1").arg(QCoreApplication::applicationPid()), deadPort);
+        good.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name, QStringLiteral("_bravacontrol._tcp"), QString::number(room.port())});
+        bad.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name + QStringLiteral(" dead"), QStringLiteral("_bravacontrol._tcp"), QString::number(deadPort)});
         QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 1 && d.resolving() == 0, 15000);
-        QCOMPARE(d.rooms().first().name, good);
+        QCOMPARE(d.rooms().first().name, name);
         QCOMPARE(d.rooms().first().address(), room.address());
-        goodPublisher->terminate();
+        good.terminate();
         QTRY_VERIFY_WITH_TIMEOUT(d.rooms().isEmpty(), 10000);
     }
 };

@@ -92,11 +92,9 @@ private Q_SLOTS:
                                       QStringLiteral("%2F"), QString(QChar(0)) + QStringLiteral("x"), QStringLiteral("Zoë ☕")};
         QSet<QString> folders;
         for (const QString &session : sessions) {
-            const QString folder = Config::sessionFolder(session);
-            QVERIFY2(!folder.isEmpty() && !folder.startsWith(QLatin1Char('.')) && !folder.contains(QLatin1Char('/')) && !folder.contains(QChar(0)),
-                     qPrintable(folder));
+            const QString folder = *folders.insert(Config::sessionFolder(session));
+            QVERIFY2(!folder.isEmpty() && !folder.startsWith(QLatin1Char('.')) && !folder.contains(QLatin1Char('/')) && !folder.contains(QChar(0)), qPrintable(folder));
             QCOMPARE(Config::sessionOfFolder(folder), session);
-            folders.insert(folder);
         }
         QCOMPARE(folders.size(), sessions.size());
     }

@@ -93,10 +93,9 @@ private Q_SLOTS:
 
     void onlyMediaInSessionFoldersCountInNameOrder()
     {
-        put(folder("pending"), QStringLiteral("mic_1_00000.m4a"));                // not in a session folder
-        pending(QStringLiteral(".hidden"), QStringLiteral("mic_1_00001.m4a")); // hidden session
-        pending(QStringLiteral("s"), QStringLiteral("notes.txt"));
-        pending(QStringLiteral("s"), QStringLiteral("mic_1_00003.m4a.part"));
+        // Not in a session folder, in a hidden one, not media.
+        for (const char *path : {"mic_1_00000.m4a", ".hidden/mic_1_00001.m4a", "s/notes.txt", "s/mic_1_00003.m4a.part"})
+            put(folder("pending") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, -2), QString::fromLatin1(path).section(QLatin1Char('/'), -1));
         QVERIFY(Uploader::pendingFiles(folder("pending")).isEmpty());
         QVERIFY(Uploader::pendingFiles(folder("pending") + QStringLiteral("/nowhere")).isEmpty());
         for (const char *path : {"b/sys_1_00000.m4a", "a/mic_10_00001_final.m4a", "c/mic_10_00000.m4a", "z/cam_1_00000.mp4"})
@@ -157,11 +156,9 @@ private Q_SLOTS:
 
     void orphansAreRecoveredAtStartAndBadAddressesWait()
     {
-        put(folder("writing") + QStringLiteral("/old"), QStringLiteral("mic_3_00000.m4a"));
-        put(folder("writing") + QStringLiteral("/old"), QStringLiteral("scratch.tmp"));
-        put(folder("writing") + QStringLiteral("/.keep"), QStringLiteral("mic_3_00000.m4a"));
+        for (const char *path : {"old/mic_3_00000.m4a", "old/scratch.tmp", ".keep/mic_3_00000.m4a", "s/mic_3_00000.m4a"})
+            put(folder("writing") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, 0), QString::fromLatin1(path).section(QLatin1Char('/'), 1));
         const QString inner = put(folder("writing") + QStringLiteral("/s/inner"), QStringLiteral("mic_3_00001.m4a"));
-        put(folder("writing") + QStringLiteral("/s"), QStringLiteral("mic_3_00000.m4a"));
         // The same name is already waiting: that move is refused and the recording stays put.
         const QString clash = put(folder("writing") + QStringLiteral("/t"), QStringLiteral("mic_3_00000.m4a"), "newer");
         pending(QStringLiteral("t"), QStringLiteral("mic_3_00000.m4a"));

@@ -103,8 +103,7 @@ private Q_SLOTS:
         QCOMPARE(net.made, 3);
         checkIn.poke(false);
         QCOMPARE(net.made, 4);
-        QTRY_COMPARE(service.requests.size(), 4);
-        QCOMPARE(QJsonDocument::fromJson(service.requests.last().body).object().value("cam"), QJsonValue(true));
+        QTRY_VERIFY(service.requests.size() == 4 && service.requests.last().body.contains("\"cam\":true"));
         checkIn.start(100); // the timer forces check-ins
         clockMs += 5000;
         QTRY_COMPARE(net.made, 5);
@@ -120,8 +119,8 @@ private Q_SLOTS:
         fetch(R"({"1":"Ann","2":"Bo"})");
         const HttpStub::Request &r = service.requests.first();
         QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("GET /wp-json/brava/v1/mentors"));
-        const qint64 t = QUrlQuery(r.url).queryItemValue(QStringLiteral("t")).toLongLong();
-        QVERIFY(t >= before && t <= QDateTime::currentSecsSinceEpoch()); // a cache buster
+        const qint64 t = QUrlQuery(r.url).queryItemValue(QStringLiteral("t")).toLongLong(); // a cache buster
+        QVERIFY(t >= before && t <= QDateTime::currentSecsSinceEpoch());
         fetch(R"({"2":"Cy"})"); // each answer replaces the roster whole
         QCOMPARE(roster.map(), (QMap<int, QString>{{2, "Cy"}}));
         // Bad answers keep the roster as it was.
