@@ -86,8 +86,9 @@ private Q_SLOTS:
         QCOMPARE(discovery->resolving(), 0);
         browser->onRemoved(ScriptedBrowser::service(QStringLiteral("Quick")));
         QCOMPARE(listed(), QStringLiteral("Slow@%1 ").arg(slow));
-        discovery->start(); // a restart keeps the list
-        QCOMPARE(discovery->rooms().size(), 1);
+        browser->available = false; // no DNS-SD daemon: not searching; a restart keeps the list
+        discovery->start();
+        QVERIFY(!discovery->searching() && discovery->rooms().size() == 1);
     }
 
     void livenessPassDropsSilentRoomsAndBrowsesAgainUntilStop()
@@ -102,18 +103,12 @@ private Q_SLOTS:
         servers[1]->close();
         QTRY_COMPARE(listed(), QStringLiteral("Stays@%1 ").arg(stays));
         QVERIFY(browser->browses > browses);
-        // A browse that ends on its own stops searching until start().
-        browser->onStopped();
-        QVERIFY(!discovery->searching());
         // Stop freezes the list: no more probes, and the dead room stays.
         discovery->stop();
         QVERIFY(!discovery->searching());
         servers[0]->close();
         QTest::qWait(3 * discovery->livenessIntervalMs);
         QCOMPARE(discovery->rooms().size(), 1);
-        browser->available = false;
-        discovery->start();
-        QVERIFY(!discovery->searching());
     }
 };
 
