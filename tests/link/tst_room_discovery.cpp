@@ -2,6 +2,7 @@
 #include "RoomDiscovery.h"
 
 #include <QNetworkAccessManager>
+#include <QProcess>
 #include <QtTest>
 
 // A DNS-SD source the test scripts by hand: it records what discovery asks of it and reports
@@ -109,6 +110,25 @@ private Q_SLOTS:
         servers[0]->close();
         QTest::qWait(3 * discovery->livenessIntervalMs);
         QCOMPARE(discovery->rooms().size(), 1);
+    }
+
+    // The system's DNS-SD daemon (the Avahi daemon scripts/test starts on loopback), rooms announced by avahi-publish.
+    void announcedOnTheRealDaemon()
+    {
+        if (qEnvironmentVariableIntValue("BRAVA_TEST_AVAHI") != 1)
+            QSKIP("no Avahi daemon for tests (run through scripts/test)");
+        const QString name = QStringLiteral("Room %1").arg(QCoreApplication::applicationPid()); // runs do not meet
+        const quint16 port = room();
+        RoomDiscovery d(net);
+        d.start();
+        QVERIFY(d.searching());
+        QProcess good, dead;
+        good.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name, QStringLiteral("_bravacontrol._tcp"), QString::number(port)});
+        dead.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name + QStringLiteral(" dead"), QStringLiteral("_bravacontrol._tcp"), QStringLiteral("1")});
+        QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 1 && d.resolving() == 0, 15000);
+        QCOMPARE(d.rooms().first().name + QLatin1Char('@') + d.rooms().first().address(), name + QStringLiteral("@127.0.0.1:%1").arg(port));
+        good.terminate();
+        QTRY_VERIFY_WITH_TIMEOUT(d.rooms().isEmpty(), 10000);
     }
 };
 
