@@ -54,8 +54,7 @@ private Q_SLOTS:
     void cleanup()
     {
         f.reset();
-        for (QWidget *w : QApplication::topLevelWidgets())
-            delete w;
+        qDeleteAll(QApplication::topLevelWidgets());
     }
 
     void launchRegistersLoginItemAndDrawsTheMenu()
@@ -91,11 +90,9 @@ private Q_SLOTS:
     {
         for (const char *type : {"cameras", "listen"})
             QVERIFY(f->command(J{{"type", type}, {"on", true}}));
-        QVERIFY(rec().running() && !rec().session() && rec().listening);
-        QVERIFY(f->app->commands().live());
+        QVERIFY(rec().running() && !rec().session() && rec().listening && f->app->commands().live());
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}}));
-        QCOMPARE(rec().session(), std::optional<QString>(QStringLiteral("s1")));
-        QVERIFY(rec().isRecording() && rec().listening);
+        QVERIFY(rec().session() == QStringLiteral("s1") && rec().isRecording() && rec().listening);
         const int calls = wishes().recorderCalls();
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}})); // the same session again: no restart
         QCOMPARE(wishes().recorderCalls(), calls);
@@ -133,12 +130,10 @@ private Q_SLOTS:
         f->room.send(J{{"type", "quality"}});
         QTRY_COMPARE(Config::uploadQuality(), QStringLiteral("full"));
         QTRY_COMPARE(home.log().count(QStringLiteral("upload quality set to full")), 1);
-        QVERIFY(f->command(J{{"type", "listen"}, {"on", "yes"}}));
-        QVERIFY(!wishes().wantListen);
-        QVERIFY(f->command(J{{"type", "start"}, {"session", 42}}));
-        QVERIFY(!wishes().desiredSession);
-        QVERIFY(f->command(J{{"type", "setCam"}}));
-        QCOMPARE(rec().previewCamUID(), QString());
+        rec().setPreviewCamUID(QStringLiteral("cam-x"));
+        for (const J &c : {J{{"type", "listen"}, {"on", "yes"}}, J{{"type", "start"}, {"session", 42}}, J{{"type", "setCam"}}})
+            QVERIFY(f->command(c));
+        QVERIFY(!wishes().wantListen && !wishes().desiredSession && rec().previewCamUID().isEmpty());
         Config::setMicUID(QStringLiteral("keep"));
         QVERIFY(f->command(J{{"type", "setMic"}, {"uid", 3}}));
         QCOMPARE(Config::micUID(), QStringLiteral("keep"));
@@ -178,11 +173,9 @@ private Q_SLOTS:
         QElapsedTimer down;
         down.start();
         QVERIFY(f->idle());
-        QVERIFY(!wishes().wantListen && !rec().listening && !f->app->commands().live());
-        QCOMPARE(rec().session(), std::optional<QString>(QStringLiteral("s4")));
+        QVERIFY(!wishes().wantListen && !rec().listening && !f->app->commands().live() && rec().session() == QStringLiteral("s4"));
         QTRY_VERIFY(f->app->connection().connected());
-        QVERIFY(down.elapsed() >= f->app->connection().retryMs - 50); // a new link after the retry delay
-        QVERIFY(heartbeats(1));
+        QVERIFY(down.elapsed() >= f->app->connection().retryMs - 50 && heartbeats(1)); // a new link after the retry delay
         QVERIFY(f->room.statuses().last().value("recording").toBool() && !f->room.statuses().last().value("live").toBool());
     }
 
@@ -247,8 +240,7 @@ private Q_SLOTS:
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s5"}}));
         f->room.send(J{{"type", "release"}});
         QTRY_COMPARE(Config::agentID(), 0);
-        QVERIFY(!Config::setupDone() && !f->app->connection().connected() && !wishes().desiredSession);
-        QVERIFY(home.log().contains(QStringLiteral("setup needed")));
+        QVERIFY(!Config::setupDone() && !f->app->connection().connected() && !wishes().desiredSession && home.log().contains(QStringLiteral("setup needed")));
         QTRY_VERIFY(!rec().running());
         // Without setup, wishes are kept but not carried out; and the link stays down.
         f->app->commands().handle(J{{"type", "start"}, {"session", "late"}});
@@ -269,8 +261,8 @@ private Q_SLOTS:
         QTRY_VERIFY(!menu().value(3).contains(QStringLiteral("Call")));
         QVERIFY(f->app->status().tray()->hasCallItem());
         f->app->actions().toggleCall();
-        f->app->actions().needHelp();
         QVERIFY(!f->app->status().tray()->hasCallItem());
+        f->app->actions().needHelp();
         QTRY_COMPARE(f->room.events.size(), 3);
         QStringList events; // posted side by side: they may arrive in any order
         std::transform(f->room.events.cbegin(), f->room.events.cend(), std::back_inserter(events), [](const QUrlQuery &q) { return q.toString(); });
@@ -345,8 +337,7 @@ private Q_SLOTS:
         Config::setWizardStep(0);
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s6"}}));
-        QCOMPARE(rec().blocked(), Recorder::Blocked::Microphone);
-        QCOMPARE(Config::wizardStep(), 2);
+        QVERIFY(rec().blocked() == Recorder::Blocked::Microphone && Config::wizardStep() == 2);
     }
 };
 
