@@ -75,13 +75,12 @@ private Q_SLOTS:
         browser->announce(QStringLiteral("Twin"), quick); // the same address again: first name kept
         browser->announce(QStringLiteral("V6"), slow, {QHostAddress::LocalHostIPv6});
         browser->announce(QStringLiteral("Both"), quick, {QHostAddress::LocalHostIPv6, QHostAddress::LocalHost});
-        QCOMPARE(browser->resolveLimits, QList<int>(7, 5000));
-        QCOMPARE(discovery->resolving(), 0);
+        QVERIFY(browser->resolveLimits == QList<int>(7, 5000) && discovery->resolving() == 0);
         QTRY_COMPARE(listed(), QStringLiteral("Quick@%1 Slow@%2 ").arg(quick).arg(slow));
         QTRY_COMPARE(servers[2]->hanging(), 0); // past the probe limit
         QCOMPARE(discovery->rooms().size(), 2);
-        QCOMPARE(servers[0]->requests.first().method + ' ' + servers[0]->requests.first().url.path().toUtf8(), "GET /");
-        QCOMPARE(servers[0]->requests.size(), 1); // the IPv6-only service was never probed
+        // One GET / each; the IPv6-only service was never probed.
+        QVERIFY(servers[0]->requests.size() == 1 && servers[0]->requests.first().method + ' ' + servers[0]->requests.first().url.path().toUtf8() == "GET /");
         browser->onFound(ScriptedBrowser::service(QStringLiteral("Ghost")));
         browser->onResolveFailed(ScriptedBrowser::service(QStringLiteral("Ghost")));
         QCOMPARE(discovery->resolving(), 0);
@@ -102,8 +101,7 @@ private Q_SLOTS:
         QTRY_COMPARE(discovery->rooms().size(), 2);
         const int browses = browser->browses;
         servers[1]->close();
-        QTRY_COMPARE(listed(), QStringLiteral("Stays@%1 ").arg(stays));
-        QVERIFY(browser->browses > browses);
+        QTRY_VERIFY(listed() == QStringLiteral("Stays@%1 ").arg(stays) && browser->browses > browses);
         // Stop freezes the list: no more probes, and the dead room stays.
         discovery->stop();
         QVERIFY(!discovery->searching());
