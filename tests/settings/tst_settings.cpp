@@ -28,8 +28,7 @@ private Q_SLOTS:
         Config::setAgentID(7);
         Config::setAgentName(QStringLiteral("  Ana\t"));
         QSettings other(Config::settingsFilePath(), QSettings::IniFormat);
-        QCOMPARE(other.value("agentID").toInt(), 7);
-        QCOMPARE(other.value("agentName").toString(), QStringLiteral("Ana"));
+        QVERIFY(other.value("agentID").toInt() == 7 && other.value("agentName").toString() == QStringLiteral("Ana"));
         // Someone else rewrites the file while the agent runs (with a new modification time): the next read sees it.
         QFile f(Config::settingsFilePath());
         QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
@@ -38,8 +37,7 @@ private Q_SLOTS:
         f.close();
         QVERIFY(Config::agentID() == 12 && Config::setupDone());
         QCOMPARE(Config::agentName(), QStringLiteral("\nBo\n")); // only spaces and tabs are trimmed
-        QCOMPARE(Config::wizardStep(), 0);                     // not a number: the default
-        QCOMPARE(Config::videoBitrate(), 2000000);
+        QVERIFY(Config::wizardStep() == 0 && Config::videoBitrate() == 2000000); // not a number: the default
         Config::setServer(QStringLiteral("10.0.0.9:8080"));
         QCOMPARE(QSettings(Config::settingsFilePath(), QSettings::IniFormat).value("agentID").toInt(), 12);
     }
@@ -48,15 +46,14 @@ private Q_SLOTS:
     {
         home.useInfo(QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"), QStringLiteral(" http://w.example/ "));
         QVERIFY(Config::serverLocked() && Config::server() == QStringLiteral("10.0.0.5:8080"));
-        QCOMPARE(Config::webServiceURL(), QStringLiteral("http://w.example"));
         Config::setServer(QStringLiteral("127.0.0.1:9"));
-        QCOMPARE(Config::server(), QStringLiteral("127.0.0.1:9"));
+        QVERIFY(Config::webServiceURL() == QStringLiteral("http://w.example") && Config::server() == QStringLiteral("127.0.0.1:9"));
         home.useInfo(QStringLiteral("   "));
         QVERIFY(!Config::serverLocked());
         Config::overrideInfoFileForTesting(QString()); // the build's own: beside the executable
         QCOMPARE(Config::infoFilePath(), QCoreApplication::applicationDirPath() + QStringLiteral("/Info.ini"));
-        QCOMPARE(Config::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
         QVERIFY(QDir(Config::dir(QStringLiteral("pending"))).exists());
+        QCOMPARE(Config::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
     }
 
@@ -106,11 +103,8 @@ private Q_SLOTS:
             });
         for (std::thread &t : threads)
             t.join();
-        const QStringList lines = home.log().split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-        QCOMPARE(lines.size(), 800);
-        const QRegularExpression shape(QStringLiteral("^\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ thread \\d line \\d+ x{100}$"));
-        for (const QString &line : lines)
-            QVERIFY2(shape.match(line).hasMatch(), qPrintable(line));
+        const QRegularExpression shape(QStringLiteral("^(\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ thread \\d line \\d+ x{100}\n){800}$"));
+        QVERIFY(shape.match(home.log()).hasMatch());
     }
 };
 

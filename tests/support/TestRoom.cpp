@@ -10,10 +10,7 @@ TestRoom::TestRoom()
     connect(this, &ControlRoomServer::agentConnected, this, [this](const QUrl &url) { urls.append(url); });
     connect(this, &ControlRoomServer::textReceived, this, [this](const QString &text) { texts.append(text); });
     connect(this, &ControlRoomServer::binaryReceived, this, [this](const QByteArray &frame) { binaries.append(frame); });
-    connect(this, &ControlRoomServer::uploaded, this, [this](const QUrlQuery &q, const QString &path) {
-        uploads.append(q);
-        uploadPaths.append(path);
-    });
+    connect(this, &ControlRoomServer::uploaded, this, [this](const QUrlQuery &q, const QString &path) { uploads.append(q), uploadPaths.append(path); });
     connect(this, &ControlRoomServer::eventReceived, this, [this](const QUrlQuery &q) { events.append(q); });
 }
 
