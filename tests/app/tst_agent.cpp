@@ -153,6 +153,7 @@ private Q_SLOTS:
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
         QVERIFY(heartbeats(1));
         f->room.binaries.clear();
+        std::thread([&] { rec().onPreviewFrame("late"), rec().onLiveAudio(0, "late"); }).join(); // still in flight
         QVERIFY(heartbeats(2));
         QCOMPARE(f->room.binaries.size(), 0);
     }
@@ -176,7 +177,7 @@ private Q_SLOTS:
     void takeSegmentsReachTheRoomsUpload()
     {
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "take-2"}}));
-        const QString writing = Config::dir(QStringLiteral("writing")) + QStringLiteral("/take-2");
+        const QString writing = Config::dir(QStringLiteral("writing/take-2"));
         QTRY_VERIFY_WITH_TIMEOUT(QDir(writing).entryList(QDir::Files).size() >= 2, 5000);
         QVERIFY(heartbeats(2));
         QVERIFY(f->command(J{{"type", "stop"}}));
