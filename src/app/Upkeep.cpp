@@ -34,10 +34,7 @@ void Upkeep::checkForNewVersion()
     if (onDisk.isEmpty() || onDisk == m_runningBuild || m_busy())
         return;
     bravaLog(QStringLiteral("new version on disk (") + onDisk + QStringLiteral(") — relaunching"));
-    if (relaunch)
-        relaunch();
-    else
-        relaunchSelf();
+    relaunchSelf();
 }
 
 void Upkeep::relaunchSelf()

@@ -26,8 +26,6 @@ public:
 
     /// Interval of the new-build check in milliseconds.
     static constexpr int kVersionCheckMs = 10000;
-    /// Called instead of the real relaunch when set (tests).
-    std::function<void()> relaunch;
 
 private:
     void relaunchSelf();
