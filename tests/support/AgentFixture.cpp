@@ -21,7 +21,7 @@ AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio, const QString &w
     app->uploader().tickIntervalMs = 200;
     app->connection().retryMs = 200;
     app->applicationDidFinishLaunching();
-    QTest::qWaitFor([this] { return app->connection().connected(); }, 5000);
+    (void)QTest::qWaitFor([this] { return app->connection().connected(); }, 5000); // the tests check it
 }
 
 
