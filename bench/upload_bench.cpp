@@ -5,6 +5,7 @@
 #include "Config.h"
 #include "Uploader.h"
 
+#include <QNetworkAccessManager>
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -110,7 +111,8 @@ int main(int argc, char **argv)
 
     const qint64 rssBefore = statusKb("VmRSS");
     resetPeak();
-    Uploader up;
+    QNetworkAccessManager net;
+    Uploader up(net);
     up.tickIntervalMs = 600000; // every upload below starts from enqueue, none from the timer
     QElapsedTimer clock;
     qint64 agentMs = -1;

@@ -1,10 +1,7 @@
 #include "AppDelegate.h"
 #include "CameraBackend.h"
 #include "Clock.h"
-#include "Connection.h"
-#include "Permissions.h"
 #include "PulseBackend.h"
-#include "Recorder.h"
 
 #include <QApplication>
 
@@ -14,11 +11,10 @@ int main(int argc, char *argv[])
     app.setApplicationName(QStringLiteral("Brava Recorder"));
     // A tray agent: closing a window never ends it.
     app.setQuitOnLastWindowClosed(false);
+    // The platform parts first, so that they outlive the agent built on them.
     PulseBackend audio;
     const std::unique_ptr<CameraBackend> cameras = CameraBackend::fromEnvironment();
-    Permissions permissions(audio);
-    Recorder recorder(audio, *cameras, Clock::monotonic());
-    AppDelegate delegate(recorder, Connection::shared(), permissions);
+    AppDelegate delegate(audio, *cameras, Clock::monotonic());
     delegate.applicationDidFinishLaunching();
     return app.exec();
 }

@@ -1,97 +1,99 @@
 #pragma once
 
+#include "AgentActions.h"
+#include "AgentEvents.h"
+#include "CheckIn.h"
+#include "Commands.h"
+#include "Connection.h"
+#include "MentorRoster.h"
+#include "Permissions.h"
+#include "Recorder.h"
+#include "RoomDiscovery.h"
 #include "StatusMenu.h"
+#include "StatusView.h"
+#include "Uploader.h"
+#include "Upkeep.h"
 
-#include <QDateTime>
-#include <QJsonObject>
+#include <QNetworkAccessManager>
 #include <QObject>
-#include <QString>
+#include <QTimer>
 
-class Connection;
-class Permissions;
-class Reconciler;
-class Recorder;
-class TrayView;
-class QTimer;
+#include <atomic>
 
-// The agent's controller: wires every component at launch, runs the 0.5 s tick (heartbeat, menu,
-// widget) and the 10 s check for a newer build on disk, handles the control room's commands and
-// shows the agent's state in the tray. Main thread only.
+class AudioBackend;
+class CameraBackend;
+class Clock;
+
+// The agent's controller and the one owner of its parts: builds the network manager, recorder,
+// link, upload queue, check-in, roster, discovery, permissions, command table, status view,
+// actions and upkeep, hands each its collaborators, runs the launch sequence and the 0.5 s tick
+// (heartbeat, menu, call timer). Main thread only.
 class AppDelegate : public QObject
 {
     Q_OBJECT
 public:
-    /// A controller of this recorder and link, reading these permissions.
-    AppDelegate(Recorder &rec, Connection &conn, Permissions &permissions, QObject *parent = nullptr);
+    /// An agent on this sound server, these cameras and this clock.
+    AppDelegate(AudioBackend &audio, CameraBackend &cameras, Clock &clock, QObject *parent = nullptr);
+    /// Stops the timers, then capture (no recorder callback runs afterwards), then the rest.
     ~AppDelegate() override;
 
-    /// The launch sequence: wiring, login item, link, permission check, timers, first draw.
+    /// The launch sequence: tray, uploads, check-in, roster, login item, link, permission check,
+    /// timers, first draw.
     void applicationDidFinishLaunching();
-    /// Handles one command from the control room.
-    void handle(const QJsonObject &command);
-    /// One heartbeat: status message, widget and menu.
+    /// One heartbeat: status message, menu and call timer.
     void tick();
-    /// Redraws the tray when the state fingerprint changed.
-    void refresh();
-    /// Shows a short confirmation as the status title for 1.6 s.
-    void flashStatus(const QString &text);
-
     /// Opens the setup wizard (at Config.wizardStep).
     void showWizard();
-    /// Marks a call as started or ended.
-    void toggleCall();
-    /// Tells the coaches this agent needs help.
-    void needHelp();
-    /// Opens the data folder in the file manager.
-    void openFolder();
-    /// Relaunches when a different build has been installed beside the running one.
-    void checkForNewVersion();
 
     /// Whether updating now would disturb the agent (recording, call, pending work).
     bool updateBusy() const;
-    /// Live audio is wanted and capture runs.
-    bool live() const;
-    /// The state the tray shows.
-    StatusMenu::State menuState() const;
     /// Whether the setup wizard is open.
     bool wizardOpen() const { return m_wizardOpen; }
 
-    /// The recorder wishes and the reconciler.
-    Reconciler &reconciler() const { return *m_reconciler; }
-    /// The tray view.
-    TrayView &tray() const { return *m_tray; }
-    /// Whether the agent is on a call.
-    bool onCall() const { return m_onCall; }
+    /// The parts, for the windows that join later and for tests.
+    Recorder &recorder() { return m_recorder; }
+    Connection &connection() { return m_conn; }
+    Uploader &uploader() { return m_uploader; }
+    CheckIn &checkIn() { return m_checkIn; }
+    MentorRoster &roster() { return m_roster; }
+    RoomDiscovery &discovery() { return m_discovery; }
+    Permissions &permissions() { return m_permissions; }
+    Commands &commands() { return m_commands; }
+    StatusView &status() { return m_status; }
+    AgentActions &actions() { return m_actions; }
+    Upkeep &upkeep() { return m_upkeep; }
 
     /// Interval of the heartbeat in milliseconds.
     static constexpr int kTickMs = 500;
-    /// Interval of the new-build check in milliseconds.
-    static constexpr int kVersionCheckMs = 10000;
 
 private:
     void wireRecorder();
     void linkChanged();
-    void applyFinished();
-    void kickApply();
     void checkPermissionsAtLaunch();
     void showReplacedAlert();
-    void release();
-    void relaunchSelf();
-    void postEvent(const QString &type, const QList<QPair<QString, QString>> &fields = {});
     void perform(StatusMenu::Action action);
-    bool canPerform(StatusMenu::Action action) const;
-    int pendingUploads() const;
+    static bool canPerform(StatusMenu::Action action);
+    CheckIn::Flags permissionFlags() const;
 
-    Recorder &m_rec;
-    Connection &m_conn;
-    Permissions &m_permissions;
-    Reconciler *m_reconciler = nullptr;
-    TrayView *m_tray = nullptr;
-    QTimer *m_timer = nullptr;
-    QTimer *m_versionTimer = nullptr;
-    bool m_wizardOpen = false;
-    bool m_onCall = false;
-    QDateTime m_callStart;
-    QString m_menuKey;
-    QString m_runningBuild;
+    // Read by capture threads before they forward live audio or a preview frame.
+    std::atomic<bool> m_wizardOpen{false};
+
+    // Members are destroyed in the reverse order of this list. The network manager, link and
+    // upload queue come first so that they outlive the recorder, whose destructor stops capture
+    // and guarantees that no callback (segment done, live audio, preview) runs afterwards; the
+    // parts that drive the recorder and the timer come after it and so go before it.
+    QNetworkAccessManager m_net;
+    Connection m_conn;
+    Uploader m_uploader;
+    Permissions m_permissions;
+    CheckIn m_checkIn;
+    MentorRoster m_roster;
+    RoomDiscovery m_discovery;
+    AgentEvents m_events;
+    AgentActions m_actions;
+    Recorder m_recorder;
+    Commands m_commands;
+    StatusView m_status;
+    Upkeep m_upkeep;
+    QTimer m_tick;
 };

@@ -1,5 +1,7 @@
 #include "LoginItem.h"
 
+#include "XdgFolder.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
@@ -9,10 +11,7 @@ namespace LoginItem {
 
 QString entryPath()
 {
-    QString base = qEnvironmentVariable("XDG_CONFIG_HOME");
-    if (base.isEmpty() || !QDir::isAbsolutePath(base))
-        base = QDir::homePath() + QStringLiteral("/.config");
-    return base + QStringLiteral("/autostart/brava-recorder.desktop");
+    return xdgFolder(XdgFolder::Autostart) + QStringLiteral("/brava-recorder.desktop");
 }
 
 void registerCurrentUser()

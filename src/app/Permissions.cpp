@@ -1,19 +1,42 @@
 #include "Permissions.h"
 
-#include "CameraAccess.h"
 #include "AudioBackend.h"
+#include "CameraAccess.h"
 
-Permissions::Permissions(AudioBackend &audio)
-    : m_audio(audio)
+#include <QFileSystemWatcher>
+
+Permissions::Permissions(AudioBackend &audio, QObject *parent)
+    : QObject(parent)
+    , m_audio(audio)
+    , m_devWatcher(new QFileSystemWatcher(this))
 {
+    // Plugging or unplugging a camera adds or removes a node in /dev.
+    m_devWatcher->addPath(QStringLiteral("/dev"));
+    connect(m_devWatcher, &QFileSystemWatcher::directoryChanged, this, &Permissions::readCameraAccess);
+    readCameraAccess();
+}
+
+Permissions::~Permissions() = default;
+
+void Permissions::readCameraAccess()
+{
+    switch (CameraAccess::status()) {
+    case CameraAccess::Status::Authorized:
+        m_camera = Status::Authorized;
+        return;
+    case CameraAccess::Status::Denied:
+        m_camera = Status::Denied;
+        return;
+    case CameraAccess::Status::NotDetermined:
+        break;
+    }
+    m_camera = Status::NotDetermined;
 }
 
 // Linux has no consent prompt for sound, so the answer is what the sound server does:
-// - microphone: Authorized when the server accepts this program's connection, Denied when it
-//   turns it away (access or authentication refused, as in a sandbox without audio access),
-//   NotDetermined when no server answers at all (nothing setup could repair);
-// - computer audio: Authorized when the default output's monitor can be opened for capture,
-//   Denied when the server or the stream refuses, NotDetermined when there is no output device.
+// Authorized when the server accepts this program's connection, Denied when it turns it away
+// (access or authentication refused, as in a sandbox without audio access), NotDetermined when
+// no server answers at all (nothing setup could repair).
 Permissions::Status Permissions::microphone() const
 {
     switch (m_audio.access()) {
@@ -33,23 +56,10 @@ Permissions::Status Permissions::computerAudio() const
     if (server != Status::Authorized)
         return server;
     QString reason;
-    const std::optional<QString> monitor = m_audio.outputMonitor(&reason);
-    if (!monitor)
-        return Status::NotDetermined;
-    QString error;
-    const std::unique_ptr<AudioCapture> probe = m_audio.open(*monitor, 48000, 2, {}, &error);
-    return probe ? Status::Authorized : Status::Denied;
+    return m_audio.outputMonitor(&reason) ? Status::Authorized : Status::NotDetermined;
 }
 
-Permissions::Status Permissions::camera() const
+const char *Permissions::flag(Status status)
 {
-    switch (CameraAccess::status()) {
-    case CameraAccess::Status::Authorized: return Status::Authorized;
-    case CameraAccess::Status::Denied: return Status::Denied;
-    case CameraAccess::Status::NotDetermined: break;
-    }
-    return Status::NotDetermined;
+    return status == Status::Authorized ? "true" : "false";
 }
-
-const char *Permissions::flag(Status status) { return status == Status::Authorized ? "true" : "false"; }
-

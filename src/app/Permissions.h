@@ -1,28 +1,39 @@
 #pragma once
 
+#include <QObject>
+
 class AudioBackend;
+class QFileSystemWatcher;
 
 // What this user may capture. On Linux there is no consent prompt: a device is "authorized" when
 // the system lets this program open it and "denied" when it refuses; until a check has been made
-// the answer is "not determined". Every decision of this kind is made here.
-class Permissions
+// the answer is "not determined". Every decision of this kind is made here. Never opens a device:
+// the sound server's answers are the backend's cached ones, and camera access is read once and
+// again whenever /dev changes. Main thread only.
+class Permissions : public QObject
 {
+    Q_OBJECT
 public:
     enum class Status { NotDetermined, Denied, Authorized };
 
     /// Answers from this sound server and the computer's video devices.
-    explicit Permissions(AudioBackend &audio);
+    explicit Permissions(AudioBackend &audio, QObject *parent = nullptr);
+    ~Permissions() override;
 
     /// Microphone access: whether the sound server accepts this program.
     Status microphone() const;
-    /// Computer-audio access: whether the default output's monitor can be opened.
+    /// Computer-audio access: the server accepts this program and the default output has a monitor.
     Status computerAudio() const;
-    /// Camera access: whether this user may open the video devices.
-    Status camera() const;
+    /// Camera access: whether this user may open the video devices (cached).
+    Status camera() const { return m_camera; }
 
     /// Text for logs: "true" when authorized, else "false".
     static const char *flag(Status status);
 
 private:
+    void readCameraAccess();
+
     AudioBackend &m_audio;
+    QFileSystemWatcher *m_devWatcher;
+    Status m_camera = Status::NotDetermined;
 };

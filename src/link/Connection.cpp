@@ -4,19 +4,12 @@
 #include "Config.h"
 #include "OrderedJson.h"
 
-#include <QCoreApplication>
 #include <QJsonDocument>
 #include <QPointer>
 #include <QThread>
 #include <QTimer>
 #include <QUrlQuery>
 #include <QWebSocket>
-
-Connection &Connection::shared()
-{
-    static Connection *instance = new Connection(QCoreApplication::instance());
-    return *instance;
-}
 
 Connection::Connection(QObject *parent)
     : QObject(parent)
@@ -145,7 +138,7 @@ void Connection::dropped(qint64 gen)
         Qt::QueuedConnection);
     if (m_replaced)
         return;
-    QTimer::singleShot(kRetryMs, this, [this, gen] {
+    QTimer::singleShot(retryMs, this, [this, gen] {
         if (m_generation == gen && !m_connected)
             connect();
     });
@@ -197,4 +190,27 @@ void Connection::sendBinary(const QByteArray &data)
     if (!m_connected || !m_socket)
         return;
     m_socket->sendBinaryMessage(data);
+}
+
+void Connection::sendFrame(quint8 kind, const QByteArray &payload)
+{
+    // Checked here too so that a capture thread builds no frame while the link is down.
+    if (!m_connected)
+        return;
+    QByteArray frame;
+    frame.reserve(payload.size() + 1);
+    frame.append(char(kind));
+    frame.append(payload);
+    sendBinary(frame);
+}
+
+void Connection::sendLiveAudio(quint8 source, const QByteArray &pcm)
+{
+    Q_ASSERT(source == kMicSource || source == kComputerAudioSource);
+    sendFrame(source, pcm);
+}
+
+void Connection::sendPreview(const QByteArray &jpeg)
+{
+    sendFrame(kPreviewFrame, jpeg);
 }

@@ -18,9 +18,6 @@ class Connection : public QObject
 {
     Q_OBJECT
 public:
-    /// The one shared link, created on first use (on the main thread).
-    static Connection &shared();
-
     explicit Connection(QObject *parent = nullptr);
     ~Connection() override;
 
@@ -34,6 +31,10 @@ public:
     void sendJSON(const QJsonObject &message);
     /// Sends one binary message while connected; dropped otherwise. Callable from any thread.
     void sendBinary(const QByteArray &data);
+    /// Sends live PCM of one source (kMicSource or kComputerAudioSource) as a binary frame; any thread.
+    void sendLiveAudio(quint8 source, const QByteArray &pcm);
+    /// Sends one preview JPEG as a binary frame; any thread.
+    void sendPreview(const QByteArray &jpeg);
 
     /// True between the open of the current socket and its drop.
     bool connected() const { return m_connected; }
@@ -46,6 +47,14 @@ public:
 
     /// Delay before an automatic reconnection, in milliseconds (2000).
     static constexpr int kRetryMs = 2000;
+    /// The delay in use; tests shorten it.
+    int retryMs = kRetryMs;
+    /// First byte of a binary frame: live microphone audio.
+    static constexpr quint8 kMicSource = 0;
+    /// First byte of a binary frame: live computer audio.
+    static constexpr quint8 kComputerAudioSource = 1;
+    /// First byte of a binary frame: a preview JPEG.
+    static constexpr quint8 kPreviewFrame = 2;
     /// Largest incoming message accepted; larger ones make the socket close.
     static constexpr qint64 kMaxMessageBytes = 8 * 1024 * 1024;
 
@@ -60,6 +69,7 @@ private:
     void dropped(qint64 gen);
     void cancelSocket();
     void sendText(const QByteArray &text);
+    void sendFrame(quint8 kind, const QByteArray &payload);
 
     QWebSocket *m_socket = nullptr;
     qint64 m_generation = 0;

@@ -7,10 +7,10 @@
 #include <QThread>
 #include <QTimer>
 
-RoomDiscovery::RoomDiscovery(std::unique_ptr<ServiceBrowser> browser, QObject *parent)
+RoomDiscovery::RoomDiscovery(QNetworkAccessManager &net, std::unique_ptr<ServiceBrowser> browser, QObject *parent)
     : QObject(parent)
     , m_browser(browser ? std::move(browser) : std::make_unique<AvahiBrowser>())
-    , m_probe(new RoomProbe(this))
+    , m_probe(new RoomProbe(net, this))
 {
     m_browser->onFound = [this](const ServiceBrowser::Service &s) { found(s); };
     m_browser->onRemoved = [this](const ServiceBrowser::Service &s) { removed(s); };

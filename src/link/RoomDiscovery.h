@@ -10,6 +10,7 @@
 #include <memory>
 
 class RoomProbe;
+class QNetworkAccessManager;
 class QTimer;
 
 // Finds the control rooms announced on the local network, keeps those that answer over HTTP and
@@ -20,8 +21,9 @@ class RoomDiscovery : public QObject
 {
     Q_OBJECT
 public:
-    /// Uses the given browser, or the system's DNS-SD daemon when none is given.
-    explicit RoomDiscovery(std::unique_ptr<ServiceBrowser> browser = nullptr, QObject *parent = nullptr);
+    /// Probes over `net`; uses the given browser, or the system's DNS-SD daemon when none is given.
+    explicit RoomDiscovery(QNetworkAccessManager &net, std::unique_ptr<ServiceBrowser> browser = nullptr,
+                           QObject *parent = nullptr);
     ~RoomDiscovery() override;
 
     /// Begins or restarts discovery; the list is kept.

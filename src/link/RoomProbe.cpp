@@ -5,9 +5,9 @@
 #include <QNetworkRequest>
 #include <QUrl>
 
-RoomProbe::RoomProbe(QObject *parent)
+RoomProbe::RoomProbe(QNetworkAccessManager &net, QObject *parent)
     : QObject(parent)
-    , m_net(new QNetworkAccessManager(this))
+    , m_net(net)
 {
 }
 
@@ -21,7 +21,7 @@ bool RoomProbe::probe(const QString &host, int port, std::function<void(bool)> d
     request.setTransferTimeout(timeoutMs);
     // A redirect is an answer too; it is not followed.
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-    QNetworkReply *reply = m_net->get(request);
+    QNetworkReply *reply = m_net.get(request);
     connect(reply, &QNetworkReply::finished, this, [reply, done = std::move(done)] {
         reply->deleteLater();
         done(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid());

@@ -13,7 +13,8 @@ class RoomProbe : public QObject
 {
     Q_OBJECT
 public:
-    explicit RoomProbe(QObject *parent = nullptr);
+    /// Probes over this network manager.
+    explicit RoomProbe(QNetworkAccessManager &net, QObject *parent = nullptr);
 
     /// Probes http://host:port/; done(reachable) runs on this object's thread. False when no URL
     /// can be made of host and port (done is then not called).
@@ -23,5 +24,5 @@ public:
     int timeoutMs = 2000;
 
 private:
-    QNetworkAccessManager *m_net;
+    QNetworkAccessManager &m_net;
 };

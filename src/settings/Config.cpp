@@ -1,5 +1,8 @@
 #include "Config.h"
 
+#include "StrictInt.h"
+#include "XdgFolder.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QUrl>
@@ -7,19 +10,11 @@
 #include <QMutex>
 #include <QSettings>
 
+#include <limits>
 #include <memory>
 #include <optional>
 
 namespace {
-
-QString xdgDir(const char *variable, const char *fallbackUnderHome)
-{
-    const QString value = qEnvironmentVariable(variable);
-    // The XDG base directory rules ignore relative paths.
-    if (!value.isEmpty() && QDir::isAbsolutePath(value))
-        return value;
-    return QDir::homePath() + QLatin1Char('/') + QLatin1String(fallbackUnderHome);
-}
 
 const QString kFolder = QStringLiteral("Brava Recorder");
 
@@ -55,9 +50,8 @@ void writeValue(const QString &key, const QVariant &value)
 
 int readInt(const QString &key)
 {
-    bool ok = false;
-    const int v = readValue(key).toInt(&ok);
-    return ok ? v : 0;
+    return parseStrictInt(readValue(key).toString(), std::numeric_limits<int>::min(), std::numeric_limits<int>::max())
+        .value_or(0);
 }
 
 bool readBool(const QString &key)
@@ -214,12 +208,12 @@ void overrideInfoFileForTesting(const QString &path)
 
 QString settingsFilePath()
 {
-    return xdgDir("XDG_CONFIG_HOME", ".config") + QLatin1Char('/') + kFolder + QStringLiteral("/settings.ini");
+    return xdgFolder(XdgFolder::Config) + QLatin1Char('/') + kFolder + QStringLiteral("/settings.ini");
 }
 
 QString dataDir()
 {
-    const QString path = xdgDir("XDG_DATA_HOME", ".local/share") + QLatin1Char('/') + kFolder;
+    const QString path = xdgFolder(XdgFolder::Data) + QLatin1Char('/') + kFolder;
     QDir().mkpath(path);
     return path;
 }

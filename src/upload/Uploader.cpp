@@ -4,7 +4,6 @@
 #include "Config.h"
 #include "SegmentName.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -35,15 +34,9 @@ bool isHidden(const QFileInfo &info)
 
 } // namespace
 
-Uploader &Uploader::shared()
-{
-    static Uploader *instance = new Uploader(QCoreApplication::instance());
-    return *instance;
-}
-
-Uploader::Uploader(QObject *parent)
+Uploader::Uploader(QNetworkAccessManager &net, QObject *parent)
     : QObject(parent)
-    , m_net(new QNetworkAccessManager(this))
+    , m_net(net)
 {
 }
 
@@ -117,7 +110,7 @@ void Uploader::setAside(const PendingFile &file)
     if (QFile::rename(file.path, target))
         bravaLog(QStringLiteral("upload: ") + name + QStringLiteral(" is not a segment name; kept in unrecognized/"));
     else
-        m_lastError = QStringLiteral("could not set aside ") + name;
+        fail(Fault::SetAside, QStringLiteral("could not set aside ") + name);
 }
 
 void Uploader::upload(const PendingFile &file)
@@ -131,14 +124,14 @@ void Uploader::upload(const PendingFile &file)
     url.setQuery(query);
     if (!url.isValid() || url.host().isEmpty()) {
         // No usable control-room address: the file waits until the setting is fixed.
-        m_lastError = QStringLiteral("no valid control-room address");
+        fail(Fault::NoAddress, QStringLiteral("no valid control-room address"));
         return;
     }
 
     // The body is read from the file as it is sent, never whole.
     auto *body = new QFile(file.path);
     if (!body->open(QIODevice::ReadOnly)) {
-        m_lastError = QStringLiteral("cannot read ") + fileName + QStringLiteral(": ") + body->errorString();
+        fail(Fault::Unreadable, QStringLiteral("cannot read ") + fileName + QStringLiteral(": ") + body->errorString());
         delete body;
         return;
     }
@@ -146,7 +139,7 @@ void Uploader::upload(const PendingFile &file)
     request.setTransferTimeout(requestTimeoutMs);
     m_busy = true;
     // A custom "POST" keeps the network layer from inventing a content type for the body.
-    QNetworkReply *reply = m_net->sendCustomRequest(request, QByteArrayLiteral("POST"), body);
+    QNetworkReply *reply = m_net.sendCustomRequest(request, QByteArrayLiteral("POST"), body);
     body->setParent(reply);
     const QString path = file.path;
     connect(reply, &QNetworkReply::finished, this, [this, reply, path] { finished(reply, path); });
@@ -161,6 +154,7 @@ void Uploader::finished(QNetworkReply *reply, const QString &path)
     const bool transportError = !status.isValid();
     if (reply->error() == QNetworkReply::NoError && status.isValid() && status.toInt() == 200) {
         m_lastError.clear();
+        m_fault = Fault::None;
         QFile::remove(path);
         if (onUploaded)
             onUploaded(path);
@@ -169,8 +163,10 @@ void Uploader::finished(QNetworkReply *reply, const QString &path)
     }
     // Anything else leaves the file first in line for the next timer tick.
     const QString name = QFileInfo(path).fileName();
-    m_lastError = transportError ? QStringLiteral("upload of %1 failed: %2").arg(name, reply->errorString())
-                                 : QStringLiteral("upload of %1 answered %2").arg(name).arg(status.toInt());
+    if (transportError)
+        fail(Fault::Transport, QStringLiteral("upload of %1 failed: %2").arg(name, reply->errorString()));
+    else
+        fail(Fault::Refused, QStringLiteral("upload of %1 answered %2").arg(name).arg(status.toInt()));
 }
 
 void Uploader::recoverOrphans()
@@ -195,4 +191,14 @@ void Uploader::recoverOrphans()
             bravaLog(QStringLiteral("upload: could not recover every file of writing/") + folder.fileName());
         }
     }
+}
+
+void Uploader::fail(Fault fault, const QString &text)
+{
+    Q_ASSERT(fault != Fault::None);
+    // The same fault again (a room that stays down) is logged once, when it first happens.
+    if (fault != m_fault)
+        bravaLog(QStringLiteral("upload: ") + text);
+    m_fault = fault;
+    m_lastError = text;
 }

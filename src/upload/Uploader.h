@@ -26,9 +26,18 @@ public:
         QString session;
     };
 
-    /// The one shared queue, created on first use (on the main thread).
-    static Uploader &shared();
-    explicit Uploader(QObject *parent = nullptr);
+    /// Why the last upload attempt did not go through.
+    enum class Fault {
+        None,       ///< the last upload went through
+        NoAddress,  ///< no usable control-room address
+        Unreadable, ///< the waiting file cannot be read
+        Transport,  ///< no HTTP answer (refused, reset, timed out)
+        Refused,    ///< the control room answered other than 200
+        SetAside,   ///< a file with an unknown name could not be moved to unrecognized/
+    };
+
+    /// A queue that sends over this network manager.
+    explicit Uploader(QNetworkAccessManager &net, QObject *parent = nullptr);
     ~Uploader() override;
 
     /// Recovers orphans from writing/, then ticks every tickIntervalMs and once at once; later calls do nothing.
@@ -41,6 +50,8 @@ public:
     bool busy() const { return m_busy; }
     /// Why the last upload did not go through; "" after a success.
     QString lastError() const { return m_lastError; }
+    /// The kind of the last fault; None after a success.
+    Fault fault() const { return m_fault; }
 
     /// The waiting files of a pending folder in upload order (stable, by file name alone).
     static QList<PendingFile> pendingFiles(const QString &pendingDir);
@@ -58,8 +69,10 @@ private:
     void setAside(const PendingFile &file);
     void upload(const PendingFile &file);
     void finished(QNetworkReply *reply, const QString &path);
+    void fail(Fault fault, const QString &text);
 
-    QNetworkAccessManager *m_net = nullptr;
+    QNetworkAccessManager &m_net;
+    Fault m_fault = Fault::None;
     QTimer *m_timer = nullptr;
     bool m_busy = false;
     int m_pendingCount = 0;

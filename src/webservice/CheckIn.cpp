@@ -4,48 +4,15 @@
 #include "OrderedJson.h"
 #include "WebSession.h"
 
-#include <QCoreApplication>
-#include <QElapsedTimer>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QThread>
 #include <QTimer>
 
-#include <optional>
-
-namespace CheckIn {
-
 namespace {
 
-// A check-in is sent only when strictly more than this has passed since the last one.
-constexpr qint64 kMinSpacingMs = 3000;
 constexpr int kTimeoutMs = 15000;
-
-struct State
-{
-    std::optional<qint64> lastSent; // none: the distant past
-    QString lastFlags;
-    QTimer *timer = nullptr;
-    std::function<Flags()> permissions;
-    std::function<qint64()> clock;
-};
-
-State &state()
-{
-    static State s;
-    return s;
-}
-
-qint64 now()
-{
-    if (state().clock)
-        return state().clock();
-    static QElapsedTimer monotonic;
-    if (!monotonic.isValid())
-        monotonic.start();
-    return monotonic.elapsed();
-}
 
 const char *word(bool value)
 {
@@ -54,38 +21,55 @@ const char *word(bool value)
 
 } // namespace
 
-QUrl url()
+CheckIn::CheckIn(QNetworkAccessManager &net, std::function<Flags()> permissions, ClockMs clock, QObject *parent)
+    : QObject(parent)
+    , m_net(net)
+    , m_permissions(std::move(permissions))
+    , m_clock(std::move(clock))
+{
+    Q_ASSERT(m_permissions);
+    m_monotonic.start();
+}
+
+CheckIn::~CheckIn() = default;
+
+qint64 CheckIn::now() const
+{
+    return m_clock ? m_clock() : m_monotonic.elapsed();
+}
+
+QUrl CheckIn::url()
 {
     return WebSession::endpoint(QStringLiteral("/wp-json/brava/v1/checkin"));
 }
 
-QUrl verifyURL()
+QUrl CheckIn::verifyURL()
 {
     return WebSession::endpoint(QStringLiteral("/wp-json/brava/v1/verify"));
 }
 
-void setPermissionSource(std::function<Flags()> source)
+void CheckIn::start(int intervalMs)
 {
-    state().permissions = std::move(source);
+    Q_ASSERT(QThread::currentThread() == thread());
+    stop();
+    m_timer = new QTimer(this);
+    m_timer->setInterval(intervalMs);
+    connect(m_timer, &QTimer::timeout, this, [this] { poke(true); });
+    m_timer->start();
 }
 
-void start(int intervalMs)
+void CheckIn::stop()
 {
-    Q_ASSERT(QThread::currentThread() == QCoreApplication::instance()->thread());
-    State &s = state();
-    delete s.timer;
-    s.timer = new QTimer(QCoreApplication::instance());
-    s.timer->setInterval(intervalMs);
-    QObject::connect(s.timer, &QTimer::timeout, s.timer, [] { poke(true); });
-    s.timer->start();
+    delete m_timer;
+    m_timer = nullptr;
 }
 
-QString fingerprint(const Flags &flags)
+QString CheckIn::fingerprint(const Flags &flags)
 {
     return QString::fromLatin1(word(flags.mic)) + QLatin1String(word(flags.cam)) + QLatin1String(word(flags.screen));
 }
 
-QByteArray body(const Flags &flags)
+QByteArray CheckIn::body(const Flags &flags)
 {
     OrderedJson json;
     json.insert(QStringLiteral("token"), QString::fromLatin1(token))
@@ -99,45 +83,28 @@ QByteArray body(const Flags &flags)
     return json.toJson();
 }
 
-void poke(bool force)
+void CheckIn::poke(bool force)
 {
-    Q_ASSERT(QThread::currentThread() == QCoreApplication::instance()->thread());
+    Q_ASSERT(QThread::currentThread() == thread());
     if (!Config::serverLocked() || Config::agentID() < 1 || !Config::setupDone())
         return;
     const QUrl target = url();
     if (!target.isValid())
         return;
-    State &s = state();
-    const Flags flags = s.permissions ? s.permissions() : Flags();
+    const Flags flags = m_permissions();
     const QString print = fingerprint(flags);
-    if (!force && print == s.lastFlags)
+    if (!force && print == m_lastFlags)
         return;
     const qint64 t = now();
-    // A changed fingerprint held back here goes out with a later tick: lastFlags stays as it was.
-    if (s.lastSent && t - *s.lastSent <= kMinSpacingMs)
+    // A changed fingerprint held back here goes out with a later tick: m_lastFlags stays as it was.
+    if (m_lastSent && t - *m_lastSent <= kMinSpacingMs)
         return;
-    s.lastFlags = print;
-    s.lastSent = t;
+    m_lastFlags = print;
+    m_lastSent = t;
 
     QNetworkRequest request(target);
     request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
     request.setTransferTimeout(kTimeoutMs);
-    QNetworkReply *reply = WebSession::shared().post(request, body(flags));
-    QObject::connect(reply, &QNetworkReply::finished, reply, &QObject::deleteLater);
+    QNetworkReply *reply = m_net.post(request, body(flags));
+    connect(reply, &QNetworkReply::finished, reply, &QObject::deleteLater);
 }
-
-void setClockForTesting(std::function<qint64()> clock)
-{
-    state().clock = std::move(clock);
-}
-
-void resetForTesting()
-{
-    State &s = state();
-    s.lastSent.reset();
-    s.lastFlags.clear();
-    delete s.timer;
-    s.timer = nullptr;
-}
-
-} // namespace CheckIn

@@ -2,31 +2,50 @@
 
 #include <QByteArray>
 #include <QMap>
+#include <QObject>
 #include <QString>
 
 #include <optional>
 
+class QNetworkAccessManager;
+class QNetworkReply;
+
 // The event's mentors by seat number, so a whisper that carries only a seat can show who sent
 // it. Fetched from the event web service at launch and whenever an unknown seat whispers; kept in
 // memory only. Main thread only.
-namespace MentorRoster {
+class MentorRoster : public QObject
+{
+    Q_OBJECT
+public:
+    /// Why the last download left the roster as it was.
+    enum class Fault { None, NoAnswer, NotAnObject };
 
-/// Starts one download of the roster unless one is in flight; returns at once.
-void fetch();
-/// The name stored for a seat, "" when unknown.
-QString name(int seat);
-/// The whole roster.
-QMap<int, QString> map();
-/// Whether a download is in flight.
-bool fetching();
-/// Why the last download left the roster as it was; "" after a success.
-QString lastError();
+    /// A roster fetched over `net`.
+    explicit MentorRoster(QNetworkAccessManager &net, QObject *parent = nullptr);
 
-/// Reads an answer: members with a decimal integer key and a string value; nothing when the
-/// answer is not a JSON object.
-std::optional<QMap<int, QString>> parse(const QByteArray &data);
+    /// Starts one download of the roster unless one is in flight; returns at once.
+    void fetch();
+    /// The name stored for a seat, "" when unknown.
+    QString name(int seat) const;
+    /// The whole roster.
+    QMap<int, QString> map() const { return m_map; }
+    /// Whether a download is in flight.
+    bool fetching() const { return m_fetching; }
+    /// The kind of the last fault; None after a success.
+    Fault fault() const { return m_fault; }
+    /// Why the last download left the roster as it was; "" after a success.
+    QString lastError() const { return m_lastError; }
 
-/// Tests: empties the roster and forgets any download in flight.
-void resetForTesting();
+    /// Reads an answer: members with a decimal integer key and a string value; nothing when the
+    /// answer is not a JSON object.
+    static std::optional<QMap<int, QString>> parse(const QByteArray &data);
 
-} // namespace MentorRoster
+private:
+    void finished(QNetworkReply *reply);
+
+    QNetworkAccessManager &m_net;
+    QMap<int, QString> m_map;
+    bool m_fetching = false;
+    Fault m_fault = Fault::None;
+    QString m_lastError;
+};

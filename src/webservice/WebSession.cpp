@@ -2,16 +2,7 @@
 
 #include "Config.h"
 
-#include <QCoreApplication>
-#include <QNetworkAccessManager>
-
 namespace WebSession {
-
-QNetworkAccessManager &shared()
-{
-    static auto *session = new QNetworkAccessManager(QCoreApplication::instance());
-    return *session;
-}
 
 QUrl endpoint(const QString &path)
 {

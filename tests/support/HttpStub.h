@@ -4,17 +4,14 @@
 #include <QHash>
 #include <QList>
 #include <QObject>
-#include <QString>
 #include <QUrl>
-
-#include <functional>
 
 class QTcpServer;
 class QTcpSocket;
 
-// A small HTTP/1.1 server on loopback for tests and benchmarks. It reads each request body as it
-// arrives (keeping at most keepBodyBytes of it), records the request and answers as scripted: a
-// status with a body, a connection reset, or no answer at all until the test releases it.
+// A small HTTP/1.1 server on loopback for tests and benchmarks. It records each request (keeping
+// at most keepBodyBytes of its body) and answers as scripted: a status with a body, a connection
+// reset, or no answer until the test releases it.
 class HttpStub : public QObject
 {
     Q_OBJECT
@@ -27,18 +24,15 @@ public:
         int status = 200;
         QByteArray body;
         QByteArray contentType = "text/plain";
-        /// Wait this long before answering (Reply and Reset).
-        int delayMs = 0;
+        int delayMs = 0; ///< wait this long before answering
     };
-    /// A request as received.
+    /// A request as received; header names in lower case.
     struct Request
     {
         QByteArray method;
         QUrl url;
-        /// Header names in lower case.
         QHash<QByteArray, QByteArray> headers;
         QByteArray body;
-        qint64 bodySize = 0;
     };
 
     explicit HttpStub(QObject *parent = nullptr);
@@ -51,15 +45,12 @@ public:
     /// Port listened on.
     quint16 port() const;
     /// host:port.
-    QString address() const;
+    QString address() const { return QStringLiteral("127.0.0.1:%1").arg(port()); }
 
     /// A status answer.
-    static Answer status(int code, const QByteArray &body = QByteArray(), const QByteArray &type = "text/plain");
-    /// A connection reset once the request has been read.
-    static Answer reset();
+    static Answer status(int code, const QByteArray &body = QByteArray()) { return Answer{Answer::Reply, code, body}; }
     /// No answer until release().
-    static Answer hang();
-
+    static Answer hang() { return Answer{Answer::Hang}; }
     /// The answer used when the script is empty.
     void setDefault(const Answer &answer) { m_default = answer; }
     /// Appends answers for the next requests, in order.
@@ -73,21 +64,23 @@ public:
     QList<Request> requests;
     /// At most this many body bytes are kept per request.
     qint64 keepBodyBytes = 1 << 20;
-    /// Called for each complete request before it is answered; may replace the answer.
-    std::function<void(const Request &, Answer &)> onRequest;
 
-signals:
+Q_SIGNALS:
     /// A complete request has been received.
     void requestReceived();
 
 private:
-    struct Client;
+    struct Client
+    {
+        QByteArray buffer;
+        Request request;
+        qint64 remaining = -1; // body bytes still to come; -1 while reading the head
+    };
     void readFrom(QTcpSocket *socket);
     void respond(QTcpSocket *socket, const Answer &answer);
-    static void write(QTcpSocket *socket, const Answer &answer);
 
-    QTcpServer *m_server = nullptr;
-    QHash<QTcpSocket *, Client *> m_clients;
+    QTcpServer *m_server;
+    QHash<QTcpSocket *, Client> m_clients;
     QList<QTcpSocket *> m_hanging;
     QList<Answer> m_script;
     Answer m_default;

@@ -23,15 +23,9 @@ void TestHome::useInfo(const QString &bravaServer, const QString &version, const
 {
     const QString path = m_dir.path() + QStringLiteral("/Info.ini");
     QFile f(path);
-    if (f.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
-        QByteArray text = "[General]\n";
-        text += "BravaServer=" + bravaServer.toUtf8() + "\n";
-        if (!version.isEmpty())
-            text += "CFBundleShortVersionString=" + version.toUtf8() + "\n";
-        text += "CFBundleVersion=7\n";
-        text += "EventWebServiceURL=" + webBase.toUtf8() + "\n";
-        f.write(text);
-    }
+    if (f.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        f.write("[General]\nCFBundleVersion=7\nBravaServer=" + bravaServer.toUtf8() + "\nCFBundleShortVersionString="
+                + version.toUtf8() + "\nEventWebServiceURL=" + webBase.toUtf8() + "\n");
     f.close();
     Config::overrideInfoFileForTesting(path);
 }
@@ -39,7 +33,5 @@ void TestHome::useInfo(const QString &bravaServer, const QString &version, const
 QString TestHome::log() const
 {
     QFile f(Config::dataDir() + QStringLiteral("/log.txt"));
-    if (!f.open(QIODevice::ReadOnly))
-        return QString();
-    return QString::fromUtf8(f.readAll());
+    return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
 }

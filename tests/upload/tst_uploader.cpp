@@ -1,12 +1,9 @@
 #include "Config.h"
 #include "HttpStub.h"
-#include "SegmentName.h"
 #include "TestHome.h"
 #include "Uploader.h"
 
-#include <QDir>
-#include <QFile>
-#include <QThread>
+#include <QNetworkAccessManager>
 #include <QUrlQuery>
 #include <QtTest>
 
@@ -15,401 +12,156 @@ class UploaderTest : public QObject
 {
     Q_OBJECT
     TestHome home;
-    HttpStub *server = nullptr;
-    Uploader *up = nullptr;
+    QNetworkAccessManager net;
+    std::unique_ptr<HttpStub> server;
+    std::unique_ptr<Uploader> up;
 
-    static QString pending() { return Config::dir(QStringLiteral("pending")); }
-
-    static QString put(const QString &folder, const QString &name, const QByteArray &bytes = QByteArray())
+    static QString folder(const char *name) { return Config::dir(QLatin1String(name)); }
+    static QString put(const QString &dir, const QString &name, const QByteArray &bytes = QByteArray())
     {
-        QDir().mkpath(folder);
-        const QString path = folder + QLatin1Char('/') + name;
-        QFile f(path);
-        if (!f.open(QIODevice::WriteOnly))
-            return QString();
-        f.write(bytes.isNull() ? name.toUtf8() : bytes);
-        return path;
+        QDir().mkpath(dir);
+        QFile f(dir + QLatin1Char('/') + name);
+        return f.open(QIODevice::WriteOnly) && f.write(bytes.isNull() ? name.toUtf8() : bytes) >= 0 ? f.fileName() : QString();
     }
-    static QString putPending(const QString &session, const QString &name)
+    static QString pending(const QString &session, const QString &name) { return put(folder("pending") + QLatin1Char('/') + session, name); }
+    void start(int tickMs = 150)
     {
-        return put(pending() + QLatin1Char('/') + session, name);
-    }
-
-    // A queue whose retry tick is short enough for tests (or long, to prove no tick was needed).
-    Uploader *makeUploader(int tickMs = 150)
-    {
-        up = new Uploader(this);
+        up = std::make_unique<Uploader>(net);
         up->tickIntervalMs = tickMs;
-        return up;
+        up->requestTimeoutMs = 400;
+        up->start();
     }
-
-    QString query(int i, const char *key) const
+    QStringList sent(const char *key = nullptr) const
     {
-        return QUrlQuery(server->requests.at(i).url).queryItemValue(QLatin1String(key), QUrl::FullyDecoded);
-    }
-    QStringList uploadedNames() const
-    {
-        QStringList names;
+        QStringList out;
         for (const HttpStub::Request &r : server->requests)
-            names.append(QString::fromUtf8(r.body));
-        return names;
+            out.append(key ? QUrlQuery(r.url).queryItemValue(QLatin1String(key), QUrl::FullyDecoded) : QString::fromUtf8(r.body));
+        return out;
     }
 
-private slots:
+private Q_SLOTS:
     void init()
     {
+        up.reset();
         home.wipe();
-        server = new HttpStub(this);
+        server = std::make_unique<HttpStub>();
         QVERIFY(server->listen());
         Config::setAgentID(7);
         Config::setServer(server->address());
     }
-    void cleanup()
-    {
-        delete up;
-        up = nullptr;
-        delete server;
-        server = nullptr;
-    }
 
-    // --- Names and query items -----------------------------------------------------------------
-
-    void queryItemsFollowTheName_data()
+    void queryFollowsTheNameAndTheBodyIsTheFile_data()
     {
         QTest::addColumn<QString>("file");
-        QTest::addColumn<QString>("track");
-        QTest::addColumn<QString>("take");
-        QTest::addColumn<QString>("idx");
-        QTest::addColumn<QString>("final");
-        QTest::addColumn<QString>("ext");
-        QTest::newRow("final piece") << "mic_1700000000000_00012_final.m4a" << "mic" << "1700000000000" << "12" << "1" << "m4a";
-        QTest::newRow("middle piece") << "mic_3_00012.m4a" << "mic" << "3" << "12" << "0" << "m4a";
-        QTest::newRow("not a number") << "mic_3_x1.m4a" << "mic" << "3" << "0" << "0" << "m4a";
-        QTest::newRow("video") << "cam_42_00000.mp4" << "cam" << "42" << "0" << "0" << "mp4";
-        QTest::newRow("plus sign") << "sys_9_+7.m4a" << "sys" << "9" << "7" << "0" << "m4a";
-        QTest::newRow("minus sign") << "room_2_-0003.m4a" << "room" << "2" << "-3" << "0" << "m4a";
-        QTest::newRow("overflow") << "mic_3_99999999999999999999.m4a" << "mic" << "3" << "0" << "0" << "m4a";
-        QTest::newRow("empty pieces") << "mic__3___00004_final.m4a" << "mic" << "3" << "4" << "1" << "m4a";
-        QTest::newRow("other mark") << "mic_3_00004_last.m4a" << "mic" << "3" << "4" << "0" << "m4a";
-        QTest::newRow("take as text") << "sys_0012_00001.m4a" << "sys" << "0012" << "1" << "0" << "m4a";
+        QTest::addColumn<QString>("items");
+        QTest::newRow("final piece") << "mic_1700000000000_00012_final.m4a" << "mic&take=1700000000000&idx=12&final=1&ext=m4a";
+        QTest::newRow("not a number") << "mic_3_x1.m4a" << "mic&take=3&idx=0&final=0&ext=m4a";
+        QTest::newRow("overflow") << "cam_3_99999999999999999999.mp4" << "cam&take=3&idx=0&final=0&ext=mp4";
+        QTest::newRow("empty pieces") << "room__3___-0004_final.m4a" << "room&take=3&idx=-4&final=1&ext=m4a";
     }
-    void queryItemsFollowTheName()
+    void queryFollowsTheNameAndTheBodyIsTheFile()
     {
         QFETCH(QString, file);
-        putPending(QStringLiteral("Show 1 A&B=?"), file);
-        makeUploader()->start();
+        QFETCH(QString, items);
+        pending(QStringLiteral("Show 1 A&B=?"), file);
+        start();
         QTRY_COMPARE(server->requests.size(), 1);
         const HttpStub::Request &r = server->requests.first();
-        QCOMPARE(r.method, QByteArray("POST"));
-        QCOMPARE(r.url.path(), QStringLiteral("/upload"));
-        const QList<QPair<QString, QString>> items = QUrlQuery(r.url).queryItems(QUrl::FullyDecoded);
-        QStringList keys;
-        for (const auto &item : items)
-            keys.append(item.first);
-        QCOMPARE(keys, QStringList({"id", "session", "track", "take", "idx", "final", "ext"}));
-        QCOMPARE(query(0, "id"), QStringLiteral("7"));
-        QCOMPARE(query(0, "session"), QStringLiteral("Show 1 A&B=?"));
-        QTEST(query(0, "track"), "track");
-        QTEST(query(0, "take"), "take");
-        QTEST(query(0, "idx"), "idx");
-        QTEST(query(0, "final"), "final");
-        QTEST(query(0, "ext"), "ext");
-        QTRY_VERIFY(!QFile::exists(pending() + QStringLiteral("/Show 1 A&B=?/") + file));
-    }
-
-    void bodyIsTheFileWithNoTypeOfItsOwn()
-    {
-        QByteArray bytes(300000, '\0');
-        for (int i = 0; i < bytes.size(); ++i)
-            bytes[i] = char(i * 31 + 7);
-        put(pending() + QStringLiteral("/s&1 x"), QStringLiteral("cam_5_00001.mp4"), bytes);
-        makeUploader()->start();
-        QTRY_COMPARE(server->requests.size(), 1);
-        const HttpStub::Request &r = server->requests.first();
-        QCOMPARE(r.body, bytes);
-        QCOMPARE(r.headers.value("content-length"), QByteArray::number(bytes.size()));
-        QVERIFY2(!r.headers.contains("content-type"), r.headers.value("content-type").constData());
-        QCOMPARE(query(0, "session"), QStringLiteral("s&1 x"));
+        QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("POST /upload"));
+        QCOMPARE(r.url.query(QUrl::FullyEncoded), QStringLiteral("id=7&session=Show%201%20A%26B%3D?&track=") + items);
+        QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type"), r.headers.value("content-type").constData());
         QTRY_COMPARE(up->pendingCount(), 0);
+        QVERIFY(QDir(folder("pending") + QStringLiteral("/Show 1 A&B=?")).isEmpty());
     }
 
-    void unknownNamesAreSetAside_data()
+    void oddNamesAreSetAsideAndOddSessionsStayInside()
     {
-        QTest::addColumn<QString>("file");
-        QTest::newRow("cam2") << "cam2_5_00001.mp4";
-        QTest::newRow("cam3") << "cam3_5_00001.mp4";
-        QTest::newRow("cam4") << "cam4_5_00001_final.mp4";
-        QTest::newRow("two parts") << "mic_3.m4a";
-        QTest::newRow("unknown track") << "video_3_00001.mp4";
-        QTest::newRow("upper case track") << "MIC_3_00001.m4a";
-    }
-    void unknownNamesAreSetAside()
-    {
-        QFETCH(QString, file);
-        // The odd name sorts first; the good file behind it follows at a later tick.
-        putPending(QStringLiteral("s"), file);
-        putPending(QStringLiteral("s"), QStringLiteral("sys_1_00000.m4a"));
-        makeUploader()->start();
-        QTRY_COMPARE(server->requests.size(), 1);
-        QCOMPARE(query(0, "track"), QStringLiteral("sys"));
-        QVERIFY(QFile::exists(Config::dir(QStringLiteral("unrecognized")) + QLatin1Char('/') + file));
-        QVERIFY(!QFile::exists(pending() + QStringLiteral("/s/") + file));
-        QVERIFY(home.log().contains(file));
-        QTRY_COMPARE(up->pendingCount(), 0);
-    }
-
-    void sameOddNameTwiceDoesNotBlock()
-    {
-        putPending(QStringLiteral("a"), QStringLiteral("cam2_1_00000.mp4"));
-        putPending(QStringLiteral("b"), QStringLiteral("cam2_1_00000.mp4"));
-        putPending(QStringLiteral("b"), QStringLiteral("mic_1_00000.m4a"));
-        makeUploader(100)->start();
-        QTRY_COMPARE(server->requests.size(), 1);
-        const QString unrecognized = Config::dir(QStringLiteral("unrecognized"));
-        QVERIFY(QFile::exists(unrecognized + QStringLiteral("/cam2_1_00000.mp4")));
-        QVERIFY(QFile::exists(unrecognized + QStringLiteral("/cam2_1_00000.mp4.1")));
-    }
-
-    // Whatever text the control room names a session with, its files stay in one folder inside
-    // pending/ and reach the control room under exactly that session.
-    void oddSessionsStayInsideAndArriveUnchanged_data()
-    {
-        QTest::addColumn<QString>("session");
-        QTest::newRow("empty") << QString();
-        QTest::newRow("hidden") << QStringLiteral(".s");
-        QTest::newRow("parent") << QStringLiteral("..");
-        QTest::newRow("nested") << QStringLiteral("a/b");
-        QTest::newRow("escape") << QStringLiteral("../../x");
-        QTest::newRow("percent") << QStringLiteral("50%41off %");
-        QTest::newRow("plus and space") << QStringLiteral("Show 1+2 (A&B)");
-    }
-    void oddSessionsStayInsideAndArriveUnchanged()
-    {
-        QFETCH(QString, session);
-        makeUploader(100)->start();
-        const QString file = put(Config::dir(QStringLiteral("writing")) + QStringLiteral("/w"), QStringLiteral("mic_1_00000.m4a"));
-        up->enqueue(file, session);
+        // The odd name sorts first, twice; the good file behind them follows.
+        for (const char *session : {"a", "b"})
+            pending(QLatin1String(session), QStringLiteral("MIC_3_00001.m4a"));
+        start(100);
+        const QString file = put(folder("writing") + QStringLiteral("/w"), QStringLiteral("sys_1_00000.m4a"));
+        up->enqueue(file, QStringLiteral("../../x"));
         QVERIFY(!QFile::exists(file));
-        const QStringList folders = QDir(pending()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
-        QCOMPARE(folders, QStringList({Config::sessionFolder(session)}));
-        QCOMPARE(Config::sessionOfFolder(folders.first()), session);
-        QTRY_COMPARE(server->requests.size(), 1);
-        QCOMPARE(query(0, "session"), session);
-        QTRY_COMPARE(up->pendingCount(), 0);
+        QVERIFY(QFile::exists(folder("pending") + QLatin1Char('/') + Config::sessionFolder(QStringLiteral("../../x")) + QStringLiteral("/sys_1_00000.m4a")));
+        QTRY_COMPARE(sent("session"), QStringList({"../../x"}));
+        const QString aside = folder("unrecognized") + QStringLiteral("/MIC_3_00001.m4a");
+        QVERIFY(QFile::exists(aside) && QFile::exists(aside + QStringLiteral(".1")) && home.log().count(QStringLiteral("MIC_3_00001.m4a")) == 2);
     }
 
-    void onlyMediaInSessionFoldersCount()
+    void onlyMediaInSessionFoldersCountInNameOrder()
     {
-        put(pending(), QStringLiteral("mic_1_00000.m4a"));                     // not in a session folder
-        putPending(QStringLiteral(".hidden"), QStringLiteral("mic_1_00001.m4a")); // hidden session
-        putPending(QStringLiteral("s"), QStringLiteral("notes.txt"));
-        putPending(QStringLiteral("s"), QStringLiteral("mic_1_00002.M4A"));
-        putPending(QStringLiteral("s"), QStringLiteral("mic_1_00003.m4a.part"));
-        makeUploader()->start();
-        QCOMPARE(up->pendingCount(), 0);
-        QTest::qWait(400);
-        QCOMPARE(server->requests.size(), 0);
-        QVERIFY(QFile::exists(pending() + QStringLiteral("/.hidden/mic_1_00001.m4a")));
-        QVERIFY(QFile::exists(pending() + QStringLiteral("/s/notes.txt")));
+        // Not in a session folder, in a hidden one, not media.
+        for (const char *path : {"mic_1_00000.m4a", ".hidden/mic_1_00001.m4a", "s/notes.txt", "s/mic_1_00003.m4a.part"})
+            put(folder("pending") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, -2), QString::fromLatin1(path).section(QLatin1Char('/'), -1));
+        QVERIFY(Uploader::pendingFiles(folder("pending")).isEmpty());
+        QVERIFY(Uploader::pendingFiles(folder("pending") + QStringLiteral("/nowhere")).isEmpty());
+        pending(QStringLiteral("b"), QStringLiteral("mic_10_00000.m4a"));
+        pending(QStringLiteral("a"), QStringLiteral("mic_9_00000.m4a"));
+        QCOMPARE(Uploader::pendingFiles(folder("pending")).first().session, QStringLiteral("b")); // by file name alone
     }
-
-    void missingPendingFolderIsEmpty()
-    {
-        QDir(pending()).removeRecursively();
-        const auto files = Uploader::pendingFiles(Config::dataDir() + QStringLiteral("/nowhere"));
-        QVERIFY(files.isEmpty());
-        makeUploader()->start();
-        QCOMPARE(up->pendingCount(), 0);
-        QVERIFY(!up->busy());
-    }
-
-    void orderIsByFileNameAlone()
-    {
-        putPending(QStringLiteral("b"), QStringLiteral("sys_1_00000.m4a"));
-        putPending(QStringLiteral("b"), QStringLiteral("mic_9_00000.m4a"));
-        putPending(QStringLiteral("a"), QStringLiteral("room_1_00000.m4a"));
-        putPending(QStringLiteral("a"), QStringLiteral("mic_10_00001_final.m4a"));
-        putPending(QStringLiteral("c"), QStringLiteral("mic_10_00000.m4a"));
-        putPending(QStringLiteral("z"), QStringLiteral("cam_1_00000.mp4"));
-        const auto files = Uploader::pendingFiles(pending());
-        QStringList order;
-        for (const auto &f : files)
-            order.append(f.session + QLatin1Char('/') + QFileInfo(f.path).fileName());
-        QCOMPARE(order, QStringList({"z/cam_1_00000.mp4", "c/mic_10_00000.m4a", "a/mic_10_00001_final.m4a",
-                                     "b/mic_9_00000.m4a", "a/room_1_00000.m4a", "b/sys_1_00000.m4a"}));
-    }
-
-    // --- Answers and retries -------------------------------------------------------------------
 
     void onlyStatus200Succeeds_data()
     {
         QTest::addColumn<int>("kind");
         QTest::addColumn<int>("status");
-        QTest::newRow("201") << int(HttpStub::Answer::Reply) << 201;
-        QTest::newRow("204") << int(HttpStub::Answer::Reply) << 204;
-        QTest::newRow("500") << int(HttpStub::Answer::Reply) << 500;
-        QTest::newRow("404") << int(HttpStub::Answer::Reply) << 404;
-        QTest::newRow("reset") << int(HttpStub::Answer::Reset) << 0;
+        QTest::addColumn<int>("fault");
+        QTest::newRow("201") << int(HttpStub::Answer::Reply) << 201 << int(Uploader::Fault::Refused);
+        QTest::newRow("500") << int(HttpStub::Answer::Reply) << 500 << int(Uploader::Fault::Refused);
+        QTest::newRow("reset") << int(HttpStub::Answer::Reset) << 0 << int(Uploader::Fault::Transport);
+        QTest::newRow("silent") << int(HttpStub::Answer::Hang) << 0 << int(Uploader::Fault::Transport);
     }
     void onlyStatus200Succeeds()
     {
         QFETCH(int, kind);
         QFETCH(int, status);
-        HttpStub::Answer refusal = HttpStub::status(status);
-        refusal.kind = HttpStub::Answer::Kind(kind);
+        QFETCH(int, fault);
+        const HttpStub::Answer refusal{HttpStub::Answer::Kind(kind), status};
         server->script({refusal, refusal});
-        const QString first = putPending(QStringLiteral("s"), QStringLiteral("cam_1_00000.mp4"));
-        putPending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
-        makeUploader()->start();
-        // Refused twice: the same file comes again, the one behind it waits.
-        QTRY_COMPARE(server->requests.size(), 4);
-        QCOMPARE(uploadedNames(), QStringList({"cam_1_00000.mp4", "cam_1_00000.mp4", "cam_1_00000.mp4", "mic_1_00000.m4a"}));
-        QVERIFY(!QFile::exists(first));
+        pending(QStringLiteral("s"), QStringLiteral("cam_1_00000.mp4"));
+        pending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
+        start();
+        QTRY_COMPARE(int(up->fault()), fault);
+        QVERIFY(up->lastError().contains(QLatin1String("cam_1_00000.mp4")) && up->pendingCount() == 2);
+        // Refused twice: the same file comes again, the one behind it waits; the fault is logged once.
+        QTRY_VERIFY(sent().endsWith(QStringLiteral("mic_1_00000.m4a")));
+        QVERIFY(sent().count(QStringLiteral("cam_1_00000.mp4")) == sent().size() - 1 && sent().size() >= 4);
         QTRY_COMPARE(up->pendingCount(), 0);
-        QVERIFY(up->lastError().isEmpty());
+        QVERIFY(up->fault() == Uploader::Fault::None && home.log().count(QStringLiteral("upload: upload of")) == 1);
     }
 
-    void refusalIsKeptReadable()
-    {
-        server->setDefault(HttpStub::status(500));
-        putPending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
-        makeUploader()->start();
-        QTRY_VERIFY(up->lastError().contains(QLatin1String("500")));
-        QVERIFY(up->lastError().contains(QLatin1String("mic_1_00000.m4a")));
-        QCOMPARE(up->pendingCount(), 1);
-    }
-
-    void silentServerTimesOutAndIsRetried()
+    void backlogDrainsBackToBackAndArrivalsWait()
     {
         server->script({HttpStub::hang()});
-        const QString file = putPending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
-        makeUploader();
-        up->requestTimeoutMs = 300;
-        up->start();
-        QTRY_COMPARE(server->requests.size(), 2);
-        QTRY_VERIFY(!QFile::exists(file));
-    }
-
-    void backlogDrainsBackToBack()
-    {
-        for (int i = 0; i < 6; ++i)
-            putPending(QStringLiteral("s%1").arg(i % 2), QStringLiteral("mic_1_%1.m4a").arg(i, 5, 10, QLatin1Char('0')));
+        for (int i = 0; i < 4; ++i)
+            pending(QStringLiteral("s%1").arg(i % 2), QStringLiteral("mic_1_%1.m4a").arg(i, 5, 10, QLatin1Char('0')));
         // A tick far in the future: every file after the first goes on the previous one's success.
-        makeUploader(600000)->start();
-        QTRY_COMPARE(server->requests.size(), 6);
-        QCOMPARE(uploadedNames(), QStringList({"mic_1_00000.m4a", "mic_1_00001.m4a", "mic_1_00002.m4a",
-                                               "mic_1_00003.m4a", "mic_1_00004.m4a", "mic_1_00005.m4a"}));
-        QTRY_VERIFY(Uploader::pendingFiles(pending()).isEmpty());
-    }
-
-    void arrivalsDuringAnUploadOnlyRaiseTheCount()
-    {
-        server->script({HttpStub::hang()});
-        putPending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
-        makeUploader()->start();
-        const QString recorded = put(Config::dir(QStringLiteral("writing")) + QStringLiteral("/s"), QStringLiteral("mic_1_00001.m4a"));
+        start(600000);
         QTRY_COMPARE(server->hanging(), 1);
-        QCOMPARE(up->pendingCount(), 1);
-        up->enqueue(recorded, QStringLiteral("s"));
-        QTRY_COMPARE(up->pendingCount(), 2);
-        QTest::qWait(400); // several ticks
-        QCOMPARE(server->requests.size(), 1);
-        QVERIFY(up->busy());
+        up->enqueue(put(folder("writing") + QStringLiteral("/s"), QStringLiteral("mic_1_00004.m4a")), QStringLiteral("s"));
+        QTRY_VERIFY(up->pendingCount() == 5 && server->requests.size() == 1);
         server->release(HttpStub::status(200));
-        QTRY_COMPARE(server->requests.size(), 2);
-        QTRY_COMPARE(up->pendingCount(), 0);
-    }
-
-    void enqueueFromAnotherThread()
-    {
-        makeUploader(600000)->start();
-        const QString file = put(Config::dir(QStringLiteral("writing")) + QStringLiteral("/live"), QStringLiteral("mic_5_00000_final.m4a"));
-        QThread *worker = QThread::create([this, file] { up->enqueue(file, QStringLiteral("live")); });
-        worker->start();
-        QVERIFY(worker->wait(5000));
-        delete worker;
-        QVERIFY(!QFile::exists(file));
-        QTRY_COMPARE(server->requests.size(), 1);
-        QCOMPARE(query(0, "session"), QStringLiteral("live"));
-        QCOMPARE(query(0, "final"), QStringLiteral("1"));
-    }
-
-    void controlRoomDownForAWhileGetsEverythingInOrder()
-    {
-        const quint16 port = server->port();
-        server->close();
-        QStringList expected;
-        for (int i = 0; i < 5; ++i) {
-            const QString name = QStringLiteral("sys_77_%1.m4a").arg(i, 5, 10, QLatin1Char('0'));
-            putPending(QStringLiteral("show"), name);
-            expected.append(name);
-        }
-        makeUploader(100)->start();
-        QTRY_VERIFY(!up->lastError().isEmpty());
-        QTest::qWait(500); // several refused rounds
-        QCOMPARE(up->pendingCount(), 5);
-        QVERIFY(server->listen(port));
         QTRY_COMPARE(server->requests.size(), 5);
-        QCOMPARE(uploadedNames(), expected);
-        QTRY_COMPARE(up->pendingCount(), 0);
+        QCOMPARE(sent(), QStringList({"mic_1_00000.m4a", "mic_1_00001.m4a", "mic_1_00002.m4a", "mic_1_00003.m4a", "mic_1_00004.m4a"}));
     }
 
-    void noValidAddressKeepsTheFile()
+    void orphansAreRecoveredAtStartAndBadAddressesWait()
     {
+        for (const char *path : {"old/mic_3_00000.m4a", "old/scratch.tmp", ".keep/mic_3_00000.m4a", "s/mic_3_00000.m4a"})
+            put(folder("writing") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, 0), QString::fromLatin1(path).section(QLatin1Char('/'), 1));
+        const QString inner = put(folder("writing") + QStringLiteral("/s/inner"), QStringLiteral("mic_3_00001.m4a"));
+        // The same name is already waiting: that move is refused and the recording stays put.
+        const QString clash = put(folder("writing") + QStringLiteral("/t"), QStringLiteral("mic_3_00000.m4a"), "newer");
+        pending(QStringLiteral("t"), QStringLiteral("mic_3_00000.m4a"));
         Config::setServer(QStringLiteral("bad host:port:x"));
-        const QString file = putPending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
-        makeUploader(100)->start();
-        QTest::qWait(300);
-        QVERIFY(QFile::exists(file));
-        QCOMPARE(up->pendingCount(), 1);
-        QVERIFY(!up->busy());
-    }
-
-    // --- Orphans -------------------------------------------------------------------------------
-
-    void orphansAreRecoveredAtStart()
-    {
-        const QString writing = Config::dir(QStringLiteral("writing"));
-        put(writing + QStringLiteral("/old"), QStringLiteral("mic_3_00000.m4a"));
-        put(writing + QStringLiteral("/old"), QStringLiteral("cam_3_00000.mp4"));
-        put(writing + QStringLiteral("/old"), QStringLiteral("scratch.tmp"));
-        put(writing + QStringLiteral("/.keep"), QStringLiteral("mic_3_00000.m4a"));
-        server->setDefault(HttpStub::status(503));
-        makeUploader(600000)->start();
-        // Moved at once, before any answer; the folder with its other files is gone.
-        QVERIFY(QFile::exists(pending() + QStringLiteral("/old/mic_3_00000.m4a")));
-        QVERIFY(QFile::exists(pending() + QStringLiteral("/old/cam_3_00000.mp4")));
-        QVERIFY(!QFileInfo::exists(writing + QStringLiteral("/old")));
-        QVERIFY(QFile::exists(writing + QStringLiteral("/.keep/mic_3_00000.m4a")));
-        QCOMPARE(up->pendingCount(), 2);
-        QTRY_COMPARE(server->requests.size(), 1);
-        QCOMPARE(query(0, "session"), QStringLiteral("old"));
-        QCOMPARE(query(0, "track"), QStringLiteral("cam"));
-    }
-
-    // A folder inside a session folder was not made by the recorder: the session folder is
-    // emptied of its recordings but not deleted.
-    void orphanFolderWithAFolderInsideIsNotDeleted()
-    {
-        const QString writing = Config::dir(QStringLiteral("writing"));
-        put(writing + QStringLiteral("/s"), QStringLiteral("mic_3_00000.m4a"));
-        const QString inner = put(writing + QStringLiteral("/s/inner"), QStringLiteral("mic_3_00001.m4a"));
-        server->setDefault(HttpStub::status(500));
-        makeUploader(600000)->start();
-        QVERIFY(QFile::exists(pending() + QStringLiteral("/s/mic_3_00000.m4a")));
-        QVERIFY(QFile::exists(inner));
-    }
-
-    void orphanThatCannotMoveIsKept()
-    {
-        // The same name is already waiting: the move is refused and the recording stays put.
-        const QString writing = Config::dir(QStringLiteral("writing"));
-        const QString orphan = put(writing + QStringLiteral("/s"), QStringLiteral("mic_3_00000.m4a"), "newer");
-        putPending(QStringLiteral("s"), QStringLiteral("mic_3_00000.m4a"));
-        server->setDefault(HttpStub::status(500));
-        makeUploader(600000)->start();
-        QVERIFY(QFile::exists(orphan));
-        QVERIFY(home.log().contains(QLatin1String("writing/s")));
+        start(100);
+        // Moved at once; a folder with only recordings and scraps is gone, one with a folder inside is kept.
+        QVERIFY(QFile::exists(folder("pending") + QStringLiteral("/old/mic_3_00000.m4a")) && !QFileInfo::exists(folder("writing") + QStringLiteral("/old")));
+        QVERIFY(QFile::exists(folder("writing") + QStringLiteral("/.keep/mic_3_00000.m4a")));
+        QVERIFY(QFile::exists(folder("pending") + QStringLiteral("/s/mic_3_00000.m4a")) && QFile::exists(inner));
+        QVERIFY(QFile::exists(clash) && home.log().contains(QLatin1String("writing/t")));
+        QVERIFY(up->pendingCount() == 3 && !up->busy());
+        QCOMPARE(up->fault(), Uploader::Fault::NoAddress); // nothing goes out without a usable address
     }
 };
 

@@ -11,11 +11,12 @@
 #include <QUrlQuery>
 #include <QWebSocket>
 
+#include "StrictInt.h"
+
+#include <QTcpServer>
+#include <QTcpSocket>
+
 namespace {
-void say(const QString &line)
-{
-    QTextStream(stdout) << QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss ")) << line << Qt::endl;
-}
 
 // Only plain names become folder and file names.
 bool safeName(const QString &name)
@@ -24,6 +25,12 @@ bool safeName(const QString &name)
     return ok.match(name).hasMatch() && name != QLatin1String(".") && name != QLatin1String("..");
 }
 } // namespace
+
+void ControlRoomServer::say(const QString &line) const
+{
+    if (!quiet)
+        QTextStream(stdout) << QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss ")) << line << Qt::endl;
+}
 
 ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent)
     : QObject(parent)
@@ -36,8 +43,9 @@ ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent)
                  [this](const QHttpServerRequest &request, QHttpServerResponder &&responder) {
                      upload(request, std::move(responder));
                  });
-    m_http.route(QStringLiteral("/event"), QHttpServerRequest::Method::Post, [](const QHttpServerRequest &request) {
+    m_http.route(QStringLiteral("/event"), QHttpServerRequest::Method::Post, [this](const QHttpServerRequest &request) {
         say(QStringLiteral("event ") + request.query().toString(QUrl::FullyDecoded));
+        Q_EMIT eventReceived(request.query());
         return QStringLiteral("ok");
     });
     connect(&m_http, &QHttpServer::newWebSocketConnection, this, &ControlRoomServer::accept);
@@ -45,9 +53,42 @@ ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent)
 
 ControlRoomServer::~ControlRoomServer() = default;
 
-quint16 ControlRoomServer::listen(quint16 port)
+quint16 ControlRoomServer::listen(quint16 port, const QHostAddress &address)
 {
-    return m_http.listen(QHostAddress::AnyIPv4, port);
+    m_address = address;
+    m_port = m_http.listen(address, port);
+    return m_port;
+}
+
+void ControlRoomServer::goDown()
+{
+    for (QTcpServer *server : m_http.servers()) {
+        server->close();
+        // Open HTTP connections are children of the listening server; drop them too.
+        for (QTcpSocket *socket : server->findChildren<QTcpSocket *>())
+            socket->abort();
+    }
+    dropAgents();
+}
+
+bool ControlRoomServer::comeBack()
+{
+    bool ok = true;
+    for (QTcpServer *server : m_http.servers())
+        ok = server->listen(m_address, m_port) && ok;
+    return ok;
+}
+
+void ControlRoomServer::dropAgents()
+{
+    for (auto it = m_agents.cbegin(); it != m_agents.cend(); ++it)
+        it.key()->abort();
+}
+
+void ControlRoomServer::sendText(const QString &text)
+{
+    for (auto it = m_agents.cbegin(); it != m_agents.cend(); ++it)
+        it.key()->sendTextMessage(text);
 }
 
 void ControlRoomServer::accept()
@@ -56,7 +97,8 @@ void ControlRoomServer::accept()
         std::unique_ptr<QWebSocket> owned = m_http.nextPendingWebSocketConnection();
         QWebSocket *socket = owned.get();
         const QUrlQuery q(socket->requestUrl());
-        Agent agent{q.queryItemValue(QStringLiteral("id")).toInt(), q.queryItemValue(QStringLiteral("name"), QUrl::FullyDecoded)};
+        Agent agent{parseStrictInt(q.queryItemValue(QStringLiteral("id")), 0, 9999).value_or(0),
+                    q.queryItemValue(QStringLiteral("name"), QUrl::FullyDecoded)};
         // A second computer with the same number replaces the first.
         for (auto it = m_agents.begin(); it != m_agents.end(); ++it) {
             if (it->id == agent.id && agent.id > 0) {
@@ -68,7 +110,9 @@ void ControlRoomServer::accept()
         say(QStringLiteral("agent #%1 %2 connected (%3, v%4)")
                 .arg(agent.id)
                 .arg(agent.name, q.queryItemValue(QStringLiteral("os")), q.queryItemValue(QStringLiteral("v"))));
+        Q_EMIT agentConnected(socket->requestUrl());
         connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &text) {
+            Q_EMIT textReceived(text);
             Agent &a = m_agents[socket];
             QJsonObject o = QJsonDocument::fromJson(text.toUtf8()).object();
             o.remove(QStringLiteral("mic"));
@@ -80,6 +124,7 @@ void ControlRoomServer::accept()
             }
         });
         connect(socket, &QWebSocket::binaryMessageReceived, this, [this, socket](const QByteArray &data) {
+            Q_EMIT binaryReceived(data);
             Agent &a = m_agents[socket];
             if (!data.isEmpty() && data.at(0) == 2)
                 ++a.previews;
@@ -123,6 +168,7 @@ void ControlRoomServer::upload(const QHttpServerRequest &request, QHttpServerRes
     }
     say(QStringLiteral("upload %1/%2 (%3 bytes)").arg(folder, name).arg(request.body().size()));
     responder.write(QByteArray("ok"), "text/plain");
+    Q_EMIT uploaded(q, out.fileName());
 }
 
 int ControlRoomServer::send(int agentId, const QByteArray &json)

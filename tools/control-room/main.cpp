@@ -6,6 +6,7 @@
 //   start <session> | stop | listen on|off | cameras on|off | preview on|off [hd] | quality low|med|full
 //   whisper <seat> <text> | release | json {...} | list | quit
 #include "ControlRoomServer.h"
+#include "StrictInt.h"
 
 #include <QCoreApplication>
 #include <QJsonDocument>
@@ -23,17 +24,17 @@ QJsonObject parse(const QStringList &w)
     const QString cmd = w.value(0);
     const bool on = w.value(1) == QLatin1String("on");
     if (cmd == QLatin1String("start"))
-        return {{"type", "start"}, {"session", w.value(1)}};
+        return {{QStringLiteral("type"), QStringLiteral("start")}, {QStringLiteral("session"), w.value(1)}};
     if (cmd == QLatin1String("stop") || cmd == QLatin1String("release"))
-        return {{"type", cmd}};
+        return {{QStringLiteral("type"), cmd}};
     if (cmd == QLatin1String("listen") || cmd == QLatin1String("cameras"))
-        return {{"type", cmd}, {"on", on}};
+        return {{QStringLiteral("type"), cmd}, {QStringLiteral("on"), on}};
     if (cmd == QLatin1String("preview"))
-        return {{"type", "preview"}, {"on", on}, {"hd", w.value(2) == QLatin1String("hd")}};
+        return {{QStringLiteral("type"), QStringLiteral("preview")}, {QStringLiteral("on"), on}, {QStringLiteral("hd"), w.value(2) == QLatin1String("hd")}};
     if (cmd == QLatin1String("quality"))
-        return {{"type", "quality"}, {"q", w.value(1)}};
+        return {{QStringLiteral("type"), QStringLiteral("quality")}, {QStringLiteral("q"), w.value(1)}};
     if (cmd == QLatin1String("whisper"))
-        return {{"type", "whisper"}, {"seat", w.value(1).toInt()}, {"text", w.mid(2).join(QLatin1Char(' '))}};
+        return {{QStringLiteral("type"), QStringLiteral("whisper")}, {QStringLiteral("seat"), parseStrictInt(w.value(1), 0, 9999).value_or(0)}, {QStringLiteral("text"), w.mid(2).join(QLatin1Char(' '))}};
     return {};
 }
 } // namespace
@@ -42,15 +43,19 @@ int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments();
-    const quint16 port = quint16(args.value(1, QStringLiteral("8080")).toUInt());
+    const std::optional<int> port = parseStrictInt(args.value(1, QStringLiteral("8080")), 0, 65535);
+    if (!port) {
+        QTextStream(stderr) << "not a port: " << args.value(1) << Qt::endl;
+        return 2;
+    }
     const QDir uploads(args.value(2, QStringLiteral("uploads")));
     QDir().mkpath(uploads.path());
 
     ControlRoomServer room(uploads);
-    const quint16 bound = room.listen(port);
+    const quint16 bound = room.listen(quint16(*port));
     QTextStream out(stdout);
     if (!bound) {
-        QTextStream(stderr) << "cannot listen on port " << port << Qt::endl;
+        QTextStream(stderr) << "cannot listen on port " << *port << Qt::endl;
         return 1;
     }
     out << "control room on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
@@ -63,7 +68,7 @@ int main(int argc, char *argv[])
             return;
         int target = 0;
         if (words.first().startsWith(QLatin1Char('@')))
-            target = words.takeFirst().mid(1).toInt();
+            target = parseStrictInt(words.takeFirst().mid(1), 0, 9999).value_or(-1);
         if (words.value(0) == QLatin1String("quit"))
             return QCoreApplication::quit();
         if (words.value(0) == QLatin1String("list"))

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QObject>
+
+#include <atomic>
+#include <functional>
+
+class Connection;
+class MentorRoster;
+class Reconciler;
+class Recorder;
+
+// The control room's command table: each command either changes what the control room wants of
+// the recorder (a session, live audio), after which the reconciler brings the recorder into line,
+// or acts at once (preview, cameras, microphone, camera, quality, whisper, release, replaced).
+// Arguments of the wrong JSON type count as absent; unknown commands are ignored. Main thread only.
+class Commands : public QObject
+{
+    Q_OBJECT
+public:
+    /// Commands for this recorder and link; nothing is applied while `wizardOpen` or before setup.
+    Commands(Recorder &rec, Connection &conn, MentorRoster &roster, const std::atomic<bool> &wizardOpen,
+             QObject *parent = nullptr);
+    ~Commands() override;
+
+    /// Handles one command from the control room.
+    void handle(const QJsonObject &command);
+    /// Reacts to the link going up or down: a lost link ends live listening.
+    void linkChanged();
+    /// Starts a pass of the reconciler (wishes wait while it may not run).
+    void apply();
+
+    /// Live audio is wanted and capture runs.
+    bool live() const;
+    /// A pass runs or a session is wanted.
+    bool busy() const;
+    /// The recorder wishes and the reconciler.
+    Reconciler &reconciler() const { return *m_reconciler; }
+
+    /// Called when something the tray shows may have changed.
+    std::function<void()> onChanged;
+    /// Called when the agent must go through setup again (Config.wizardStep says where).
+    std::function<void()> onSetupNeeded;
+    /// Called when the control room said another computer took this agent number.
+    std::function<void()> onReplaced;
+
+private:
+    void applyFinished();
+    void release();
+    void changed();
+
+    Recorder &m_rec;
+    Connection &m_conn;
+    MentorRoster &m_roster;
+    const std::atomic<bool> &m_wizardOpen;
+    Reconciler *m_reconciler;
+};

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+#include <functional>
+
+class QTimer;
+
+// Keeping the installed agent current: every 10 s it looks whether a different build has been
+// installed beside the running one and, when the agent is not busy, relaunches into it. The
+// updater and uninstall join here. Main thread only.
+class Upkeep : public QObject
+{
+    Q_OBJECT
+public:
+    /// Upkeep that never relaunches while `busy` says the agent is busy.
+    explicit Upkeep(std::function<bool()> busy, QObject *parent = nullptr);
+
+    /// Starts the periodic check for a new build.
+    void start();
+    /// Stops the periodic check.
+    void stop();
+    /// Relaunches when a different build has been installed beside the running one.
+    void checkForNewVersion();
+
+    /// Interval of the new-build check in milliseconds.
+    static constexpr int kVersionCheckMs = 10000;
+
+private:
+    void relaunchSelf();
+
+    std::function<bool()> m_busy;
+    QString m_runningBuild;
+    QTimer *m_timer;
+};

@@ -1,0 +1,332 @@
+#include "AgentFixture.h"
+#include "HttpStub.h"
+#include "ManualClock.h"
+#include "OrderedJson.h"
+#include "Config.h"
+#include "Reconciler.h"
+#include "SyntheticAudioBackend.h"
+#include "TrayView.h"
+
+#include <QApplication>
+#include <QMenu>
+#include <QMessageBox>
+#include <QRegularExpression>
+#include <QtTest>
+
+#include <thread>
+
+using J = QJsonObject;
+
+// The agent as main() builds it, driven by a control room on loopback over its real link.
+class AgentTest : public QObject
+{
+    Q_OBJECT
+    TestHome home;
+    SyntheticAudioBackend refusing;
+    std::unique_ptr<AgentFixture> f;
+
+    Recorder &rec() { return f->app->recorder(); }
+    Reconciler &wishes() { return f->app->commands().reconciler(); }
+    QStringList menu() const
+    {
+        QStringList titles;
+        for (QAction *a : f->app->status().tray()->menu()->actions())
+            titles.append(a->text());
+        return titles;
+    }
+    qsizetype frames(char kind) const
+    {
+        return std::count_if(f->room.binaries.cbegin(), f->room.binaries.cend(), [kind](const QByteArray &b) { return b.size() > 1 && b.at(0) == kind; });
+    }
+    // Waits for n more heartbeats: the time in which anything already sent has arrived.
+    bool heartbeats(int n)
+    {
+        const qsizetype before = f->room.statuses().size();
+        return QTest::qWaitFor([&] { return f->room.statuses().size() >= before + n; }, 5000);
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        f = std::make_unique<AgentFixture>(home);
+        QVERIFY(f->app->connection().connected());
+    }
+    void cleanup()
+    {
+        f.reset();
+        qDeleteAll(QApplication::topLevelWidgets());
+    }
+
+    void launchRegistersLoginItemAndDrawsTheMenu()
+    {
+        QFile entry(home.root() + QStringLiteral("/config/autostart/brava-recorder.desktop"));
+        QVERIFY(entry.open(QIODevice::ReadOnly));
+        QVERIFY(entry.readAll().contains("Exec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\""));
+        // No tray in the offscreen platform: said once, and the menu is kept all the same.
+        QCOMPARE(home.log().count(QStringLiteral("no system tray")), 1);
+        QTRY_COMPARE(menu().value(1), QStringLiteral("On · Connected to control room"));
+        QCOMPARE(f->room.urls.first().toString(QUrl::FullyEncoded).section(QLatin1Char('/'), 3),
+                 QStringLiteral("agent?id=7&os=linux&v=2.5&name=Ana%20Lee%20%26%20Co%3D1"));
+        QVERIFY(home.log().contains(QStringLiteral("Z connected to %1 as agent 7\n").arg(f->room.address())));
+        // The heartbeat: its keys in their fixed order.
+        QVERIFY(heartbeats(1));
+        const QString keys = QStringLiteral("type updateBusy recording live mic sys rate cam camActive camError micName mics cams micUID camUID error");
+        QVERIFY2(QRegularExpression(QStringLiteral("^\\{\"") + keys.split(QLatin1Char(' ')).join(QStringLiteral("\":.*,\"")) + QStringLiteral("\":[^,]*\\}$"))
+                     .match(f->room.texts.last()).hasMatch(), qPrintable(f->room.texts.last()));
+        const QJsonObject o = f->room.statuses().last();
+        QVERIFY(o.value("mic").isDouble() && o.value("camError").isNull() && o.value("rate") == QJsonValue(48000));
+        QCOMPARE(o.value("cams").toArray().size(), 1);
+        // The menu is drawn again only when what it shows changed.
+        const int before = f->app->status().tray()->drawCount();
+        for (int i = 0; i < 3; ++i)
+            f->app->tick();
+        QCOMPARE(f->app->status().tray()->drawCount(), before);
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QCOMPARE(f->app->status().tray()->drawCount(), before + 1);
+        QVERIFY(menu().contains(QStringLiteral("🔵  On a Call")));
+    }
+
+    void commandsDriveTheRecorder()
+    {
+        for (const char *type : {"cameras", "listen"})
+            QVERIFY(f->command(J{{"type", type}, {"on", true}}));
+        QVERIFY(rec().running() && !rec().session() && rec().listening && f->app->commands().live());
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}}));
+        QVERIFY(rec().session() == QStringLiteral("s1") && rec().isRecording() && rec().listening);
+        const int calls = wishes().recorderCalls();
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}})); // the same session again: no restart
+        QVERIFY(f->command(J{{"type", "stop"}}));                      // stopping the session keeps the listen-only run
+        QVERIFY(wishes().recorderCalls() == calls + 1 && rec().running() && !rec().session());
+
+        // Wishes that change while a pass waits for the recorder are folded into that pass.
+        bool injected = false;
+        wishes().onRecorderCall = [&] {
+            if (!std::exchange(injected, true)) {
+                f->app->commands().handle(J{{"type", "start"}, {"session", "b"}});
+                f->app->commands().handle(J{{"type", "start"}, {"session", "c"}});
+            }
+        };
+        const int before = wishes().recorderCalls();
+        f->app->commands().handle(J{{"type", "start"}, {"session", "a"}});
+        QVERIFY(f->idle());
+        wishes().onRecorderCall = nullptr;
+        QVERIFY(rec().session() == QStringLiteral("c") && wishes().recorderCalls() == before + 2);
+        QVERIFY(!home.log().contains(QStringLiteral("session=b")));
+
+        // Cameras off ends everything and refuses live audio and preview until they are back.
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}) && !rec().running() && !wishes().desiredSession);
+        QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}) && f->command(J{{"type", "preview"}, {"on", true}, {"hd", true}}));
+        QVERIFY(!wishes().wantListen && !rec().previewing && rec().previewHd);
+    }
+
+    void argumentsOfTheWrongTypeCountAsAbsent()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        Config::setUploadQuality(QStringLiteral("low"));
+        f->room.send(J{{"type", "quality"}});
+        QTRY_COMPARE(Config::uploadQuality(), QStringLiteral("full"));
+        QTRY_COMPARE(home.log().count(QStringLiteral("upload quality set to full")), 1);
+        rec().setPreviewCamUID(QStringLiteral("cam-x"));
+        for (const J &c : {J{{"type", "listen"}, {"on", "yes"}}, J{{"type", "start"}, {"session", 42}}, J{{"type", "setCam"}}})
+            QVERIFY(f->command(c));
+        QVERIFY(!wishes().wantListen && !wishes().desiredSession && rec().previewCamUID().isEmpty());
+        Config::setMicUID(QStringLiteral("keep"));
+        QVERIFY(f->command(J{{"type", "setMic"}, {"uid", 3}}) && Config::micUID() == QStringLiteral("keep"));
+        QVERIFY(f->command(J{{"type", "setMic"}, {"uid", "usb-mic"}}) && Config::micUID() == QStringLiteral("usb-mic"));
+
+        // Junk and unknown commands change nothing and log nothing; the link stays up.
+        const int lines = int(home.log().count(QLatin1Char('\n'))), markers = f->markers;
+        for (const char *text : {"{\"type\":\"START\",\"session\":\"x\"}", "{\"type\":null}", "[{\"type\":\"start\"}]",
+                                 "{\"type\":\"whisper\",\"text\":\" \\t\"}", "{\"type\":\"launch\"}", "{\"type\":\"start\""})
+            f->room.sendText(QString::fromUtf8(text));
+        QVERIFY(f->command(J{{"type", "setCam"}, {"uid", "z"}}));
+        QCOMPARE(rec().previewCamUID(), QStringLiteral("z"));
+        QVERIFY(!wishes().desiredSession && f->app->connection().connected());
+        QCOMPARE(int(home.log().count(QLatin1Char('\n'))) - (f->markers - markers), lines);
+    }
+
+    void liveAudioAndPreviewReachTheRoomOnlyWhileCamerasAreOn()
+    {
+        for (const char *type : {"preview", "cameras", "listen", "preview"}) // a preview before cameras is refused
+            QVERIFY(f->command(J{{"type", type}, {"on", true}}));
+        QTRY_VERIFY_WITH_TIMEOUT(frames(0) > 3 && frames(1) > 3 && frames(2) > 3, 10000);
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
+        QVERIFY(heartbeats(1));
+        f->room.binaries.clear();
+        std::thread([&] { rec().onPreviewFrame("late"), rec().onLiveAudio(0, "late"); }).join(); // still in flight
+        QVERIFY(heartbeats(2));
+        QCOMPARE(f->room.binaries.size(), 0);
+    }
+
+    void linkDropEndsListeningButNotRecording()
+    {
+        for (const char *type : {"cameras", "listen"})
+            QVERIFY(f->command(J{{"type", type}, {"on", true}}));
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "s4"}}));
+        f->room.dropAgents();
+        QTRY_VERIFY(!f->app->connection().connected());
+        QElapsedTimer down;
+        down.start();
+        QVERIFY(f->idle());
+        QVERIFY(!wishes().wantListen && !rec().listening && !f->app->commands().live() && rec().session() == QStringLiteral("s4"));
+        QTRY_VERIFY(f->app->connection().connected());
+        QVERIFY(down.elapsed() >= f->app->connection().retryMs - 50 && heartbeats(1)); // a new link after the retry delay
+        QVERIFY(f->room.statuses().last().value("recording").toBool() && !f->room.statuses().last().value("live").toBool());
+    }
+
+    void takeSegmentsReachTheRoomsUpload()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "take-2"}}));
+        const QString writing = Config::dir(QStringLiteral("writing/take-2"));
+        QTRY_VERIFY_WITH_TIMEOUT(QDir(writing).entryList(QDir::Files).size() >= 2, 5000);
+        QVERIFY(heartbeats(2));
+        QVERIFY(f->command(J{{"type", "stop"}}));
+        QTRY_VERIFY_WITH_TIMEOUT(f->room.uploads.size() >= 2 && f->app->uploader().pendingCount() == 0, 15000);
+        QStringList tracks;
+        for (int i = 0; i < f->room.uploads.size(); ++i) {
+            QFile file(f->room.uploadPaths[i]);
+            QVERIFY(file.open(QIODevice::ReadOnly) && file.read(8).mid(4) == "ftyp"); // a whole MP4 file from its first byte
+            tracks.append(f->room.uploads[i].queryItemValue("track") + QLatin1Char(' ') + f->room.uploads[i].queryItemValue("session")
+                          + QLatin1Char(' ') + f->room.uploads[i].queryItemValue("final"));
+        }
+        QVERIFY2(tracks.contains("mic take-2 1") && tracks.contains("sys take-2 1") && tracks.filter(" 1").size() == tracks.size(), qPrintable(tracks.join(',')));
+        QVERIFY(QDir(writing).entryList(QDir::Files).isEmpty());
+    }
+
+    void roomDownForAWhileGetsEverySegmentInOrder()
+    {
+        f->room.goDown();
+        QTRY_VERIFY(!f->app->connection().connected());
+        const QString folder = Config::dir(QStringLiteral("writing/show-1"));
+        for (const char *name : {"sys_1700000000001_00000.m4a", "sys_1700000000001_00001.m4a", "mic_1700000000001_00002.m4a",
+                                 "sys_1700000000001_00003_final.m4a"}) {
+            QFile file(folder + QLatin1Char('/') + QLatin1String(name));
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(QByteArray(70000, 'x')) == 70000);
+            std::thread([&] { rec().onSegmentDone(file.fileName(), QStringLiteral("show-1")); }).join(); // as a writer reports
+        }
+        QTRY_VERIFY(menu().contains(QStringLiteral("Uploading 4 file(s)…")));
+        QVERIFY(f->app->updateBusy());
+        QVERIFY(f->room.comeBack());
+        QTRY_VERIFY_WITH_TIMEOUT(f->room.uploads.size() == 4 && f->app->connection().connected(), 10000);
+        QStringList order;
+        for (const QUrlQuery &q : f->room.uploads)
+            order.append(q.queryItemValue("idx") + q.queryItemValue("track") + q.queryItemValue("final") + q.queryItemValue("id"));
+        QCOMPARE(order, QStringList({"2mic07", "0sys07", "1sys07", "3sys17"}));
+        QTRY_COMPARE(f->app->status().menuState().pendingCount, 0);
+    }
+
+    void replacedShowsTheAlertAndStaysDown()
+    {
+        f->room.send(J{{"type", "replaced"}});
+        QTRY_VERIFY(f->app->connection().replaced() && QApplication::activeModalWidget());
+        QCOMPARE(qobject_cast<QMessageBox *>(QApplication::activeModalWidget())->text(), QStringLiteral("Agent #7 is being used on another computer"));
+        QTRY_COMPARE(menu().value(1), QStringLiteral("⚠ Agent number in use on another computer"));
+        f->room.dropAgents();
+        QTRY_VERIFY(!f->app->connection().connected());
+        QTest::qWait(3 * f->app->connection().retryMs);
+        QVERIFY(f->room.urls.size() == 1 && Config::agentID() == 7);
+    }
+
+    void releaseFreesTheNumberAtOnce()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "s5"}}));
+        f->room.send(J{{"type", "release"}});
+        QTRY_COMPARE(Config::agentID(), 0);
+        QVERIFY(!Config::setupDone() && !f->app->connection().connected() && !wishes().desiredSession && home.log().contains(QStringLiteral("setup needed")));
+        QTRY_VERIFY(!rec().running());
+        // Without setup, wishes are kept but not carried out; and the link stays down.
+        f->app->commands().handle(J{{"type", "start"}, {"session", "late"}});
+        QTest::qWait(3 * f->app->connection().retryMs);
+        QVERIFY(!rec().running() && !wishes().applying() && f->room.urls.size() == 1);
+    }
+
+
+    void callToggleTellsTheRoom()
+    {
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        f->app->actions().toggleCall();
+        QVERIFY(f->app->updateBusy());
+        QTRY_COMPARE(menu().value(3), QStringLiteral("⏹  End the Call"));
+        // Cameras off mid-call hide the call controls, but the call item stays: it ends the call.
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
+        QTRY_VERIFY(!menu().value(3).contains(QStringLiteral("Call")));
+        QVERIFY(f->app->status().tray()->hasCallItem());
+        f->app->actions().toggleCall();
+        QVERIFY(!f->app->status().tray()->hasCallItem());
+        f->app->actions().needHelp();
+        QTRY_COMPARE(f->room.events.size(), 3);
+        QStringList events; // posted side by side: they may arrive in any order
+        std::transform(f->room.events.cbegin(), f->room.events.cend(), std::back_inserter(events), [](const QUrlQuery &q) { return q.toString(); });
+        QCOMPARE(QSet<QString>(events.cbegin(), events.cend()), QSet<QString>({"id=7&type=call_end&secs=0", "id=7&type=call_start", "id=7&type=help"}));
+        QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")));
+    }
+
+    void linkRules()
+    {
+        Connection &conn = f->app->connection();
+        QCOMPARE(OrderedJson().insert(QStringLiteral("z"), true).insert(QStringLiteral("a"), QStringLiteral("q\"\\\n")).toJson(),
+                 QByteArray("{\"z\":true,\"a\":\"q\\\"\\\\\\n\"}"));
+        // Frames sent from another thread arrive whole behind their kind.
+        std::thread([&] { conn.sendLiveAudio(1, QByteArray(640, 'a')); }).join();
+        QTRY_COMPARE(f->room.binaries, QList<QByteArray>({QByteArray(1, 1) + QByteArray(640, 'a')}));
+        // An oversized message drops the link, which comes back.
+        f->room.sendText(QString(int(Connection::kMaxMessageBytes) + 16, QLatin1Char('x')));
+        QTRY_VERIFY_WITH_TIMEOUT(f->room.urls.size() == 2 && conn.connected(), 8000);
+        // A connect() during the retry wait makes one socket.
+        f->room.dropAgents();
+        QTRY_VERIFY(!conn.connected());
+        conn.connect();
+        QTRY_VERIFY(conn.connected() && f->room.agentCount() == 1);
+        // Without a number or a usable address no socket is made, not even by a retry, and sends are dropped.
+        Config::setAgentID(0);
+        conn.connect();
+        QTRY_COMPARE(f->room.agentCount(), 0);
+        Config::setAgentID(7);
+        for (const char *server : {"not a host:xx", ""}) {
+            Config::setServer(QString::fromLatin1(server));
+            conn.connect();
+        }
+        conn.sendPreview("early");
+        QTest::qWait(3 * conn.retryMs);
+        QVERIFY(f->room.urls.size() == 3 && f->room.binaries.size() == 1);
+    }
+
+    // A locked build with an event web service: check-in at launch and when the link comes back,
+    // the roster at launch and when an unknown seat whispers.
+    void webServiceWiring()
+    {
+        f.reset();
+        HttpStub service;
+        QVERIFY(service.listen());
+        service.setDefault(HttpStub::status(200, R"({"3":"Ann"})"));
+        const auto asked = [&](const char *path) {
+            return std::count_if(service.requests.cbegin(), service.requests.cend(), [path](const HttpStub::Request &r) { return r.url.path().endsWith(QLatin1String(path)); });
+        };
+        ManualClock clock;
+        f = std::make_unique<AgentFixture>(home, nullptr, QStringLiteral("http://") + service.address(), clock);
+        QTRY_VERIFY(asked("/checkin") == 1 && f->app->roster().name(3) == QStringLiteral("Ann"));
+        QVERIFY(f->command(J{{"type", "whisper"}, {"text", "Slow down"}, {"seat", 3}}));
+        QCOMPARE(asked("/mentors"), 1);
+        f->room.send(J{{"type", "whisper"}, {"text", "Smile"}, {"seat", 7}});
+        QTRY_COMPARE(asked("/mentors"), 2);
+        clock.advance((CheckIn::kMinSpacingMs + 1) * 1000000); // past the spacing of check-ins
+        f->room.dropAgents();
+        QTRY_COMPARE(asked("/checkin"), 2);
+        f.reset(); // before the service goes
+    }
+
+    // A sound server that refuses this program sends the agent back to setup at the microphone step.
+    void refusedSoundServerReopensSetup()
+    {
+        f.reset();
+        refusing.accessAnswer = AudioBackend::Access::Refused;
+        f = std::make_unique<AgentFixture>(home, &refusing);
+        QCOMPARE(home.log().count(QStringLiteral("permission missing: mic=false screen=false")), 1);
+        Config::setWizardStep(0);
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "s6"}}));
+        QVERIFY(rec().blocked() == Recorder::Blocked::Microphone && Config::wizardStep() == 2);
+    }
+};
+
+QTEST_MAIN(AgentTest)
+#include "tst_agent.moc"
