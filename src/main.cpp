@@ -1,4 +1,7 @@
 #include "AppDelegate.h"
+#include "BravaLog.h"
+#include "Config.h"
+#include "InstanceLock.h"
 #include "CameraBackend.h"
 #include "Clock.h"
 #include "PulseBackend.h"
@@ -11,6 +14,13 @@ int main(int argc, char *argv[])
     app.setApplicationName(QStringLiteral("Brava Recorder"));
     // A tray agent: closing a window never ends it.
     app.setQuitOnLastWindowClosed(false);
+    // One agent per account: a second copy must never touch the first one's recordings.
+    InstanceLock lock(Config::dataDir());
+    if (!lock.tryLock()) {
+        bravaLog(QStringLiteral("another Brava Recorder already runs for this account (") + lock.holder()
+                 + QStringLiteral("); this copy quits"));
+        return 0;
+    }
     // The platform parts first, so that they outlive the agent built on them.
     PulseBackend audio;
     const std::unique_ptr<CameraBackend> cameras = CameraBackend::fromEnvironment();

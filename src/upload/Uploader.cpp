@@ -2,6 +2,8 @@
 
 #include "BravaLog.h"
 #include "Config.h"
+#include "OrphanRecovery.h"
+#include "QueryString.h"
 #include "SegmentName.h"
 
 #include <QDir>
@@ -14,7 +16,6 @@
 #include <QThread>
 #include <QTimer>
 #include <QUrl>
-#include <QUrlQuery>
 
 #include <algorithm>
 
@@ -101,13 +102,9 @@ void Uploader::tick()
 
 void Uploader::setAside(const PendingFile &file)
 {
-    const QString name = QFileInfo(file.path).fileName();
     // A name already set aside earlier gets a number, so the odd file never blocks the queue.
-    const QString base = Config::dir(QStringLiteral("unrecognized")) + QLatin1Char('/') + name;
-    QString target = base;
-    for (int n = 1; QFileInfo::exists(target); ++n)
-        target = base + QLatin1Char('.') + QString::number(n);
-    if (QFile::rename(file.path, target))
+    const QString name = QFileInfo(file.path).fileName();
+    if (OrphanRecovery::setAside(file.path, Config::dir(QStringLiteral("unrecognized"))))
         bravaLog(QStringLiteral("upload: ") + name + QStringLiteral(" is not a segment name; kept in unrecognized/"));
     else
         fail(Fault::SetAside, QStringLiteral("could not set aside ") + name);
@@ -118,11 +115,9 @@ void Uploader::upload(const PendingFile &file)
     const QString fileName = QFileInfo(file.path).fileName();
     const std::optional<SegmentName> name = SegmentName::parse(fileName);
     Q_ASSERT(name);
-    QUrl url(QStringLiteral("http://") + Config::server() + QStringLiteral("/upload"), QUrl::StrictMode);
-    QUrlQuery query;
-    query.setQueryItems(name->queryItems(Config::agentID(), file.session));
-    url.setQuery(query);
-    if (!url.isValid() || url.host().isEmpty()) {
+    const QUrl url = QueryString::url(QStringLiteral("http://") + Config::server() + QStringLiteral("/upload"),
+                                      name->queryItems(Config::agentID(), file.session));
+    if (!url.isValid()) {
         // No usable control-room address: the file waits until the setting is fixed.
         fail(Fault::NoAddress, QStringLiteral("no valid control-room address"));
         return;
@@ -171,25 +166,17 @@ void Uploader::finished(QNetworkReply *reply, const QString &path)
 
 void Uploader::recoverOrphans()
 {
-    // Runs before the recorder has begun a take, so every folder in writing/ is left over.
-    for (const QFileInfo &folder : entries(Config::dir(QStringLiteral("writing")))) {
+    // Runs before the recorder has begun a take, under the data folder's lock, so every folder in
+    // writing/ is left over from a run that ended.
+    const QString writing = Config::dir(QStringLiteral("writing"));
+    for (const OrphanRecovery::Found &found : OrphanRecovery(writing, Config::dir(QStringLiteral("unrecognized"))).run())
+        enqueue(found.path, found.session);
+    for (const QFileInfo &folder : entries(writing)) {
         if (isHidden(folder) || !folder.isDir())
             continue;
-        bool allMoved = true;
-        for (const QFileInfo &file : entries(folder.filePath())) {
-            if (file.isDir())
-                allMoved = false; // not made by this program: looked at by a person, not deleted
-            if (!SegmentName::isMedia(file.fileName()) || !file.isFile())
-                continue;
-            enqueue(file.filePath(), Config::sessionOfFolder(folder.fileName()));
-            allMoved = allMoved && !QFileInfo::exists(file.filePath());
-        }
-        if (allMoved) {
-            QDir(folder.filePath()).removeRecursively();
-        } else {
-            // A recording that could not be moved is never deleted; the next launch tries again.
+        // A recording that could not be moved is never deleted; the next launch tries again.
+        if (!QDir(folder.filePath()).rmdir(folder.filePath()))
             bravaLog(QStringLiteral("upload: could not recover every file of writing/") + folder.fileName());
-        }
     }
 }
 
