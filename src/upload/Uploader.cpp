@@ -174,8 +174,14 @@ void Uploader::recoverOrphans()
     for (const QFileInfo &folder : entries(writing)) {
         if (isHidden(folder) || !folder.isDir())
             continue;
-        // A recording that could not be moved is never deleted; the next launch tries again.
-        if (!QDir(folder.filePath()).rmdir(folder.filePath()))
+        // Scraps go with their folder; a recording that could not be moved, or a folder this
+        // program did not make, is never deleted: the next launch tries again.
+        bool keep = false;
+        for (const QFileInfo &entry : entries(folder.filePath()))
+            keep = keep || entry.isDir() || SegmentName::isMedia(entry.fileName());
+        if (!keep)
+            QDir(folder.filePath()).removeRecursively();
+        else
             bravaLog(QStringLiteral("upload: could not recover every file of writing/") + folder.fileName());
     }
 }

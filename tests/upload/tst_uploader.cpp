@@ -23,7 +23,15 @@ class UploaderTest : public QObject
         QFile f(dir + QLatin1Char('/') + name);
         return f.open(QIODevice::WriteOnly) && f.write(bytes.isNull() ? name.toUtf8() : bytes) >= 0 ? f.fileName() : QString();
     }
-    static QString pending(const QString &session, const QString &name) { return put(folder("pending") + QLatin1Char('/') + session, name); }
+    static QString pending(const QString &session, const QString &name) { return put(folder("pending") + QLatin1Char('/') + Config::sessionFolder(session), name); }
+    // A segment as the writer leaves it: header, movie box, one fragment.
+    static QByteArray media()
+    {
+        QByteArray data;
+        for (const char *box : {"ftyp", "moov", "moof", "mdat"})
+            data += QByteArray::fromHex("00000010") + box + QByteArray(8, '\0');
+        return data;
+    }
     void start(int tickMs = 150)
     {
         up = std::make_unique<Uploader>(net);
@@ -68,7 +76,7 @@ private Q_SLOTS:
         QTRY_COMPARE(server->requests.size(), 1);
         const HttpStub::Request &r = server->requests.first();
         QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("POST /upload"));
-        QCOMPARE(r.url.query(QUrl::FullyEncoded), QStringLiteral("id=7&session=Show%201%20A%26B%3D?&track=") + items);
+        QCOMPARE(r.url.query(QUrl::FullyEncoded), QStringLiteral("id=7&session=Show%201%20A%26B%3D%3F&track=") + items);
         QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type"), r.headers.value("content-type").constData());
         QTRY_COMPARE(up->pendingCount(), 0);
         QVERIFY(QDir(folder("pending") + QStringLiteral("/Show 1 A&B=?")).isEmpty());
@@ -145,21 +153,43 @@ private Q_SLOTS:
         QCOMPARE(sent(), QStringList({"mic_1_00000.m4a", "mic_1_00001.m4a", "mic_1_00002.m4a", "mic_1_00003.m4a", "mic_1_00004.m4a"}));
     }
 
+    // Whatever the control room calls a session reaches it byte for byte.
+    void hostileSessionsArriveAsSent_data()
+    {
+        QTest::addColumn<QString>("session");
+        for (const char *s : {"..%2F..%2Fetc", "a+b", "%00", "x&y=z#w", "Grüße 東京"})
+            QTest::newRow(s) << QString::fromUtf8(s);
+        QTest::newRow("NUL") << QString(QChar(0)) + QStringLiteral("x");
+    }
+    void hostileSessionsArriveAsSent()
+    {
+        QFETCH(QString, session);
+        pending(session, QStringLiteral("mic_1_00000.m4a"));
+        start();
+        QTRY_COMPARE(server->requests.size(), 1);
+        QByteArray sent;
+        for (const QByteArray &item : server->requests.first().url.query(QUrl::FullyEncoded).toLatin1().split('&'))
+            if (item.startsWith("session="))
+                sent = QByteArray::fromPercentEncoding(item.mid(8));
+        QCOMPARE(sent, session.toUtf8());
+    }
+
     void orphansAreRecoveredAtStartAndBadAddressesWait()
     {
         for (const char *path : {"old/mic_3_00000.m4a", "old/scratch.tmp", ".keep/mic_3_00000.m4a", "s/mic_3_00000.m4a"})
-            put(folder("writing") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, 0), QString::fromLatin1(path).section(QLatin1Char('/'), 1));
-        const QString inner = put(folder("writing") + QStringLiteral("/s/inner"), QStringLiteral("mic_3_00001.m4a"));
+            put(folder("writing") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, 0), QString::fromLatin1(path).section(QLatin1Char('/'), 1), media());
+        const QString inner = put(folder("writing") + QStringLiteral("/s/inner"), QStringLiteral("mic_3_00001.m4a"), media());
         // The same name is already waiting: that move is refused and the recording stays put.
-        const QString clash = put(folder("writing") + QStringLiteral("/t"), QStringLiteral("mic_3_00000.m4a"), "newer");
-        pending(QStringLiteral("t"), QStringLiteral("mic_3_00000.m4a"));
+        put(folder("writing") + QStringLiteral("/t"), QStringLiteral("mic_3_00000.m4a"), media());
+        pending(QStringLiteral("t"), QStringLiteral("mic_3_00000_final.m4a"));
         Config::setServer(QStringLiteral("bad host:port:x"));
         start(100);
-        // Moved at once; a folder with only recordings and scraps is gone, one with a folder inside is kept.
-        QVERIFY(QFile::exists(folder("pending") + QStringLiteral("/old/mic_3_00000.m4a")) && !QFileInfo::exists(folder("writing") + QStringLiteral("/old")));
+        // Moved at once, the last piece of a cut-off take as its final piece; a folder with only
+        // recordings and scraps is gone, one with a folder inside is kept.
+        QVERIFY(QFile::exists(folder("pending") + QStringLiteral("/old/mic_3_00000_final.m4a")) && !QFileInfo::exists(folder("writing") + QStringLiteral("/old")));
         QVERIFY(QFile::exists(folder("writing") + QStringLiteral("/.keep/mic_3_00000.m4a")));
-        QVERIFY(QFile::exists(folder("pending") + QStringLiteral("/s/mic_3_00000.m4a")) && QFile::exists(inner));
-        QVERIFY(QFile::exists(clash) && home.log().contains(QLatin1String("writing/t")));
+        QVERIFY(QFile::exists(folder("pending") + QStringLiteral("/s/mic_3_00000_final.m4a")) && QFile::exists(inner));
+        QVERIFY(QFile::exists(folder("writing") + QStringLiteral("/t/mic_3_00000_final.m4a")) && home.log().contains(QLatin1String("writing/t")));
         QVERIFY(up->pendingCount() == 3 && !up->busy());
         QCOMPARE(up->fault(), Uploader::Fault::NoAddress); // nothing goes out without a usable address
     }

@@ -28,6 +28,7 @@ class AudioCaptureTest : public QObject
     bool startTake()
     {
         Config::setMicUID("brava_mic");
+        rec.reset(); // the backend has one watcher: the old recorder lets go of it first
         rec = std::make_unique<Recorder>(pulse, noCameras, Clock::monotonic());
         rec->onSegmentDone = [this](const QString &path, const QString &) { done.append(path); };
         bool started = false;
@@ -149,9 +150,6 @@ private Q_SLOTS:
         QVERIFY(pulse.open("brava_mic", 48000, 1, {}, nullptr)); // asked, not awaited; closed at once
         QTRY_VERIFY_WITH_TIMEOUT(!pulse.answering(), 3000);
         qInfo("the hang was noticed after %lld ms", hung.elapsed());
-#if !__has_include("AudioSources.h") // the recorder learns of a hung server from its audio sources
-        QEXPECT_FAIL("", "the recorder reports a hung server once its audio sources watch answering()", Continue);
-#endif
         QTRY_COMPARE_WITH_TIMEOUT(rec->lastError().value_or(QString()), "Sound server not answering", 3000);
         QTRY_VERIFY_WITH_TIMEOUT(hung.hasExpired(10000), 12000); // the hang lasts 10 s
         QCOMPARE(::kill(daemon, SIGCONT), 0);
