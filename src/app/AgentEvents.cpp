@@ -1,12 +1,12 @@
 #include "AgentEvents.h"
 
 #include "Config.h"
+#include "QueryString.h"
 
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QUrl>
-#include <QUrlQuery>
 
 AgentEvents::AgentEvents(QNetworkAccessManager &net)
     : m_net(net)
@@ -17,14 +17,11 @@ void AgentEvents::post(const QString &type, const QList<QPair<QString, QString>>
 {
     if (Config::agentID() < 1)
         return;
-    QUrl url(QStringLiteral("http://") + Config::server() + QStringLiteral("/event"));
-    QUrlQuery query;
-    query.addQueryItem(QStringLiteral("id"), QString::number(Config::agentID()));
-    query.addQueryItem(QStringLiteral("type"), type);
+    QueryString::Items items{{QStringLiteral("id"), QString::number(Config::agentID())}, {QStringLiteral("type"), type}};
     for (const auto &[key, value] : fields)
         if (!value.isEmpty())
-            query.addQueryItem(key, value);
-    url.setQuery(query);
+            items.append({key, value});
+    const QUrl url = QueryString::url(QStringLiteral("http://") + Config::server() + QStringLiteral("/event"), items);
     if (!url.isValid())
         return;
     QNetworkRequest request(url);

@@ -2,13 +2,13 @@
 
 #include "BravaLog.h"
 #include "Config.h"
+#include "QueryString.h"
 #include "OrderedJson.h"
 
 #include <QJsonDocument>
 #include <QPointer>
 #include <QThread>
 #include <QTimer>
-#include <QUrlQuery>
 #include <QWebSocket>
 
 Connection::Connection(QObject *parent)
@@ -26,23 +26,11 @@ QUrl Connection::linkURL()
     const QString server = Config::server();
     if (server.isEmpty())
         return {};
-    QUrl url(QStringLiteral("ws://") + server + QStringLiteral("/agent"), QUrl::StrictMode);
-    if (!url.isValid() || url.host().isEmpty())
-        return {};
-    QUrlQuery query;
-    query.addQueryItem(QStringLiteral("id"), QString::number(Config::agentID()));
-    query.addQueryItem(QStringLiteral("os"), QStringLiteral("linux"));
-    query.addQueryItem(QStringLiteral("v"), Config::version());
-    query.addQueryItem(QStringLiteral("name"), Config::agentName());
-    // Encode every reserved character in the values ('&', '=', '+', '#', spaces …).
-    QString encoded;
-    for (const auto &[key, value] : query.queryItems(QUrl::FullyDecoded)) {
-        if (!encoded.isEmpty())
-            encoded += QLatin1Char('&');
-        encoded += key + QLatin1Char('=') + QString::fromLatin1(QUrl::toPercentEncoding(value));
-    }
-    url.setQuery(encoded, QUrl::StrictMode);
-    return url.isValid() ? url : QUrl();
+    return QueryString::url(QStringLiteral("ws://") + server + QStringLiteral("/agent"),
+                            {{QStringLiteral("id"), QString::number(Config::agentID())},
+                             {QStringLiteral("os"), QStringLiteral("linux")},
+                             {QStringLiteral("v"), Config::version()},
+                             {QStringLiteral("name"), Config::agentName()}});
 }
 
 void Connection::cancelSocket()
