@@ -4,8 +4,7 @@
 // device nodes' permissions (usually membership of the "video" group).
 namespace CameraAccess {
 
-// Numbered like the platform permission states the log reports ("camera auth=<n>").
-enum class Status { NotDetermined = 0, Denied = 2, Authorized = 3 };
+enum class Status { NotDetermined, Denied, Authorized };
 
 /// Authorized when a camera node can be opened for capture (or synthetic cameras are in use),
 /// Denied when camera nodes exist but none may be opened, NotDetermined when there is none.

@@ -203,7 +203,7 @@ void CameraManager::buildMain()
 {
     const CameraAccess::Status access = m_access();
     if (access == CameraAccess::Status::Denied) {
-        fail(CameraTexts::notAllowed(), QStringLiteral("camera auth=") + QString::number(int(access)));
+        fail(CameraTexts::notAllowed(), QStringLiteral("camera: no video device may be opened by this user (not in the video group?)"));
         return;
     }
     const std::optional<Device> device = pick(m_backend.list(), Config::camUID());

@@ -28,7 +28,7 @@ QString AacFormat::text(Text which, const QString &track, const QString &detail)
     case Text::AddFailed:
         return QStringLiteral("cannot add input ") + track;
     case Text::StartFailed:
-        return QStringLiteral("startWriting failed ") + track + QStringLiteral(": ") + detail;
+        return QStringLiteral("could not write the header of ") + track + QStringLiteral(": ") + detail;
     case Text::FinishFailed:
         return QStringLiteral("finish failed ") + detail;
     }

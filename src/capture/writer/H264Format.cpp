@@ -25,7 +25,7 @@ QString H264Format::text(Text which, const QString &track, const QString &detail
     case Text::AddFailed:
         return QStringLiteral("cannot add video input");
     case Text::StartFailed:
-        return QStringLiteral("video startWriting failed: ") + detail;
+        return QStringLiteral("could not write the video header: ") + detail;
     case Text::FinishFailed:
         return QStringLiteral("video finish failed: ") + detail;
     }
