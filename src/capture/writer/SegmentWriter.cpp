@@ -297,15 +297,7 @@ void SegmentWriter::close(bool final)
             done(file);
         return;
     }
-    if (final && m_idx >= 1 && m_session) {
-        const QString dir = folder();
-        if (dir.isEmpty())
-            return;
-        const QString marker = dir + QLatin1Char('/') + pieceName(m_track, m_take, m_idx, true, m_format->extension());
-        QFile f(marker);
-        f.open(QIODevice::WriteOnly | QIODevice::Truncate);
-        f.close();
-        if (done)
-            done(marker);
-    }
+    // Nothing open (a failed write ended the last segment): no empty file stands in for a
+    // final piece; every file handed over holds media.
+    (void)final;
 }

@@ -49,8 +49,8 @@ public:
     void begin(const std::optional<QString> &session, int64_t take);
     /// Offers one sample; dropped when idle, invalid, or earlier than openAt.
     void append(const TimedSample &sample);
-    /// Ends the current segment. final: the take stops (the file gets "_final"; with nothing open
-    /// an empty final marker is reported once at least one segment was opened).
+    /// Ends the current segment. final: the take stops (the file gets "_final"). With nothing
+    /// open nothing is reported: no file without media is ever handed over.
     void close(bool final);
     /// Forgets the session (the writer becomes idle).
     void clearSession();
