@@ -85,12 +85,23 @@ void Recorder::start(const std::optional<QString> &session, std::function<void()
                 onSegmentDone(path, forwarded);
         },
         segmentSeconds);
+    {
+        std::lock_guard lock(m_faultMutex);
+        m_writeFaults.clear();
+    }
+    m_take->onFault = [this](const QString &track, const std::optional<QString> &fault) {
+        std::lock_guard lock(m_faultMutex);
+        if (fault)
+            m_writeFaults[track] = *fault;
+        else
+            m_writeFaults.erase(track);
+    };
     // Handed to the queues before any source opens, so the first block already finds the take.
     m_path->beginTake(m_take);
     m_cameras->beginTake(m_take);
     m_sources->open();
     m_cameras->ensure();
-    bravaLog(QStringLiteral("capture started session=") + session.value_or(QStringLiteral("TEST")));
+    bravaLog(QStringLiteral("capture started session=") + (session ? Config::printable(*session) : QStringLiteral("TEST")));
     finishLater(this, std::move(done));
 }
 
@@ -136,8 +147,21 @@ QList<Device> Recorder::cameras() const { return m_cameraBackend.list(); }
 
 // ---- State for the controller -----------------------------------------------------------------
 
-std::optional<QString> Recorder::lastError() const { return m_sources->lastError(); }
-Recorder::Blocked Recorder::blocked() const { return m_sources->blocked(); }
+std::optional<QString> Recorder::lastError() const
+{
+    {
+        std::lock_guard lock(m_faultMutex);
+        if (!m_writeFaults.empty())
+            return m_writeFaults.begin()->second;
+    }
+    return m_sources->lastError();
+}
+
+Recorder::Blocked Recorder::blocked() const
+{
+    std::lock_guard lock(m_faultMutex);
+    return m_writeFaults.empty() ? m_sources->blocked() : Blocked::None;
+}
 
 Recorder::Levels Recorder::takeLevels()
 {

@@ -10,6 +10,8 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
+#include <mutex>
 #include <memory>
 #include <optional>
 
@@ -108,7 +110,8 @@ public:
     /// The setup wizard may use the camera (the camera manager's).
     std::atomic<bool> &setupCameraAllowed;
 
-    /// Last capture problem, none when fine.
+    /// Last capture problem, none when fine: a track that cannot be written first (a full
+    /// disk), else the sound sources' problem.
     std::optional<QString> lastError() const;
     /// A capture permission the last start found refused.
     using Blocked = AudioSources::Blocked;
@@ -163,5 +166,7 @@ private:
     CameraBackend &m_cameraBackend;
     Clock &m_clock;
     std::shared_ptr<Take> m_take; // the running take; none when stopped
+    mutable std::mutex m_faultMutex; // guards m_writeFaults (set on the writers' queues)
+    std::map<QString, QString> m_writeFaults; // track → why it cannot be written
     qint64 m_lastTake = 0;
 };

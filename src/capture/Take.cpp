@@ -41,6 +41,8 @@ SegmentWriter *Take::writer(const QString &track)
         else
             w = std::make_unique<VideoWriter>(track, m_segmentSeconds);
         w->onSegmentDone = m_onSegmentDone;
+        if (onFault)
+            w->onFault = [this, track](const std::optional<QString> &fault) { onFault(track, fault); };
         w->begin(m_session, m_number);
         if (m_t0)
             w->setOpenAt(*m_t0); // a writer made after the lock takes the common start all the same

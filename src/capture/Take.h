@@ -61,6 +61,10 @@ public:
     bool audioFinished() const { return m_audioDone; }
     bool camerasFinished() const { return m_camerasDone; }
 
+    /// A writer's problem (`fault`) or none when it cleared, for `track`; on the track's queue.
+    /// Set before the take is handed to the queues.
+    std::function<void(const QString &track, const std::optional<QString> &fault)> onFault;
+
     /// Whether `track` is an audio track.
     static bool isAudio(const QString &track);
 

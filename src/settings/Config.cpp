@@ -6,11 +6,16 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QUrl>
+#include <QCryptographicHash>
+#include <QFile>
 #include <QFileInfo>
 #include <QMutex>
 #include <QSettings>
 
+#include <cerrno>
+#include <cstring>
 #include <limits>
+#include <sys/stat.h>
 #include <memory>
 #include <optional>
 
@@ -225,33 +230,108 @@ QString dir(const QString &name)
     return path;
 }
 
+namespace {
+// Encodes one character of a session for a folder name.
+QString folderChar(QChar c, bool first)
+{
+    if (c == QLatin1Char('%') || c == QLatin1Char('/') || c.unicode() < 0x20 || c.unicode() == 0x7f)
+        return QLatin1Char('%') + QStringLiteral("%1").arg(c.unicode(), 2, 16, QLatin1Char('0')).toUpper();
+    if (c == QLatin1Char('.') && first)
+        return QStringLiteral("%2E");
+    return QString(c);
+}
+
+// A shortened name carries "%h" and a hash: never produced by the encoding itself.
+constexpr int kPrefixBytes = 100;
+const QString kHashMark = QStringLiteral("%h");
+
+bool isShortened(const QString &folder)
+{
+    return folder.contains(kHashMark);
+}
+} // namespace
+
 QString sessionFolder(const QString &session)
 {
     if (session.isEmpty())
         return QStringLiteral("%");
     QString folder;
     folder.reserve(session.size());
+    for (qsizetype i = 0; i < session.size(); ++i)
+        folder += folderChar(session.at(i), i == 0);
+    if (folder.toUtf8().size() <= kMaxFolderBytes)
+        return folder;
+    // Too long for one file name: a prefix cut at a whole character, then the hash of all of it.
+    QString prefix;
+    int bytes = 0;
     for (qsizetype i = 0; i < session.size(); ++i) {
-        const QChar c = session.at(i);
-        if (c == QLatin1Char('%'))
-            folder += QStringLiteral("%25");
-        else if (c == QLatin1Char('/'))
-            folder += QStringLiteral("%2F");
-        else if (c == QChar(0))
-            folder += QStringLiteral("%00");
-        else if (c == QLatin1Char('.') && i == 0)
-            folder += QStringLiteral("%2E");
-        else
-            folder += c;
+        const bool pair = session.at(i).isHighSurrogate() && i + 1 < session.size();
+        const QString piece = pair ? session.mid(i, 2) : folderChar(session.at(i), i == 0);
+        bytes += int(piece.toUtf8().size());
+        if (bytes > kPrefixBytes)
+            break;
+        prefix += piece;
+        i += pair ? 1 : 0;
     }
-    return folder;
+    const QByteArray hash = QCryptographicHash::hash(session.toUtf8(), QCryptographicHash::Sha256).toHex().left(32);
+    return prefix + kHashMark + QString::fromLatin1(hash);
 }
 
-QString sessionOfFolder(const QString &folder)
+QString sessionOfFolder(const QString &folderPath)
 {
-    if (folder == QLatin1String("%"))
+    const QString name = QFileInfo(folderPath).fileName();
+    if (name == QLatin1String("%"))
         return QString();
-    return QUrl::fromPercentEncoding(folder.toUtf8());
+    if (isShortened(name)) {
+        QFile note(folderPath + QLatin1Char('/') + QLatin1String(kSessionNote));
+        if (note.open(QIODevice::ReadOnly))
+            return QString::fromUtf8(note.readAll());
+        // The note is lost: the name's readable part is the best there is.
+        return QUrl::fromPercentEncoding(name.left(name.indexOf(kHashMark)).toUtf8());
+    }
+    return QUrl::fromPercentEncoding(name.toUtf8());
+}
+
+QString makeSessionFolder(const QString &parent, const QString &session, QString *error)
+{
+    const QString name = sessionFolder(session);
+    const QString path = parent + QLatin1Char('/') + name;
+    QDir dir(path);
+    if (!dir.exists() && !QDir().mkpath(path)) {
+        // mkpath gives no reason; mkdir(2) does.
+        const int rc = ::mkdir(QFile::encodeName(path).constData(), 0755);
+        if (rc != 0 && errno != EEXIST) {
+            if (error)
+                *error = QString::fromLocal8Bit(std::strerror(errno));
+            return QString();
+        }
+    }
+    if (isShortened(name)) {
+        QFile note(path + QLatin1Char('/') + QLatin1String(kSessionNote));
+        if (!note.exists()
+            && (!note.open(QIODevice::WriteOnly | QIODevice::Truncate) || note.write(session.toUtf8()) < 0 || !note.flush())) {
+            if (error)
+                *error = note.errorString();
+            note.remove();
+            return QString();
+        }
+    }
+    return path;
+}
+
+QString printable(const QString &text, int max)
+{
+    QString out;
+    for (qsizetype i = 0; i < text.size() && out.size() < max; ++i) {
+        const QChar c = text.at(i);
+        if (c.category() == QChar::Other_Control || c == QChar::LineSeparator || c == QChar::ParagraphSeparator)
+            out += QStringLiteral("\\x%1").arg(c.unicode(), 2, 16, QLatin1Char('0'));
+        else
+            out += c;
+    }
+    if (out.size() >= max && text.size() > max)
+        out += QStringLiteral("…");
+    return out;
 }
 
 void removeAll()

@@ -74,11 +74,25 @@ QString dataDir();
 /// A sub-folder of the data folder, created on every call; creation failures are ignored.
 QString dir(const QString &name);
 /// The folder name under writing/ and pending/ that stands for a recording session: the session
-/// itself, with "%", "/" and NUL written as %25, %2F and %00, a leading "." as %2E, and "%" alone
-/// for the empty session. Any text the control room sends stays one folder inside the data folder.
+/// itself, with "%", "/", NUL and other control characters written as %XX, a leading "." as %2E,
+/// and "%" alone for the empty session. Any text the control room sends stays one folder inside the
+/// data folder. A name longer than a file name may be (kMaxFolderBytes) is shortened to a cut
+/// prefix, "%h" and a hash of the whole session; the full text is then kept in the folder's
+/// kSessionNote file (makeSessionFolder writes it).
 QString sessionFolder(const QString &session);
-/// The session a folder name under writing/ or pending/ stands for (the reverse of sessionFolder).
-QString sessionOfFolder(const QString &folder);
+/// The session the folder at `folderPath` (a path, or a bare folder name) stands for: read from
+/// its kSessionNote for a shortened name, decoded from the name otherwise (the reverse of
+/// sessionFolder).
+QString sessionOfFolder(const QString &folderPath);
+/// Creates `parent`/sessionFolder(session) with its kSessionNote when the name is shortened;
+/// returns the folder's path, or "" with the reason in `error`.
+QString makeSessionFolder(const QString &parent, const QString &session, QString *error = nullptr);
+/// Longest folder name in UTF-8 bytes that sessionFolder writes unshortened.
+constexpr int kMaxFolderBytes = 255;
+/// Hidden file beside the segments of a shortened session folder, holding the session in UTF-8.
+constexpr const char *kSessionNote = ".session";
+/// `text` for a log line: control characters as \xNN (newlines too), at most `max` characters.
+QString printable(const QString &text, int max = 200);
 /// Path of the settings file.
 QString settingsFilePath();
 

@@ -41,7 +41,7 @@ QList<OrphanRecovery::Found> OrphanRecovery::run() const
     for (const QFileInfo &folder : entries(m_writing)) {
         if (folder.fileName().startsWith(QLatin1Char('.')) || !folder.isDir())
             continue;
-        found += runFolder(folder.filePath(), Config::sessionOfFolder(folder.fileName()));
+        found += runFolder(folder.filePath(), Config::sessionOfFolder(folder.filePath()));
     }
     return found;
 }

@@ -58,8 +58,10 @@ void Uploader::start()
 
 void Uploader::enqueue(const QString &file, const QString &session)
 {
-    const QString folder = Config::dir(QStringLiteral("pending")) + QLatin1Char('/') + Config::sessionFolder(session);
-    QDir().mkpath(folder);
+    // A session too long for a folder name gets a shortened one, with the full text kept inside.
+    QString folder = Config::makeSessionFolder(Config::dir(QStringLiteral("pending")), session);
+    if (folder.isEmpty())
+        folder = Config::dir(QStringLiteral("pending")) + QLatin1Char('/') + Config::sessionFolder(session);
     // A move that fails leaves the file where it was; from writing/ the next launch recovers it.
     QFile::rename(file, folder + QLatin1Char('/') + QFileInfo(file).fileName());
     QPointer<Uploader> self(this);
@@ -77,7 +79,7 @@ QList<Uploader::PendingFile> Uploader::pendingFiles(const QString &pendingDir)
             continue;
         for (const QFileInfo &file : entries(session.filePath()))
             if (SegmentName::isMedia(file.fileName()))
-                files.append({file.filePath(), Config::sessionOfFolder(session.fileName())});
+                files.append({file.filePath(), Config::sessionOfFolder(session.filePath())});
     }
     std::stable_sort(files.begin(), files.end(), [](const PendingFile &a, const PendingFile &b) {
         return QFileInfo(a.path).fileName() < QFileInfo(b.path).fileName();

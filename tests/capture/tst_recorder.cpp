@@ -1,8 +1,13 @@
 #include "AudioPath.h"
 #include "DriftCorrector.h"
 #include "MediaProbe.h"
+#include "OrphanRecovery.h"
 #include "RecorderFixture.h"
 #include "TestHome.h"
+#include "Uploader.h"
+
+#include <QProcess>
+#include <QScopeGuard>
 
 // The recorder on a synthetic sound system and a clock the test moves: takes and their files,
 // the start sync's time-out, source failures and their texts, live audio, levels, a full queue.
@@ -206,6 +211,50 @@ private Q_SLOTS:
         QCOMPARE(f->rec->audioPath().dropped(AudioPath::Mic), 100LL);
         QVERIFY(f->stop());
         QCOMPARE(home.log().count(QStringLiteral("audio queue full: dropped 100 blocks of mic")), 1);
+    }
+
+    // A disk that fills mid-take: the error shows and is logged once until it clears, what
+    // reached the disk is queued at once; with space again the take goes on and the error clears.
+    // Every file queued reads. Needs the right to mount a tmpfs (CI runs as root).
+    void fullDiskShowsAndRecovers()
+    {
+        const QString writing = Config::dir(QStringLiteral("writing"));
+        const auto mount = [&](const char *o) { return QProcess::execute("mount", {"-t", "tmpfs", "-o", o, "tmpfs", writing}) == 0; };
+        if (!mount("size=300k"))
+            QSKIP("no right to mount a tmpfs here");
+        const auto unmount = qScopeGuard([&] { QProcess::execute(QStringLiteral("umount"), {writing}); });
+        QVERIFY(f->start(QStringLiteral("D1")));
+        f->feed({usb, mon}, f->clock->nowNs(), 20); // 24 kB/s of AAC: full after about 12 s
+        QVERIFY(f->rec->lastError().value_or(QString()).contains("No space left"));
+        QVERIFY(f->doneNames().size() >= 2);
+        for (const QString track : {"mic", "sys"})
+            QVERIFY(home.log().count("writer error " + track) <= 1 + home.log().count("writer " + track + ": writing again"));
+        QVERIFY(mount("remount,size=20m"));
+        f->feed({usb, mon}, f->clock->nowNs(), 6);
+        QVERIFY(!f->rec->lastError());
+        QVERIFY(f->stop() && f->doneNames("mic").last().contains("_final"));
+        for (const auto &[path, session] : f->done)
+            QVERIFY2(MediaProbe::stream(path).value("format_duration").toString().toDouble() > 0, qPrintable(path));
+    }
+
+    // A session longer than a file name may be records under a shortened, unique folder that
+    // keeps the full text for recovery and the upload queue; no raw newline reaches the log. A
+    // folder that cannot be made is an error in the status.
+    void longSessionKeepsItsText()
+    {
+        const QString session = QStringLiteral("first\nline two ") + QString(300, QLatin1Char('s'));
+        QVERIFY(f->start(session));
+        f->feed({usb, mon}, f->clock->nowNs(), 1);
+        QVERIFY(f->stop() && !f->rec->lastError() && f->done.size() == 2);
+        QVERIFY(Config::sessionFolder(session + "s") != QFileInfo(QFileInfo(f->done[0].first).path()).fileName());
+        const auto found = OrphanRecovery(Config::dir(QStringLiteral("writing")), Config::dir(QStringLiteral("unrecognized"))).run();
+        QCOMPARE(found.value(0).session, session);
+        QVERIFY(QFile::rename(found[0].path, Config::makeSessionFolder(Config::dir(QStringLiteral("pending")), session) + "/mic_1_00000.m4a"));
+        QCOMPARE(Uploader::pendingFiles(Config::dir(QStringLiteral("pending"))).value(0).session, session);
+        QVERIFY(!home.log().contains("\nline two") && home.log().contains("first\\x0aline two"));
+        QVERIFY(QFile(Config::dir(QStringLiteral("writing")) + "/blocked").open(QIODevice::WriteOnly) && f->start(QStringLiteral("blocked")));
+        f->feed({usb, mon}, f->clock->nowNs(), 0.5);
+        QVERIFY(f->rec->lastError().value_or(QString()).startsWith("writer error"));
     }
 };
 

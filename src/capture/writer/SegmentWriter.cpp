@@ -29,9 +29,10 @@ SegmentWriter::SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat
 
 SegmentWriter::~SegmentWriter()
 {
-    // A writer destroyed with a segment open still leaves a readable file behind.
+    // A writer destroyed with a segment open still leaves a readable file behind, unreported.
+    onFault = nullptr;
     if (m_fmt)
-        finishFile(m_path);
+        endFile(true);
 }
 
 void SegmentWriter::begin(const std::optional<QString> &session, int64_t take)
@@ -75,11 +76,13 @@ QString SegmentWriter::pieceName(const QString &track, int64_t take, int idx, bo
         + QLatin1Char('.') + ext;
 }
 
-QString SegmentWriter::folder() const
+QString SegmentWriter::folder()
 {
     Q_ASSERT(m_session);
-    const QString path = Config::dir(QStringLiteral("writing")) + QLatin1Char('/') + Config::sessionFolder(*m_session);
-    QDir().mkpath(path); // a failure shows up when the file is created
+    QString error;
+    const QString path = Config::makeSessionFolder(Config::dir(QStringLiteral("writing")), *m_session, &error);
+    if (path.isEmpty())
+        report(m_format->text(SegmentFormat::Text::CreateFailed, m_track, QStringLiteral("folder: ") + error));
     return path;
 }
 
@@ -94,29 +97,60 @@ void SegmentWriter::append(const TimedSample &sample)
 
     if (m_fmt && crossesBoundary(m_segStart, t, m_segmentSeconds)) {
         close(false);
-        if (!open(*m_session, t, sample))
+        if (m_retryFrom && t < *m_retryFrom)
             return;
+        if (!open(*m_session, t, sample)) {
+            m_retryFrom = t + MediaTime::make(kRetrySeconds, 1);
+            return;
+        }
     }
     if (!m_fmt) {
         if (m_retryFrom && t < *m_retryFrom)
             return; // a write failed a moment ago: not every sample gets a file of its own
         // The first segment of a take starts at the common start; one after a failed write
         // starts at its own first sample, where the audio really continues.
-        if (!open(*m_session, m_idx == 0 ? at.value_or(t) : t, sample))
+        if (!open(*m_session, m_idx == 0 ? at.value_or(t) : t, sample)) {
+            if (m_format->accepts(sample))
+                m_retryFrom = t + MediaTime::make(kRetrySeconds, 1);
             return;
+        }
     }
 
-    const bool ok = m_format->write(sample, [this](AVPacket *packet) {
-        packet->stream_index = 0;
-        return av_interleaved_write_frame(m_fmt, packet) >= 0;
-    });
+    const bool ok = m_format->write(sample, [this](AVPacket *packet) { return writePacket(packet); }) && settle();
     if (!ok) {
-        // The disk or the encoder refused: keep what is written as a finished segment; the next
-        // sample opens a fresh one.
-        report(m_format->text(SegmentFormat::Text::CreateFailed, m_track, QStringLiteral("write failed")));
+        // The disk or the encoder refused: what reached the disk is a finished segment; a new
+        // one is tried after the pause.
+        const int error = m_fmt->pb ? m_fmt->pb->error : 0;
+        report(m_format->text(SegmentFormat::Text::CreateFailed, m_track,
+                              error < 0 ? avErrorText(error) : QStringLiteral("write failed")));
         close(false);
         m_retryFrom = t + MediaTime::make(kRetrySeconds, 1);
     }
+}
+
+bool SegmentWriter::writePacket(AVPacket *packet)
+{
+    packet->stream_index = 0;
+    ++m_packets;
+    return av_interleaved_write_frame(m_fmt, packet) >= 0;
+}
+
+// After a successful write: the first packet also pushes out the header and a first fragment, so
+// a crash finds a readable file at once; then whatever the muxer wrote goes to disk now.
+bool SegmentWriter::settle()
+{
+    // The first flush writes the movie header, the second the fragment with that packet.
+    if (m_packets > 0 && m_wholeEnd == m_headerEnd && (av_write_frame(m_fmt, nullptr) < 0 || av_write_frame(m_fmt, nullptr) < 0))
+        return false;
+    avio_flush(m_fmt->pb);
+    if (m_fmt->pb->error < 0)
+        return false;
+    const int64_t end = avio_tell(m_fmt->pb);
+    if (end > m_wholeEnd) {
+        m_wholeEnd = end;
+        recovered();
+    }
+    return true;
 }
 
 bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample &sample)
@@ -125,7 +159,10 @@ bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample
     if (!m_format->accepts(sample))
         return false;
 
-    const QString file = folder() + QLatin1Char('/') + pieceName(m_track, m_take, m_idx, false, m_format->extension());
+    const QString dir = folder();
+    if (dir.isEmpty())
+        return false;
+    const QString file = dir + QLatin1Char('/') + pieceName(m_track, m_take, m_idx, false, m_format->extension());
     QFile::remove(file);
     const QByteArray path = QFile::encodeName(file);
 
@@ -148,12 +185,18 @@ bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample
         return false;
     }
     AVDictionary *options = nullptr;
+    // The movie header waits for the first packet (it carries the encoder's delay as an edit),
+    // which settle() pushes out at once.
     av_dict_set(&options, "movflags", "frag_keyframe+delay_moov+default_base_moof", 0);
     av_dict_set_int(&options, "frag_duration", kFragmentMicroseconds, 0);
     av_dict_set(&options, "use_editlist", "1", 0);
     av_dict_set(&options, "flush_packets", "1", 0); // every finished fragment goes to disk at once
     rc = avformat_write_header(m_fmt, &options);
     av_dict_free(&options);
+    if (rc >= 0) {
+        avio_flush(m_fmt->pb);
+        rc = m_fmt->pb->error;
+    }
     if (rc < 0) {
         report(m_format->text(SegmentFormat::Text::StartFailed, m_track, avErrorText(rc)));
         abandon();
@@ -161,7 +204,8 @@ bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample
         return false;
     }
     (void)session;
-    m_lastFailure.clear();
+    m_packets = 0;
+    m_headerEnd = m_wholeEnd = avio_tell(m_fmt->pb);
     m_retryFrom.reset();
     m_segStart = at;
     m_path = file;
@@ -176,6 +220,18 @@ void SegmentWriter::report(const QString &failure)
         return;
     m_lastFailure = failure;
     bravaLog(failure);
+    if (onFault)
+        onFault(failure);
+}
+
+void SegmentWriter::recovered()
+{
+    if (m_lastFailure.isEmpty())
+        return;
+    m_lastFailure.clear();
+    bravaLog(QStringLiteral("writer ") + m_track + QStringLiteral(": writing again"));
+    if (onFault)
+        onFault(std::nullopt);
 }
 
 void SegmentWriter::abandon()
@@ -189,25 +245,36 @@ void SegmentWriter::abandon()
     }
 }
 
-bool SegmentWriter::finishFile(const QString &file)
+// Ends the open file: complete = drain the encoder and write the trailer. A file whose end did
+// not reach the disk is cut back to its last whole fragment. Returns whether the file holds media
+// and is kept; one without a whole fragment is removed.
+bool SegmentWriter::endFile(bool complete)
 {
     Q_ASSERT(m_fmt);
-    const bool drained = m_format->drain([this](AVPacket *packet) {
-        packet->stream_index = 0;
-        return av_interleaved_write_frame(m_fmt, packet) >= 0;
-    });
-    int rc = av_write_trailer(m_fmt);
-    const int closed = avio_closep(&m_fmt->pb);
-    if (rc >= 0)
-        rc = closed;
-    abandon();
-    if (!drained || rc < 0) {
-        report(m_format->text(SegmentFormat::Text::FinishFailed, m_track,
-                                QFileInfo(file).fileName() + QStringLiteral(": ")
-                                    + (drained ? avErrorText(rc) : QStringLiteral("encoder drain failed"))));
-        return false;
+    const QString file = m_path;
+    m_path.clear();
+    QString failure;
+    if (complete) {
+        const bool drained = m_format->drain([this](AVPacket *packet) { return writePacket(packet); });
+        int rc = m_packets > 0 ? av_write_trailer(m_fmt) : 0;
+        const int closed = avio_closep(&m_fmt->pb);
+        if (rc >= 0)
+            rc = closed;
+        if (!drained || rc < 0)
+            failure = QFileInfo(file).fileName() + QStringLiteral(": ")
+                + (drained ? avErrorText(rc) : QStringLiteral("encoder drain failed"));
+        else if (m_packets > 0)
+            m_wholeEnd = QFileInfo(file).size();
     }
-    return true;
+    abandon();
+    if (!failure.isEmpty())
+        report(m_format->text(SegmentFormat::Text::FinishFailed, m_track, failure));
+    const bool media = (complete && failure.isEmpty()) ? m_packets > 0 : m_wholeEnd > m_headerEnd;
+    if (media && (QFileInfo(file).size() == m_wholeEnd || QFile::resize(file, m_wholeEnd)))
+        return true;
+    QFile::remove(file);
+    --m_idx; // the number goes to the next segment that holds media
+    return false;
 }
 
 void SegmentWriter::close(bool final)
@@ -215,8 +282,8 @@ void SegmentWriter::close(bool final)
     const auto done = onSegmentDone;
     if (m_fmt) {
         QString file = m_path;
-        m_path.clear();
-        if (!finishFile(file))
+        // A segment ended by a failed write is not complete, but what reached the disk is kept.
+        if (!endFile(m_lastFailure.isEmpty() || final))
             return; // never reported, never uploaded
         if (final) {
             const QFileInfo info(file);
@@ -230,12 +297,7 @@ void SegmentWriter::close(bool final)
             done(file);
         return;
     }
-    if (final && m_idx >= 1 && m_session) {
-        const QString marker = folder() + QLatin1Char('/') + pieceName(m_track, m_take, m_idx, true, m_format->extension());
-        QFile f(marker);
-        f.open(QIODevice::WriteOnly | QIODevice::Truncate);
-        f.close();
-        if (done)
-            done(marker);
-    }
+    // Nothing open (a failed write ended the last segment): no empty file stands in for a
+    // final piece; every file handed over holds media.
+    (void)final;
 }

@@ -12,12 +12,19 @@
 #include <optional>
 
 struct AVFormatContext;
+struct AVPacket;
 
 // Writes one track as a series of self-contained fragmented files ("segments") in
 // writing/<session>/: <track>_<take>_<nnnnn>[_final].<ext>. A segment starts at openAt (the common
 // start) or at its first sample, rolls over when a sample is segmentSeconds or more past the
-// segment start, and is fragmented every 2 s so a file cut off by a crash stays readable.
-// Encoding is delegated to a SegmentFormat (AAC in M4A, H.264 in MP4).
+// segment start, and is fragmented every 2 s so a file cut off by a crash stays readable. The
+// header and the first fragment go to disk with the first packet, so a crash loses at most the
+// last fragment interval. Encoding is delegated to a SegmentFormat (AAC in M4A, H.264 in MP4).
+//
+// A write that fails (a full disk) ends the segment where its last whole fragment ends: that part
+// is reported as a finished segment, a file without a whole fragment is removed, never reported.
+// The failure goes to onFault (and the log) once until a fragment reaches the disk again, which
+// clears it; a new segment is tried kRetrySeconds of media time later.
 //
 // All calls except setOpenAt come from the one serial queue that serves the track. Finished
 // segments are reported through onSegmentDone on that queue; the receiver hops to its own thread.
@@ -42,8 +49,8 @@ public:
     void begin(const std::optional<QString> &session, int64_t take);
     /// Offers one sample; dropped when idle, invalid, or earlier than openAt.
     void append(const TimedSample &sample);
-    /// Ends the current segment. final: the take stops (the file gets "_final"; with nothing open
-    /// an empty final marker is reported once at least one segment was opened).
+    /// Ends the current segment. final: the take stops (the file gets "_final"). With nothing
+    /// open nothing is reported: no file without media is ever handed over.
     void close(bool final);
     /// Forgets the session (the writer becomes idle).
     void clearSession();
@@ -73,13 +80,18 @@ public:
 
     /// One finished segment file (absolute path).
     std::function<void(const QString &path)> onSegmentDone;
+    /// The writer's problem (a failed write) or none when it cleared; on the track's queue.
+    std::function<void(const std::optional<QString> &fault)> onFault;
 
 private:
     bool open(const QString &session, MediaTime at, const TimedSample &sample);
-    bool finishFile(const QString &file);
+    bool writePacket(AVPacket *packet);
+    bool settle();
+    bool endFile(bool complete);
     void abandon();
     void report(const QString &failure);
-    QString folder() const;
+    void recovered();
+    QString folder();
 
     const QString m_track;
     const std::unique_ptr<SegmentFormat> m_format;
@@ -91,6 +103,9 @@ private:
     MediaTime m_segStart;
     QString m_path;
     AVFormatContext *m_fmt = nullptr;
+    int64_t m_packets = 0;   // packets handed to the muxer in the open segment
+    int64_t m_headerEnd = 0; // file size after the header
+    int64_t m_wholeEnd = 0;  // file size after the last fragment that reached the disk
     mutable std::mutex m_openAtMutex;
     std::optional<MediaTime> m_openAt;
     QString m_lastFailure;
