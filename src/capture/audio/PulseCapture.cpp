@@ -105,7 +105,8 @@ void PulseCapture::gapCallback(pa_stream *, void *self)
     // After an overflow or a suspend the device's position no longer follows the old snapshot.
     auto *capture = static_cast<PulseCapture *>(self);
     capture->m_gap = true;
-    capture->m_snapshot.valid = false;
+    capture->m_timed = false;
+    capture->m_placements.clear();
     capture->m_untimedWakeups = 0;
 }
 
@@ -146,9 +147,24 @@ void PulseCapture::timingArrived(bool success)
     const int64_t taken = int64_t(ti->timestamp.tv_sec) * 1000000000 + int64_t(ti->timestamp.tv_usec) * 1000;
     const int64_t nowMono = Clock::monotonic().nowNs();
     const int64_t age = std::max<int64_t>(0, realtimeNs() - taken);
-    m_snapshot.valid = true;
-    m_snapshot.writeIndex = ti->write_index;
-    m_snapshot.atNs = nowMono - age - int64_t(ti->source_usec) * 1000 + int64_t(ti->sink_usec) * 1000;
+    const int64_t atNs = nowMono - age - int64_t(ti->source_usec) * 1000 + int64_t(ti->sink_usec) * 1000;
+    const int64_t bytesPerSecond = int64_t(sizeof(float)) * m_channels * m_rate;
+    const int64_t originNs = atNs - int64_t(ti->write_index) * 1000000000 / bytesPerSecond;
+    m_placements.push_back({nowMono, originNs, ti->source_usec != 0 || ti->sink_usec != 0});
+    const auto stale = std::find_if(m_placements.begin(), m_placements.end(),
+                                    [&](const Placement &p) { return nowMono - p.takenNs <= kWindowNs; });
+    m_placements.erase(m_placements.begin(), stale);
+    Q_ASSERT(!m_placements.empty());
+    std::vector<int64_t> origins;
+    for (const Placement &p : m_placements)
+        origins.push_back(p.originNs);
+    if (m_placements.back().latencyGiven) {
+        std::nth_element(origins.begin(), origins.begin() + ptrdiff_t(origins.size() / 2), origins.end());
+        m_originNs = origins[origins.size() / 2];
+    } else {
+        m_originNs = *std::min_element(origins.begin(), origins.end());
+    }
+    m_timed = true;
     readable(); // data held back for want of a snapshot
 }
 
@@ -157,7 +173,7 @@ void PulseCapture::readable()
     if (pa_stream_get_state(m_stream) != PA_STREAM_READY)
         return;
     const int64_t now = Clock::monotonic().nowNs();
-    if (!m_snapshot.valid && ++m_untimedWakeups <= kMaxUntimedWakeups)
+    if (!m_timed && ++m_untimedWakeups <= kMaxUntimedWakeups)
         return; // the data waits in the stream's queue for the first snapshot
     const size_t frameBytes = sizeof(float) * size_t(m_channels);
     const int64_t bytesPerSecond = int64_t(frameBytes) * m_rate;
@@ -185,9 +201,7 @@ void PulseCapture::readable()
         b.channels = m_channels;
         b.pcm = QByteArray(static_cast<const char *>(data), qsizetype(usable));
         const int64_t arrived = arrivalBase + arrivalBytes * 1000000000 / bytesPerSecond;
-        b.captureNs = (m_snapshot.valid && indexed)
-            ? m_snapshot.atNs - (m_snapshot.writeIndex - readIndex) * 1000000000 / bytesPerSecond
-            : arrived;
+        b.captureNs = (m_timed && indexed) ? m_originNs + readIndex * 1000000000 / bytesPerSecond : arrived;
         // A server whose figures place a frame seconds away from its arrival is not believed.
         if (std::llabs(b.captureNs - arrived) > kMaxSkewNs)
             b.captureNs = arrived;
