@@ -80,6 +80,7 @@ bool PulseCapture::startLocked(const QString &source, bool pinned, QString *erro
     attr.maxlength = uint32_t(-1);
     attr.fragsize = uint32_t(pa_usec_to_bytes(10000, &spec)); // 10 ms blocks
     const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | (pinned ? PA_STREAM_DONT_MOVE : 0));
+    m_source = source;
     const QByteArray name = source.toUtf8();
     if (pa_stream_connect_record(m_stream, name.constData(), &attr, flags) < 0) {
         *error = QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx)));
@@ -113,10 +114,16 @@ void PulseCapture::gapCallback(pa_stream *, void *self)
 void PulseCapture::stateChanged()
 {
     // Failing to become ready and dying later are the same to the caller: the stream is gone.
-    if (!m_failed && !PA_STREAM_IS_GOOD(pa_stream_get_state(m_stream))) {
+    // A server that connects a stream for a missing source to another one (PipeWire does) has
+    // not opened what was asked for either.
+    const pa_stream_state_t state = pa_stream_get_state(m_stream);
+    const char *device = state == PA_STREAM_READY ? pa_stream_get_device_name(m_stream) : nullptr;
+    const bool elsewhere = device && QString::fromUtf8(device) != m_source;
+    if (!m_failed && (!PA_STREAM_IS_GOOD(state) || elsewhere)) {
         m_failed = true;
         if (m_handlers.onFailed)
-            m_handlers.onFailed(QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx))));
+            m_handlers.onFailed(elsewhere ? QString::fromUtf8(pa_strerror(PA_ERR_NOENTITY))
+                                          : QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx))));
     }
 }
 

@@ -2,6 +2,8 @@
 
 #include "AudioBackend.h"
 
+#include <QString>
+
 #include <vector>
 
 struct pa_context;
@@ -68,6 +70,7 @@ private:
     const int m_channels;
     AudioBackend::Handlers m_handlers;
     pa_stream *m_stream = nullptr;
+    QString m_source; // the source asked for
     bool m_failed = false; // onFailed has been called
     bool m_gap = false;
     pa_operation *m_timingOp = nullptr;
