@@ -211,6 +211,24 @@ private Q_SLOTS:
         QVERIFY(amplitude < 1.0f || (pcm[0] == 32767 && pcm[24] == -32767 && pcm[48] == 32767));
     }
 
+    // The level of one click does not depend on the blocks it comes in: PulseAudio hands over a
+    // few milliseconds at a time, PipeWire a quantum.
+    void levelIgnoresBlockSize()
+    {
+        QVector<float> levels;
+        for (int block : {96, 256, 480, 1024}) {
+            LiveConverter live;
+            std::vector<float> s(size_t(block) * 8, 0.0f);
+            for (int i = 0; i < 48; ++i)
+                s[size_t(block) * 3 + 20 + size_t(i)] = 0.9f * float(std::sin(2 * M_PI * i / 48.0));
+            for (int k = 0; k < 8; ++k)
+                live.process(s.data() + size_t(k) * size_t(block), block, kRate, 1, false);
+            levels.append(live.takePeak());
+        }
+        QVERIFY2(*std::max_element(levels.begin(), levels.end()) - *std::min_element(levels.begin(), levels.end()) < 0.01f,
+                 qPrintable(QStringLiteral("%1 %2 %3 %4").arg(levels[0]).arg(levels[1]).arg(levels[2]).arg(levels[3])));
+    }
+
     // Headset over the laptop's microphone with no saved choice; an unplugged saved choice goes
     // to the system default, not to another attached device; then the first one. The room
     // microphone is the built-in one unless it is already the main microphone.
