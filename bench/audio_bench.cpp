@@ -2,11 +2,15 @@
 //  1. CPU time to record microphone (mono) and computer audio (stereo) per minute of audio,
 //     through the whole path (drift correction, start sync, AAC writers, live converters);
 //  2. time from a capture block's arrival to its live-audio frame being handed on (median, p99),
-//     with blocks arriving in real time every 10 ms;
+//     with blocks arriving in real time every 10 ms, then from the real sound servers the test
+//     script starts (PULSE_SERVER for PulseAudio, BRAVA_TEST_PIPEWIRE_SERVER for PipeWire; a
+//     server that is not given is left out): see scripts/test-sound-server;
 //  3. encode speed of the track writer against the ffmpeg command line encoding the same PCM with
 //     the same settings (a ratio; above 1 means the writer is faster).
 #include "SyntheticCameraBackend.h"
 #include "Clock.h"
+#include "Config.h"
+#include "PulseBackend.h"
 #include "ManualClock.h"
 #include "Recorder.h"
 #include "SerialQueue.h"
@@ -22,6 +26,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <deque>
 #include <ctime>
 #include <mutex>
 #include <thread>
@@ -135,6 +140,85 @@ void liveLatency(double *median, double *p99)
     *p99 = ms.empty() ? 0 : ms[std::min(ms.size() - 1, size_t(double(ms.size()) * 0.99))];
 }
 
+// A sound server's backend that notes when each block of `source` arrives, then hands it on.
+class ArrivalClock final : public AudioBackend
+{
+public:
+    ArrivalClock(AudioBackend &inner, QString source) : m_inner(inner), m_source(std::move(source)) {}
+    Access access() override { return m_inner.access(); }
+    QList<Device> inputs() override { return m_inner.inputs(); }
+    std::optional<QString> outputMonitor(QString *reason) override { return m_inner.outputMonitor(reason); }
+    std::unique_ptr<AudioCapture> open(const QString &source, int rate, int channels, Handlers handlers, QString *error) override
+    {
+        if (source == m_source) {
+            handlers.onBuffer = [this, next = std::move(handlers.onBuffer)](AudioBuffer &&b) {
+                arrived(Clock::monotonic().nowNs());
+                next(std::move(b));
+            };
+        }
+        return m_inner.open(source, rate, channels, std::move(handlers), error);
+    }
+    Clock &clock() override { return m_inner.clock(); }
+    bool answering() const override { return m_inner.answering(); }
+    void watch(std::function<void()> onChanged) override { m_inner.watch(std::move(onChanged)); }
+
+    /// Arrival time of the oldest block not yet handed on (0 when none).
+    int64_t takeArrival()
+    {
+        std::lock_guard lock(m_mutex);
+        if (m_arrivals.empty())
+            return 0;
+        const int64_t at = m_arrivals.front();
+        m_arrivals.pop_front();
+        return at;
+    }
+
+private:
+    void arrived(int64_t ns)
+    {
+        std::lock_guard lock(m_mutex);
+        m_arrivals.push_back(ns);
+    }
+    AudioBackend &m_inner;
+    const QString m_source;
+    std::mutex m_mutex;
+    std::deque<int64_t> m_arrivals;
+};
+
+// The same on a real sound server: the microphone of the test devices for 5 s.
+bool serverLiveLatency(const QByteArray &server, double *median, double *p99)
+{
+    qputenv("PULSE_SERVER", server);
+    PulseBackend pulse;
+    if (!pulse.answering())
+        return false;
+    Config::setMicUID(QStringLiteral("brava_mic"));
+    ArrivalClock backend(pulse, QStringLiteral("brava_mic"));
+    SyntheticCameraBackend cameras({});
+    Recorder rec(backend, cameras, Clock::monotonic());
+    rec.listening = true;
+    std::vector<double> ms;
+    std::mutex mutex;
+    rec.onLiveAudio = [&](quint8 source, const QByteArray &) {
+        const int64_t now = Clock::monotonic().nowNs();
+        if (const int64_t at = source == 0 ? backend.takeArrival() : 0) {
+            std::lock_guard lock(mutex);
+            ms.push_back(double(now - at) / 1e6);
+        }
+    };
+    startAndWait(rec, std::nullopt);
+    QElapsedTimer t;
+    t.start();
+    while (!t.hasExpired(5000))
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    stopAndWait(rec);
+    std::lock_guard lock(mutex);
+    std::sort(ms.begin(), ms.end());
+    *median = ms.empty() ? 0 : ms[ms.size() / 2];
+    *p99 = ms.empty() ? 0 : ms[std::min(ms.size() - 1, size_t(double(ms.size()) * 0.99))];
+    return !ms.empty();
+}
+
 // The main thread against a busy audio queue: 2 s of audio handed over at once (q encodes it),
 // then levels are read and the take is stopped. Neither call waits for the encoding.
 void mainThreadWaits(double *levelsUs, double *stopMs, double *finishedMs)
@@ -224,6 +308,14 @@ int main(int argc, char **argv)
     double median = 0, p99 = 0;
     liveLatency(&median, &p99);
     std::printf("live audio, block arrival to frame handed on: median %.3f ms, p99 %.3f ms\n", median, p99);
+    const QByteArray servers[][2] = {{"PulseAudio", qgetenv("PULSE_SERVER")}, {"PipeWire", qgetenv("BRAVA_TEST_PIPEWIRE_SERVER")}};
+    for (const auto &[name, address] : servers) {
+        if (!address.isEmpty() && serverLiveLatency(address, &median, &p99))
+            std::printf("live audio on %s, block arrival to frame handed on: median %.3f ms, p99 %.3f ms\n",
+                        name.constData(), median, p99);
+        else
+            std::printf("live audio on %s: no server given or none answering\n", name.constData());
+    }
 
     for (int channels : {1, 2}) {
         double writer = 0, cli = 0;

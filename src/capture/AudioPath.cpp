@@ -55,8 +55,10 @@ void AudioPath::beginTake(std::shared_ptr<Take> take)
     for (int k = 0; k < kSources; ++k)
         before[size_t(k)] = m_dropped[k];
     m_q.async([this, before, take = std::move(take)]() mutable {
-        for (int k = 0; k < kSources; ++k)
+        for (int k = 0; k < kSources; ++k) {
             m_reported[k] = before[size_t(k)];
+            m_steps[k] = {};
+        }
         m_take = std::move(take);
     });
 }
@@ -67,8 +69,10 @@ void AudioPath::endTake(std::function<void()> done)
         // Audio still held for placing goes to the sync in time order, as it would have come.
         std::vector<TimedSample> held[kSources];
         size_t next[kSources] = {0, 0, 0};
-        for (int k = 0; k < kSources; ++k)
+        for (int k = 0; k < kSources; ++k) {
             held[k] = m_drift[k]->flush();
+            noteSteps(Source(k));
+        }
         for (;;) {
             int first = -1;
             for (int k = 0; k < kSources; ++k)
@@ -81,6 +85,7 @@ void AudioPath::endTake(std::function<void()> done)
         if (m_take)
             m_take->finishAudio();
         reportDrops();
+        reportSteps();
         m_take.reset();
         if (done)
             done();
@@ -95,6 +100,42 @@ void AudioPath::reportDrops()
             bravaLog(QStringLiteral("audio queue full: dropped ") + QString::number(now - m_reported[k])
                      + QStringLiteral(" blocks of ") + QString::fromLatin1(trackName(k)));
         m_reported[k] = now;
+    }
+}
+
+QString AudioPath::stepText(int64_t frames)
+{
+    return QString::number(frames) + QStringLiteral(" frames (") + QString::number(double(frames) / 48.0, 'f', 1)
+        + QStringLiteral(" ms)");
+}
+
+void AudioPath::noteSteps(Source source)
+{
+    const DriftCorrector::Steps now = m_drift[source]->takeSteps();
+    if (!m_take || (now.gaps == 0 && now.overlaps == 0))
+        return;
+    DriftCorrector::Steps &take = m_steps[source];
+    const bool first = take.gaps == 0 && take.overlaps == 0;
+    take.gaps += now.gaps;
+    take.overlaps += now.overlaps;
+    take.gapFrames += now.gapFrames;
+    take.overlapFrames += now.overlapFrames;
+    if (first)
+        bravaLog(QString::fromLatin1(trackName(source)) + QStringLiteral(": the sound server ")
+                 + (now.gaps ? QStringLiteral("lost ") + stepText(now.gapFrames) + QStringLiteral(" of audio, filled with silence")
+                             : QStringLiteral("repeated ") + stepText(now.overlapFrames) + QStringLiteral(" of audio, dropped"))
+                 + QStringLiteral("; further ones are counted until the take ends"));
+}
+
+void AudioPath::reportSteps()
+{
+    for (int k = 0; k < kSources; ++k) {
+        const DriftCorrector::Steps &s = m_steps[k];
+        if (s.gaps > 0 || s.overlaps > 0)
+            bravaLog(QString::fromLatin1(trackName(k)) + QStringLiteral(": in this take ") + QString::number(s.gaps)
+                     + QStringLiteral(" gaps filled with silence, ") + stepText(s.gapFrames) + QStringLiteral(" in all; ")
+                     + QString::number(s.overlaps) + QStringLiteral(" overlaps dropped, ") + stepText(s.overlapFrames));
+        m_steps[k] = {};
     }
 }
 
@@ -114,9 +155,11 @@ void AudioPath::onAudio(Source source, int generation, const AudioBuffer &buffer
         return; // a block of a stream that has been closed since
     if (m_driftGeneration[source] != generation) {
         write(source, m_drift[source]->flush()); // the previous stream's last audio
+        noteSteps(source);
         m_driftGeneration[source] = generation;
     }
     write(source, m_drift[source]->process(buffer));
+    noteSteps(source);
     if (source == Room)
         return; // the room microphone has no live audio and no level
     LiveConverter &live = *m_live[source];

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioBackend.h"
+#include "DriftCorrector.h"
 #include "TimedSample.h"
 
 #include <QByteArray>
@@ -11,7 +12,6 @@
 #include <memory>
 #include <vector>
 
-class DriftCorrector;
 class LiveConverter;
 class SerialQueue;
 class Take;
@@ -21,7 +21,9 @@ class Take;
 // clock, then the take's start sync and writer get it, and the live converter makes live audio
 // and the level. At most ~2 s of blocks wait on q per source; blocks beyond are dropped, counted
 // and logged once per take (the drift corrector bridges the hole with silence, so the track keeps
-// its time line).
+// its time line). Audio the sound server itself lost (a step in the stamps) is filled with
+// silence by drift correction; the first such gap of a take is logged with its size at once, all
+// of them together when the take ends.
 class AudioPath
 {
 public:
@@ -61,6 +63,9 @@ private:
     void write(Source source, const std::vector<TimedSample> &samples);
     void raisePeak(Source source, float peak);
     void reportDrops();
+    void noteSteps(Source source);
+    void reportSteps();
+    static QString stepText(int64_t frames);
 
     SerialQueue &m_q;
     const std::atomic<bool> &m_listening;
@@ -75,4 +80,5 @@ private:
     int m_driftGeneration[kSources] = {-1, -1, -1};
     std::unique_ptr<LiveConverter> m_live[2];
     long long m_reported[kSources] = {0, 0, 0};
+    DriftCorrector::Steps m_steps[kSources]; // mended in this take
 };

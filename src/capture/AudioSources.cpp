@@ -8,6 +8,8 @@
 #include <QPointer>
 #include <QTimer>
 
+#include <algorithm>
+
 namespace {
 constexpr int kCaptureRate = 48000;
 constexpr int kRetryMs = 2000;
@@ -212,6 +214,19 @@ void AudioSources::serverChanged()
     }
     if (!answering)
         return;
+    // A microphone whose stream ended comes back when its device is listed again (a sound
+    // server that restarted lists its devices some moments after it answers).
+    const QString lost = micUID();
+    const QList<Device> inputs = mics();
+    if (!m_caps[Source::Mic] && !lost.isEmpty()
+        && std::any_of(inputs.cbegin(), inputs.cend(), [&](const Device &d) { return d.uid == lost; })) {
+        startMic();
+        const std::optional<QString> error = lastError();
+        if (m_caps[Source::Mic] && (error == kNoMic || error == kMicUnavailable))
+            setError(std::nullopt);
+        if (m_caps[Source::Mic] && !m_caps[Source::Room])
+            startRoomMic();
+    }
     // Computer audio follows the default output (headphones plugged in mid-call, say): the
     // customer is heard on the new one. A vanished output ends its stream and is handled there.
     QString reason;

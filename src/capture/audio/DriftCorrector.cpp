@@ -15,6 +15,8 @@ namespace {
 constexpr double kIntegralSeconds = 4 * DriftCorrector::kLoopSeconds * DriftCorrector::kLoopSeconds;
 constexpr double kFilterSeconds = 1.0;
 constexpr int kCompensationSeconds = 10;
+// Weight of one block in the scatter's running mean (about a second of 10 ms blocks).
+constexpr double kScatterWeight = 0.01;
 } // namespace
 
 DriftCorrector::~DriftCorrector()
@@ -41,6 +43,9 @@ void DriftCorrector::reset()
     m_rate = m_channels = 0;
     m_integral = 0;
     m_anchors = 0;
+    m_recent.clear();
+    m_scatter = 0.001;
+    m_skip = 0;
 }
 
 bool DriftCorrector::setUp(int rate, int channels)
@@ -67,6 +72,8 @@ void DriftCorrector::anchor(int64_t ns)
     m_anchorNs = ns;
     m_outFrames = 0;
     m_error = 0;
+    m_recent.clear();
+    m_skip = 0;
     ++m_anchors;
 }
 
@@ -117,17 +124,74 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
     }
     const double dt = double(frames) / m_rate;
     const double a = std::min(1.0, dt / kFilterSeconds);
-    m_error += a * (e - m_error);
-    m_integral += m_error * dt / kIntegralSeconds;
-    m_integral = std::clamp(m_integral, -kMaxStretch, kMaxStretch);
-    m_stretch = std::clamp(-m_error / kLoopSeconds - m_integral, -kMaxStretch, kMaxStretch);
-    const int distance = m_rate * kCompensationSeconds;
-    swr_set_compensation(m_swr, int(std::lround(m_stretch * distance)), distance);
+    // A step larger than the scatter is audio lost (or repeated): mend it now, on this track.
+    const int step = stepFrames(e - m_error);
+    if (step > 0) {
+        ++m_steps.gaps;
+        m_steps.gapFrames += step;
+        std::vector<float> silence(size_t(step) * size_t(m_channels), 0.0f);
+        TimedSample filled = convert(silence.data(), step);
+        if (filled.frameCount() > 0)
+            out.push_back(std::move(filled));
+    } else if (step < 0) {
+        ++m_steps.overlaps;
+        m_steps.overlapFrames -= step;
+        m_skip -= step;
+    }
+    if (step == 0 && std::fabs(e - m_error) < stepThreshold()) { // a block after a step does not steer
+        m_error += a * (e - m_error);
+        m_integral += m_error * dt / kIntegralSeconds;
+        m_integral = std::clamp(m_integral, -kMaxStretch, kMaxStretch);
+        m_stretch = std::clamp(-m_error / kLoopSeconds - m_integral, -kMaxStretch, kMaxStretch);
+        const int distance = m_rate * kCompensationSeconds;
+        swr_set_compensation(m_swr, int(std::lround(m_stretch * distance)), distance);
+    }
+    convertSkipping(buffer, out);
+    return out;
+}
 
-    TimedSample block = convert(reinterpret_cast<const float *>(buffer.pcm.constData()), frames);
+void DriftCorrector::convertSkipping(const AudioBuffer &buffer, std::vector<TimedSample> &out)
+{
+    const int frames = buffer.frames();
+    const int64_t skipped = std::min<int64_t>(m_skip, frames);
+    m_skip -= skipped;
+    if (skipped == frames)
+        return;
+    TimedSample block = convert(reinterpret_cast<const float *>(buffer.pcm.constData()) + skipped * m_channels,
+                                frames - int(skipped));
     if (block.frameCount() > 0)
         out.push_back(std::move(block));
-    return out;
+}
+
+int DriftCorrector::stepFrames(double deviation)
+{
+    // + = the block lands later than it was captured: frames were repeated; − = frames were lost.
+    m_recent.push_back(deviation);
+    if (m_recent.size() > size_t(kStepBlocks))
+        m_recent.erase(m_recent.begin());
+    std::vector<double> sorted = m_recent;
+    std::sort(sorted.begin(), sorted.end());
+    const double median = sorted[sorted.size() / 2];
+    m_scatter += kScatterWeight * (std::min(std::fabs(deviation - median), 0.02) - m_scatter);
+    if (m_recent.size() < size_t(kStepBlocks) || std::fabs(median) < stepThreshold())
+        return 0;
+    // The step is the mean of the blocks after it (those beyond the threshold on its side).
+    double sum = 0;
+    int after = 0;
+    for (double d : m_recent) {
+        if (std::fabs(d) >= stepThreshold() && (d < 0) == (median < 0)) {
+            sum += d;
+            ++after;
+        }
+    }
+    Q_ASSERT(after > 0);
+    m_recent.clear();
+    return int(std::lround(-sum / after * m_rate));
+}
+
+double DriftCorrector::stepThreshold() const
+{
+    return std::max(kMinStepSeconds, kStepScatters * m_scatter);
 }
 
 void DriftCorrector::flushTail(std::vector<TimedSample> &out)

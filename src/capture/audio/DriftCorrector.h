@@ -3,6 +3,7 @@
 #include "AudioBackend.h"
 #include "TimedSample.h"
 
+#include <utility>
 #include <vector>
 
 struct SwrContext;
@@ -14,6 +15,12 @@ struct SwrContext;
 // compensation) so that exactly `rate` samples are written per second of monotonic time. Output
 // time stamps are therefore exactly contiguous: no jitter, no gaps. Only a real discontinuity
 // (a lost block, a paused device, an error above kJumpSeconds) re-anchors the time line.
+// A step between the stamps and the sample count that is clearly larger than the stamps' own
+// scatter is no drift but audio the server lost (or delivered twice): a sound server that drops
+// a whole quantum now and then moves the stamps by exactly that much. Once the median of the
+// newest kStepBlocks deviations lies beyond kStepScatters times the scatter (and kMinStepSeconds),
+// the loss is filled with silence (an overlap is dropped) at once, so the track keeps its place
+// against the other tracks; the slow loop is left to real clock drift.
 // A new time line is placed only once the stamps have settled: blocks are held back (at least
 // kSettleSeconds, at most kMaxSettleSeconds) until the newest kSteadyBlocks agree within
 // kSteadySpreadSeconds, and the line is anchored on their median. A device's first stamps can be
@@ -39,6 +46,11 @@ public:
     /// that hands over audio in chunks of a few milliseconds scatters its stamps by that much).
     static constexpr int kSteadyBlocks = 10;
     static constexpr double kSteadySpreadSeconds = 0.006;
+    /// Newest blocks whose median deviation reveals a step, how many scatters (mean absolute
+    /// deviation from that median) it must exceed, and the smallest step that is filled.
+    static constexpr int kStepBlocks = 7;
+    static constexpr double kStepScatters = 4.0;
+    static constexpr double kMinStepSeconds = 0.002;
 
     DriftCorrector() = default;
     ~DriftCorrector();
@@ -60,6 +72,15 @@ public:
     double stretch() const { return m_stretch; }
     /// Number of re-anchors since the last reset.
     int anchors() const { return m_anchors; }
+    /// Steps mended since the last call: gaps filled with silence (lost audio) and overlaps
+    /// dropped, with their frames.
+    struct Steps {
+        int gaps = 0, overlaps = 0;
+        int64_t gapFrames = 0, overlapFrames = 0;
+    };
+    Steps takeSteps() { return std::exchange(m_steps, Steps{}); }
+    /// The stamps' scatter around their own local median (mean absolute deviation, seconds).
+    double scatter() const { return m_scatter; }
 
 private:
     bool setUp(int rate, int channels);
@@ -70,6 +91,9 @@ private:
     void flushTail(std::vector<TimedSample> &out);
     TimedSample convert(const float *data, int frames);
     TimedSample blockAt(std::vector<float> &&pcm, int frames);
+    int stepFrames(double deviation);
+    double stepThreshold() const;
+    void convertSkipping(const AudioBuffer &buffer, std::vector<TimedSample> &out);
 
     SwrContext *m_swr = nullptr;
     int m_rate = 0;
@@ -82,4 +106,8 @@ private:
     double m_integral = 0;   // the loop's estimate of the device's rate error
     double m_stretch = 0;
     int m_anchors = 0;
+    std::vector<double> m_recent; // the newest deviations from the filtered error, oldest first
+    double m_scatter = 0.001;
+    int64_t m_skip = 0;           // input frames still to drop for an overlap
+    Steps m_steps;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <numeric>
 #include <vector>
 
 extern "C" {
@@ -68,10 +69,15 @@ std::optional<QByteArray> LiveConverter::process(const float *interleaved, int f
     if (n <= 0)
         return std::nullopt;
 
-    double sum = 0;
-    for (int i = 0; i < n; ++i)
-        sum += double(out[i]) * out[i];
-    m_peak = std::max(m_peak, float(std::sqrt(sum / n)));
+    for (int i = 0; i < n; ++i) {
+        const double square = double(out[i]) * out[i];
+        m_sum += square - m_squares[m_next];
+        m_squares[m_next] = square;
+        m_next = (m_next + 1) % m_squares.size();
+        m_peak = std::max(m_peak, float(std::sqrt(std::max(0.0, m_sum) / kLevelFrames)));
+    }
+    if (m_next == 0)
+        m_sum = std::accumulate(m_squares.begin(), m_squares.end(), 0.0); // no rounding builds up
     if (!wantPCM)
         return std::nullopt;
 

@@ -80,6 +80,7 @@ bool PulseCapture::startLocked(const QString &source, bool pinned, QString *erro
     attr.maxlength = uint32_t(-1);
     attr.fragsize = uint32_t(pa_usec_to_bytes(10000, &spec)); // 10 ms blocks
     const auto flags = pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | (pinned ? PA_STREAM_DONT_MOVE : 0));
+    m_source = source;
     const QByteArray name = source.toUtf8();
     if (pa_stream_connect_record(m_stream, name.constData(), &attr, flags) < 0) {
         *error = QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx)));
@@ -105,17 +106,24 @@ void PulseCapture::gapCallback(pa_stream *, void *self)
     // After an overflow or a suspend the device's position no longer follows the old snapshot.
     auto *capture = static_cast<PulseCapture *>(self);
     capture->m_gap = true;
-    capture->m_snapshot.valid = false;
+    capture->m_timed = false;
+    capture->m_placements.clear();
     capture->m_untimedWakeups = 0;
 }
 
 void PulseCapture::stateChanged()
 {
     // Failing to become ready and dying later are the same to the caller: the stream is gone.
-    if (!m_failed && !PA_STREAM_IS_GOOD(pa_stream_get_state(m_stream))) {
+    // A server that connects a stream for a missing source to another one (PipeWire does) has
+    // not opened what was asked for either.
+    const pa_stream_state_t state = pa_stream_get_state(m_stream);
+    const char *device = state == PA_STREAM_READY ? pa_stream_get_device_name(m_stream) : nullptr;
+    const bool elsewhere = device && QString::fromUtf8(device) != m_source;
+    if (!m_failed && (!PA_STREAM_IS_GOOD(state) || elsewhere)) {
         m_failed = true;
         if (m_handlers.onFailed)
-            m_handlers.onFailed(QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx))));
+            m_handlers.onFailed(elsewhere ? QString::fromUtf8(pa_strerror(PA_ERR_NOENTITY))
+                                          : QString::fromUtf8(pa_strerror(pa_context_errno(m_ctx))));
     }
 }
 
@@ -146,9 +154,24 @@ void PulseCapture::timingArrived(bool success)
     const int64_t taken = int64_t(ti->timestamp.tv_sec) * 1000000000 + int64_t(ti->timestamp.tv_usec) * 1000;
     const int64_t nowMono = Clock::monotonic().nowNs();
     const int64_t age = std::max<int64_t>(0, realtimeNs() - taken);
-    m_snapshot.valid = true;
-    m_snapshot.writeIndex = ti->write_index;
-    m_snapshot.atNs = nowMono - age - int64_t(ti->source_usec) * 1000 + int64_t(ti->sink_usec) * 1000;
+    const int64_t atNs = nowMono - age - int64_t(ti->source_usec) * 1000 + int64_t(ti->sink_usec) * 1000;
+    const int64_t bytesPerSecond = int64_t(sizeof(float)) * m_channels * m_rate;
+    const int64_t originNs = atNs - int64_t(ti->write_index) * 1000000000 / bytesPerSecond;
+    m_placements.push_back({nowMono, originNs, ti->source_usec != 0 || ti->sink_usec != 0});
+    const auto stale = std::find_if(m_placements.begin(), m_placements.end(),
+                                    [&](const Placement &p) { return nowMono - p.takenNs <= kWindowNs; });
+    m_placements.erase(m_placements.begin(), stale);
+    Q_ASSERT(!m_placements.empty());
+    std::vector<int64_t> origins;
+    for (const Placement &p : m_placements)
+        origins.push_back(p.originNs);
+    if (m_placements.back().latencyGiven) {
+        std::nth_element(origins.begin(), origins.begin() + ptrdiff_t(origins.size() / 2), origins.end());
+        m_originNs = origins[origins.size() / 2];
+    } else {
+        m_originNs = *std::min_element(origins.begin(), origins.end());
+    }
+    m_timed = true;
     readable(); // data held back for want of a snapshot
 }
 
@@ -157,7 +180,7 @@ void PulseCapture::readable()
     if (pa_stream_get_state(m_stream) != PA_STREAM_READY)
         return;
     const int64_t now = Clock::monotonic().nowNs();
-    if (!m_snapshot.valid && ++m_untimedWakeups <= kMaxUntimedWakeups)
+    if (!m_timed && ++m_untimedWakeups <= kMaxUntimedWakeups)
         return; // the data waits in the stream's queue for the first snapshot
     const size_t frameBytes = sizeof(float) * size_t(m_channels);
     const int64_t bytesPerSecond = int64_t(frameBytes) * m_rate;
@@ -185,9 +208,7 @@ void PulseCapture::readable()
         b.channels = m_channels;
         b.pcm = QByteArray(static_cast<const char *>(data), qsizetype(usable));
         const int64_t arrived = arrivalBase + arrivalBytes * 1000000000 / bytesPerSecond;
-        b.captureNs = (m_snapshot.valid && indexed)
-            ? m_snapshot.atNs - (m_snapshot.writeIndex - readIndex) * 1000000000 / bytesPerSecond
-            : arrived;
+        b.captureNs = (m_timed && indexed) ? m_originNs + readIndex * 1000000000 / bytesPerSecond : arrived;
         // A server whose figures place a frame seconds away from its arrival is not believed.
         if (std::llabs(b.captureNs - arrived) > kMaxSkewNs)
             b.captureNs = arrived;

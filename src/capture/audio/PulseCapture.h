@@ -2,6 +2,10 @@
 
 #include "AudioBackend.h"
 
+#include <QString>
+
+#include <vector>
+
 struct pa_context;
 struct pa_operation;
 struct pa_stream;
@@ -17,7 +21,12 @@ struct pa_threaded_mainloop;
 // long a frame spends in the device before it gets there (minus, for a monitor, how long it
 // still waits in the output before it is heard), which places every frame of the stream: a
 // frame k bytes before that write position was captured k bytes' worth of time earlier. A fresh
-// snapshot is asked for at every wake-up. Until the first one taken while data flows has come
+// snapshot is asked for at every wake-up, and the stream's time line is estimated from all those
+// of the last kWindowNs, not from the newest alone: a server that reports the device's latency
+// (PulseAudio) gets the median of their placements; one that reports latency 0 and moves its
+// write position in whole quanta (PipeWire's PulseAudio service) places the frame at the write
+// position up to one quantum late, so the earliest placement of the window is the right one (the
+// snapshot taken just as a quantum arrived). Until the first one taken while data flows has come
 // back, the data waits in the stream's queue (nothing is lost); a server that never answers
 // gets arrival-time stamps after kMaxUntimedWakeups.
 class PulseCapture final : public AudioCapture
@@ -46,11 +55,13 @@ private:
     static constexpr int kMaxUntimedWakeups = 50;
     /// Largest distance between a frame's stamp and its arrival that is believed.
     static constexpr int64_t kMaxSkewNs = 5000000000;
+    /// Snapshots the time line is estimated from: those of the last kWindowNs.
+    static constexpr int64_t kWindowNs = 300000000;
 
-    struct Snapshot {
-        bool valid = false;
-        int64_t writeIndex = 0; // bytes
-        int64_t atNs = 0;       // capture time of the frame at writeIndex
+    struct Placement {
+        int64_t takenNs = 0;   // when the snapshot came back (monotonic)
+        int64_t originNs = 0;  // capture time of the stream's byte 0 by this snapshot
+        bool latencyGiven = false;
     };
 
     pa_threaded_mainloop *m_loop;
@@ -59,9 +70,12 @@ private:
     const int m_channels;
     AudioBackend::Handlers m_handlers;
     pa_stream *m_stream = nullptr;
+    QString m_source; // the source asked for
     bool m_failed = false; // onFailed has been called
     bool m_gap = false;
     pa_operation *m_timingOp = nullptr;
-    Snapshot m_snapshot;
+    std::vector<Placement> m_placements; // oldest first
+    bool m_timed = false;  // m_originNs holds an estimate
+    int64_t m_originNs = 0; // capture time of the stream's byte 0
     int m_untimedWakeups = 0;
 };

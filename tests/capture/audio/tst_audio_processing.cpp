@@ -1,6 +1,9 @@
 #include "DeviceChoice.h"
 #include "DriftCorrector.h"
 #include "LiveConverter.h"
+#include "MediaProbe.h"
+#include "RecorderFixture.h"
+#include "TestHome.h"
 
 #include <QtTest>
 
@@ -43,8 +46,70 @@ Q_DECLARE_METATYPE(QList<Device>)
 class AudioProcessingTest : public QObject
 {
     Q_OBJECT
+    TestHome home;
 
 private Q_SLOTS:
+    // A server that now and then loses a whole quantum (256 frames) of the microphone, with no
+    // sign but the stamps (which follow the loss, ±1 ms): each loss is filled with silence at
+    // once, so a click 60 ms after it lies in the microphone and computer-audio files at the same
+    // time within 1 ms; the log tells the first loss with its size and the take's total.
+    void lostQuantaAreFilledAtOnce()
+    {
+        if (!MediaProbe::available())
+            QSKIP("ffprobe/ffmpeg not installed");
+        home.wipe();
+        RecorderFixture f(0, true);
+        QVERIFY(f.start(QStringLiteral("S1")));
+        std::mt19937 random(11);
+        QVector<int> lossBlocks; // 10 ms blocks before which the microphone loses 256 frames
+        for (int b = 100; b < 560; b += std::uniform_int_distribution<int>(40, 90)(random))
+            lossBlocks.append(b);
+        QVector<int64_t> clicks; // device frames: 60 ms after each loss
+        for (int k = 0; k < lossBlocks.size(); ++k)
+            clicks.append(int64_t(lossBlocks[k]) * kBlock + 256 * (k + 1) + 2880);
+        const auto clickAt = [&](int64_t frame) {
+            for (int64_t c : clicks)
+                if (frame - c >= 0 && frame - c < 48)
+                    return 0.9f * float(std::sin(2 * M_PI * double(frame - c) / 48.0));
+            return 0.0f;
+        };
+        const int64_t startNs = f.clock->nowNs();
+        int64_t lost = 0;
+        for (int b = 0; b < 620; ++b) {
+            lost += lossBlocks.contains(b) ? 256 : 0;
+            f.manual->set(startNs + (b + 1) * 10000000LL);
+            for (const QString &source : {QStringLiteral("usbmic"), QStringLiteral("laptop"), RecorderFixture::kMonitor}) {
+                const int channels = f.audio->openChannels(source);
+                const int64_t first = b * kBlock + (source == QLatin1String("usbmic") ? lost : 0); // its first device frame
+                QByteArray pcm(kBlock * channels * int(sizeof(float)), Qt::Uninitialized);
+                auto *p = reinterpret_cast<float *>(pcm.data());
+                for (int i = 0; i < kBlock * channels; ++i)
+                    p[i] = clickAt(first + i / channels);
+                const int64_t jitter = std::uniform_int_distribution<int64_t>(-1000000, 1000000)(random);
+                f.audio->deliver(source, pcm, startNs + first * 1000000000 / kRate + jitter);
+            }
+            f.rec->audioQueue().sync([] {});
+        }
+        QVERIFY(f.stop());
+        const QString take = f.take();
+        const QVector<float> mic = MediaProbe::decode(f.path("S1", "mic_" + take + "_00000_final.m4a"));
+        const QVector<float> sys = MediaProbe::decode(f.path("S1", "sys_" + take + "_00000_final.m4a"));
+        qsizetype a = -4800, b = -4800;
+        for (int k = 0; k < lossBlocks.size(); ++k) {
+            a = MediaProbe::firstAbove(mic, 0.25f, a + 4800), b = MediaProbe::firstAbove(sys, 0.25f, b + 4800);
+            QVERIFY2(a > 0 && b > 0, qPrintable(QString::number(k)));
+            qInfo("click after loss %d: mic - sys %.3f ms", k + 1, double(a - b) / 48.0);
+            QVERIFY2(std::llabs(a - b) <= 48, qPrintable(QStringLiteral("%1: %2").arg(k).arg(double(a - b) / 48.0)));
+        }
+        const QString log = home.log();
+        const QRegularExpression first("mic: the sound server lost (\\d+) frames .* filled with silence");
+        const QRegularExpression total(QStringLiteral("mic: in this take %1 gaps filled with silence, (\\d+) frames").arg(lossBlocks.size()));
+        const QRegularExpressionMatch one = first.match(log), all = total.match(log);
+        QVERIFY2(log.count("the sound server lost") == 1 && one.hasMatch() && all.hasMatch(), qPrintable(log));
+        QVERIFY(std::abs(one.captured(1).toInt() - 256) <= 24 && std::abs(all.captured(1).toInt() - lost) <= 24);
+        QVERIFY(!log.contains("sys: in this take") && !log.contains("room: in this take"));
+    }
+
     // A device 0.1 % fast for 30 minutes (1.8 s of extra samples) stays on the monotonic time
     // line with contiguous stamps and exactly 48000 frames per second of monotonic time; blocks
     // lost after 10 s re-anchor the time line once, and what follows keeps its place.
@@ -144,6 +209,24 @@ private Q_SLOTS:
         QVERIFY2(std::fabs(live.takePeak() - amplitude) < 0.03f * amplitude && live.takePeak() == 0.0f, qPrintable(QString::number(amplitude)));
         const auto *pcm = reinterpret_cast<const int16_t *>(out.constData());
         QVERIFY(amplitude < 1.0f || (pcm[0] == 32767 && pcm[24] == -32767 && pcm[48] == 32767));
+    }
+
+    // The level of one click does not depend on the blocks it comes in: PulseAudio hands over a
+    // few milliseconds at a time, PipeWire a quantum.
+    void levelIgnoresBlockSize()
+    {
+        QVector<float> levels;
+        for (int block : {96, 256, 480, 1024}) {
+            LiveConverter live;
+            std::vector<float> s(size_t(block) * 8, 0.0f);
+            for (int i = 0; i < 48; ++i)
+                s[size_t(block) * 3 + 20 + size_t(i)] = 0.9f * float(std::sin(2 * M_PI * i / 48.0));
+            for (int k = 0; k < 8; ++k)
+                live.process(s.data() + size_t(k) * size_t(block), block, kRate, 1, false);
+            levels.append(live.takePeak());
+        }
+        QVERIFY2(*std::max_element(levels.begin(), levels.end()) - *std::min_element(levels.begin(), levels.end()) < 0.01f,
+                 qPrintable(QStringLiteral("%1 %2 %3 %4").arg(levels[0]).arg(levels[1]).arg(levels[2]).arg(levels[3])));
     }
 
     // Headset over the laptop's microphone with no saved choice; an unplugged saved choice goes
