@@ -3,7 +3,6 @@
 #include "TestHome.h"
 #include "Uploader.h"
 
-#include <QNetworkAccessManager>
 #include <QUrlQuery>
 #include <QtTest>
 
@@ -12,7 +11,6 @@ class UploaderTest : public QObject
 {
     Q_OBJECT
     TestHome home;
-    QNetworkAccessManager net;
     std::unique_ptr<HttpStub> server;
     std::unique_ptr<Uploader> up;
 
@@ -34,7 +32,7 @@ class UploaderTest : public QObject
     }
     void start(int tickMs = 150)
     {
-        up = std::make_unique<Uploader>(net);
+        up = std::make_unique<Uploader>();
         up->tickIntervalMs = tickMs;
         up->requestTimeoutMs = 400;
         up->start();
