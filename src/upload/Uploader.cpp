@@ -112,8 +112,8 @@ void Uploader::upload(const PendingFile &file)
     const QString fileName = QFileInfo(file.path).fileName();
     const std::optional<SegmentName> name = SegmentName::parse(fileName);
     Q_ASSERT(name);
-    const QUrl url = QueryString::url(QStringLiteral("http://") + Config::server() + QStringLiteral("/upload"),
-                                      name->queryItems(Config::agentID(), file.session));
+    const QUrl url = QueryString::at(QStringLiteral("http"), Config::server(), QStringLiteral("/upload"),
+                                     name->queryItems(Config::agentID(), file.session));
     if (!url.isValid()) {
         // No usable control-room address: the file waits until the setting is fixed.
         fail(Fault::NoAddress, QStringLiteral("no valid control-room address"));

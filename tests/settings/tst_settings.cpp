@@ -1,5 +1,6 @@
 #include "BravaLog.h"
 #include "Config.h"
+#include "QueryString.h"
 #include "StrictInt.h"
 #include "TestHome.h"
 #include "XdgFolder.h"
@@ -55,6 +56,27 @@ private Q_SLOTS:
         QVERIFY(QDir(Config::dir(QStringLiteral("pending"))).exists());
         QCOMPARE(Config::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
+    }
+
+    // A control-room address is a host and a port and nothing else; the query is fully encoded.
+    void serverAddressesMakeUrlsOnlyAsHostAndPort_data()
+    {
+        QTest::addColumn<QString>("server");
+        QTest::addColumn<QString>("url"); // "" when refused
+        QTest::newRow("host:port") << "10.0.0.5:8080" << "ws://10.0.0.5:8080/agent?n=a%2Fb%20c";
+        QTest::newRow("name, no port") << "Room.local" << "ws://room.local/agent?n=a%2Fb%20c";
+        QTest::newRow("IPv6") << "[::1]:80" << "ws://[::1]:80/agent?n=a%2Fb%20c";
+        QTest::newRow("path") << "h:1/x?y=" << "";
+        QTest::newRow("user") << "u@h:1" << "";
+        QTest::newRow("fragment") << "h#x" << "";
+        QTest::newRow("space") << "a b:1" << "";
+        QTest::newRow("empty") << "" << "";
+    }
+    void serverAddressesMakeUrlsOnlyAsHostAndPort()
+    {
+        QFETCH(QString, server);
+        QFETCH(QString, url);
+        QCOMPARE(QueryString::at(QStringLiteral("ws"), server, QStringLiteral("/agent"), {{QStringLiteral("n"), QStringLiteral("a/b c")}}).toString(QUrl::FullyEncoded), url);
     }
 
     void strictIntegers_data()

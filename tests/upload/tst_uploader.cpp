@@ -80,6 +80,18 @@ private Q_SLOTS:
         QVERIFY(QDir(folder("pending") + QStringLiteral("/Show 1 A&B=?")).isEmpty());
     }
 
+    void aBodyOfManyBlocksArrivesWhole()
+    {
+        QByteArray bytes(int(SegmentPost::kBlockBytes * 5 / 2 + 7), '\0');
+        for (qsizetype i = 0; i < bytes.size(); ++i)
+            bytes[i] = char(i * 7 + i / 4093);
+        server->keepBodyBytes = bytes.size();
+        put(folder("pending") + QStringLiteral("/s"), QStringLiteral("cam_1_00000.mp4"), bytes);
+        start();
+        QTRY_COMPARE(up->pendingCount(), 0);
+        QVERIFY(server->requests.size() == 1 && server->requests.first().body == bytes);
+    }
+
     void oddNamesAreSetAsideAndOddSessionsStayInside()
     {
         // The odd name sorts first, twice; the good file behind them follows.
