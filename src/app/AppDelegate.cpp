@@ -13,7 +13,6 @@
 
 AppDelegate::AppDelegate(AudioBackend &audio, CameraBackend &cameras, Clock &clock, QObject *parent)
     : QObject(parent)
-    , m_uploader(m_net)
     , m_permissions(audio)
     , m_checkIn(m_net, [this] { return permissionFlags(); }, [&clock] { return clock.nowNs() / 1000000; })
     , m_roster(m_net)

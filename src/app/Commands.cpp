@@ -30,6 +30,17 @@ bool boolArg(const QJsonObject &c, const char *key)
     return v.isBool() && v.toBool();
 }
 
+// A text argument longer than its limit is refused with a log line naming the command; the
+// command is then ignored as a whole.
+bool tooLong(const QString &type, const char *key, const QString &value, qsizetype limit)
+{
+    if (value.size() <= limit)
+        return false;
+    bravaLog(QStringLiteral("command %1: \"%2\" of %3 characters refused (at most %4)")
+                 .arg(type, QLatin1String(key)).arg(value.size()).arg(limit));
+    return true;
+}
+
 // A seat is a JSON number with an integral value that fits an int; anything else is seat 0.
 int seatArg(const QJsonObject &c)
 {
@@ -103,7 +114,10 @@ void Commands::handle(const QJsonObject &command)
     Reconciler &r = *m_reconciler;
 
     if (type == QLatin1String("start")) {
-        r.desiredSession = optionalString(command, "session");
+        const std::optional<QString> session = optionalString(command, "session");
+        if (session && tooLong(type, "session", *session, kMaxSession))
+            return;
+        r.desiredSession = session;
         apply();
     } else if (type == QLatin1String("stop")) {
         r.desiredSession.reset();
@@ -126,22 +140,25 @@ void Commands::handle(const QJsonObject &command)
         apply();
         changed();
     } else if (type == QLatin1String("whisper")) {
-        if (Config::trimSpacesAndTabs(stringArg(command, "text")).isEmpty())
+        const QString text = stringArg(command, "text");
+        if (Config::trimSpacesAndTabs(text).isEmpty() || tooLong(type, "text", text, kMaxWhisper))
             return;
         if (m_roster.name(seatArg(command)).isEmpty())
             m_roster.fetch();
         // The whisper card plugs in here.
     } else if (type == QLatin1String("setMic")) {
         const std::optional<QString> uid = optionalString(command, "uid");
-        if (!uid)
+        if (!uid || tooLong(type, "uid", *uid, kMaxUid))
             return;
         Config::setMicUID(*uid);
         m_rec.restartMic();
     } else if (type == QLatin1String("setCam")) {
-        m_rec.setPreviewCamUID(stringArg(command, "uid"));
+        const QString uid = stringArg(command, "uid");
+        if (!tooLong(type, "uid", uid, kMaxUid))
+            m_rec.setPreviewCamUID(uid);
     } else if (type == QLatin1String("quality")) {
         const QString q = stringArg(command, "q", QStringLiteral("full"));
-        if (q != Config::uploadQuality()) {
+        if (!tooLong(type, "q", q, kMaxQuality) && q != Config::uploadQuality()) {
             Config::setUploadQuality(q);
             bravaLog(QStringLiteral("upload quality set to ") + q);
         }

@@ -24,7 +24,17 @@ public:
              QObject *parent = nullptr);
     ~Commands() override;
 
-    /// Handles one command from the control room.
+    /// Longest session name taken from "start", in characters.
+    static constexpr qsizetype kMaxSession = 100;
+    /// Longest whisper text, in characters.
+    static constexpr qsizetype kMaxWhisper = 1000;
+    /// Longest device uid of "setMic" and "setCam", in characters.
+    static constexpr qsizetype kMaxUid = 255;
+    /// Longest upload quality word, in characters.
+    static constexpr qsizetype kMaxQuality = 16;
+
+    /// Handles one command from the control room; a text argument over its limit is logged and
+    /// the command ignored.
     void handle(const QJsonObject &command);
     /// Reacts to the link going up or down: a lost link ends live listening.
     void linkChanged();

@@ -26,8 +26,8 @@ QUrl Connection::linkURL()
     const QString server = Config::server();
     if (server.isEmpty())
         return {};
-    return QueryString::url(QStringLiteral("ws://") + server + QStringLiteral("/agent"),
-                            {{QStringLiteral("id"), QString::number(Config::agentID())},
+    return QueryString::at(QStringLiteral("ws"), server, QStringLiteral("/agent"),
+                           {{QStringLiteral("id"), QString::number(Config::agentID())},
                              {QStringLiteral("os"), QStringLiteral("linux")},
                              {QStringLiteral("v"), Config::version()},
                              {QStringLiteral("name"), Config::agentName()}});
@@ -54,8 +54,10 @@ void Connection::connect()
     if (Config::agentID() < 1)
         return;
     const QUrl url = linkURL();
-    if (!url.isValid())
+    if (!url.isValid()) {
+        noteFailure(QStringLiteral("no valid control-room address"));
         return;
+    }
 
     const qint64 gen = m_generation;
     auto *socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
@@ -69,6 +71,8 @@ void Connection::connect()
     const auto lost = [this, gen, socket] {
         if (socket == m_socket && !socket->property("brava.dropped").toBool()) {
             socket->setProperty("brava.dropped", true);
+            if (!m_connected)
+                noteFailure(socket->errorString());
             dropped(gen);
         }
     };
@@ -82,6 +86,7 @@ void Connection::opened(qint64 gen, QWebSocket *socket)
     if (gen != m_generation || socket != m_socket)
         return;
     m_connected = true;
+    m_lastFailure.clear();
     bravaLog(QStringLiteral("connected to %1 as agent %2").arg(Config::server()).arg(Config::agentID()));
     if (onChange)
         onChange();
@@ -107,6 +112,15 @@ void Connection::received(qint64 gen, const QString &text)
                 self->onCommand(command);
         },
         Qt::QueuedConnection);
+}
+
+void Connection::noteFailure(const QString &reason)
+{
+    // Retries every 2 s meet the same refusal: it is logged when it first happens or changes.
+    const QString text = QStringLiteral("cannot open the link to %1: %2").arg(Config::server(), reason);
+    if (text != m_lastFailure)
+        bravaLog(text);
+    m_lastFailure = text;
 }
 
 void Connection::dropped(qint64 gen)

@@ -38,6 +38,8 @@ public:
 
     /// True between the open of the current socket and its drop.
     bool connected() const { return m_connected; }
+    /// Why the link last failed to open, as logged; "" once a link has opened.
+    QString lastFailure() const { return m_lastFailure; }
     /// True after the control room said another computer took this agent number.
     bool replaced() const { return m_replaced; }
     /// Incremented on every connect() and disconnect().
@@ -67,6 +69,7 @@ private:
     void opened(qint64 gen, QWebSocket *socket);
     void received(qint64 gen, const QString &text);
     void dropped(qint64 gen);
+    void noteFailure(const QString &reason);
     void cancelSocket();
     void sendText(const QByteArray &text);
     void sendFrame(quint8 kind, const QByteArray &payload);
@@ -75,4 +78,5 @@ private:
     qint64 m_generation = 0;
     std::atomic<bool> m_connected{false}; // read by capture threads before they forward a frame
     bool m_replaced = false;
+    QString m_lastFailure; // the failure to open last logged; cleared when a link opens
 };

@@ -1,5 +1,6 @@
 #include "Config.h"
 
+#include "BravaLog.h"
 #include "StrictInt.h"
 #include "XdgFolder.h"
 
@@ -9,6 +10,7 @@
 #include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QMutex>
 #include <QSettings>
 
@@ -74,6 +76,45 @@ QString readString(const QString &key, const QString &fallback)
 {
     const QVariant v = readValue(key);
     return v.isValid() ? v.toString() : fallback;
+}
+
+// Logs a stored value that is refused, once per key and value: a hand-edited settings file read
+// every second says so once, not every second.
+void logRefused(const QString &key, const QString &value, const QString &why)
+{
+    static QMutex mutex;
+    static QHash<QString, QString> logged;
+    {
+        QMutexLocker lock(&mutex);
+        const auto it = logged.constFind(key);
+        if (it != logged.cend() && *it == value)
+            return;
+        logged.insert(key, value);
+    }
+    const QString shown = value.size() > 40 ? value.left(40) + QStringLiteral("…") : value;
+    bravaLog(QStringLiteral("settings: %1 \"%2\" %3; treated as unset").arg(key, shown, why));
+}
+
+// A stored text longer than `limit` characters counts as unset.
+QString readBoundedString(const QString &key, const QString &fallback, qsizetype limit)
+{
+    const QString value = readString(key, fallback);
+    if (value.size() <= limit)
+        return value;
+    logRefused(key, value, QStringLiteral("is %1 characters long (at most %2)").arg(value.size()).arg(limit));
+    return QString();
+}
+
+// Stores a trimmed text unless it is longer than `limit` characters.
+bool writeBoundedString(const QString &key, const QString &text, qsizetype limit)
+{
+    const QString value = Config::trimSpacesAndTabs(text);
+    if (value.size() > limit) {
+        bravaLog(QStringLiteral("settings: %1 of %2 characters refused (at most %3)").arg(key).arg(value.size()).arg(limit));
+        return false;
+    }
+    writeValue(key, value);
+    return true;
 }
 
 struct Info {
@@ -145,14 +186,24 @@ QString trimSpacesAndTabs(const QString &text)
     return text.mid(b, e - b);
 }
 
-int agentID() { return readInt(QStringLiteral("agentID")); }
+int agentID()
+{
+    const QString key = QStringLiteral("agentID");
+    const QString text = readValue(key).toString();
+    if (text.isEmpty() || text == QLatin1String("0"))
+        return 0;
+    const std::optional<int> id = parseStrictInt(text, 1, kMaxAgentID);
+    if (!id)
+        logRefused(key, text, QStringLiteral("is not a number from 1 to %1").arg(kMaxAgentID));
+    return id.value_or(0);
+}
 void setAgentID(int id) { writeValue(QStringLiteral("agentID"), id); }
 
-QString agentName() { return readString(QStringLiteral("agentName"), QString()); }
-void setAgentName(const QString &name) { writeValue(QStringLiteral("agentName"), trimSpacesAndTabs(name)); }
+QString agentName() { return readBoundedString(QStringLiteral("agentName"), QString(), kMaxNameLength); }
+bool setAgentName(const QString &name) { return writeBoundedString(QStringLiteral("agentName"), name, kMaxNameLength); }
 
-QString server() { return readString(QStringLiteral("server"), defaultServer()); }
-void setServer(const QString &server) { writeValue(QStringLiteral("server"), trimSpacesAndTabs(server)); }
+QString server() { return readBoundedString(QStringLiteral("server"), defaultServer(), kMaxServerLength); }
+bool setServer(const QString &server) { return writeBoundedString(QStringLiteral("server"), server, kMaxServerLength); }
 
 bool setupDone() { return readBool(QStringLiteral("setupDone")); }
 void setSetupDone(bool done) { writeValue(QStringLiteral("setupDone"), done); }

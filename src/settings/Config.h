@@ -8,20 +8,31 @@
 // the executable; the data folder is $XDG_DATA_HOME/Brava Recorder. Safe to use from any thread.
 namespace Config {
 
-/// The agent number (1–110; 0 when none).
+/// Largest agent number; a stored number outside 1…kMaxAgentID counts as none.
+constexpr int kMaxAgentID = 2147483647;
+/// Longest agent name, in characters.
+constexpr int kMaxNameLength = 100;
+/// Longest control-room address, in characters.
+constexpr int kMaxServerLength = 255;
+
+/// The agent number; 0 when none is stored or the stored one is not a number in 1…kMaxAgentID
+/// (which is logged once).
 int agentID();
 /// Stores the agent number as given.
 void setAgentID(int id);
 
-/// The agent's name.
+/// The agent's name; "" when the stored one is longer than kMaxNameLength (logged once).
 QString agentName();
-/// Stores the name without leading or trailing spaces and tabs.
-void setAgentName(const QString &name);
+/// Stores the name without leading or trailing spaces and tabs; refuses (false, logged) one longer
+/// than kMaxNameLength.
+bool setAgentName(const QString &name);
 
-/// The control-room address host:port; defaultServer() when nothing is stored.
+/// The control-room address host:port; defaultServer() when nothing is stored, "" when the stored
+/// one is longer than kMaxServerLength (logged once).
 QString server();
-/// Stores the address without leading or trailing spaces and tabs.
-void setServer(const QString &server);
+/// Stores the address without leading or trailing spaces and tabs; refuses (false, logged) one
+/// longer than kMaxServerLength.
+bool setServer(const QString &server);
 
 /// Whether the setup wizard has been completed.
 bool setupDone();

@@ -18,5 +18,8 @@ QString encode(const Items &items);
 /// `address` (for example "http://host:port/path") with this query; an invalid URL when the
 /// address is not a valid URL with a host.
 QUrl url(const QString &address, const Items &items);
+/// scheme://server/path?query where `server` must be exactly a host with an optional port (no
+/// user, path, query or fragment slips in through it); an invalid URL otherwise.
+QUrl at(const QString &scheme, const QString &server, const QString &path, const Items &items);
 
 } // namespace QueryString

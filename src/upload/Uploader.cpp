@@ -5,13 +5,11 @@
 #include "OrphanRecovery.h"
 #include "QueryString.h"
 #include "SegmentName.h"
+#include "SegmentPost.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
 #include <QPointer>
 #include <QThread>
 #include <QTimer>
@@ -35,9 +33,8 @@ bool isHidden(const QFileInfo &info)
 
 } // namespace
 
-Uploader::Uploader(QNetworkAccessManager &net, QObject *parent)
+Uploader::Uploader(QObject *parent)
     : QObject(parent)
-    , m_net(net)
 {
 }
 
@@ -117,8 +114,8 @@ void Uploader::upload(const PendingFile &file)
     const QString fileName = QFileInfo(file.path).fileName();
     const std::optional<SegmentName> name = SegmentName::parse(fileName);
     Q_ASSERT(name);
-    const QUrl url = QueryString::url(QStringLiteral("http://") + Config::server() + QStringLiteral("/upload"),
-                                      name->queryItems(Config::agentID(), file.session));
+    const QUrl url = QueryString::at(QStringLiteral("http"), Config::server(), QStringLiteral("/upload"),
+                                     name->queryItems(Config::agentID(), file.session));
     if (!url.isValid()) {
         // No usable control-room address: the file waits until the setting is fixed.
         fail(Fault::NoAddress, QStringLiteral("no valid control-room address"));
@@ -132,24 +129,22 @@ void Uploader::upload(const PendingFile &file)
         delete body;
         return;
     }
-    QNetworkRequest request(url);
-    request.setTransferTimeout(requestTimeoutMs);
     m_busy = true;
-    // A custom "POST" keeps the network layer from inventing a content type for the body.
-    QNetworkReply *reply = m_net.sendCustomRequest(request, QByteArrayLiteral("POST"), body);
-    body->setParent(reply);
+    auto *post = new SegmentPost(url, *body, requestTimeoutMs, this);
+    body->setParent(post);
     const QString path = file.path;
-    connect(reply, &QNetworkReply::finished, this, [this, reply, path] { finished(reply, path); });
+    post->onDone = [this, post, path](const SegmentPost::Outcome &outcome) {
+        post->deleteLater();
+        finished(outcome, path);
+    };
+    post->start();
 }
 
-void Uploader::finished(QNetworkReply *reply, const QString &path)
+void Uploader::finished(const SegmentPost::Outcome &outcome, const QString &path)
 {
     Q_ASSERT(m_busy);
-    reply->deleteLater();
     m_busy = false;
-    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-    const bool transportError = !status.isValid();
-    if (reply->error() == QNetworkReply::NoError && status.isValid() && status.toInt() == 200) {
+    if (outcome.status == 200) {
         m_lastError.clear();
         m_fault = Fault::None;
         QFile::remove(path);
@@ -160,10 +155,10 @@ void Uploader::finished(QNetworkReply *reply, const QString &path)
     }
     // Anything else leaves the file first in line for the next timer tick.
     const QString name = QFileInfo(path).fileName();
-    if (transportError)
-        fail(Fault::Transport, QStringLiteral("upload of %1 failed: %2").arg(name, reply->errorString()));
+    if (outcome.status == 0)
+        fail(Fault::Transport, QStringLiteral("upload of %1 failed: %2").arg(name, outcome.error));
     else
-        fail(Fault::Refused, QStringLiteral("upload of %1 answered %2").arg(name).arg(status.toInt()));
+        fail(Fault::Refused, QStringLiteral("upload of %1 answered %2").arg(name).arg(outcome.status));
 }
 
 void Uploader::recoverOrphans()

@@ -6,8 +6,8 @@
 
 #include <functional>
 
-class QNetworkAccessManager;
-class QNetworkReply;
+#include "SegmentPost.h"
+
 class QTimer;
 
 // Sends every finished segment file to the control room, one at a time, oldest name first. The
@@ -36,8 +36,8 @@ public:
         SetAside,   ///< a file with an unknown name could not be moved to unrecognized/
     };
 
-    /// A queue that sends over this network manager.
-    explicit Uploader(QNetworkAccessManager &net, QObject *parent = nullptr);
+    /// A queue that posts each file on a connection of its own (SegmentPost).
+    explicit Uploader(QObject *parent = nullptr);
     ~Uploader() override;
 
     /// Recovers orphans from writing/, then ticks every tickIntervalMs and once at once; later calls do nothing.
@@ -68,10 +68,9 @@ private:
     void recoverOrphans();
     void setAside(const PendingFile &file);
     void upload(const PendingFile &file);
-    void finished(QNetworkReply *reply, const QString &path);
+    void finished(const SegmentPost::Outcome &outcome, const QString &path);
     void fail(Fault fault, const QString &text);
 
-    QNetworkAccessManager &m_net;
     Fault m_fault = Fault::None;
     QTimer *m_timer = nullptr;
     bool m_busy = false;

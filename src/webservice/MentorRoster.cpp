@@ -47,8 +47,8 @@ void MentorRoster::fetch()
     Q_ASSERT(QThread::currentThread() == thread());
     if (m_fetching)
         return;
-    const QUrl url = WebSession::endpoint(QStringLiteral("/wp-json/brava/v1/mentors?t=")
-                                          + QString::number(QDateTime::currentSecsSinceEpoch()));
+    const QUrl url = WebSession::endpoint(QStringLiteral("/wp-json/brava/v1/mentors"),
+                                          {{QStringLiteral("t"), QString::number(QDateTime::currentSecsSinceEpoch())}});
     if (!url.isValid())
         return;
     m_fetching = true;

@@ -4,12 +4,13 @@
 
 namespace WebSession {
 
-QUrl endpoint(const QString &path)
+QUrl endpoint(const QString &path, const QueryString::Items &query)
 {
+    Q_ASSERT(path.startsWith(QLatin1Char('/')) && !path.contains(QLatin1Char('?')));
     const QString base = Config::webServiceURL();
     if (base.isEmpty())
         return QUrl();
-    return QUrl(base + path);
+    return QueryString::url(base + path, query);
 }
 
 } // namespace WebSession

@@ -1,12 +1,15 @@
 #pragma once
 
+#include "QueryString.h"
+
 #include <QString>
 #include <QUrl>
 
 // Addresses of the event web service (check-in, roster, verification).
 namespace WebSession {
 
-/// The event web service's base URL + path; an empty URL when this build has no web service.
-QUrl endpoint(const QString &path);
+/// The event web service's base URL + path with this query (fully encoded); an empty URL when
+/// this build has no web service or the result is not a valid URL.
+QUrl endpoint(const QString &path, const QueryString::Items &query = {});
 
 } // namespace WebSession

@@ -261,6 +261,27 @@ private Q_SLOTS:
         QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")));
     }
 
+    // Each text over its limit is refused whole, with one line naming the command and the argument.
+    void overlongTextsAreRefusedAndLogged()
+    {
+        const auto longer = [](qsizetype limit) { return QString(limit + 1, QLatin1Char('w')); };
+        const QList<QPair<J, QString>> commands = {
+            {J{{"type", "start"}, {"session", longer(Commands::kMaxSession)}}, QStringLiteral("start: \"session\"")},
+            {J{{"type", "whisper"}, {"text", longer(Commands::kMaxWhisper)}, {"seat", 1}}, QStringLiteral("whisper: \"text\"")},
+            {J{{"type", "setMic"}, {"uid", longer(Commands::kMaxUid)}}, QStringLiteral("setMic: \"uid\"")},
+            {J{{"type", "setCam"}, {"uid", longer(Commands::kMaxUid)}}, QStringLiteral("setCam: \"uid\"")},
+            {J{{"type", "quality"}, {"q", longer(Commands::kMaxQuality)}}, QStringLiteral("quality: \"q\"")}};
+        Config::setMicUID(QStringLiteral("keep"));
+        for (const auto &[command, line] : commands) {
+            QVERIFY(f->command(command));
+            QVERIFY2(home.log().count(QStringLiteral("command ") + line + QStringLiteral(" of ")) == 1, qPrintable(line));
+        }
+        QVERIFY(!wishes().desiredSession && Config::micUID() == QStringLiteral("keep") && rec().previewCamUID().isEmpty());
+        QVERIFY(!home.log().contains(QStringLiteral("upload quality set to w")));
+        QVERIFY(f->command(J{{"type", "whisper"}, {"text", QString(Commands::kMaxWhisper, QLatin1Char('w'))}}));
+        QCOMPARE(home.log().count(QStringLiteral("command whisper")), 1); // at the limit: taken
+    }
+
     void linkRules()
     {
         Connection &conn = f->app->connection();
@@ -282,13 +303,17 @@ private Q_SLOTS:
         conn.connect();
         QTRY_COMPARE(f->room.agentCount(), 0);
         Config::setAgentID(7);
-        for (const char *server : {"not a host:xx", ""}) {
+        // A room that keeps refusing the link is logged once, not at every retry.
+        const qint64 generation = conn.generation();
+        for (const char *server : {"not a host:xx", "", "127.0.0.1:1"}) {
             Config::setServer(QString::fromLatin1(server));
             conn.connect();
         }
         conn.sendPreview("early");
         QTest::qWait(3 * conn.retryMs);
         QVERIFY(f->room.urls.size() == 3 && f->room.binaries.size() == 1);
+        QCOMPARE(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")), 1);
+        QVERIFY(conn.generation() >= generation + 5); // three connects and at least two retries
     }
 
     // A locked build with an event web service: check-in at launch and when the link comes back,

@@ -1,5 +1,6 @@
 #include "BravaLog.h"
 #include "Config.h"
+#include "QueryString.h"
 #include "StrictInt.h"
 #include "TestHome.h"
 #include "XdgFolder.h"
@@ -42,6 +43,36 @@ private Q_SLOTS:
         QCOMPARE(QSettings(Config::settingsFilePath(), QSettings::IniFormat).value("agentID").toInt(), 12);
     }
 
+    // A stored value outside its bounds reads as unset and is logged once, however often it is read.
+    void outOfBoundsValuesReadAsUnset_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("stored");
+        QTest::addColumn<QString>("read");
+        QTest::newRow("id beyond 32 bits") << "agentID" << "99999999999" << "0";
+        QTest::newRow("id negative") << "agentID" << "-3" << "0";
+        QTest::newRow("id largest") << "agentID" << "2147483647" << "2147483647";
+        QTest::newRow("name too long") << "agentName" << QString(Config::kMaxNameLength + 1, QLatin1Char('n')) << "";
+        QTest::newRow("name at the limit") << "agentName" << QString(Config::kMaxNameLength, QLatin1Char('n')) << QString(Config::kMaxNameLength, QLatin1Char('n'));
+        QTest::newRow("address too long") << "server" << QString(Config::kMaxServerLength + 1, QLatin1Char('s')) << "";
+    }
+    void outOfBoundsValuesReadAsUnset()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, stored);
+        QFETCH(QString, read);
+        QSettings(Config::settingsFilePath(), QSettings::IniFormat).setValue(key, stored);
+        const auto get = [&] { return key == QLatin1String("agentID") ? QString::number(Config::agentID()) : key == QLatin1String("server") ? Config::server() : Config::agentName(); };
+        QCOMPARE(get(), read);
+        QCOMPARE(get(), read);
+        QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), read == stored ? 0 : 1);
+        // Setters refuse what readers would refuse, and say so.
+        if (key != QLatin1String("agentID") && read != stored) {
+            QVERIFY(!(key == QLatin1String("server") ? Config::setServer(stored) : Config::setAgentName(stored)));
+            QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), 2);
+        }
+    }
+
     void buildInformationAndFolders()
     {
         home.useInfo(QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"), QStringLiteral(" http://w.example/ "));
@@ -55,6 +86,27 @@ private Q_SLOTS:
         QVERIFY(QDir(Config::dir(QStringLiteral("pending"))).exists());
         QCOMPARE(Config::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
+    }
+
+    // A control-room address is a host and a port and nothing else; the query is fully encoded.
+    void serverAddressesMakeUrlsOnlyAsHostAndPort_data()
+    {
+        QTest::addColumn<QString>("server");
+        QTest::addColumn<QString>("url"); // "" when refused
+        QTest::newRow("host:port") << "10.0.0.5:8080" << "ws://10.0.0.5:8080/agent?n=a%2Fb%20c";
+        QTest::newRow("name, no port") << "Room.local" << "ws://room.local/agent?n=a%2Fb%20c";
+        QTest::newRow("IPv6") << "[::1]:80" << "ws://[::1]:80/agent?n=a%2Fb%20c";
+        QTest::newRow("path") << "h:1/x?y=" << "";
+        QTest::newRow("user") << "u@h:1" << "";
+        QTest::newRow("fragment") << "h#x" << "";
+        QTest::newRow("space") << "a b:1" << "";
+        QTest::newRow("empty") << "" << "";
+    }
+    void serverAddressesMakeUrlsOnlyAsHostAndPort()
+    {
+        QFETCH(QString, server);
+        QFETCH(QString, url);
+        QCOMPARE(QueryString::at(QStringLiteral("ws"), server, QStringLiteral("/agent"), {{QStringLiteral("n"), QStringLiteral("a/b c")}}).toString(QUrl::FullyEncoded), url);
     }
 
     void strictIntegers_data()
@@ -95,6 +147,9 @@ private Q_SLOTS:
     {
         const QDateTime t(QDate(2026, 3, 4), QTime(23, 5, 6, 789), QTimeZone(3600));
         QCOMPARE(bravaLogLine(QStringLiteral("hi"), t), QStringLiteral("2026-03-04T22:05:06Z hi"));
+        // Whatever a message holds, it stays one line.
+        QCOMPARE(bravaLogLine(QStringLiteral("s\nx\r\t") + QChar(0) + QChar(0x1b) + QChar(0x85) + QChar(0x2028) + QStringLiteral("é\\"), t),
+                 QStringLiteral("2026-03-04T22:05:06Z s\\nx\\r\\t\\u0000\\u001b\\u0085\\u2028é\\"));
         std::vector<std::thread> threads;
         for (int t = 0; t < 4; ++t)
             threads.emplace_back([t] {

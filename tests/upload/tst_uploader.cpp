@@ -3,7 +3,6 @@
 #include "TestHome.h"
 #include "Uploader.h"
 
-#include <QNetworkAccessManager>
 #include <QUrlQuery>
 #include <QtTest>
 
@@ -12,7 +11,6 @@ class UploaderTest : public QObject
 {
     Q_OBJECT
     TestHome home;
-    QNetworkAccessManager net;
     std::unique_ptr<HttpStub> server;
     std::unique_ptr<Uploader> up;
 
@@ -34,7 +32,7 @@ class UploaderTest : public QObject
     }
     void start(int tickMs = 150)
     {
-        up = std::make_unique<Uploader>(net);
+        up = std::make_unique<Uploader>();
         up->tickIntervalMs = tickMs;
         up->requestTimeoutMs = 400;
         up->start();
@@ -80,6 +78,18 @@ private Q_SLOTS:
         QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type"), r.headers.value("content-type").constData());
         QTRY_COMPARE(up->pendingCount(), 0);
         QVERIFY(QDir(folder("pending") + QStringLiteral("/Show 1 A&B=?")).isEmpty());
+    }
+
+    void aBodyOfManyBlocksArrivesWhole()
+    {
+        QByteArray bytes(int(SegmentPost::kBlockBytes * 5 / 2 + 7), '\0');
+        for (qsizetype i = 0; i < bytes.size(); ++i)
+            bytes[i] = char(i * 7 + i / 4093);
+        server->keepBodyBytes = bytes.size();
+        put(folder("pending") + QStringLiteral("/s"), QStringLiteral("cam_1_00000.mp4"), bytes);
+        start();
+        QTRY_COMPARE(up->pendingCount(), 0);
+        QVERIFY(server->requests.size() == 1 && server->requests.first().body == bytes);
     }
 
     void oddNamesAreSetAsideAndOddSessionsStayInside()
