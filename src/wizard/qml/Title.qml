@@ -1,0 +1,10 @@
+import QtQuick
+
+// A screen's title.
+Text {
+    font.pixelSize: 26
+    font.bold: true
+    color: "#14213d"
+    wrapMode: Text.WordWrap
+    Layout.fillWidth: true
+}
