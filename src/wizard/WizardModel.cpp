@@ -192,12 +192,14 @@ void WizardModel::refreshPermissions()
     using S = Permissions::Status;
     const S mic = m_permissions.microphone();
     const S cam = m_permissions.camera();
-    const bool screen = m_permissions.computerAudio() == S::Authorized;
+    const S computerAudio = m_permissions.computerAudio();
+    const bool screen = computerAudio == S::Authorized, screenDenied = computerAudio == S::Denied;
     const bool micOK = mic == S::Authorized, micDenied = mic == S::Denied;
     const bool camOK = cam == S::Authorized, camDenied = cam == S::Denied;
     if (micOK == m_micOK && micDenied == m_micDenied && camOK == m_camOK && camDenied == m_camDenied
-        && screen == m_screenOK)
+        && screen == m_screenOK && screenDenied == m_screenDenied)
         return;
+    m_screenDenied = screenDenied;
     m_micOK = micOK;
     m_micDenied = micDenied;
     m_camOK = camOK;

@@ -35,6 +35,7 @@ class WizardModel : public QObject
     Q_PROPERTY(bool camOK READ camOK NOTIFY permissionsChanged)
     Q_PROPERTY(bool camDenied READ camDenied NOTIFY permissionsChanged)
     Q_PROPERTY(bool screenOK READ screenOK NOTIFY permissionsChanged)
+    Q_PROPERTY(bool screenDenied READ screenDenied NOTIFY permissionsChanged)
     Q_PROPERTY(bool screenAsked READ screenAsked NOTIFY permissionsChanged)
     Q_PROPERTY(QString micUID READ micUID NOTIFY devicesChanged)
     Q_PROPERTY(QString camUID READ camUID NOTIFY devicesChanged)
@@ -107,6 +108,8 @@ public:
     bool camDenied() const { return m_camDenied; }
     bool screenOK() const { return m_screenOK; }
     bool screenAsked() const { return m_screenAsked; }
+    /// The sound server turns this program away, so computer audio cannot be had either.
+    bool screenDenied() const { return m_screenDenied; }
     QString micUID() const { return m_micUID; }
     QString camUID() const { return m_camUID; }
     QVariantList mics() const { return m_mics; }
@@ -219,6 +222,7 @@ private:
     bool m_camDenied = false;
     bool m_screenOK = false;
     bool m_screenAsked = false;
+    bool m_screenDenied = false;
     QString m_micUID;
     QString m_camUID;
     QVariantList m_mics;

@@ -29,11 +29,17 @@ public:
 // The parts a wizard model works with, on a synthetic sound system and camera.
 struct WizardParts
 {
+    /// With this many cameras, and camera access as given.
+    explicit WizardParts(int cameraCount = 1, CameraAccess::Status camAccess = CameraAccess::Status::Authorized)
+        : cameras({cameraCount, {160, 90}, 10}), permissions(audio, [camAccess] { return camAccess; })
+    {
+    }
+
     SyntheticAudioBackend audio;
-    SyntheticCameraBackend cameras{{1, {160, 90}, 10}};
+    SyntheticCameraBackend cameras;
     QNetworkAccessManager net;
     Connection conn;
-    Permissions permissions{audio};
+    Permissions permissions;
     QuietBrowser *browser = new QuietBrowser;
     RoomDiscovery discovery{net, std::unique_ptr<ServiceBrowser>(browser)};
     Recorder rec{audio, cameras, Clock::monotonic()};

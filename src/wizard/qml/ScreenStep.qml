@@ -11,7 +11,7 @@ ColumnLayout {
     }
     StatusLine { ok: wizard.screenOK; okText: "Computer audio allowed"; noText: "Not allowed yet" }
     Repair {
-        visible: wizard.screenAsked && !wizard.screenOK
+        visible: (wizard.screenAsked || wizard.screenDenied) && !wizard.screenOK
         lines: [ "1.  Click <b>Allow Computer Audio</b> below",
                  wizard.sandboxed ? "2.  Let Brava Recorder use sound: run <b>flatpak override --user --socket=pulseaudio com.vantorra.brava-recorder</b>"
                                   : "2.  Make sure your sound server runs and has an output (speakers or headphones): <b>pactl info</b> shows it",

@@ -1,4 +1,5 @@
 import QtQuick
+import QtQuick.Layouts
 
 // A screen's title.
 Text {
