@@ -41,7 +41,7 @@ private Q_SLOTS:
     {
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
         QVERIFY(web.listen() && room.listen());
-        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + QStringLiteral("/wizard-screens");
+        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + "/wizard-screens";
         QVERIFY(QDir().mkpath(shots));
     }
 
@@ -78,13 +78,13 @@ private Q_SLOTS:
         const QStringList words = setup.split(QLatin1Char(' '));
         const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
         home.wipe();
-        home.useInfo(has("locked") ? QStringLiteral("127.0.0.1:1") : QString(), QStringLiteral("2.5"), QStringLiteral("http://") + web.address());
+        home.useInfo(has("locked") ? "127.0.0.1:1" : QString(), "2.5", "http://" + web.address());
         const int step = words.first().section(QLatin1Char('='), 1).toInt();
         Config::setWizardStep(step);
         Config::setWizardFurthest(step);
         if (has("identity")) {
             Config::setAgentID(17);
-            Config::setAgentName(QStringLiteral("Ana Lee"));
+            Config::setAgentName("Ana Lee");
         }
         WizardParts p(has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
         p.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
@@ -97,7 +97,7 @@ private Q_SLOTS:
         if (has("asked"))
             m.askScreen();
         if (has("room"))
-            p.browser->announce(QStringLiteral("Room One"), room.port());
+            p.browser->announce("Room One", room.port());
         web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});
         if (has("verifying") || has("refused"))
             m.verifyAndSave();
@@ -113,8 +113,8 @@ private Q_SLOTS:
             QTRY_VERIFY(m.hasVerifyError());
         QTRY_VERIFY(!has("room") || !m.server().isEmpty());
         for (const QString &text : shows)
-            QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QStringLiteral(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
-        QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + QStringLiteral(".png")));
+            QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + " in " + texts(w.rootObject()).join(QLatin1Char('|'))));
+        QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + ".png"));
         web.release(HttpStub::status(200));
     }
 };
