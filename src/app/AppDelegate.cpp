@@ -183,6 +183,8 @@ void AppDelegate::tick()
     v.camUID = Config::camUID();
     v.error = m_recorder.lastError();
     m_conn.sendJSON(Heartbeat::message(v));
+    if (m_wizardModel)
+        m_wizardModel->tick(levels.mic, levels.sys, m_conn.connected());
 
     m_status.refresh();
     m_status.showCallTime(m_actions.callSeconds());
@@ -195,6 +197,7 @@ bool AppDelegate::canPerform(StatusMenu::Action action)
     case A::ToggleCall:
     case A::NeedHelp:
     case A::OpenFolder:
+    case A::ShowWizard:
     case A::Quit:
         return true;
     default:
@@ -229,6 +232,51 @@ void AppDelegate::perform(StatusMenu::Action action)
 
 void AppDelegate::showWizard()
 {
-    // The setup wizard is not part of this build yet: say so once per request.
-    bravaLog(QStringLiteral("setup needed (step %1): the setup wizard is not available in this build").arg(Config::wizardStep()));
+    if (m_wizardWindow && m_wizardOpen) {
+        m_wizardWindow->bringToFront();
+        return;
+    }
+    m_wizardWindow.reset(); // one that was closed and is still waiting to go
+    m_wizardModel.reset();
+    bravaLog(QStringLiteral("setup needed: the setup wizard opens at step %1").arg(Config::wizardStep()));
+    m_wizardOpen = true;
+    m_wizardModel.reset(new WizardModel({m_recorder, m_permissions, m_conn, m_discovery, m_net}));
+    m_wizardModel->onFinish = [this] { finishWizard(); };
+    m_wizardModel->onRelaunch = [this] { m_upkeep.relaunchSelf(); };
+    m_wizardWindow.reset(new WizardWindow(*m_wizardModel));
+    m_wizardWindow->onClosed = [this] { wizardClosed(); };
+    m_wizardWindow->bringToFront();
+}
+
+void AppDelegate::finishWizard()
+{
+    m_recorder.endSetupCamera();
+    QPointer<AppDelegate> self(this);
+    m_recorder.stop([self] {
+        if (!self)
+            return;
+        Config::setSetupDone(true);
+        Config::setWizardStep(0);
+        if (self->m_wizardWindow)
+            self->m_wizardWindow->close();
+        self->m_conn.connect();
+        self->m_status.refresh();
+    });
+}
+
+void AppDelegate::wizardClosed()
+{
+    m_recorder.endSetupCamera();
+    m_wizardOpen = false;
+    m_recorder.stop(nullptr);
+    // This runs inside the window's own close handling: window and model go right after it.
+    QMetaObject::invokeMethod(
+        this,
+        [this, closed = m_wizardWindow.get()] {
+            if (m_wizardWindow.get() != closed)
+                return; // a new wizard has been opened since
+            m_wizardWindow.reset();
+            m_wizardModel.reset();
+        },
+        Qt::QueuedConnection);
 }

@@ -13,6 +13,8 @@
 #include "StatusView.h"
 #include "Uploader.h"
 #include "Upkeep.h"
+#include "WizardModel.h"
+#include "WizardWindow.h"
 
 #include <QNetworkAccessManager>
 #include <QObject>
@@ -42,8 +44,14 @@ public:
     void applicationDidFinishLaunching();
     /// One heartbeat: status message, menu and call timer.
     void tick();
-    /// Opens the setup wizard (at Config.wizardStep).
+    /// Opens the setup wizard (at Config.wizardStep), or brings it to the front.
     void showWizard();
+    /// The wizard's final button: stops the sound check, records that setup is done, closes the
+    /// wizard and connects.
+    void finishWizard();
+    /// The wizard's model and window while it is open, else null.
+    WizardModel *wizardModel() const { return m_wizardModel.get(); }
+    WizardWindow *wizardWindow() const { return m_wizardWindow.get(); }
 
     /// Whether updating now would disturb the agent (recording, call, pending work).
     bool updateBusy() const;
@@ -74,6 +82,7 @@ private:
     void perform(StatusMenu::Action action);
     static bool canPerform(StatusMenu::Action action);
     CheckIn::Flags permissionFlags() const;
+    void wizardClosed();
 
     // Read by capture threads before they forward live audio or a preview frame.
     std::atomic<bool> m_wizardOpen{false};
@@ -95,5 +104,8 @@ private:
     Commands m_commands;
     StatusView m_status;
     Upkeep m_upkeep;
+    // The setup wizard while open; the window goes before its model.
+    std::unique_ptr<WizardModel> m_wizardModel;
+    std::unique_ptr<WizardWindow> m_wizardWindow;
     QTimer m_tick;
 };

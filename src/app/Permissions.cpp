@@ -5,9 +5,10 @@
 
 #include <QFileSystemWatcher>
 
-Permissions::Permissions(AudioBackend &audio, QObject *parent)
+Permissions::Permissions(AudioBackend &audio, std::function<CameraAccess::Status()> cameraAccess, QObject *parent)
     : QObject(parent)
     , m_audio(audio)
+    , m_cameraAccess(std::move(cameraAccess))
     , m_devWatcher(new QFileSystemWatcher(this))
 {
     // Plugging or unplugging a camera adds or removes a node in /dev.
@@ -20,7 +21,8 @@ Permissions::~Permissions() = default;
 
 void Permissions::readCameraAccess()
 {
-    switch (CameraAccess::status()) {
+    Q_ASSERT(m_cameraAccess);
+    switch (m_cameraAccess()) {
     case CameraAccess::Status::Authorized:
         m_camera = Status::Authorized;
         return;

@@ -1,6 +1,10 @@
 #pragma once
 
+#include "CameraAccess.h"
+
 #include <QObject>
+
+#include <functional>
 
 class AudioBackend;
 class QFileSystemWatcher;
@@ -16,8 +20,10 @@ class Permissions : public QObject
 public:
     enum class Status { NotDetermined, Denied, Authorized };
 
-    /// Answers from this sound server and the computer's video devices.
-    explicit Permissions(AudioBackend &audio, QObject *parent = nullptr);
+    /// Answers from this sound server and the computer's video devices (`cameraAccess` replaces
+    /// the reading of /dev, for tests).
+    explicit Permissions(AudioBackend &audio, std::function<CameraAccess::Status()> cameraAccess = CameraAccess::status,
+                         QObject *parent = nullptr);
     ~Permissions() override;
 
     /// Microphone access: whether the sound server accepts this program.
@@ -34,6 +40,7 @@ private:
     void readCameraAccess();
 
     AudioBackend &m_audio;
+    std::function<CameraAccess::Status()> m_cameraAccess;
     QFileSystemWatcher *m_devWatcher;
     Status m_camera = Status::NotDetermined;
 };

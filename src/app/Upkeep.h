@@ -23,12 +23,13 @@ public:
     void stop();
     /// Relaunches when a different build has been installed beside the running one.
     void checkForNewVersion();
+    /// Starts this program again once this process has exited, then quits.
+    void relaunchSelf();
 
     /// Interval of the new-build check in milliseconds.
     static constexpr int kVersionCheckMs = 10000;
 
 private:
-    void relaunchSelf();
 
     std::function<bool()> m_busy;
     QString m_runningBuild;

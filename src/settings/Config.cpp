@@ -210,6 +210,8 @@ void setSetupDone(bool done) { writeValue(QStringLiteral("setupDone"), done); }
 
 int wizardStep() { return readInt(QStringLiteral("wizardStep")); }
 void setWizardStep(int step) { writeValue(QStringLiteral("wizardStep"), step); }
+int wizardFurthest() { return readInt(QStringLiteral("wizardFurthest")); }
+void setWizardFurthest(int step) { writeValue(QStringLiteral("wizardFurthest"), step); }
 
 QString micUID() { return readString(QStringLiteral("micUID"), QString()); }
 void setMicUID(const QString &uid) { writeValue(QStringLiteral("micUID"), uid); }

@@ -43,6 +43,10 @@ void setSetupDone(bool done);
 int wizardStep();
 /// Stores the wizard step.
 void setWizardStep(int step);
+/// The furthest wizard step reached (the limit for jumping forward).
+int wizardFurthest();
+/// Stores the furthest wizard step reached.
+void setWizardFurthest(int step);
 
 /// Unique ID of the chosen microphone; empty means the system default.
 QString micUID();

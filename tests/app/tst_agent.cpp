@@ -232,7 +232,7 @@ private Q_SLOTS:
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "s5"}}));
         f->room.send(J{{"type", "release"}});
         QTRY_COMPARE(Config::agentID(), 0);
-        QVERIFY(!Config::setupDone() && !f->app->connection().connected() && !wishes().desiredSession && home.log().contains(QStringLiteral("setup needed")));
+        QVERIFY(!Config::setupDone() && !f->app->connection().connected() && !wishes().desiredSession && f->app->wizardOpen());
         QTRY_VERIFY(!rec().running());
         // Without setup, wishes are kept but not carried out; and the link stays down.
         f->app->commands().handle(J{{"type", "start"}, {"session", "late"}});
@@ -347,9 +347,16 @@ private Q_SLOTS:
         refusing.accessAnswer = AudioBackend::Access::Refused;
         f = std::make_unique<AgentFixture>(home, &refusing);
         QCOMPARE(home.log().count(QStringLiteral("permission missing: mic=false screen=false")), 1);
+        // The wizard is up at the microphone step, with the repair it offers on this computer.
+        QVERIFY(f->app->wizardModel() && f->app->wizardModel()->step() == 2);
+        QTRY_VERIFY(f->app->wizardModel()->micDenied());
+        // Closed, it lets the control room start a take; the refusal the take finds brings it back.
         Config::setWizardStep(0);
+        f->app->wizardWindow()->close();
+        QTRY_VERIFY(!f->app->wizardModel());
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "s6"}}));
         QVERIFY(rec().blocked() == Recorder::Blocked::Microphone && Config::wizardStep() == 2);
+        QVERIFY(f->app->wizardOpen() && f->app->wizardModel()->step() == 2);
     }
 };
 

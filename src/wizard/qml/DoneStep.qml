@@ -1,0 +1,20 @@
+import QtQuick
+import QtQuick.Layouts
+
+// Step 6: finished.
+ColumnLayout {
+    required property QtObject wizard
+    spacing: 14
+    Title { text: "You're In." }
+    Body {
+        text: "You can close this window. Brava Recorder runs quietly in your system tray and starts automatically when you log in."
+    }
+    Bullets {
+        items: [ "Look for “Brava Recorder ON” in your system tray",
+                 "It runs quietly and records only when the control room starts",
+                 "Your webcam light stays on while the app is running",
+                 "Keep using your dialer and Zoom like normal" ]
+    }
+    Item { Layout.fillHeight: true }
+    Primary { text: "Done"; onClicked: wizard.finish() }
+}
