@@ -171,5 +171,6 @@ private:
     std::shared_ptr<Take> m_take; // the running take; none when stopped
     mutable std::mutex m_faultMutex; // guards m_writeFaults (set on the writers' queues)
     std::map<QString, QString> m_writeFaults; // track → why it cannot be written
+    qint64 m_faultTake = 0; // the take m_writeFaults belong to
     qint64 m_lastTake = 0;
 };
