@@ -88,9 +88,12 @@ void Recorder::start(const std::optional<QString> &session, std::function<void()
     {
         std::lock_guard lock(m_faultMutex);
         m_writeFaults.clear();
+        m_faultTake = m_lastTake;
     }
-    m_take->onFault = [this](const QString &track, const std::optional<QString> &fault) {
+    m_take->onFault = [this, number = m_lastTake](const QString &track, const std::optional<QString> &fault) {
         std::lock_guard lock(m_faultMutex);
+        if (number != m_faultTake)
+            return; // a track of an earlier take, still closing
         if (fault)
             m_writeFaults[track] = *fault;
         else

@@ -40,7 +40,10 @@ class Take;
 //     delivered, or 2 s have passed, then fixes the common start T0 and gives it to every writer
 //     of the take, also to those made later.
 //  7. The track's SegmentWriter appends the sample; its format encodes it (AAC in M4A, H.264 in
-//     MP4) into a fragmented file in writing/<session>/.
+//     MP4) into a fragmented file in writing/<session>/ (a shortened folder with the full text
+//     in its ".session" file when the session is too long for a name); the header and a first
+//     fragment reach the disk at once, then one fragment at most every 2 s. A failed write (a
+//     full disk) hands over what reached the disk and becomes lastError until writing works again.
 //  8. A segment rolls over after 30 min; Recorder::stop ends the take: the held audio is written,
 //     every track is closed once with "_final" (posted; the main thread never waits).
 //  9. Each finished file goes out through onSegmentDone (on the writer's queue) to the upload
@@ -168,5 +171,6 @@ private:
     std::shared_ptr<Take> m_take; // the running take; none when stopped
     mutable std::mutex m_faultMutex; // guards m_writeFaults (set on the writers' queues)
     std::map<QString, QString> m_writeFaults; // track → why it cannot be written
+    qint64 m_faultTake = 0; // the take m_writeFaults belong to
     qint64 m_lastTake = 0;
 };

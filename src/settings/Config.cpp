@@ -9,6 +9,7 @@
 #include <QUrl>
 #include <QCryptographicHash>
 #include <QFile>
+#include <QSaveFile>
 #include <QFileInfo>
 #include <QHash>
 #include <QMutex>
@@ -353,19 +354,20 @@ QString makeSessionFolder(const QString &parent, const QString &session, QString
     if (!dir.exists() && !QDir().mkpath(path)) {
         // mkpath gives no reason; mkdir(2) does.
         const int rc = ::mkdir(QFile::encodeName(path).constData(), 0755);
-        if (rc != 0 && errno != EEXIST) {
+        const int err = errno;
+        if (rc != 0 && !(err == EEXIST && QFileInfo(path).isDir())) {
             if (error)
-                *error = QString::fromLocal8Bit(std::strerror(errno));
+                *error = QString::fromLocal8Bit(std::strerror(err == EEXIST ? ENOTDIR : err));
             return QString();
         }
     }
     if (isShortened(name)) {
-        QFile note(path + QLatin1Char('/') + QLatin1String(kSessionNote));
-        if (!note.exists()
-            && (!note.open(QIODevice::WriteOnly | QIODevice::Truncate) || note.write(session.toUtf8()) < 0 || !note.flush())) {
+        // Written whole or not at all (a crash never leaves half a session behind).
+        QSaveFile note(path + QLatin1Char('/') + QLatin1String(kSessionNote));
+        if (!QFileInfo::exists(note.fileName())
+            && (!note.open(QIODevice::WriteOnly) || note.write(session.toUtf8()) < 0 || !note.commit())) {
             if (error)
                 *error = note.errorString();
-            note.remove();
             return QString();
         }
     }
