@@ -99,8 +99,6 @@ private Q_SLOTS:
         QTest::newRow("path") << "h:1/x" << "";
         QTest::newRow("query") << "h:1?y=" << "";
         QTest::newRow("user") << "u@h:1" << "";
-        QTest::newRow("fragment") << "h#x" << "";
-        QTest::newRow("space") << "a b:1" << "";
         QTest::newRow("empty") << "" << "";
     }
     void serverAddressesMakeUrlsOnlyAsHostAndPort()

@@ -92,23 +92,6 @@ private Q_SLOTS:
         QVERIFY(server->requests.size() == 1 && server->requests.first().body == bytes);
     }
 
-    void answerStatusLines_data()
-    {
-        QTest::addColumn<QByteArray>("head");
-        QTest::addColumn<int>("status");
-        QTest::newRow("ok") << QByteArray("HTTP/1.1 200 OK\r\n") << 200;
-        QTest::newRow("no reason") << QByteArray("HTTP/1.0 404\r\n") << 404;
-        QTest::newRow("other protocol") << QByteArray("HTTP/2 200\r\n") << 0;
-        QTest::newRow("two digits") << QByteArray("HTTP/1.1 20 OK\r\n") << 0;
-        QTest::newRow("four digits") << QByteArray("HTTP/1.1 2000\r\n") << 0;
-    }
-    void answerStatusLines()
-    {
-        QFETCH(QByteArray, head);
-        QFETCH(int, status);
-        QCOMPARE(SegmentPost::statusOf(head), status);
-    }
-
     void oddNamesAreSetAsideAndOddSessionsStayInside()
     {
         // The odd name sorts first, twice; the good file behind them follows.
