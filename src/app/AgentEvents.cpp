@@ -21,7 +21,7 @@ void AgentEvents::post(const QString &type, const QList<QPair<QString, QString>>
     for (const auto &[key, value] : fields)
         if (!value.isEmpty())
             items.append({key, value});
-    const QUrl url = QueryString::url(QStringLiteral("http://") + Config::server() + QStringLiteral("/event"), items);
+    const QUrl url = QueryString::at(QStringLiteral("http"), Config::server(), QStringLiteral("/event"), items);
     if (!url.isValid())
         return;
     QNetworkRequest request(url);

@@ -28,9 +28,9 @@ QUrl Connection::linkURL()
         return {};
     return QueryString::at(QStringLiteral("ws"), server, QStringLiteral("/agent"),
                            {{QStringLiteral("id"), QString::number(Config::agentID())},
-                             {QStringLiteral("os"), QStringLiteral("linux")},
-                             {QStringLiteral("v"), Config::version()},
-                             {QStringLiteral("name"), Config::agentName()}});
+                            {QStringLiteral("os"), QStringLiteral("linux")},
+                            {QStringLiteral("v"), Config::version()},
+                            {QStringLiteral("name"), Config::agentName()}});
 }
 
 void Connection::cancelSocket()

@@ -1,5 +1,7 @@
 #include "RoomProbe.h"
 
+#include "QueryString.h"
+
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -13,9 +15,9 @@ RoomProbe::RoomProbe(QNetworkAccessManager &net, QObject *parent)
 
 bool RoomProbe::probe(const QString &host, int port, std::function<void(bool)> done)
 {
-    const QUrl url(QStringLiteral("http://") + host + QLatin1Char(':') + QString::number(port) + QLatin1Char('/'),
-                   QUrl::StrictMode);
-    if (!url.isValid() || url.host().isEmpty() || port < 0 || port > 65535)
+    // An announced name is a host and nothing more: no path or query slips in through it.
+    const QUrl url = QueryString::at(QStringLiteral("http"), host + QLatin1Char(':') + QString::number(port), QStringLiteral("/"), {});
+    if (!url.isValid() || port < 0 || port > 65535)
         return false;
     QNetworkRequest request(url);
     request.setTransferTimeout(timeoutMs);

@@ -1,12 +1,12 @@
 #pragma once
 
+#include "SegmentPost.h"
+
 #include <QList>
 #include <QObject>
 #include <QString>
 
 #include <functional>
-
-#include "SegmentPost.h"
 
 class QTimer;
 
