@@ -243,6 +243,7 @@ void AppDelegate::showWizard()
     m_wizardModel.reset(new WizardModel({m_recorder, m_permissions, m_conn, m_discovery, m_net}));
     m_wizardModel->onFinish = [this] { finishWizard(); };
     m_wizardModel->onRelaunch = [this] { m_upkeep.relaunchSelf(); };
+    m_wizardModel->refreshPermissions(); // the screens show the answers from the start, not one tick later
     m_wizardWindow.reset(new WizardWindow(*m_wizardModel));
     m_wizardWindow->onClosed = [this] { wizardClosed(); };
     m_wizardWindow->bringToFront();

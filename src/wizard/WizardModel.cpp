@@ -63,8 +63,10 @@ WizardModel::~WizardModel()
 {
     m_discovery.onChange = nullptr;
     m_discovery.stop();
-    if (m_reply)
+    if (m_reply) {
+        m_reply->disconnect(this); // no answer reaches a model that is going
         m_reply->abort();
+    }
 }
 
 QStringList WizardModel::stepNames()

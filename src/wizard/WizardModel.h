@@ -94,6 +94,7 @@ public:
     /// The typed agent number when valid.
     std::optional<int> agentID() const { return parseAgentID(m_agentText); }
 
+    // Readers of the published fields (see the property list above).
     int step() const { return m_step; }
     /// Moves to a step (runs the step-change rules).
     void setStep(int step);

@@ -18,14 +18,17 @@ ColumnLayout {
                  "Your dialer, Zoom, and other apps keep working normally" ]
     }
     CheckBox {
+        id: consent
         objectName: "agree"
         Layout.fillWidth: true
         checked: wizard.agree
         onToggled: wizard.agree = checked
+        text: "I agree to have my call audio and webcam recorded and monitored live during the event, and I'll give the required recording notice on my calls."
         contentItem: Text {
-            leftPadding: 32
-            text: "I agree to have my call audio and webcam recorded and monitored live during the event, and I'll give the required recording notice on my calls."
+            leftPadding: consent.indicator.width + consent.spacing
+            text: consent.text
             wrapMode: Text.WordWrap
+            verticalAlignment: Text.AlignVCenter
             font.pixelSize: 14
         }
     }
