@@ -1,6 +1,7 @@
 #include "AppDelegate.h"
 
 #include "BravaLog.h"
+#include "CameraBackend.h"
 #include "Clock.h"
 #include "Config.h"
 #include "Heartbeat.h"
@@ -13,7 +14,7 @@
 
 AppDelegate::AppDelegate(AudioBackend &audio, CameraBackend &cameras, Clock &clock, QObject *parent)
     : QObject(parent)
-    , m_permissions(audio)
+    , m_permissions(audio, [&cameras] { return cameras.access(); })
     , m_checkIn(m_net, [this] { return permissionFlags(); }, [&clock] { return clock.nowNs() / 1000000; })
     , m_roster(m_net)
     , m_discovery(m_net)
@@ -188,6 +189,19 @@ void AppDelegate::tick()
 
     m_status.refresh();
     m_status.showCallTime(m_actions.callSeconds());
+    cameraRefusalToSetup();
+}
+
+void AppDelegate::cameraRefusalToSetup()
+{
+    // A camera this user may not open sends the agent to the camera step, once each time it happens.
+    const bool refused = m_recorder.cameraRefused();
+    if (refused && !m_cameraRefused && !m_wizardOpen) {
+        m_permissions.recheckCamera();
+        Config::setWizardStep(kCameraStep);
+        showWizard();
+    }
+    m_cameraRefused = refused;
 }
 
 bool AppDelegate::canPerform(StatusMenu::Action action)

@@ -78,6 +78,9 @@ private:
     void wireRecorder();
     void linkChanged();
     void checkPermissionsAtLaunch();
+    void cameraRefusalToSetup();
+    /// The setup wizard's camera step.
+    static constexpr int kCameraStep = 4;
     void showReplacedAlert();
     void perform(StatusMenu::Action action);
     static bool canPerform(StatusMenu::Action action);
@@ -86,6 +89,7 @@ private:
 
     // Read by capture threads before they forward live audio or a preview frame.
     std::atomic<bool> m_wizardOpen{false};
+    bool m_cameraRefused = false; // as seen at the last tick
 
     // Members are destroyed in the reverse order of this list. The network manager, link and
     // upload queue come first so that they outlive the recorder, whose destructor stops capture

@@ -13,13 +13,13 @@ Permissions::Permissions(AudioBackend &audio, std::function<CameraAccess::Status
 {
     // Plugging or unplugging a camera adds or removes a node in /dev.
     m_devWatcher->addPath(QStringLiteral("/dev"));
-    connect(m_devWatcher, &QFileSystemWatcher::directoryChanged, this, &Permissions::readCameraAccess);
-    readCameraAccess();
+    connect(m_devWatcher, &QFileSystemWatcher::directoryChanged, this, &Permissions::recheckCamera);
+    recheckCamera();
 }
 
 Permissions::~Permissions() = default;
 
-void Permissions::readCameraAccess()
+void Permissions::recheckCamera()
 {
     Q_ASSERT(m_cameraAccess);
     switch (m_cameraAccess()) {

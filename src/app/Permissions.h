@@ -33,11 +33,13 @@ public:
     /// Camera access: whether this user may open the video devices (cached).
     Status camera() const { return m_camera; }
 
+    /// Reads camera access again (a camera was just refused, or the user asks again).
+    void recheckCamera();
+
     /// Text for logs: "true" when authorized, else "false".
     static const char *flag(Status status);
 
 private:
-    void readCameraAccess();
 
     AudioBackend &m_audio;
     std::function<CameraAccess::Status()> m_cameraAccess;

@@ -146,6 +146,7 @@ QString Recorder::previewCamUID() const { return m_cameras->previewCamUID(); }
 void Recorder::setPreviewCamUID(const QString &uid) { m_cameras->setPreviewCamUID(uid); }
 std::optional<QString> Recorder::camError() const { return m_cameras->camError(); }
 bool Recorder::camRunning() const { return m_cameras->camRunning(); }
+bool Recorder::cameraRefused() const { return m_cameras->refused(); }
 QList<Device> Recorder::cameras() const { return m_cameraBackend.list(); }
 
 // ---- State for the controller -----------------------------------------------------------------

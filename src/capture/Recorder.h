@@ -126,6 +126,8 @@ public:
     bool hasCamera() const { return !cameras().isEmpty(); }
     /// The main camera is delivering frames.
     bool camRunning() const;
+    /// The cameras refused this user at the last try (not in the video group, say).
+    bool cameraRefused() const;
 
     struct Levels {
         float mic = 0;

@@ -217,6 +217,7 @@ void WizardModel::askMic()
 
 void WizardModel::askCamera()
 {
+    m_permissions.recheckCamera();
     refreshPermissions();
     if (m_camOK) {
         m_rec.setupCameraAllowed = true;

@@ -358,6 +358,15 @@ private Q_SLOTS:
         QVERIFY(rec().blocked() == Recorder::Blocked::Microphone && Config::wizardStep() == 2);
         QVERIFY(f->app->wizardOpen() && f->app->wizardModel()->step() == 2);
     }
+
+    // A camera this user may not open brings the wizard up at the camera step, with its repair.
+    void refusedCameraReopensSetupAtTheCameraStep()
+    {
+        f->cameras.setRefused(true);
+        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
+        QTRY_VERIFY(f->app->wizardOpen() && f->app->wizardModel()->step() == 4);
+        QVERIFY(f->app->wizardModel()->camDenied() && Config::wizardStep() == 4);
+    }
 };
 
 QTEST_MAIN(AgentTest)

@@ -38,6 +38,7 @@ struct RecorderFixture {
         explicit Cameras(int count) : synthetic({count, {320, 180}, 30}) {}
         bool isUnplugged(const QString &uid) const { return uid == QStringLiteral("synthetic-%1").arg(unplugged.load()); }
         QList<Device> list() override { return synthetic.list(); }
+        CameraAccess::Status access() const override { return synthetic.access(); }
         CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override
         {
             if (isUnplugged(uid))

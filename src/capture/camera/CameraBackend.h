@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CameraAccess.h"
 #include "Device.h"
 #include "TimedSample.h"
 
@@ -44,6 +45,8 @@ public:
     virtual QList<Device> list() = 0;
     /// Opens the camera with this uid, asking for `wanted` when the device offers it.
     virtual CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) = 0;
+    /// Whether this user may open the cameras (read from the devices, never opening one).
+    virtual CameraAccess::Status access() const = 0;
 
     /// The computer's cameras: synthetic ones when BRAVA_FAKE_CAMERAS is set, else V4L2.
     static std::unique_ptr<CameraBackend> fromEnvironment();

@@ -5,14 +5,11 @@
 #include "Config.h"
 #include "Take.h"
 
-CameraManager::CameraManager(SerialQueue &videoQ, CameraBackend &backend, const Clock &clock, int retryMs,
-                             std::function<CameraAccess::Status()> access)
+CameraManager::CameraManager(SerialQueue &videoQ, CameraBackend &backend, const Clock &clock, int retryMs)
     : m_videoQ(videoQ)
     , m_backend(backend)
-    , m_access(std::move(access))
     , m_throttle(clock)
 {
-    Q_ASSERT(m_access);
     m_retry = std::make_unique<RetryTicker>(retryMs, [this] {
         m_videoQ.async([this] {
             if (allowed() && !mainRunning())
@@ -201,8 +198,8 @@ void CameraManager::build()
 
 void CameraManager::buildMain()
 {
-    const CameraAccess::Status access = m_access();
-    if (access == CameraAccess::Status::Denied) {
+    m_refused = m_backend.access() == CameraAccess::Status::Denied;
+    if (m_refused) {
         fail(CameraTexts::notAllowed(), QStringLiteral("camera: no video device may be opened by this user (not in the video group?)"));
         return;
     }

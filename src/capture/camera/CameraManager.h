@@ -43,8 +43,7 @@ public:
     static constexpr int kRetryMs = 2000;
 
     /// Cameras of `backend` run on `videoQ`; preview spacing reads `clock`.
-    CameraManager(SerialQueue &videoQ, CameraBackend &backend, const Clock &clock, int retryMs = kRetryMs,
-                  std::function<CameraAccess::Status()> access = &CameraAccess::status);
+    CameraManager(SerialQueue &videoQ, CameraBackend &backend, const Clock &clock, int retryMs = kRetryMs);
     /// Stops every camera (waits for the video queue).
     ~CameraManager();
     CameraManager(const CameraManager &) = delete;
@@ -90,6 +89,8 @@ public:
     bool camRunning() const;
     /// Last camera problem, none when fine.
     std::optional<QString> camError() const;
+    /// The last try found that this user may not open the cameras.
+    bool refused() const { return m_refused; }
     /// Unique ID of the main camera ("" when none).
     QString primaryUID() const;
     /// Tracks of the running extra cameras, in order ("cam2", …).
@@ -121,7 +122,7 @@ private:
 
     SerialQueue &m_videoQ;
     CameraBackend &m_backend;
-    const std::function<CameraAccess::Status()> m_access;
+    std::atomic<bool> m_refused{false};
     std::atomic<bool> m_enabled{false};
     PreviewThrottle m_throttle;
     PreviewEncoder m_preview;

@@ -56,3 +56,8 @@ CameraOpen SyntheticCameraBackend::open(const QString &uid, QSize wanted, FrameS
     }
     return {nullptr, CameraTexts::busy()};
 }
+
+CameraAccess::Status SyntheticCameraBackend::access() const
+{
+    return m_refused ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized;
+}

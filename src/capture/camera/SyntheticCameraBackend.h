@@ -2,6 +2,7 @@
 
 #include "CameraBackend.h"
 
+#include <atomic>
 #include <optional>
 
 // Synthetic cameras for tests and demos, chosen with BRAVA_FAKE_CAMERAS=<count>[:<W>x<H>@<fps>]
@@ -26,7 +27,11 @@ public:
 
     QList<Device> list() override;
     CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override;
+    CameraAccess::Status access() const override;
+    /// Makes the cameras refuse this user, as video devices without the user's group would.
+    void setRefused(bool refused) { m_refused = refused; }
 
 private:
     const Setup m_setup;
+    std::atomic<bool> m_refused{false};
 };

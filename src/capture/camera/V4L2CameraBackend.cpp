@@ -3,8 +3,11 @@
 #include "CameraTexts.h"
 #include "V4L2Camera.h"
 
+#include <QFile>
+
 V4L2CameraBackend::V4L2CameraBackend(V4L2Discovery discovery, const QString &devFolder)
     : m_discovery(std::move(discovery))
+    , m_devFolder(QFile::encodeName(devFolder))
 {
     m_watcher.addPath(devFolder);
     QObject::connect(&m_watcher, &QFileSystemWatcher::directoryChanged, &m_watcher, [this] { refresh(); });
@@ -43,4 +46,9 @@ CameraOpen V4L2CameraBackend::open(const QString &uid, QSize wanted, FrameSink s
             return V4L2Camera::open(f.device, f.path, wanted, std::move(sink));
     }
     return {nullptr, CameraTexts::noneFound()};
+}
+
+CameraAccess::Status V4L2CameraBackend::access() const
+{
+    return CameraAccess::statusOf(m_devFolder.constData());
 }

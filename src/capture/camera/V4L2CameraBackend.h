@@ -21,11 +21,13 @@ public:
 
     QList<Device> list() override;
     CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override;
+    CameraAccess::Status access() const override;
 
 private:
     void refresh();
 
     const V4L2Discovery m_discovery;
+    const QByteArray m_devFolder;
     QFileSystemWatcher m_watcher;
     std::mutex m_mutex;
     QList<V4L2Discovery::Found> m_found;
