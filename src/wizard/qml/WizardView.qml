@@ -28,7 +28,6 @@ Rectangle {
                     Text { text: "THE VANTORRA "; color: "white"; font.pixelSize: 18; font.letterSpacing: 2 }
                     Text { text: "RECORDER"; color: "#fca311"; font.pixelSize: 18; font.bold: true; font.letterSpacing: 2 }
                     Item { Layout.fillWidth: true }
-                    Text { text: "March 12–14 · Austin, TX"; color: "#c9d1e0"; font.pixelSize: 13 }
                 }
                 RowLayout {
                     spacing: 4
