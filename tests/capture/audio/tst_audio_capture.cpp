@@ -114,6 +114,8 @@ private Q_SLOTS:
         for (int take = 0; take < takes; ++take) {
             done.clear();
             const qsizetype logFrom = home.log().size();
+            if (const QString burst = qEnvironmentVariable("BRAVA_TEST_CLICK_BEFORE_TAKE"); !burst.isEmpty())
+                QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"), burst}); // load of the soak
             QVERIFY(startTake());
             // Other clients come and go meanwhile (a server may lose a quantum of a stream then).
             QTRY_VERIFY_WITH_TIMEOUT(playClick("brava_feed"), 5000);
