@@ -110,14 +110,15 @@ private Q_SLOTS:
         QVERIFY(!log.contains("sys: in this take") && !log.contains("room: in this take"));
     }
 
-    // Stamps of every track go 6 ms late together for half a second (timing answers delayed on a
-    // loaded machine), in one take with and in one without the other tracks: no track fills
+    // Stamps of microphone and computer audio go 6 ms late together for half a second (timing
+    // answers delayed on a loaded machine; the room microphone's stay), in one take with and in
+    // one without the other tracks: no track fills
     // silence or drops audio for it, the log calls the step doubtful with its reason, and clicks
     // before, during and after it stay within 1 ms of each other and of where they were played.
     void lateStampsFillNothing_data()
     {
         QTest::addColumn<bool>("witnesses");
-        QTest::newRow("all tracks late") << true;
+        QTest::newRow("microphone and computer audio late") << true;
         QTest::newRow("microphone alone") << false;
     }
     void lateStampsFillNothing()
@@ -136,8 +137,9 @@ private Q_SLOTS:
             sources << QStringLiteral("laptop") << RecorderFixture::kMonitor;
         for (int b = 0; b < 500; ++b) {
             f.manual->set(startNs + (b + 1) * 10000000LL);
-            const int64_t late = b >= 360 && b < 410 ? 6000000 : 0; // after the start sync's 2 s without sys
             for (const QString &source : sources) {
+                const bool lateHere = b >= 360 && b < 410 && source != QLatin1String("laptop"); // after the start sync's 2 s
+                const int64_t late = lateHere ? 6000000 : 0;
                 const int channels = f.audio->openChannels(source);
                 QByteArray pcm(kBlock * channels * int(sizeof(float)), 0);
                 auto *p = reinterpret_cast<float *>(pcm.data());
