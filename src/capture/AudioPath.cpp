@@ -6,6 +6,7 @@
 #include "SerialQueue.h"
 #include "Take.h"
 
+#include <algorithm>
 #include <array>
 
 namespace {
@@ -112,16 +113,20 @@ QString AudioPath::stepText(int64_t frames)
 
 void AudioPath::judgeSteps(bool final)
 {
-    // The tracks share the clock their stamps are on: audio lost on one track moves its stamps
-    // alone, stamps gone late (timing answers delayed on a loaded machine, or all late after a
-    // stall) move them together. A track that has not delivered since a second before the step
-    // is not running and is no witness.
+    // The tracks share the clock their stamps are on. Late timing answers (a loaded machine, all
+    // answers late after a stall) move every track's stamps later by about as much; audio the
+    // server lost moves only the track that lost it, and only later (a server never hands audio
+    // out twice). So the part of a step every other track shares, at most the smallest of their
+    // moves, is lateness and stays set aside; the part beyond it is this track's own loss and is
+    // mended, when it is clearly more than the stamps' jitter. A track that has not delivered
+    // since a second before the step is not running and is no witness; without one nothing is
+    // mended.
     for (int k = 0; k < kSources; ++k) {
         DriftCorrector &track = *m_drift[k];
         const std::optional<DriftCorrector::Candidate> step = track.pendingStep();
         if (!step)
             continue;
-        int still = 0, moved = 0;
+        std::optional<double> shared; // the witnesses' move closest to none
         bool waiting = false;
         QStringList movedWith;
         for (int o = 0; o < kSources; ++o) {
@@ -135,21 +140,22 @@ void AudioPath::judgeSteps(bool final)
             const std::optional<double> move = other.stampMove(std::min(step->atNs, step->seenNs) - 20000000, step->seenNs);
             if (!move)
                 continue;
-            const double size = std::fabs(step->seconds);
-            if (std::fabs(*move) <= std::max(0.001, 0.25 * size)) {
-                ++still;
-            } else {
-                ++moved;
+            const double along = step->seconds > 0 ? std::clamp(*move, 0.0, step->seconds) : std::clamp(*move, step->seconds, 0.0);
+            if (!shared || std::fabs(along) < std::fabs(*shared))
+                shared = along;
+            if (std::fabs(*move) > kWitnessStillSeconds)
                 movedWith.append(QString::fromLatin1(trackName(o)));
-            }
         }
         if (waiting)
             continue;
-        const bool fill = still > 0 && moved == 0;
-        track.settleStep(fill);
-        noteSteps(Source(k), fill ? QStringLiteral("the other tracks' stamps held still")
-                          : moved > 0 ? QStringLiteral("stamps of ") + movedWith.join(QStringLiteral(", ")) + QStringLiteral(" moved too")
-                                      : QStringLiteral("no other track to compare with"));
+        const double own = shared ? step->seconds - *shared : 0.0;
+        const bool mend = std::fabs(own) >= std::max(DriftCorrector::kMinStepSeconds, kOwnShare * std::fabs(step->seconds));
+        const int frames = mend ? int(std::lround(double(step->frames) * own / step->seconds)) : 0;
+        track.settleStep(frames);
+        noteSteps(Source(k), !shared ? QStringLiteral("no other track to compare with")
+                          : !mend ? QStringLiteral("stamps of ") + movedWith.join(QStringLiteral(", ")) + QStringLiteral(" moved too")
+                          : movedWith.isEmpty() ? QStringLiteral("the other tracks' stamps held still")
+                                                : QStringLiteral("beyond the move of ") + movedWith.join(QStringLiteral(", ")));
     }
 }
 

@@ -22,10 +22,10 @@ class Take;
 // and the level. At most ~2 s of blocks wait on q per source; blocks beyond are dropped, counted
 // and logged once per take (the drift corrector bridges the hole with silence, so the track keeps
 // its time line). A step in one track's stamps is filled with silence (or an overlap dropped)
-// only when the other tracks' stamps, on the same clock, held still meanwhile: then that track's
-// own positions fell behind, which is audio the sound server lost on it. A step the other tracks
-// share (their timing answers came late: a loaded machine, a stalled server) or that nothing can
-// be compared with is doubtful, logged and not filled. The first settled step of a take is
+// only as far as the other tracks' stamps, on the same clock, did not move with it: that part is
+// the track's own positions falling behind, which is audio the sound server lost on it. A step
+// the other tracks share (their timing answers came late: a loaded machine, a stalled server) or
+// that nothing can be compared with is doubtful, logged and not filled. The first settled step of a take is
 // logged with its size at once, all of them together when the take ends.
 class AudioPath
 {
@@ -37,6 +37,11 @@ public:
     /// Audio of the other tracks after a step that its verdict waits for, at least and at most.
     static constexpr int64_t kJudgeNs = 100000000;
     static constexpr int64_t kMaxJudgeNs = 300000000;
+    /// A witness whose stamps moved less than this held still (seconds).
+    static constexpr double kWitnessStillSeconds = 0.001;
+    /// Smallest share of a step that is mended as the track's own loss (less is the jitter of
+    /// stamps that went late together).
+    static constexpr double kOwnShare = 0.4;
 
     /// A path on queue `q`; `listening` says whether live audio is wanted.
     AudioPath(SerialQueue &q, const std::atomic<bool> &listening);

@@ -27,7 +27,7 @@ DriftCorrector::~DriftCorrector()
 std::vector<TimedSample> DriftCorrector::flush()
 {
     std::vector<TimedSample> out;
-    settleStep(false); // no verdict came: nothing is filled on one track's stamps alone
+    settleStep(0); // no verdict came: nothing is filled on one track's stamps alone
     if (m_swr) {
         settle(out);
         flushTail(newestNs());
@@ -97,7 +97,7 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
 
     if (!m_swr || buffer.rate != m_rate || buffer.channels != m_channels) {
         if (m_swr) { // what an older format still holds
-            settleStep(false);
+            settleStep(0);
             settle(out);
             flushTail(newestNs());
             release(out, true);
@@ -123,9 +123,9 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
 
     Q_ASSERT(m_swr && buffer.rate == m_rate && buffer.channels == m_channels);
     if (m_pending && buffer.captureNs - m_pending->seenNs > int64_t(kVerdictSeconds * 1e9))
-        settleStep(false); // nobody compared it with another track
+        settleStep(0); // nobody compared it with another track
     if (buffer.lostFrames != 0 && !buffer.discontinuity) {
-        settleStep(false); // an older candidate had no verdict yet
+        settleStep(0); // an older candidate had no verdict yet
         propose(buffer.lostFrames, buffer.lostAtNs, buffer.captureNs, true);
     }
     // Where this block's first frame lands on the time line, against when it was captured (the
@@ -135,7 +135,7 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
     const double e = landing - (double(buffer.captureNs) * 1e-9 - m_setAside);
     if (buffer.discontinuity || std::fabs(e) > kJumpSeconds || std::fabs(m_error) > kDriftSeconds) {
         // Finish the old time line with what the resampler holds, then place a new one.
-        settleStep(false);
+        settleStep(0);
         flushTail(buffer.captureNs);
         const double integral = m_integral;
         setUp(m_rate, m_channels);
@@ -152,7 +152,7 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
     int64_t stepAt = 0;
     const int step = stepFrames(e - m_error, buffer.captureNs, &stepAt);
     if (step != 0) {
-        settleStep(false);
+        settleStep(0);
         propose(step, stepAt, buffer.captureNs, false);
     }
     if (step == 0 && std::fabs(e - m_error) < stepThreshold()) { // a block after a step does not steer
@@ -177,16 +177,17 @@ void DriftCorrector::propose(int frames, int64_t atNs, int64_t seenNs, bool loca
     m_recentAt.clear();
 }
 
-void DriftCorrector::settleStep(bool fill)
+void DriftCorrector::settleStep(int mend)
 {
     if (!m_pending)
         return;
-    const Candidate c = *std::exchange(m_pending, std::nullopt);
-    if (!fill) {
+    Candidate c = *std::exchange(m_pending, std::nullopt);
+    if (mend == 0 || (mend > 0) != (c.frames > 0)) {
         ++m_steps.doubtful;
         m_steps.doubtfulFrames += std::abs(c.frames);
         return;
     }
+    c.frames = mend > 0 ? std::min(mend, c.frames) : std::max(mend, c.frames); // the rest stays set aside
     m_setAside -= double(c.frames) / m_rate;
     if (c.frames < 0) {
         ++m_steps.overlaps;

@@ -25,9 +25,9 @@ struct SwrContext;
 // median of the newest kStepBlocks deviations lies beyond kStepScatters times the scatter (and
 // kMinStepSeconds), or a block says the server's positions show audio lost (AudioBuffer::
 // lostFrames), the stamps' move is set aside until the owner, who sees the other tracks, settles
-// it (settleStep): a loss the other tracks' stamps do not show (they held still on the same
-// clock) is filled with silence (an overlap is dropped); a move they share, or one with nothing
-// to compare with, is doubtful and stays set aside (counted, not filled). Output is held back
+// it (settleStep): the part of the move the other tracks' stamps do not share (on the same clock)
+// is this track's own loss and is filled with silence (an overlap is dropped); a move they share,
+// or one with nothing to compare with, is doubtful and stays set aside (counted, not filled). Output is held back
 // kHoldSeconds so that silence goes where the audio was lost, also when the server's positions
 // show the loss only a window of snapshots later; the slow loop is left to real clock drift.
 // A new time line is placed only once the stamps have settled: blocks are held back (at least
@@ -103,9 +103,10 @@ public:
     };
     /// The step awaiting a verdict, if any.
     const std::optional<Candidate> &pendingStep() const { return m_pending; }
-    /// Settles the pending step: `fill` mends it (silence where the audio was lost, or frames
-    /// dropped), otherwise it is counted as doubtful and the stamps' move stays set aside.
-    void settleStep(bool fill);
+    /// Settles the pending step: `mend` frames of it (same sign, at most all) are mended (silence
+    /// where the audio was lost, or frames dropped) and the rest of the stamps' move stays set
+    /// aside; 0 counts it as doubtful and sets all of it aside.
+    void settleStep(int mend);
     /// How far this track's stamps moved later (seconds) from the blocks stamped just before
     /// `beforeNs` to its newest blocks, stamped from `afterNs` on; none without blocks on both sides.
     std::optional<double> stampMove(int64_t beforeNs, int64_t afterNs) const;

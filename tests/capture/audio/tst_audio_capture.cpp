@@ -139,7 +139,7 @@ private Q_SLOTS:
             qInfo("%s, levels mic %.3f sys %.3f", qPrintable(line), levels.mic, levels.sys);
             // The microphone here is the output's monitor remapped: it hears each chunk the output
             // renders when it is rendered, the monitor stamps it when it is heard.
-            const QStringList steps = home.log().mid(logFrom).split('\n').filter(QRegularExpression("^\\S+ (mic|sys): "));
+            const QStringList steps = home.log().mid(logFrom).split('\n').filter(QRegularExpression("^\\S+ (mic|sys): .*(filled|dropped)"));
             for (const QString &step : steps)
                 qInfo("take %d: %s", take, qPrintable(step.section(' ', 1)));
             if (ca > 0 && cb > 0)

@@ -50,9 +50,11 @@ class AudioProcessingTest : public QObject
 
 private Q_SLOTS:
     // A server that now and then loses a whole quantum (256 frames) of the microphone, with no
-    // sign but the stamps (which follow the loss, ±1 ms): each loss is filled with silence at
-    // once, so a click 60 ms after it lies in the microphone and computer-audio files at the same
-    // time within 1 ms; the log tells the first loss with its size and the take's total.
+    // sign but the stamps (which follow the loss, ±1 ms; the other tracks' hold still, but for
+    // one loss that comes as every track's stamps go 5 ms late for 0.2 s): each loss is filled
+    // with silence where it happened, so a click 60 ms after it lies in the microphone and
+    // computer-audio files at the same time within 1 ms; the log tells the first loss with its
+    // size and the take's total, and the shared lateness is filled on no track.
     void lostQuantaAreFilledAtOnce()
     {
         if (!MediaProbe::available())
@@ -77,6 +79,7 @@ private Q_SLOTS:
         int64_t lost = 0;
         for (int b = 0; b < 620; ++b) {
             lost += lossBlocks.contains(b) ? 256 : 0;
+            const int64_t late = b >= lossBlocks[2] && b < lossBlocks[2] + 20 ? 5000000 : 0;
             f.manual->set(startNs + (b + 1) * 10000000LL);
             for (const QString &source : {QStringLiteral("usbmic"), QStringLiteral("laptop"), RecorderFixture::kMonitor}) {
                 const int channels = f.audio->openChannels(source);
@@ -86,7 +89,7 @@ private Q_SLOTS:
                 for (int i = 0; i < kBlock * channels; ++i)
                     p[i] = clickAt(first + i / channels);
                 const int64_t jitter = std::uniform_int_distribution<int64_t>(-1000000, 1000000)(random);
-                f.audio->deliver(source, pcm, startNs + first * 1000000000 / kRate + jitter);
+                f.audio->deliver(source, pcm, startNs + first * 1000000000 / kRate + jitter + late);
             }
             f.rec->audioQueue().sync([] {});
         }
@@ -106,19 +109,19 @@ private Q_SLOTS:
         const QRegularExpression total(QStringLiteral("mic: in this take %1 gaps filled with silence, (\\d+) frames").arg(lossBlocks.size()));
         const QRegularExpressionMatch one = first.match(log), all = total.match(log);
         QVERIFY2(log.count("the sound server lost") == 1 && one.hasMatch() && all.hasMatch(), qPrintable(log));
-        QVERIFY(std::abs(one.captured(1).toInt() - 256) <= 24 && std::abs(all.captured(1).toInt() - lost) <= 24);
-        QVERIFY(!log.contains("sys: in this take") && !log.contains("room: in this take"));
+        QVERIFY2(std::abs(one.captured(1).toInt() - 256) <= 24 && std::abs(all.captured(1).toInt() - lost) <= 48, qPrintable(log));
+        QVERIFY2(!log.contains(QRegularExpression("(sys|room): in this take [1-9]")) && !log.contains(QRegularExpression("(sys|room): the sound server")), qPrintable(log));
     }
 
-    // Stamps of microphone and computer audio go 6 ms late together for half a second (timing
-    // answers delayed on a loaded machine; the room microphone's stay), in one take with and in
-    // one without the other tracks: no track fills
+    // Stamps of every track go 6 ms late together for half a second (timing answers delayed on a
+    // loaded machine), the microphone's 2 ms more (jitter, no loss), in one take with and in one
+    // without the other tracks: no track fills
     // silence or drops audio for it, the log calls the step doubtful with its reason, and clicks
     // before, during and after it stay within 1 ms of each other and of where they were played.
     void lateStampsFillNothing_data()
     {
         QTest::addColumn<bool>("witnesses");
-        QTest::newRow("microphone and computer audio late") << true;
+        QTest::newRow("all tracks late") << true;
         QTest::newRow("microphone alone") << false;
     }
     void lateStampsFillNothing()
@@ -138,8 +141,8 @@ private Q_SLOTS:
         for (int b = 0; b < 500; ++b) {
             f.manual->set(startNs + (b + 1) * 10000000LL);
             for (const QString &source : sources) {
-                const bool lateHere = b >= 360 && b < 410 && source != QLatin1String("laptop"); // after the start sync's 2 s
-                const int64_t late = lateHere ? 6000000 : 0;
+                const bool lateHere = b >= 360 && b < 410; // after the start sync's 2 s
+                const int64_t late = lateHere ? (source == QLatin1String("usbmic") ? 8000000 : 6000000) : 0;
                 const int channels = f.audio->openChannels(source);
                 QByteArray pcm(kBlock * channels * int(sizeof(float)), 0);
                 auto *p = reinterpret_cast<float *>(pcm.data());
