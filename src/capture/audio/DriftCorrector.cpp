@@ -124,16 +124,17 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
     Q_ASSERT(m_swr && buffer.rate == m_rate && buffer.channels == m_channels);
     if (m_pending && buffer.captureNs - m_pending->seenNs > int64_t(kVerdictSeconds * 1e9))
         settleStep(0); // nobody compared it with another track
-    if (buffer.lostFrames != 0 && !buffer.discontinuity) {
-        settleStep(0); // an older candidate had no verdict yet
+    if (buffer.lostFrames != 0 && !buffer.discontinuity && !m_pending)
         propose(buffer.lostFrames, buffer.lostAtNs, buffer.captureNs, true);
-    }
     // Where this block's first frame lands on the time line, against when it was captured (the
     // stamps' moves set aside taken out).
     const int64_t pending = swr_get_delay(m_swr, m_rate);
     const double landing = double(m_anchorNs) * 1e-9 + double(m_outFrames + pending) / m_rate;
     const double e = landing - (double(buffer.captureNs) * 1e-9 - m_setAside);
-    if (buffer.discontinuity || std::fabs(e) > kJumpSeconds || std::fabs(m_error) > kDriftSeconds) {
+    // Stamps that moved for good by more than kDriftSeconds set aside are followed: the time line
+    // is placed again on them (a stream whose stamps keep moving is not held to an old line).
+    if (buffer.discontinuity || std::fabs(e) > kJumpSeconds || std::fabs(m_error) > kDriftSeconds
+        || (!m_pending && std::fabs(m_setAside) > kDriftSeconds)) {
         // Finish the old time line with what the resampler holds, then place a new one.
         settleStep(0);
         flushTail(buffer.captureNs);
@@ -151,10 +152,8 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
     // until the owner has compared it with the other tracks.
     int64_t stepAt = 0;
     const int step = stepFrames(e - m_error, buffer.captureNs, &stepAt);
-    if (step != 0) {
-        settleStep(0);
+    if (step != 0 && !m_pending) // one verdict at a time; a further move shows again after it
         propose(step, stepAt, buffer.captureNs, false);
-    }
     if (step == 0 && std::fabs(e - m_error) < stepThreshold()) { // a block after a step does not steer
         m_error += a * (e - m_error);
         m_integral += m_error * dt / kIntegralSeconds;

@@ -27,7 +27,8 @@ struct SwrContext;
 // lostFrames), the stamps' move is set aside until the owner, who sees the other tracks, settles
 // it (settleStep): the part of the move the other tracks' stamps do not share (on the same clock)
 // is this track's own loss and is filled with silence (an overlap is dropped); a move they share,
-// or one with nothing to compare with, is doubtful and stays set aside (counted, not filled). Output is held back
+// or one with nothing to compare with, is doubtful and stays set aside (counted, not filled);
+// more than kDriftSeconds set aside places the time line again on the stamps as they are. Output is held back
 // kHoldSeconds so that silence goes where the audio was lost, also when the server's positions
 // show the loss only a window of snapshots later; the slow loop is left to real clock drift.
 // A new time line is placed only once the stamps have settled: blocks are held back (at least
