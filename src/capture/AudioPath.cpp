@@ -153,6 +153,7 @@ void AudioPath::judgeSteps(bool final)
         const int frames = mend ? int(std::lround(double(step->frames) * own / step->seconds)) : 0;
         track.settleStep(frames);
         noteSteps(Source(k), !shared ? QStringLiteral("no other track to compare with")
+                          : !mend && movedWith.isEmpty() ? QStringLiteral("too small to tell from the stamps' jitter")
                           : !mend ? QStringLiteral("stamps of ") + movedWith.join(QStringLiteral(", ")) + QStringLiteral(" moved too")
                           : movedWith.isEmpty() ? QStringLiteral("the other tracks' stamps held still")
                                                 : QStringLiteral("beyond the move of ") + movedWith.join(QStringLiteral(", ")));
