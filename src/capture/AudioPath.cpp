@@ -6,6 +6,7 @@
 #include "SerialQueue.h"
 #include "Take.h"
 
+#include <algorithm>
 #include <array>
 
 namespace {
@@ -69,6 +70,7 @@ void AudioPath::endTake(std::function<void()> done)
         // Audio still held for placing goes to the sync in time order, as it would have come.
         std::vector<TimedSample> held[kSources];
         size_t next[kSources] = {0, 0, 0};
+        judgeSteps(true);
         for (int k = 0; k < kSources; ++k) {
             held[k] = m_drift[k]->flush();
             noteSteps(Source(k));
@@ -109,32 +111,93 @@ QString AudioPath::stepText(int64_t frames)
         + QStringLiteral(" ms)");
 }
 
-void AudioPath::noteSteps(Source source)
+void AudioPath::judgeSteps(bool final)
+{
+    // The tracks share the clock their stamps are on. Late timing answers (a loaded machine, all
+    // answers late after a stall) move every track's stamps later by about as much; audio the
+    // server lost moves only the track that lost it, and only later (a server never hands audio
+    // out twice). So the part of a step every other track shares, at most the smallest of their
+    // moves, is lateness and stays set aside; the part beyond it is this track's own loss and is
+    // mended, when it is clearly more than the stamps' jitter. A track that has not delivered
+    // since a second before the step is not running and is no witness; without one nothing is
+    // mended.
+    for (int k = 0; k < kSources; ++k) {
+        DriftCorrector &track = *m_drift[k];
+        const std::optional<DriftCorrector::Candidate> step = track.pendingStep();
+        if (!step)
+            continue;
+        std::optional<double> shared; // the witnesses' move closest to none
+        bool waiting = false;
+        QStringList movedWith;
+        for (int o = 0; o < kSources; ++o) {
+            const DriftCorrector &other = *m_drift[o];
+            if (o == k || other.newestNs() < step->seenNs - 1000000000)
+                continue;
+            if (!final && other.newestNs() < step->seenNs + kJudgeNs && track.newestNs() < step->seenNs + kMaxJudgeNs) {
+                waiting = true;
+                continue;
+            }
+            const std::optional<double> move = other.stampMove(std::min(step->atNs, step->seenNs) - 20000000, step->seenNs);
+            if (!move)
+                continue;
+            const double along = step->seconds > 0 ? std::clamp(*move, 0.0, step->seconds) : std::clamp(*move, step->seconds, 0.0);
+            if (!shared || std::fabs(along) < std::fabs(*shared))
+                shared = along;
+            if (std::fabs(*move) > kWitnessStillSeconds)
+                movedWith.append(QString::fromLatin1(trackName(o)));
+        }
+        if (waiting)
+            continue;
+        const double own = shared ? step->seconds - *shared : 0.0;
+        const bool mend = std::fabs(own) >= std::max(DriftCorrector::kMinStepSeconds, kOwnShare * std::fabs(step->seconds));
+        const int frames = mend ? int(std::lround(double(step->frames) * own / step->seconds)) : 0;
+        track.settleStep(frames);
+        noteSteps(Source(k), !shared ? QStringLiteral("no other track to compare with")
+                          : !mend && movedWith.isEmpty() ? QStringLiteral("too small to tell from the stamps' jitter")
+                          : !mend ? QStringLiteral("stamps of ") + movedWith.join(QStringLiteral(", ")) + QStringLiteral(" moved too")
+                          : movedWith.isEmpty() ? QStringLiteral("the other tracks' stamps held still")
+                                                : QStringLiteral("beyond the move of ") + movedWith.join(QStringLiteral(", ")));
+    }
+}
+
+void AudioPath::noteSteps(Source source, const QString &why)
 {
     const DriftCorrector::Steps now = m_drift[source]->takeSteps();
-    if (!m_take || (now.gaps == 0 && now.overlaps == 0))
+    if (!m_take || (now.gaps == 0 && now.overlaps == 0 && now.doubtful == 0))
         return;
     DriftCorrector::Steps &take = m_steps[source];
-    const bool first = take.gaps == 0 && take.overlaps == 0;
+    const bool first = take.gaps == 0 && take.overlaps == 0 && take.doubtful == 0;
     take.gaps += now.gaps;
     take.overlaps += now.overlaps;
+    take.doubtful += now.doubtful;
+    take.located += now.located;
     take.gapFrames += now.gapFrames;
     take.overlapFrames += now.overlapFrames;
-    if (first)
-        bravaLog(QString::fromLatin1(trackName(source)) + QStringLiteral(": the sound server ")
-                 + (now.gaps ? QStringLiteral("lost ") + stepText(now.gapFrames) + QStringLiteral(" of audio, filled with silence")
-                             : QStringLiteral("repeated ") + stepText(now.overlapFrames) + QStringLiteral(" of audio, dropped"))
-                 + QStringLiteral("; further ones are counted until the take ends"));
+    take.doubtfulFrames += now.doubtfulFrames;
+    if (!first)
+        return;
+    const QString reason = why.isEmpty() ? QString() : QStringLiteral(" (") + why + QStringLiteral(")");
+    const QString what = now.gaps ? QStringLiteral("the sound server lost ") + stepText(now.gapFrames)
+            + QStringLiteral(" of audio, filled with silence") + reason
+        : now.overlaps ? QStringLiteral("the sound server repeated ") + stepText(now.overlapFrames)
+            + QStringLiteral(" of audio, dropped") + reason
+                       : QStringLiteral("its time stamps moved ") + stepText(now.doubtfulFrames)
+            + QStringLiteral(" with no audio shown lost, not filled") + reason;
+    bravaLog(QString::fromLatin1(trackName(source)) + QStringLiteral(": ") + what
+             + QStringLiteral("; further ones are counted until the take ends"));
 }
 
 void AudioPath::reportSteps()
 {
     for (int k = 0; k < kSources; ++k) {
         const DriftCorrector::Steps &s = m_steps[k];
-        if (s.gaps > 0 || s.overlaps > 0)
+        if (s.gaps > 0 || s.overlaps > 0 || s.doubtful > 0)
             bravaLog(QString::fromLatin1(trackName(k)) + QStringLiteral(": in this take ") + QString::number(s.gaps)
-                     + QStringLiteral(" gaps filled with silence, ") + stepText(s.gapFrames) + QStringLiteral(" in all; ")
-                     + QString::number(s.overlaps) + QStringLiteral(" overlaps dropped, ") + stepText(s.overlapFrames));
+                     + QStringLiteral(" gaps filled with silence, ") + stepText(s.gapFrames) + QStringLiteral(" in all, ")
+                     + QString::number(s.located) + QStringLiteral(" confirmed by the server's positions; ")
+                     + QString::number(s.overlaps) + QStringLiteral(" overlaps dropped, ") + stepText(s.overlapFrames)
+                     + QStringLiteral("; ") + QString::number(s.doubtful) + QStringLiteral(" doubtful steps not filled, ")
+                     + stepText(s.doubtfulFrames));
         m_steps[k] = {};
     }
 }
@@ -159,7 +222,8 @@ void AudioPath::onAudio(Source source, int generation, const AudioBuffer &buffer
         m_driftGeneration[source] = generation;
     }
     write(source, m_drift[source]->process(buffer));
-    noteSteps(source);
+    noteSteps(source, QStringLiteral("no other track compared it in time"));
+    judgeSteps(false);
     if (source == Room)
         return; // the room microphone has no live audio and no level
     LiveConverter &live = *m_live[source];

@@ -21,9 +21,12 @@ class Take;
 // clock, then the take's start sync and writer get it, and the live converter makes live audio
 // and the level. At most ~2 s of blocks wait on q per source; blocks beyond are dropped, counted
 // and logged once per take (the drift corrector bridges the hole with silence, so the track keeps
-// its time line). Audio the sound server itself lost (a step in the stamps) is filled with
-// silence by drift correction; the first such gap of a take is logged with its size at once, all
-// of them together when the take ends.
+// its time line). A step in one track's stamps is filled with silence (or an overlap dropped)
+// only as far as the other tracks' stamps, on the same clock, did not move with it: that part is
+// the track's own positions falling behind, which is audio the sound server lost on it. A step
+// the other tracks share (their timing answers came late: a loaded machine, a stalled server) or
+// that nothing can be compared with is doubtful, logged and not filled. The first settled step of a take is
+// logged with its size at once, all of them together when the take ends.
 class AudioPath
 {
 public:
@@ -31,6 +34,14 @@ public:
     static constexpr int kSources = 3;
     /// Most audio waiting on q per source, in milliseconds.
     static constexpr int kMaxQueuedMs = 2000;
+    /// Audio of the other tracks after a step that its verdict waits for, at least and at most.
+    static constexpr int64_t kJudgeNs = 100000000;
+    static constexpr int64_t kMaxJudgeNs = 300000000;
+    /// A witness whose stamps moved less than this held still (seconds).
+    static constexpr double kWitnessStillSeconds = 0.001;
+    /// Smallest share of a step that is mended as the track's own loss (less is the jitter of
+    /// stamps that went late together).
+    static constexpr double kOwnShare = 0.4;
 
     /// A path on queue `q`; `listening` says whether live audio is wanted.
     AudioPath(SerialQueue &q, const std::atomic<bool> &listening);
@@ -63,7 +74,8 @@ private:
     void write(Source source, const std::vector<TimedSample> &samples);
     void raisePeak(Source source, float peak);
     void reportDrops();
-    void noteSteps(Source source);
+    void judgeSteps(bool final);
+    void noteSteps(Source source, const QString &why = {});
     void reportSteps();
     static QString stepText(int64_t frames);
 

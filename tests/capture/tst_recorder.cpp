@@ -103,14 +103,16 @@ private Q_SLOTS:
         f->audio->monitor.reset();
         QVERIFY(f->start(QStringLiteral("S2")));
         QCOMPARE(f->rec->lastError(), std::optional<QString>(QStringLiteral("No audio output found")));
-        f->feed({usb}, f->clock->nowNs(), 2.5);
+        f->feed({usb}, f->clock->nowNs(), 2.5 + DriftCorrector::kHoldSeconds); // output waits kHoldSeconds
         QVERIFY(f->stop());
         QVERIFY(home.log().contains("sync: started without sys (timed out)"));
         QCOMPARE(f->done.size(), 1);
         const QVector<float> pcm = MediaProbe::decode(f->done[0].first);
-        QVERIFY(std::fabs(pcm.size() / 48000.0 - 2.5) < 0.03);
+        QVERIFY(std::fabs(pcm.size() / 48000.0 - 2.5 - DriftCorrector::kHoldSeconds) < 0.03);
         const double firstSound = MediaProbe::firstAbove(pcm, 0.05f) / 48000.0;
-        const double expected = 2.0 + DriftCorrector::kSettleSeconds;
+        // The gate's wait starts with the first block out of the hold, kHoldSeconds after its
+        // capture (the time line settled long before), and lasts 2.0 s.
+        const double expected = 2.0;
         QVERIFY2(firstSound > expected - 0.01 && firstSound < expected + 0.04, qPrintable(QString::number(firstSound)));
     }
 
@@ -254,7 +256,7 @@ private Q_SLOTS:
         QCOMPARE(Uploader::pendingFiles(DataFolder::dir(QStringLiteral("pending"))).value(0).session, session);
         QVERIFY(!home.log().contains("\nline two") && home.log().contains("first\\x0aline two"));
         QVERIFY(QFile(DataFolder::dir(QStringLiteral("writing")) + "/blocked").open(QIODevice::WriteOnly) && f->start(QStringLiteral("blocked")));
-        f->feed({usb, mon}, f->clock->nowNs(), 0.5);
+        f->feed({usb, mon}, f->clock->nowNs(), 0.5 + DriftCorrector::kHoldSeconds);
         QVERIFY(f->rec->lastError().value_or(QString()).startsWith("writer error"));
     }
 };

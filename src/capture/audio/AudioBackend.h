@@ -19,6 +19,11 @@ struct AudioBuffer {
     int channels = 0;
     int64_t captureNs = 0;
     bool discontinuity = false; // data was lost or the device paused just before this block
+    // The server's own positions show audio of this stream lost before this block: its write
+    // position fell `lostFrames` behind the clock (for a whole window of snapshots, not one late
+    // answer), from the frame stamped `lostAtNs` on the stamps before it. 0: nothing shown.
+    int lostFrames = 0;
+    int64_t lostAtNs = 0;
 
     /// Frames (samples per channel) in the block.
     int frames() const { return channels > 0 ? int(pcm.size() / qsizetype(sizeof(float) * channels)) : 0; }

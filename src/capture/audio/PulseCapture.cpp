@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
 
 namespace {
 int64_t realtimeNs()
@@ -109,6 +110,8 @@ void PulseCapture::gapCallback(pa_stream *, void *self)
     capture->m_timed = false;
     capture->m_placements.clear();
     capture->m_untimedWakeups = 0;
+    capture->m_lostFrames = 0;
+    capture->m_levelWriteIndex = 0;
 }
 
 void PulseCapture::stateChanged()
@@ -157,7 +160,8 @@ void PulseCapture::timingArrived(bool success)
     const int64_t atNs = nowMono - age - int64_t(ti->source_usec) * 1000 + int64_t(ti->sink_usec) * 1000;
     const int64_t bytesPerSecond = int64_t(sizeof(float)) * m_channels * m_rate;
     const int64_t originNs = atNs - int64_t(ti->write_index) * 1000000000 / bytesPerSecond;
-    m_placements.push_back({nowMono, originNs, ti->source_usec != 0 || ti->sink_usec != 0});
+    const bool latencyGiven = ti->source_usec != 0 || ti->sink_usec != 0;
+    m_placements.push_back({nowMono, originNs, ti->write_index, latencyGiven});
     const auto stale = std::find_if(m_placements.begin(), m_placements.end(),
                                     [&](const Placement &p) { return nowMono - p.takenNs <= kWindowNs; });
     m_placements.erase(m_placements.begin(), stale);
@@ -165,14 +169,50 @@ void PulseCapture::timingArrived(bool success)
     std::vector<int64_t> origins;
     for (const Placement &p : m_placements)
         origins.push_back(p.originNs);
-    if (m_placements.back().latencyGiven) {
+    int64_t estimate = 0;
+    if (latencyGiven) {
         std::nth_element(origins.begin(), origins.begin() + ptrdiff_t(origins.size() / 2), origins.end());
-        m_originNs = origins[origins.size() / 2];
+        estimate = origins[origins.size() / 2];
     } else {
-        m_originNs = *std::min_element(origins.begin(), origins.end());
+        estimate = *std::min_element(origins.begin(), origins.end());
     }
+    // The time line moves later only on a full window of answers: after a stall (no snapshot for
+    // longer than the window: a loaded machine, the server busy) the first answers are late ones,
+    // and taking their placement would move every later stamp by their lateness, which the drift
+    // corrector would then see as lost audio. A placement earlier than the estimate is a prompter
+    // answer than any before (latency 0) and is taken at once.
+    const bool full = m_placements.size() >= size_t(kMinPlacements) && nowMono - m_placements.front().takenNs >= kWindowNs / 2;
+    if (!m_timed || (!latencyGiven && estimate < m_originNs)) {
+        m_originNs = estimate;
+    } else if (full && estimate != m_originNs) {
+        if (!latencyGiven && estimate - m_originNs >= kMinLossNs)
+            noteLoss(estimate, bytesPerSecond);
+        m_originNs = estimate;
+    }
+    if (originNs <= m_originNs + kLevelNs)
+        m_levelWriteIndex = ti->write_index; // audio up to here is on the time line's level
     m_timed = true;
     readable(); // data held back for want of a snapshot
+}
+
+void PulseCapture::noteLoss(int64_t estimate, int64_t bytesPerSecond)
+{
+    // Latency 0 and a write position that moves in whole quanta: every answer of the window places
+    // the stream later than before, so its write position has fallen behind the clock for good,
+    // which is audio the server dropped before handing it to this stream (PipeWire's service does
+    // so now and then without an overflow). It happened between the newest write position still
+    // on the old level and the first one on the new level; the middle is taken.
+    int64_t firstNew = m_placements.back().writeIndex;
+    for (const Placement &p : m_placements) {
+        if (p.originNs <= estimate + kLevelNs) {
+            firstNew = p.writeIndex;
+            break;
+        }
+    }
+    const int64_t at = (std::min(m_levelWriteIndex, firstNew) + firstNew) / 2;
+    if (m_lostFrames == 0)
+        m_lostAtNs = m_originNs + at * 1000000000 / bytesPerSecond;
+    m_lostFrames += int((estimate - m_originNs) * m_rate / 1000000000);
 }
 
 void PulseCapture::readable()
@@ -208,12 +248,18 @@ void PulseCapture::readable()
         b.channels = m_channels;
         b.pcm = QByteArray(static_cast<const char *>(data), qsizetype(usable));
         const int64_t arrived = arrivalBase + arrivalBytes * 1000000000 / bytesPerSecond;
-        b.captureNs = (m_timed && indexed) ? m_originNs + readIndex * 1000000000 / bytesPerSecond : arrived;
+        const bool placed = m_timed && indexed;
+        b.captureNs = placed ? m_originNs + readIndex * 1000000000 / bytesPerSecond : arrived;
+        // Arrival times are no server positions: the step to placed stamps starts a new time line.
+        m_gap = m_gap || (placed && m_arrivalStamped);
+        m_arrivalStamped = !placed;
         // A server whose figures place a frame seconds away from its arrival is not believed.
         if (std::llabs(b.captureNs - arrived) > kMaxSkewNs)
             b.captureNs = arrived;
         b.discontinuity = m_gap;
         m_gap = false;
+        b.lostFrames = std::exchange(m_lostFrames, 0);
+        b.lostAtNs = m_lostAtNs;
         readIndex += int64_t(bytes);
         arrivalBytes += int64_t(bytes);
         pa_stream_drop(m_stream);

@@ -50,9 +50,11 @@ class AudioProcessingTest : public QObject
 
 private Q_SLOTS:
     // A server that now and then loses a whole quantum (256 frames) of the microphone, with no
-    // sign but the stamps (which follow the loss, ±1 ms): each loss is filled with silence at
-    // once, so a click 60 ms after it lies in the microphone and computer-audio files at the same
-    // time within 1 ms; the log tells the first loss with its size and the take's total.
+    // sign but the stamps (which follow the loss, ±1 ms; the other tracks' hold still, but for
+    // one loss that comes as every track's stamps go 5 ms late for 0.2 s): each loss is filled
+    // with silence where it happened, so a click 60 ms after it lies in the microphone and
+    // computer-audio files at the same time within 1 ms; the log tells the first loss with its
+    // size and the take's total, and the shared lateness is filled on no track.
     void lostQuantaAreFilledAtOnce()
     {
         if (!MediaProbe::available())
@@ -77,6 +79,7 @@ private Q_SLOTS:
         int64_t lost = 0;
         for (int b = 0; b < 620; ++b) {
             lost += lossBlocks.contains(b) ? 256 : 0;
+            const int64_t late = b >= lossBlocks[2] && b < lossBlocks[2] + 20 ? 5000000 : 0;
             f.manual->set(startNs + (b + 1) * 10000000LL);
             for (const QString &source : {QStringLiteral("usbmic"), QStringLiteral("laptop"), RecorderFixture::kMonitor}) {
                 const int channels = f.audio->openChannels(source);
@@ -86,7 +89,7 @@ private Q_SLOTS:
                 for (int i = 0; i < kBlock * channels; ++i)
                     p[i] = clickAt(first + i / channels);
                 const int64_t jitter = std::uniform_int_distribution<int64_t>(-1000000, 1000000)(random);
-                f.audio->deliver(source, pcm, startNs + first * 1000000000 / kRate + jitter);
+                f.audio->deliver(source, pcm, startNs + first * 1000000000 / kRate + jitter + late);
             }
             f.rec->audioQueue().sync([] {});
         }
@@ -106,8 +109,74 @@ private Q_SLOTS:
         const QRegularExpression total(QStringLiteral("mic: in this take %1 gaps filled with silence, (\\d+) frames").arg(lossBlocks.size()));
         const QRegularExpressionMatch one = first.match(log), all = total.match(log);
         QVERIFY2(log.count("the sound server lost") == 1 && one.hasMatch() && all.hasMatch(), qPrintable(log));
-        QVERIFY(std::abs(one.captured(1).toInt() - 256) <= 24 && std::abs(all.captured(1).toInt() - lost) <= 24);
-        QVERIFY(!log.contains("sys: in this take") && !log.contains("room: in this take"));
+        QVERIFY2(std::abs(one.captured(1).toInt() - 256) <= 24 && std::abs(all.captured(1).toInt() - lost) <= 48, qPrintable(log));
+        QVERIFY2(!log.contains(QRegularExpression("(sys|room): in this take [1-9]")) && !log.contains(QRegularExpression("(sys|room): the sound server")), qPrintable(log));
+    }
+
+    // Stamps of every track go 6 ms late together for half a second (timing answers delayed on a
+    // loaded machine), the microphone's 2 ms more (jitter, no loss), in one take with and in one
+    // without the other tracks: no track fills
+    // silence or drops audio for it, the log calls the step doubtful with its reason, and clicks
+    // before, during and after it stay within 1 ms of each other and of where they were played.
+    void lateStampsFillNothing_data()
+    {
+        QTest::addColumn<bool>("witnesses");
+        QTest::newRow("all tracks late") << true;
+        QTest::newRow("microphone alone") << false;
+    }
+    void lateStampsFillNothing()
+    {
+        QFETCH(bool, witnesses);
+        if (!MediaProbe::available())
+            QSKIP("ffprobe/ffmpeg not installed");
+        home.wipe();
+        RecorderFixture f(0, true);
+        QVERIFY(f.start(QStringLiteral("S1")));
+        const QVector<int64_t> clicks = {320 * kBlock + 100, 380 * kBlock + 7, 470 * kBlock + 300}; // before, in, after
+        std::mt19937 random(5);
+        const int64_t startNs = f.clock->nowNs();
+        QStringList sources = {QStringLiteral("usbmic")};
+        if (witnesses)
+            sources << QStringLiteral("laptop") << RecorderFixture::kMonitor;
+        for (int b = 0; b < 500; ++b) {
+            f.manual->set(startNs + (b + 1) * 10000000LL);
+            for (const QString &source : sources) {
+                const bool lateHere = b >= 360 && b < 410; // after the start sync's 2 s
+                const int64_t late = lateHere ? (source == QLatin1String("usbmic") ? 8000000 : 6000000) : 0;
+                const int channels = f.audio->openChannels(source);
+                QByteArray pcm(kBlock * channels * int(sizeof(float)), 0);
+                auto *p = reinterpret_cast<float *>(pcm.data());
+                for (int i = 0; i < kBlock * channels; ++i)
+                    for (int64_t c : clicks)
+                        if (b * kBlock + i / channels - c >= 0 && b * kBlock + i / channels - c < 48)
+                            p[i] = 0.9f * float(std::sin(2 * M_PI * double(b * kBlock + i / channels - c) / 48.0));
+                const int64_t jitter = std::uniform_int_distribution<int64_t>(-1000000, 1000000)(random);
+                f.audio->deliver(source, pcm, startNs + b * 10000000LL + late + jitter);
+            }
+            f.rec->audioQueue().sync([] {});
+        }
+        QVERIFY(f.stop());
+        const QString log = home.log();
+        QVERIFY2(!log.contains("filled with silence,") || log.contains("in this take 0 gaps filled"), qPrintable(log));
+        QVERIFY2(log.contains("mic: its time stamps moved") && log.contains(witnesses ? "moved too" : "no other track to compare with")
+                     && !log.contains("the sound server lost") && !log.contains("the sound server repeated"),
+                 qPrintable(log));
+        const QVector<float> mic = MediaProbe::decode(f.path("S1", "mic_" + f.take() + "_00000_final.m4a"));
+        QVector<float> sys;
+        if (witnesses)
+            sys = MediaProbe::decode(f.path("S1", "sys_" + f.take() + "_00000_final.m4a"));
+        qsizetype a = -4800, b = -4800;
+        for (int k = 0; k < clicks.size(); ++k) {
+            a = MediaProbe::firstAbove(mic, 0.25f, a + 4800);
+            QVERIFY2(a > 0, qPrintable(QString::number(k)));
+            const qsizetype first = MediaProbe::firstAbove(mic, 0.25f, 0); // the clicks keep their distances as played
+            QVERIFY2(std::llabs(a - first - (clicks[k] - clicks[0])) <= 48, qPrintable(QString::number(a - first)));
+            if (witnesses) {
+                b = MediaProbe::firstAbove(sys, 0.25f, b + 4800);
+                qInfo("click %d: mic - sys %.3f ms", k + 1, double(a - b) / 48.0);
+                QVERIFY2(std::llabs(a - b) <= 48, qPrintable(QStringLiteral("%1: %2").arg(k).arg(double(a - b) / 48.0)));
+            }
+        }
     }
 
     // A device 0.1 % fast for 30 minutes (1.8 s of extra samples) stays on the monotonic time
@@ -140,8 +209,11 @@ private Q_SLOTS:
                 nextNs = pts + int64_t(s.frameCount()) * 1000000000 / kRate;
             }
         }
-        QCOMPARE(gaps, int64_t(lostBlocks ? 1 : 0));
         QCOMPARE(corrector.anchors(), lostBlocks ? 2 : 1);
+        const double stretch = corrector.stretch();
+        for (const TimedSample &s : corrector.flush()) // the audio held back for a late verdict
+            frames += s.frameCount();
+        QCOMPARE(gaps, int64_t(lostBlocks ? 1 : 0));
         QCOMPARE(clicksNs.size(), dev.clicks.size());
         for (int i = 0; i < dev.clicks.size(); ++i) {
             const double errMs = double(clicksNs[i] - dev.timeOf(dev.clicks[i] + 3)) / 1e6;
@@ -151,11 +223,12 @@ private Q_SLOTS:
         const double written = double(frames) / kRate;
         const double elapsed = double(dev.timeOf(dev.frame) - kStartNs) / 1e9 - lostBlocks * 0.01;
         QVERIFY2(std::fabs(written - elapsed) < 0.005, qPrintable(QStringLiteral("%1 vs %2").arg(written).arg(elapsed)));
-        QVERIFY(std::fabs(corrector.stretch() + 0.001) < 0.0002); // it found the crystal's error
+        QVERIFY(std::fabs(stretch + 0.001) < 0.0002); // it found the crystal's error
     }
 
     // A new format (another device) starts a new time line at its own first block; what the old
-    // one still held comes out first. Blocks are held back only while a time line settles.
+    // one still held comes out first. Output waits kHoldSeconds (a loss found late is filled where
+    // it happened).
     void formatChangeStartsOver()
     {
         DriftCorrector corrector;
@@ -168,8 +241,8 @@ private Q_SLOTS:
             return out.empty() ? -1 : out.front().pts.in(1000000000);
         };
         QCOMPARE(feed(1, 1000000000, 9), -1); // 0.09 s: still settling
-        QVERIFY(std::llabs(feed(1, 1090000000, 10) - 1000000000) < 1000);
-        QVERIFY(feed(2, 9000000000, 40) > 0 && out.front().channels == 1); // the mono time line's last held frames
+        QVERIFY(std::llabs(feed(1, 1090000000, 90) - 1000000000) < 1000);
+        QVERIFY(feed(2, 9000000000, 100) > 0 && out.front().channels == 1); // the mono time line's last held frames
         const auto stereo = std::find_if(out.begin(), out.end(), [](const TimedSample &s) { return s.channels == 2; });
         QVERIFY(stereo != out.end() && std::llabs(stereo->pts.in(1000000000) - 9000000000) < 1000000);
     }
