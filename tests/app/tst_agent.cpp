@@ -3,6 +3,8 @@
 #include "ManualClock.h"
 #include "OrderedJson.h"
 #include "DataFolder.h"
+#include "Heartbeat.h"
+#include "SetupRoute.h"
 #include "Reconciler.h"
 #include "SyntheticAudioBackend.h"
 #include "TrayView.h"
@@ -11,9 +13,14 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QRegularExpression>
+#include <QSettings>
+#include <QSignalSpy>
 #include <QtTest>
 
 #include <thread>
+
+#include <sys/inotify.h>
+#include <unistd.h>
 
 using J = QJsonObject;
 
@@ -84,6 +91,62 @@ private Q_SLOTS:
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
         QCOMPARE(f->app->status().tray()->drawCount(), before + 1);
         QVERIFY(menu().contains(QStringLiteral("🔵  On a Call")));
+    }
+
+    // The heartbeat reads memory only: no file in the settings or data folders is opened during
+    // twenty ticks. An edit of settings.ini from outside reaches the agent within a second and the
+    // control room with the next heartbeat.
+    void tickTouchesNoFileAndOutsideEditsArrive()
+    {
+        QVERIFY(heartbeats(1));
+        const int fd = inotify_init1(IN_NONBLOCK);
+        QVERIFY(fd >= 0);
+        const auto closeFd = qScopeGuard([fd] { ::close(fd); });
+        for (const QString &folder : {QFileInfo(home.settings().path()).absolutePath(), DataFolder::dataDir(),
+                                      DataFolder::dir(QStringLiteral("pending")), DataFolder::dir(QStringLiteral("writing"))})
+            QVERIFY(inotify_add_watch(fd, QFile::encodeName(folder).constData(), IN_OPEN | IN_ACCESS | IN_MODIFY) >= 0);
+        const int reads = home.settings().reads(); // a read that only looks at the file's time is no inotify event
+        for (int i = 0; i < 20; ++i)
+            f->app->tick();
+        QCOMPARE(home.settings().reads(), reads);
+        char events[4096];
+        QCOMPARE(::read(fd, events, sizeof events), ssize_t(-1)); // nothing to read: no file was touched
+        QSettings(home.settings().path(), QSettings::IniFormat).setValue(QStringLiteral("camUID"), QStringLiteral("by-hand"));
+        QTRY_COMPARE_WITH_TIMEOUT(home.settings().camUID(), QStringLiteral("by-hand"), 1000);
+        QTRY_COMPARE_WITH_TIMEOUT(f->room.statuses().last().value("camUID").toString(), QStringLiteral("by-hand"), 1000);
+    }
+
+    // The heartbeat's bytes, written out by hand: order, escapes, numbers, null and lists.
+    void heartbeatBytes()
+    {
+        Heartbeat::Values v;
+        v.updateBusy = true;
+        v.mic = 0.5;
+        v.camError = QStringLiteral("Webcam \"A\"\n");
+        v.micName = QStringLiteral("Zoë\t1");
+        v.mics = {Device{QStringLiteral("u/1"), QStringLiteral("M"), true, true}};
+        v.camUID = QStringLiteral("c");
+        QCOMPARE(Heartbeat::message(v).toJson(),
+                 QByteArray(R"({"type":"status","updateBusy":true,"recording":false,"live":false,"mic":0.5,"sys":0,)"
+                            R"("rate":48000,"cam":false,"camActive":false,"camError":"Webcam \"A\"\n","micName":"Zoë\t1",)"
+                            R"("mics":[{"name":"M","uid":"u/1"}],"cams":[],"micUID":"","camUID":"c","error":null})"));
+    }
+
+    // Every reason for setup has its step; the others reopen where the wizard was left.
+    void setupReasonsAndTheirSteps()
+    {
+        using R = SetupRoute::Reason;
+        QCOMPARE(SetupRoute::stepFor(R::MicRefused), std::optional(SetupStep::Mic));
+        QCOMPARE(SetupRoute::stepFor(R::ComputerAudioRefused), std::optional(SetupStep::Audio));
+        QCOMPARE(SetupRoute::stepFor(R::CameraRefused), std::optional(SetupStep::Camera));
+        QCOMPARE(SetupRoute::stepFor(R::NotSetUp), std::nullopt);
+        QCOMPARE(SetupRoute::stepFor(R::Released), std::nullopt);
+        QCOMPARE(WizardModel::stepNames(), QStringList({"Welcome", "Number", "Mic", "Audio", "Camera", "Test", "Done"}));
+        home.settings().setWizardStep(SetupStep::Test);
+        QSignalSpy announced(&f->app->state(), &AgentState::setupNeeded);
+        f->app->setupRoute().need(R::Released);
+        QVERIFY(announced.size() == 1 && announced.first().first().value<SetupStep::Step>() == SetupStep::Test && f->app->wizardOpen());
+        QCOMPARE(f->app->wizardModel()->step(), int(SetupStep::Test));
     }
 
     void commandsDriveTheRecorder()
@@ -314,6 +377,7 @@ private Q_SLOTS:
         QVERIFY(f->room.urls.size() == 3 && f->room.binaries.size() == 1);
         QCOMPARE(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")), 1);
         QVERIFY(conn.generation() >= generation + 5); // three connects and at least two retries
+        QCOMPARE(Connection(home.settings(), home.info()).retryMs, 2000); // the real delay, shortened above
     }
 
     // A locked build with an event web service: check-in at launch and when the link comes back,

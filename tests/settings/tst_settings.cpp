@@ -29,6 +29,12 @@ private Q_SLOTS:
     {
         Settings &settings = home.settings();
         QCOMPARE(settings.uploadQuality(), QStringLiteral("full"));
+        // A file made from outside where there was none: the folder is watched too.
+        QFile::remove(settings.path());
+        QTRY_VERIFY(settings.reads() > 0 && !QFile::exists(settings.path()));
+        settings.reload();
+        QSettings(settings.path(), QSettings::IniFormat).setValue("micUID", "m1");
+        QTRY_COMPARE_WITH_TIMEOUT(settings.micUID(), QStringLiteral("m1"), 1000);
         QSignalSpy idChanged(&settings, &Settings::agentIDChanged);
         settings.setAgentID(7);
         settings.setAgentID(7);

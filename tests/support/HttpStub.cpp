@@ -102,6 +102,6 @@ void HttpStub::respond(QTcpSocket *socket, const Answer &answer)
         socket->abort();
         return;
     }
-    socket->write("HTTP/1.1 " + QByteArray::number(answer.status) + " Stub\r\nContent-Type: " + answer.contentType
+    socket->write(answer.version + ' ' + QByteArray::number(answer.status) + " Stub\r\nContent-Type: " + answer.contentType
                   + "\r\nContent-Length: " + QByteArray::number(answer.body.size()) + "\r\n\r\n" + answer.body);
 }

@@ -25,6 +25,7 @@ public:
         QByteArray body;
         QByteArray contentType = "text/plain";
         int delayMs = 0; ///< wait this long before answering
+        QByteArray version = "HTTP/1.1"; ///< of the status line
     };
     /// A request as received; header names in lower case.
     struct Request

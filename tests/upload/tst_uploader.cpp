@@ -149,6 +149,45 @@ private Q_SLOTS:
         QVERIFY(up->fault() == Uploader::Fault::None && home.log().count(QStringLiteral("upload: upload of")) == 1);
     }
 
+    // The status line as each HTTP version writes it; anything else is a malformed answer.
+    void statusLines_data()
+    {
+        QTest::addColumn<QByteArray>("head");
+        QTest::addColumn<int>("status");
+        QTest::newRow("1.1") << QByteArray("HTTP/1.1 200 OK\r\n") << 200;
+        QTest::newRow("1.0") << QByteArray("HTTP/1.0 200 OK\r\n") << 200;
+        QTest::newRow("no reason") << QByteArray("HTTP/1.1 404\r\n") << 404;
+        QTest::newRow("2") << QByteArray("HTTP/2 200\r\n") << 0;
+        QTest::newRow("four digits") << QByteArray("HTTP/1.1 2000 OK\r\n") << 0;
+        QTest::newRow("two digits") << QByteArray("HTTP/1.1 20 OK\r\n") << 0;
+        QTest::newRow("lower case") << QByteArray("http/1.1 200 OK\r\n") << 0;
+    }
+    void statusLines()
+    {
+        QFETCH(QByteArray, head);
+        QFETCH(int, status);
+        QCOMPARE(SegmentPost::statusOf(head), status);
+    }
+
+    // A room that answers slowly, but within the limit, and in the older HTTP version, is a room
+    // that works; the limits are the real ones unless a test shortens them.
+    void aSlowOldRoomStillTakesTheFile()
+    {
+        const Uploader plain(home.settings());
+        QVERIFY(plain.requestTimeoutMs == 60000 && plain.tickIntervalMs == 3000);
+        HttpStub::Answer slow = HttpStub::status(200);
+        slow.delayMs = 600;
+        slow.version = "HTTP/1.0";
+        server->script({slow});
+        pending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
+        up = std::make_unique<Uploader>(home.settings());
+        up->tickIntervalMs = 150;
+        up->requestTimeoutMs = 1000;
+        up->start();
+        QTRY_COMPARE(up->pendingCount(), 0);
+        QVERIFY(up->fault() == Uploader::Fault::None && server->requests.size() == 1);
+    }
+
     void backlogDrainsBackToBackAndArrivalsWait()
     {
         server->script({HttpStub::hang()});
