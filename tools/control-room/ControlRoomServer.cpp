@@ -52,7 +52,7 @@ ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent, const
 
 ControlRoomServer::~ControlRoomServer()
 {
-    call([this] { m_room->goDown(); });
+    call([this] { m_room->close(); });
     m_io->stop();
     m_thread.join();
     m_io.reset(); // ends what was still suspended; nothing of it touches the room

@@ -48,6 +48,7 @@ asio::awaitable<void> HttpSession::run()
         beast::error_code ec;
         Head head;
         head.header_limit(16 << 10);
+        head.body_limit(uploadLimit); // checked against Content-Length as the header ends; smaller per route
         m_stream.expires_after(kIdle);
         co_await http::async_read_header(m_stream, m_buffer, head, noThrow(ec));
         if (ec) {
@@ -83,7 +84,8 @@ asio::awaitable<bool> HttpSession::serve(Head &head)
             if (is(path, "/page"))
                 m_room.acceptPage(std::move(m_stream), head.release());
             else
-                m_room.acceptAgent(std::move(m_stream), head.release(), url);
+                m_room.acceptAgent(std::move(m_stream), head.release(),
+                                   QUrl::fromEncoded("ws://" + QByteArray::fromStdString(std::string(req[http::field::host])) + url.toEncoded()));
             co_return false;
         }
         const http::status refusal = is(path, "/page") ? http::status::unauthorized : http::status::not_found;
@@ -172,9 +174,13 @@ asio::awaitable<bool> HttpSession::serve(Head &head)
 
 asio::awaitable<std::optional<std::string>> HttpSession::receiveSmall(Head &head)
 {
+    beast::error_code ec;
+    if (head.content_length().value_or(0) > kSmallBody) {
+        co_await answer(http::status::payload_too_large, "too large\n", "text/plain", false);
+        co_return std::nullopt;
+    }
     http::request_parser<http::string_body> parser(std::move(head));
     parser.body_limit(kSmallBody);
-    beast::error_code ec;
     m_stream.expires_after(kIdle);
     co_await http::async_read(m_stream, m_buffer, parser, noThrow(ec));
     if (ec) {

@@ -75,7 +75,7 @@ Room::Agent &Room::record(int id)
 quint16 Room::listen(const tcp::endpoint &at)
 {
     beast::error_code ec;
-    auto acceptor = std::make_unique<tcp::acceptor>(m_io);
+    auto acceptor = std::make_shared<tcp::acceptor>(m_io);
     acceptor->open(at.protocol(), ec);
     if (!ec)
         acceptor->set_option(asio::socket_base::reuse_address(true), ec);
@@ -89,26 +89,30 @@ quint16 Room::listen(const tcp::endpoint &at)
     }
     m_at = acceptor->local_endpoint();
     m_acceptor = std::move(acceptor);
-    asio::co_spawn(m_io, acceptLoop(), asio::detached);
+    acceptNext(m_acceptor);
     if (!std::exchange(m_ticking, true))
         asio::co_spawn(m_io, tickLoop(), asio::detached);
     return m_at.port();
 }
 
-asio::awaitable<void> Room::acceptLoop()
+void Room::acceptNext(const std::shared_ptr<tcp::acceptor> &acceptor)
 {
-    tcp::acceptor *acceptor = m_acceptor.get();
-    for (;;) {
-        beast::error_code ec;
-        tcp::socket socket = co_await acceptor->async_accept(noThrow(ec));
+    acceptor->async_accept([this, acceptor](beast::error_code ec, tcp::socket socket) {
         if (ec == asio::error::operation_aborted || !acceptor->is_open())
-            co_return;
-        if (ec) // out of descriptors and the like: keep serving the others
-            continue;
+            return; // gone down
+        if (ec) { // out of descriptors and the like: a pause, then keep serving the others
+            auto pause = std::make_shared<asio::steady_timer>(m_io, std::chrono::milliseconds(50));
+            pause->async_wait([this, acceptor, pause](beast::error_code) {
+                if (acceptor->is_open())
+                    acceptNext(acceptor);
+            });
+            return;
+        }
         auto session = std::make_shared<HttpSession>(std::move(socket), *this);
         track(session);
         session->start();
-    }
+        acceptNext(acceptor);
+    });
 }
 
 asio::awaitable<void> Room::tickLoop()
@@ -149,6 +153,15 @@ void Room::goDown()
         pages.push_back(l.link);
     for (auto &p : pages)
         p->abort();
+}
+
+void Room::close()
+{
+    goDown();
+    m_tick.cancel();
+    m_agents.clear();
+    m_pages.clear();
+    m_sessions.clear();
 }
 
 bool Room::comeBack()

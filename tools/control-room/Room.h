@@ -58,6 +58,8 @@ public:
     bool comeBack();
     /// Ends every agent's link from the room's side.
     void dropAgents();
+    /// Goes down and lets go of every link (before the network's own end).
+    void close();
 
     /// An agent's WebSocket upgrade with its identity in the URL.
     void acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_body> &&upgrade, const QUrl &url);
@@ -101,7 +103,7 @@ private:
         int listen = 0;  ///< pages: the agent heard
         int preview = 0; ///< pages: the agent seen
     };
-    asio::awaitable<void> acceptLoop();
+    void acceptNext(const std::shared_ptr<tcp::acceptor> &acceptor);
     asio::awaitable<void> tickLoop();
     void agentMessage(WsLink &link, std::string &&message, bool binary);
     void pageMessage(WsLink &link, std::string &&message);
@@ -116,7 +118,7 @@ private:
     std::map<std::string, std::string> m_assets;
     RoomHooks m_hooks;
     QString m_name;
-    std::unique_ptr<tcp::acceptor> m_acceptor;
+    std::shared_ptr<tcp::acceptor> m_acceptor;
     tcp::endpoint m_at;
     asio::steady_timer m_tick;
     bool m_ticking = false;
