@@ -62,7 +62,8 @@ try {
   // A tone in the default output: both the microphone (a remap of its monitor) and computer audio hear it.
   const tone = path.join(work, 'tone.wav');
   execFileSync('sox', ['-n', '-r', '48000', '-c', '1', tone, 'synth', '90', 'sine', '440', 'vol', '0.5']);
-  run('paplay', ['-d', 'brava_out', tone], {}, 'paplay');
+  for (const sink of ['brava_out', 'brava_feed']) // computer audio, and the microphones fed from the second sink
+    run('paplay', ['-d', sink, tone], {}, `paplay ${sink}`);
 
   step('control room');
   const room = run(path.join(build, 'brava-control-room'), ['--port', '0', '--uploads', uploads, '--name', 'E2E room'], {}, 'room');
@@ -94,7 +95,9 @@ try {
   }
   await until('both agents connected', async () => (await state()).agents.filter((a) => a.connected).length === 2);
 
-  browser = await chromium.launch({ executablePath: chromiumPath, args: ['--no-sandbox', '--headless', '--disable-gpu',
+  // No D-Bus for the browser: a bus that other test runs restart would make it abort.
+  const browserEnv = { ...process.env, DBUS_SESSION_BUS_ADDRESS: 'unix:path=/nonexistent', DBUS_SYSTEM_BUS_ADDRESS: 'unix:path=/nonexistent' };
+  browser = await chromium.launch({ executablePath: chromiumPath, env: browserEnv, args: ['--no-sandbox', '--headless', '--disable-gpu',
     '--autoplay-policy=no-user-gesture-required', '--disable-background-networking', '--disable-component-update', '--disable-sync'] });
   const page = await browser.newPage({ viewport: { width: 1400, height: 900 } });
   const refused = await page.goto(`http://127.0.0.1:${port}/`);
@@ -121,8 +124,7 @@ try {
   step('preview of agent 1');
   await page.click('#agent-1 button:text-is("Preview")');
   await page.waitForFunction(() => window.__room.previewFrames > 2, null, { timeout: 20000 });
-  const shown = await page.$eval('#preview', (img) => img.naturalWidth);
-  if (!(shown > 0)) throw new Error('preview picture not shown');
+  await page.waitForFunction(() => document.getElementById('preview').naturalWidth > 0, null, { timeout: 10000 });
   await page.screenshot({ path: path.join(screens, '03-preview.png') });
 
   step('listen to agent 2');
