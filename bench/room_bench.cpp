@@ -186,8 +186,8 @@ int main(int argc, char *argv[])
                                           QStringLiteral("http://127.0.0.1:%1/upload?id=%2&session=curl&track=cam&take=1&idx=%3&final=0&ext=mp4").arg(port).arg(i + 3).arg(i)});
         curls.push_back(std::move(c));
     }
-    for (auto &c : curls)
-        c->waitForFinished(600000);
+    // Waiting with the event loop running: the agents and the page keep reading meanwhile.
+    waitFor([&] { return std::all_of(curls.begin(), curls.end(), [](auto &c) { return c->state() == QProcess::NotRunning; }); }, 600000);
     const double curlSeconds = curlClock.elapsed() / 1000.0;
 
     // --- one command to every agent -----------------------------------------------------------
