@@ -1,192 +1,173 @@
 #include "ControlRoomServer.h"
 
+#include "Asio.h"
+#include "CommandWords.h"
+#include "Room.h"
+
 #include <QDateTime>
 #include <QFile>
-#include <QHttpServerRequest>
-#include <QHttpServerResponder>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QRegularExpression>
+#include <QMetaMethod>
 #include <QTextStream>
-#include <QUrlQuery>
-#include <QWebSocket>
 
-#include "StrictInt.h"
-
-#include <QTcpServer>
-#include <QTcpSocket>
+#include <future>
+#include <mutex>
 
 namespace {
-
-// Only plain names become folder and file names.
-bool safeName(const QString &name)
+// The page's files, compiled into the tool.
+std::map<std::string, std::string> pageAssets()
 {
-    static const QRegularExpression ok(QStringLiteral("^[A-Za-z0-9_.+-]{1,128}$"));
-    return ok.match(name).hasMatch() && name != QLatin1String(".") && name != QLatin1String("..");
+    std::map<std::string, std::string> out;
+    for (const char *name : {"index.html", "page.js", "page.css", "worklet.js"}) {
+        QFile f(QStringLiteral(":/room/") + QLatin1String(name));
+        if (f.open(QIODevice::ReadOnly))
+            out[std::string("/") + name] = f.readAll().toStdString();
+    }
+    out["/"] = out["/index.html"];
+    return out;
 }
 } // namespace
 
+ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent, const QString &token)
+    : QObject(parent)
+    , m_io(std::make_unique<asio::io_context>(1))
+{
+    Q_INIT_RESOURCE(page);
+    RoomHooks hooks;
+    hooks.say = [this](const QString &line) { say(line); };
+    hooks.agentConnected = [this](const QUrl &url) { Q_EMIT agentConnected(url); };
+    hooks.text = [this](const QString &text) { Q_EMIT textReceived(text); };
+    hooks.binary = [this](const QByteArray &frame) {
+        if (m_binaryWanted)
+            Q_EMIT binaryReceived(frame);
+    };
+    hooks.uploaded = [this](const QUrlQuery &q, const QString &path) { Q_EMIT uploaded(q, path); };
+    hooks.event = [this](const QUrlQuery &q) { Q_EMIT eventReceived(q); };
+    m_room = std::make_unique<Room>(*m_io, uploads, token.isEmpty() ? OperatorToken() : OperatorToken(token.toStdString()), pageAssets(),
+                                    std::move(hooks));
+    m_thread = std::thread([io = m_io.get()] {
+        auto work = asio::make_work_guard(*io);
+        io->run();
+    });
+}
+
+ControlRoomServer::~ControlRoomServer()
+{
+    call([this] { m_room->close(); });
+    m_io->stop();
+    m_thread.join();
+    m_io.reset(); // ends what was still suspended; nothing of it touches the room
+    m_room.reset();
+}
+
+void ControlRoomServer::connectNotify(const QMetaMethod &signal)
+{
+    // Frames are copied for the signal only while someone listens.
+    if (signal == QMetaMethod::fromSignal(&ControlRoomServer::binaryReceived))
+        m_binaryWanted = true;
+}
+
+void ControlRoomServer::call(const std::function<void()> &work) const
+{
+    if (m_thread.get_id() == std::this_thread::get_id())
+        return work();
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> f = done->get_future();
+    asio::post(*m_io, [work, done] {
+        work();
+        done->set_value();
+    });
+    if (f.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+        // The work holds the caller's variables: it cannot be left behind.
+        say(QStringLiteral("the room's network thread has not answered for 5 s; still waiting"));
+        f.wait();
+    }
+}
+
 void ControlRoomServer::say(const QString &line) const
 {
-    if (!quiet)
-        QTextStream(stdout) << QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss ")) << line << Qt::endl;
+    static std::mutex mutex;
+    if (quiet)
+        return;
+    std::lock_guard lock(mutex);
+    QTextStream(stdout) << QDateTime::currentDateTime().toString(QStringLiteral("HH:mm:ss ")) << line << Qt::endl;
 }
-
-ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent)
-    : QObject(parent)
-    , m_uploads(uploads)
-{
-    m_http.route(QStringLiteral("/"), [] { return QStringLiteral("Brava control room\n"); });
-    // The WebSocket upgrade needs a route for its path that answers nothing itself.
-    m_http.route(QStringLiteral("/agent"), [](const QHttpServerRequest &, QHttpServerResponder &&) {});
-    m_http.route(QStringLiteral("/upload"), QHttpServerRequest::Method::Post,
-                 [this](const QHttpServerRequest &request, QHttpServerResponder &&responder) {
-                     upload(request, std::move(responder));
-                 });
-    m_http.route(QStringLiteral("/event"), QHttpServerRequest::Method::Post, [this](const QHttpServerRequest &request) {
-        say(QStringLiteral("event ") + request.query().toString(QUrl::FullyDecoded));
-        Q_EMIT eventReceived(request.query());
-        return QStringLiteral("ok");
-    });
-    connect(&m_http, &QHttpServer::newWebSocketConnection, this, &ControlRoomServer::accept);
-}
-
-ControlRoomServer::~ControlRoomServer() = default;
 
 quint16 ControlRoomServer::listen(quint16 port, const QHostAddress &address)
 {
-    m_address = address;
-    m_port = m_http.listen(address, port);
-    return m_port;
+    quint16 bound = 0;
+    const auto ip = asio::ip::make_address(address.toString().toStdString());
+    call([&] { bound = m_room->listen(tcp::endpoint(ip, port)); });
+    return bound;
 }
 
 void ControlRoomServer::goDown()
 {
-    for (QTcpServer *server : m_http.servers()) {
-        server->close();
-        // Open HTTP connections are children of the listening server; drop them too.
-        for (QTcpSocket *socket : server->findChildren<QTcpSocket *>())
-            socket->abort();
-    }
-    dropAgents();
+    call([this] { m_room->goDown(); });
 }
 
 bool ControlRoomServer::comeBack()
 {
-    bool ok = true;
-    for (QTcpServer *server : m_http.servers())
-        ok = server->listen(m_address, m_port) && ok;
+    bool ok = false;
+    call([&] { ok = m_room->comeBack(); });
     return ok;
 }
 
-void ControlRoomServer::dropAgents()
+int ControlRoomServer::agentCount() const
 {
-    for (auto it = m_agents.cbegin(); it != m_agents.cend(); ++it)
-        it.key()->abort();
+    int n = 0;
+    call([&] { n = m_room->agentCount(); });
+    return n;
 }
 
 void ControlRoomServer::sendText(const QString &text)
 {
-    for (auto it = m_agents.cbegin(); it != m_agents.cend(); ++it)
-        it.key()->sendTextMessage(text);
+    send(0, text.toUtf8());
 }
 
-void ControlRoomServer::accept()
+void ControlRoomServer::dropAgents()
 {
-    while (m_http.hasPendingWebSocketConnections()) {
-        std::unique_ptr<QWebSocket> owned = m_http.nextPendingWebSocketConnection();
-        QWebSocket *socket = owned.get();
-        const QUrlQuery q(socket->requestUrl());
-        Agent agent{parseStrictInt(q.queryItemValue(QStringLiteral("id")), 0, 9999).value_or(0),
-                    q.queryItemValue(QStringLiteral("name"), QUrl::FullyDecoded)};
-        // A second computer with the same number replaces the first.
-        for (auto it = m_agents.begin(); it != m_agents.end(); ++it) {
-            if (it->id == agent.id && agent.id > 0) {
-                it.key()->sendTextMessage(QStringLiteral("{\"type\":\"replaced\"}"));
-                it.key()->close();
-            }
-        }
-        m_agents.insert(socket, agent);
-        say(QStringLiteral("agent #%1 %2 connected (%3, v%4)")
-                .arg(agent.id)
-                .arg(agent.name, q.queryItemValue(QStringLiteral("os")), q.queryItemValue(QStringLiteral("v"))));
-        Q_EMIT agentConnected(socket->requestUrl());
-        connect(socket, &QWebSocket::textMessageReceived, this, [this, socket](const QString &text) {
-            Q_EMIT textReceived(text);
-            Agent &a = m_agents[socket];
-            QJsonObject o = QJsonDocument::fromJson(text.toUtf8()).object();
-            o.remove(QStringLiteral("mic"));
-            o.remove(QStringLiteral("sys"));
-            const QString summary = QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact));
-            if (summary != a.lastStatus) {
-                a.lastStatus = summary;
-                say(QStringLiteral("agent #%1 status %2").arg(a.id).arg(summary));
-            }
-        });
-        connect(socket, &QWebSocket::binaryMessageReceived, this, [this, socket](const QByteArray &data) {
-            Q_EMIT binaryReceived(data);
-            Agent &a = m_agents[socket];
-            if (!data.isEmpty() && data.at(0) == 2)
-                ++a.previews;
-            else
-                a.liveBytes += data.size() - 1;
-        });
-        connect(socket, &QWebSocket::disconnected, this, [this, socket] {
-            say(QStringLiteral("agent #%1 disconnected").arg(m_agents.value(socket).id));
-            m_agents.remove(socket);
-            socket->deleteLater();
-            for (auto &s : m_sockets)
-                if (s.get() == socket)
-                    (void)s.release();
-            std::erase(m_sockets, nullptr);
-        });
-        m_sockets.push_back(std::move(owned));
-    }
-}
-
-void ControlRoomServer::upload(const QHttpServerRequest &request, QHttpServerResponder &&responder)
-{
-    const QUrlQuery q(request.url());
-    const QString id = q.queryItemValue(QStringLiteral("id"));
-    const QString session = q.queryItemValue(QStringLiteral("session"), QUrl::FullyDecoded);
-    const QString track = q.queryItemValue(QStringLiteral("track"));
-    const QString take = q.queryItemValue(QStringLiteral("take"));
-    const QString idx = q.queryItemValue(QStringLiteral("idx"));
-    const QString ext = q.queryItemValue(QStringLiteral("ext"));
-    const bool final = q.queryItemValue(QStringLiteral("final")) == QLatin1String("1");
-    if (!safeName(id) || !safeName(session) || !safeName(track) || !safeName(take) || !safeName(idx) || !safeName(ext)) {
-        responder.write(QHttpServerResponder::StatusCode::BadRequest);
-        return;
-    }
-    const QString folder = QStringLiteral("agent%1/%2").arg(id, session);
-    m_uploads.mkpath(folder);
-    const QString name = QStringLiteral("%1_%2_%3%4.%5").arg(track, take, idx, final ? QStringLiteral("_final") : QString(), ext);
-    QFile out(m_uploads.filePath(folder + QLatin1Char('/') + name));
-    if (!out.open(QIODevice::WriteOnly) || out.write(request.body()) != request.body().size()) {
-        responder.write(QHttpServerResponder::StatusCode::InternalServerError);
-        return;
-    }
-    say(QStringLiteral("upload %1/%2 (%3 bytes)").arg(folder, name).arg(request.body().size()));
-    responder.write(QByteArray("ok"), "text/plain");
-    Q_EMIT uploaded(q, out.fileName());
+    call([this] { m_room->dropAgents(); });
 }
 
 int ControlRoomServer::send(int agentId, const QByteArray &json)
 {
-    int sent = 0;
-    for (auto it = m_agents.cbegin(); it != m_agents.cend(); ++it) {
-        if (agentId == 0 || it->id == agentId) {
-            it.key()->sendTextMessage(QString::fromUtf8(json));
-            ++sent;
-        }
-    }
-    return sent;
+    int n = 0;
+    call([&] { n = m_room->sendRaw(agentId, json.toStdString()); });
+    return n;
+}
+
+QString ControlRoomServer::command(int agentId, const QJsonObject &command)
+{
+    QString why;
+    const auto checked = CommandWords::checked(command, &why);
+    if (!checked)
+        return QStringLiteral("refused: ") + why;
+    QString line;
+    call([&] { line = m_room->command(agentId, *checked); });
+    return line;
 }
 
 void ControlRoomServer::list() const
 {
-    for (const Agent &a : m_agents)
-        say(QStringLiteral("agent #%1 %2: live audio %3 bytes, %4 preview frames").arg(a.id).arg(a.name).arg(a.liveBytes).arg(a.previews));
-    if (m_agents.isEmpty())
-        say(QStringLiteral("no agents"));
+    QStringList lines;
+    call([&] { lines = m_room->list(); });
+    for (const QString &line : lines)
+        say(line);
+}
+
+QString ControlRoomServer::token() const
+{
+    return QString::fromStdString(m_room->token().text());
+}
+
+void ControlRoomServer::setName(const QString &name)
+{
+    call([&] { m_room->setName(name); });
+}
+
+QJsonObject ControlRoomServer::state() const
+{
+    QJsonObject s;
+    call([&] { s = m_room->state(true); });
+    return s;
 }

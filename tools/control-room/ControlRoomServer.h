@@ -1,27 +1,33 @@
 #pragma once
 
 #include <QDir>
-#include <QHash>
 #include <QHostAddress>
-#include <QHttpServer>
+#include <QJsonObject>
 #include <QObject>
 #include <QUrl>
 #include <QUrlQuery>
 
+#include <functional>
 #include <memory>
+#include <thread>
 
-class QWebSocket;
+class Room;
+class OperatorToken;
+namespace boost::asio {
+class io_context;
+}
 
-// A small control room for trying the agent out on one machine or a test network: accepts agents
-// on ws://host:port/agent, prints their status when it changes, stores uploaded segments under a
-// folder, prints agent events, and sends commands typed by the operator. Every arrival is also
-// signalled, so that other programs (the agent's tests among them) can build on it.
+// The control room: agents on ws://host:port/agent, their uploads, events and sales over HTTP,
+// and the operator's page with its own WebSocket, all on one port. The network runs on a thread
+// of its own; the calls below hand work to it and wait (a few seconds at most) where they
+// return an answer. Every arrival is also signalled (queued to the receiver's thread), so that
+// other programs (the agent's tests among them) can build on it.
 class ControlRoomServer : public QObject
 {
     Q_OBJECT
 public:
-    /// Stores uploads below `uploads`.
-    explicit ControlRoomServer(const QDir &uploads, QObject *parent = nullptr);
+    /// Stores uploads below `uploads`; a fresh operator token unless one is given.
+    explicit ControlRoomServer(const QDir &uploads, QObject *parent = nullptr, const QString &token = QString());
     ~ControlRoomServer() override;
 
     /// Listens on `address` at `port` (0 picks one); returns the port or 0.
@@ -31,17 +37,25 @@ public:
     /// Listens again where it listened before; false when it cannot.
     bool comeBack();
     /// Agents connected now.
-    int agentCount() const { return int(m_agents.size()); }
+    int agentCount() const;
     /// Sends a raw text message to every agent (anything, even what no command table knows).
     void sendText(const QString &text);
     /// Closes every agent's link from the room's side.
     void dropAgents();
     /// Prints nothing when set.
     bool quiet = false;
-    /// Sends a JSON command to the agent with this number, or to every agent when id is 0.
+    /// Sends a JSON text as it is to the agent with this number, or to every agent when id is 0.
     int send(int agentId, const QByteArray &json);
+    /// Sends a command after checking it; the line that says what happened (refusal, count, warning).
+    QString command(int agentId, const QJsonObject &command);
     /// Prints the connected agents.
     void list() const;
+    /// The operator's token (for the page's address).
+    QString token() const;
+    /// Names the room on its page.
+    void setName(const QString &name);
+    /// The state as GET /api/state gives it.
+    QJsonObject state() const;
 
 Q_SIGNALS:
     /// An agent opened its link with this URL.
@@ -55,23 +69,16 @@ Q_SIGNALS:
     /// An agent posted this event.
     void eventReceived(const QUrlQuery &query);
 
-private:
-    struct Agent {
-        int id = 0;
-        QString name;
-        QString lastStatus;
-        qint64 liveBytes = 0;
-        int previews = 0;
-    };
-    void accept();
-    void upload(const class QHttpServerRequest &request, class QHttpServerResponder &&responder);
+protected:
+    void connectNotify(const QMetaMethod &signal) override;
 
+private:
+    /// Runs `work` on the network thread and waits for it (5 s at most).
+    void call(const std::function<void()> &work) const;
     void say(const QString &line) const;
 
-    QHttpServer m_http;
-    QHostAddress m_address;
-    quint16 m_port = 0;
-    QDir m_uploads;
-    QHash<QWebSocket *, Agent> m_agents;
-    std::vector<std::unique_ptr<QWebSocket>> m_sockets;
+    std::unique_ptr<boost::asio::io_context> m_io;
+    std::unique_ptr<Room> m_room;
+    std::thread m_thread;
+    std::atomic<bool> m_binaryWanted{false};
 };

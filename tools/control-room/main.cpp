@@ -1,16 +1,19 @@
-// brava-control-room: a small control room for trying the agent out.
+// brava-control-room: a control room for an event, on one port, with the operator's page.
 //
-//   brava-control-room [port] [uploads-folder]
+//   brava-control-room [--port P] [--uploads DIR] [--name NAME]
 //
-// Commands on standard input, each to every agent or, with a leading "@N", to agent N:
-//   start <session> | stop | listen on|off | cameras on|off | preview on|off [hd] | quality low|med|full
-//   whisper <seat> <text> | release | json {...} | list | quit
+// Prints the page's address with its operator token on one line starting with "http://", then
+// takes commands on standard input (see --help).
+#include "CommandWords.h"
 #include "ControlRoomServer.h"
+#include "RoomAnnouncer.h"
 #include "StrictInt.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QHostInfo>
 #include <QJsonDocument>
-#include <QJsonObject>
+#include <QNetworkInterface>
 #include <QSocketNotifier>
 #include <QTextStream>
 
@@ -19,71 +22,103 @@
 #include <unistd.h>
 
 namespace {
-QJsonObject parse(const QStringList &w)
+// An address the event's network reaches this computer at; loopback when there is none.
+QString reachableHost()
 {
-    const QString cmd = w.value(0);
-    const bool on = w.value(1) == QLatin1String("on");
-    if (cmd == QLatin1String("start"))
-        return {{QStringLiteral("type"), QStringLiteral("start")}, {QStringLiteral("session"), w.value(1)}};
-    if (cmd == QLatin1String("stop") || cmd == QLatin1String("release"))
-        return {{QStringLiteral("type"), cmd}};
-    if (cmd == QLatin1String("listen") || cmd == QLatin1String("cameras"))
-        return {{QStringLiteral("type"), cmd}, {QStringLiteral("on"), on}};
-    if (cmd == QLatin1String("preview"))
-        return {{QStringLiteral("type"), QStringLiteral("preview")}, {QStringLiteral("on"), on}, {QStringLiteral("hd"), w.value(2) == QLatin1String("hd")}};
-    if (cmd == QLatin1String("quality"))
-        return {{QStringLiteral("type"), QStringLiteral("quality")}, {QStringLiteral("q"), w.value(1)}};
-    if (cmd == QLatin1String("whisper"))
-        return {{QStringLiteral("type"), QStringLiteral("whisper")}, {QStringLiteral("seat"), parseStrictInt(w.value(1), 0, 9999).value_or(0)}, {QStringLiteral("text"), w.mid(2).join(QLatin1Char(' '))}};
-    return {};
+    for (const QNetworkInterface &i : QNetworkInterface::allInterfaces()) {
+        if (!(i.flags() & QNetworkInterface::IsUp) || (i.flags() & QNetworkInterface::IsLoopBack))
+            continue;
+        for (const QNetworkAddressEntry &e : i.addressEntries())
+            if (e.ip().protocol() == QAbstractSocket::IPv4Protocol)
+                return e.ip().toString();
+    }
+    return QStringLiteral("127.0.0.1");
 }
 } // namespace
 
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
-    const QStringList args = app.arguments();
-    const std::optional<int> port = parseStrictInt(args.value(1, QStringLiteral("8080")), 0, 65535);
-    if (!port) {
-        QTextStream(stderr) << "not a port: " << args.value(1) << Qt::endl;
+    QCommandLineParser options;
+    options.setApplicationDescription(QStringLiteral("A control room for Brava Recorder agents: their links, uploads, events and "
+                                                     "sales on one port, and the operator's page in a browser.\n\n")
+                                      + CommandWords::usage());
+    options.addHelpOption();
+    const QCommandLineOption portOption(QStringLiteral("port"), QStringLiteral("Port to listen on (default 8080; 0 picks one)."), QStringLiteral("port"),
+                                        QStringLiteral("8080"));
+    const QCommandLineOption uploadsOption(QStringLiteral("uploads"), QStringLiteral("Folder for uploads and sales (default ./uploads)."),
+                                           QStringLiteral("folder"), QStringLiteral("uploads"));
+    const QCommandLineOption nameOption(QStringLiteral("name"), QStringLiteral("Name announced to agents' setup (default: Control room on <host>)."),
+                                        QStringLiteral("name"));
+    options.addOptions({portOption, uploadsOption, nameOption});
+    options.addPositionalArgument(QStringLiteral("[port [uploads]]"), QStringLiteral("The same as --port and --uploads."));
+    options.process(app);
+
+    QTextStream out(stdout);
+    const QStringList rest = options.positionalArguments();
+    const QString portText = rest.value(0, options.value(portOption));
+    const std::optional<int> port = parseStrictInt(portText, 0, 65535);
+    if (!port || rest.size() > 2) {
+        QTextStream(stderr) << "not a port: " << portText << " (see --help)" << Qt::endl;
         return 2;
     }
-    const QDir uploads(args.value(2, QStringLiteral("uploads")));
-    QDir().mkpath(uploads.path());
+    const QDir uploads(rest.value(1, options.value(uploadsOption)));
+    if (!QDir().mkpath(uploads.path())) {
+        QTextStream(stderr) << "cannot make the uploads folder " << uploads.path() << Qt::endl;
+        return 1;
+    }
+    const QString name = options.isSet(nameOption) ? options.value(nameOption).left(63) : QStringLiteral("Control room on ") + QHostInfo::localHostName();
 
     ControlRoomServer room(uploads);
+    room.setName(name);
     const quint16 bound = room.listen(quint16(*port));
-    QTextStream out(stdout);
     if (!bound) {
         QTextStream(stderr) << "cannot listen on port " << *port << Qt::endl;
         return 1;
     }
-    out << "control room on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
+    out << "control room \"" << name << "\" on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
+    out << "http://" << reachableHost() << ':' << bound << "/?token=" << room.token() << Qt::endl;
+    RoomAnnouncer announcer;
+    QString why;
+    if (announcer.announce(name, bound, &why))
+        out << "announced as \"" << name << "\" (" << "_bravacontrol._tcp" << ")" << Qt::endl;
+    else
+        out << "not announced (" << why << "): agents type this computer's address in their setup" << Qt::endl;
+    out << "type \"help\" for the commands" << Qt::endl;
 
-    // Standard input is read in whatever pieces arrive and cut into lines here: several lines
-    // can come in one piece, and the notifier only speaks again when more arrives.
     const auto run = [&](const QString &line) {
         QStringList words = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
         if (words.isEmpty())
             return;
         int target = 0;
-        if (words.first().startsWith(QLatin1Char('@')))
-            target = parseStrictInt(words.takeFirst().mid(1), 0, 9999).value_or(-1);
-        if (words.value(0) == QLatin1String("quit"))
+        if (words.first().startsWith(QLatin1Char('@'))) {
+            const auto n = parseStrictInt(words.takeFirst().mid(1), 1, 110);
+            if (!n) {
+                out << "refused: @N names an agent number 1 to 110" << Qt::endl;
+                return;
+            }
+            target = *n;
+        }
+        const QString cmd = words.value(0);
+        if (cmd == QLatin1String("quit"))
             return QCoreApplication::quit();
-        if (words.value(0) == QLatin1String("list"))
+        if (cmd == QLatin1String("list"))
             return room.list();
-        QByteArray json;
-        if (words.value(0) == QLatin1String("json"))
-            json = line.mid(line.indexOf(QLatin1String("json")) + 4).trimmed().toUtf8();
-        else if (const QJsonObject o = parse(words); !o.isEmpty())
-            json = QJsonDocument(o).toJson(QJsonDocument::Compact);
-        if (json.isEmpty()) {
-            out << "unknown command" << Qt::endl;
+        if (cmd == QLatin1String("help")) {
+            out << CommandWords::usage() << Qt::flush;
             return;
         }
-        out << "sent to " << room.send(target, json) << " agent(s)" << Qt::endl;
+        if (cmd == QLatin1String("json")) {
+            const QByteArray json = line.mid(line.indexOf(QLatin1String("json")) + 4).trimmed().toUtf8();
+            out << "sent to " << room.send(target, json) << " agent(s)" << Qt::endl;
+            return;
+        }
+        QString reason;
+        const auto command = CommandWords::fromWords(words, &reason);
+        out << (command ? room.command(target, *command) : QStringLiteral("refused: ") + reason) << Qt::endl;
     };
+    // Standard input is read in whatever pieces arrive and cut into lines here: several lines
+    // can come in one piece, and the notifier only speaks again when more arrives.
     QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
     QByteArray pending;
     QObject::connect(&input, &QSocketNotifier::activated, &app, [&] {

@@ -1,0 +1,174 @@
+// The operator's page end to end: the control room, two agents on the test sound server with
+// synthetic cameras, and headless chromium driven by Playwright. Screenshots of each step land
+// in <build>/room-screens/. Skips (exit 77) when chromium or playwright-core is missing.
+import { spawn, execFileSync } from 'node:child_process';
+import fs from 'node:fs';
+import http from 'node:http';
+import os from 'node:os';
+import path from 'node:path';
+import { createRequire } from 'node:module';
+
+const build = path.resolve(process.argv[2] || 'build');
+const screens = path.join(build, 'room-screens');
+const chromiumPath = '/usr/bin/chromium';
+const require = createRequire(import.meta.url);
+let chromium;
+try { ({ chromium } = require('playwright-core')); } catch { chromium = null; }
+if (!chromium || !fs.existsSync(chromiumPath) || !process.env.PULSE_SERVER) {
+  console.log('SKIP: needs playwright-core (tests/tools/browser), /usr/bin/chromium and the test sound server');
+  process.exit(77);
+}
+
+const work = fs.mkdtempSync(path.join(os.tmpdir(), 'brava-room-e2e-'));
+const children = [];
+let failed = false;
+const step = (text) => console.log(`e2e: ${text}`);
+const sleep = (ms) => new Promise((r) => setTimeout(r, ms));
+async function until(what, test, ms = 20000) {
+  const end = Date.now() + ms;
+  for (;;) {
+    const v = await test();
+    if (v) return v;
+    if (Date.now() > end) throw new Error(`timed out waiting for ${what}`);
+    await sleep(200);
+  }
+}
+function run(cmd, args, env, name) {
+  const child = spawn(cmd, args, { env: { ...process.env, ...env }, stdio: ['pipe', 'pipe', 'pipe'] });
+  child.output = '';
+  child.stdout.on('data', (d) => { child.output += d; });
+  child.stderr.on('data', (d) => { child.output += d; });
+  child.name = name;
+  children.push(child);
+  return child;
+}
+function get(port, p, headers = {}) {
+  return new Promise((resolve, reject) => {
+    const req = http.get({ host: '127.0.0.1', port, path: p, headers }, (res) => {
+      let body = '';
+      res.on('data', (d) => { body += d; });
+      res.on('end', () => resolve({ status: res.statusCode, body }));
+    });
+    req.on('error', reject);
+  });
+}
+
+let browser;
+try {
+  fs.rmSync(screens, { recursive: true, force: true });
+  fs.mkdirSync(screens, { recursive: true });
+  const uploads = path.join(work, 'uploads');
+
+  // A tone in the default output: both the microphone (a remap of its monitor) and computer audio hear it.
+  const tone = path.join(work, 'tone.wav');
+  execFileSync('sox', ['-n', '-r', '48000', '-c', '1', tone, 'synth', '90', 'sine', '440', 'vol', '0.5']);
+  for (const sink of ['brava_out', 'brava_feed']) // computer audio, and the microphones fed from the second sink
+    run('paplay', ['-d', sink, tone], {}, `paplay ${sink}`);
+
+  step('control room');
+  const room = run(path.join(build, 'brava-control-room'), ['--port', '0', '--uploads', uploads, '--name', 'E2E room'], {}, 'room');
+  const address = await until('the page address', () => room.output.match(/^http:\/\/[^:]+:(\d+)\/\?token=([0-9a-f]+)$/m));
+  const port = Number(address[1]);
+  const token = address[2];
+  const bearer = { Authorization: `Bearer ${token}` };
+  const state = async () => JSON.parse((await get(port, '/api/state', bearer)).body);
+
+  step('without the token the page, its state and its WebSocket refuse');
+  if ((await get(port, '/')).status !== 401) throw new Error('page without token not refused');
+  if ((await get(port, '/api/state')).status !== 401) throw new Error('state without token not refused');
+  const upgrade = await get(port, '/page', { Connection: 'Upgrade', Upgrade: 'websocket', 'Sec-WebSocket-Version': '13',
+                                             'Sec-WebSocket-Key': 'dGhlIHNhbXBsZSBub25jZQ==' });
+  if (upgrade.status !== 401) throw new Error(`page WebSocket without token answered ${upgrade.status}`);
+
+  step('two agents');
+  for (const id of [1, 2]) {
+    const home = path.join(work, `agent${id}`);
+    const config = path.join(home, 'config', 'Brava Recorder');
+    fs.mkdirSync(config, { recursive: true });
+    fs.writeFileSync(path.join(config, 'settings.ini'),
+      `[General]\nagentID=${id}\nagentName=E2E Agent ${id}\nserver=127.0.0.1:${port}\nsetupDone=true\n`);
+    run(path.join(build, 'brava-recorder'), [], {
+      HOME: home, XDG_CONFIG_HOME: path.join(home, 'config'), XDG_DATA_HOME: path.join(home, 'data'),
+      XDG_CACHE_HOME: path.join(home, 'cache'), XDG_STATE_HOME: path.join(home, 'state'),
+      QT_QPA_PLATFORM: 'offscreen', BRAVA_FAKE_CAMERAS: '1:320x180@10',
+    }, `agent${id}`);
+  }
+  await until('both agents connected', async () => (await state()).agents.filter((a) => a.connected).length === 2);
+
+  // No D-Bus for the browser: a bus that other test runs restart would make it abort.
+  const browserEnv = { ...process.env, DBUS_SESSION_BUS_ADDRESS: 'unix:path=/nonexistent', DBUS_SYSTEM_BUS_ADDRESS: 'unix:path=/nonexistent' };
+  browser = await chromium.launch({ executablePath: chromiumPath, env: browserEnv, args: ['--no-sandbox', '--headless', '--disable-gpu',
+    '--autoplay-policy=no-user-gesture-required', '--disable-background-networking', '--disable-component-update', '--disable-sync'] });
+  const page = await browser.newPage({ viewport: { width: 1400, height: 900 } });
+  const refused = await page.goto(`http://127.0.0.1:${port}/`);
+  if (refused.status() !== 401) throw new Error('the browser got the page without the token');
+  await page.goto(`http://127.0.0.1:${port}/?token=${token}`);
+  await page.waitForSelector('#agent-1');
+  await page.waitForSelector('#agent-2');
+  await page.screenshot({ path: path.join(screens, '01-agents-connected.png') });
+
+  step('go live and start a session');
+  await page.click('#all-live');
+  await until('both agents live', async () => (await state()).agents.every((a) => a.live));
+  await page.fill('#session', 'e2e-1');
+  await page.click('#all-start');
+  await until('both agents recording', async () => (await state()).agents.every((a) => a.status.recording === true));
+  const widths = async () => page.$$eval('td.mic .meter > div', (ds) => ds.map((d) => d.style.width));
+  const first = await widths();
+  await until('moving meters', async () => {
+    const now = await widths();
+    return now.some((w, i) => w !== first[i]) && now.every((w) => w !== '0%');
+  });
+  await page.screenshot({ path: path.join(screens, '02-recording.png') });
+
+  step('preview of agent 1');
+  await page.click('#agent-1 button:text-is("Preview")');
+  await page.waitForFunction(() => window.__room.previewFrames > 2, null, { timeout: 20000 });
+  await page.waitForFunction(() => document.getElementById('preview').naturalWidth > 0, null, { timeout: 10000 });
+  await page.screenshot({ path: path.join(screens, '03-preview.png') });
+
+  step('listen to agent 2');
+  await page.click('#agent-2 button:text-is("Listen")');
+  await page.waitForFunction(() => window.__room.audioSamples > 48000 / 2, null, { timeout: 20000 });
+  await page.screenshot({ path: path.join(screens, '04-listening.png') });
+
+  step('whisper to agent 1');
+  await page.fill('#whisper-to', '1');
+  await page.fill('#whisper-seat', '3');
+  await page.fill('#whisper-text', 'Slow down and ask about the budget');
+  await page.click('#whisper-send');
+  await page.waitForFunction(() => [...document.querySelectorAll('#feed li.sent')].some((li) => li.textContent.includes('whisper') && li.textContent.includes('to 1 agent')),
+    null, { timeout: 10000 });
+  await page.screenshot({ path: path.join(screens, '05-whisper.png') });
+
+  step('stop; the files arrive and play');
+  await page.click('#agent-2 button:text-is("Listen")');
+  await page.click('#all-stop');
+  const files = await until('the last pieces of both agents', async () => {
+    const s = await state();
+    const finals = s.files.filter((f) => /^agent[12]\/e2e-1\/(mic|sys|cam)_\d+_\d+_final\.(m4a|mp4)$/.test(f));
+    const agentsDone = [1, 2].every((id) => ['mic', 'sys', 'cam'].every((t) => finals.some((f) => f.startsWith(`agent${id}/e2e-1/${t}_`))));
+    return agentsDone && s.agents.every((a) => a.status.recording === false && a.uploading === 0) ? s.files : null;
+  }, 60000);
+  for (const f of files.filter((x) => x.startsWith('agent'))) {
+    const out = execFileSync('ffprobe', ['-v', 'error', '-show_entries', 'format=duration', '-of', 'csv=p=0', path.join(uploads, f)]).toString().trim();
+    if (!(Number(out) > 0)) throw new Error(`${f} does not play (${out})`);
+    step(`${f} plays, ${Number(out).toFixed(2)} s`);
+  }
+  await page.waitForSelector('#feed li.upload a');
+  await page.screenshot({ path: path.join(screens, '06-stopped-files.png'), fullPage: true });
+  const log1 = fs.readFileSync(path.join(work, 'agent1', 'data', 'Brava Recorder', 'log.txt'), 'utf8');
+  step(`agent 1's log: ${log1.split('\n').filter((l) => /whisper|connected|recording|session/i.test(l)).slice(-4).join(' | ')}`);
+  step('PASS');
+} catch (e) {
+  failed = true;
+  console.log(`FAIL: ${e.message}`);
+  for (const c of children) console.log(`--- ${c.name}\n${c.output.split('\n').slice(-15).join('\n')}`);
+} finally {
+  if (browser) await browser.close();
+  for (const c of children) c.kill('SIGTERM');
+  await sleep(500);
+  for (const c of children) if (c.exitCode === null) c.kill('SIGKILL');
+  fs.rmSync(work, { recursive: true, force: true });
+}
+process.exit(failed ? 1 : 0);

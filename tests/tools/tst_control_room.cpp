@@ -1,0 +1,249 @@
+// The control room under hostile and ordinary input on loopback: uploads with names that try to
+// leave the uploads folder, cut-off bodies, repeats, oversized WebSocket frames, a crowd of
+// tokenless page connections, sales and the operator token.
+#include "CommandWords.h"
+#include "ControlRoomServer.h"
+
+#include <QDirIterator>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QNetworkAccessManager>
+#include <QNetworkCookieJar>
+#include <QNetworkReply>
+#include <QSignalSpy>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QWebSocket>
+
+namespace {
+const QString kToken = QStringLiteral("0123456789abcdef0123456789abcdef");
+}
+
+class ControlRoomTest : public QObject
+{
+    Q_OBJECT
+    QTemporaryDir top; // the uploads folder is top/uploads: anything beside it escaped
+    std::unique_ptr<ControlRoomServer> room;
+    QNetworkAccessManager net;
+    quint16 port = 0;
+
+    QString uploads() const { return top.filePath(QStringLiteral("uploads")); }
+    QUrl url(const QString &pathAndQuery) const { return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(port).arg(pathAndQuery)); }
+    // Status and body of one request (0 when no answer within 10 s).
+    std::pair<int, QByteArray> request(const QByteArray &verb, const QString &pathAndQuery, const QByteArray &body = {},
+                                       const QByteArray &auth = {})
+    {
+        QNetworkRequest r(url(pathAndQuery));
+        if (!auth.isEmpty())
+            r.setRawHeader("Authorization", auth);
+        r.setTransferTimeout(10000);
+        net.setCookieJar(new QNetworkCookieJar(&net)); // each request on its own, without the cookie of the one before
+        QNetworkReply *reply = net.sendCustomRequest(r, verb, body);
+        QSignalSpy done(reply, &QNetworkReply::finished);
+        done.wait(10000);
+        reply->deleteLater();
+        return {reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), reply->readAll()};
+    }
+    QStringList filesUnder(const QString &dir) const
+    {
+        QStringList out;
+        QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (it.hasNext())
+            out.append(QDir(dir).relativeFilePath(it.next()));
+        return out;
+    }
+    static QString q(const QString &session, const QString &rest = QStringLiteral("&track=mic&take=123&idx=12&final=1&ext=m4a"))
+    {
+        return QStringLiteral("/upload?id=7&session=") + QString::fromLatin1(QUrl::toPercentEncoding(session)) + rest;
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        QDir(uploads()).removeRecursively();
+        QDir().mkpath(uploads());
+        room = std::make_unique<ControlRoomServer>(QDir(uploads()), nullptr, kToken);
+        room->quiet = true;
+        port = room->listen(0, QHostAddress::LocalHost);
+        QVERIFY(port);
+    }
+    void cleanup() { room.reset(); }
+
+    void refusedUploads_data()
+    {
+        QTest::addColumn<QString>("query");
+        QTest::newRow("dot-dot") << q(QStringLiteral(".."));
+        QTest::newRow("up and out") << q(QStringLiteral("../../etc"));
+        QTest::newRow("slash") << q(QStringLiteral("a/b"));
+        QTest::newRow("NUL") << q(QStringLiteral("a") + QChar(0) + QStringLiteral("b"));
+        QTest::newRow("300 characters") << q(QString(300, QLatin1Char('a')));
+        QTest::newRow("hidden") << q(QStringLiteral(".x"));
+        QTest::newRow("no query") << QStringLiteral("/upload");
+        QTest::newRow("agent 0") << QStringLiteral("/upload?id=0&session=s&track=mic&take=1&idx=1&final=0&ext=m4a");
+        QTest::newRow("agent 111") << QStringLiteral("/upload?id=111&session=s&track=mic&take=1&idx=1&final=0&ext=m4a");
+        QTest::newRow("track") << q(QStringLiteral("s"), QStringLiteral("&track=..&take=1&idx=1&final=0&ext=m4a"));
+        QTest::newRow("take") << q(QStringLiteral("s"), QStringLiteral("&track=mic&take=1x&idx=1&final=0&ext=m4a"));
+        QTest::newRow("index") << q(QStringLiteral("s"), QStringLiteral("&track=mic&take=1&idx=-1&final=0&ext=m4a"));
+        QTest::newRow("final") << q(QStringLiteral("s"), QStringLiteral("&track=mic&take=1&idx=1&final=yes&ext=m4a"));
+        QTest::newRow("ext") << q(QStringLiteral("s"), QStringLiteral("&track=mic&take=1&idx=1&final=0&ext=sh"));
+        QTest::newRow("missing ext") << q(QStringLiteral("s"), QStringLiteral("&track=mic&take=1&idx=1&final=0"));
+    }
+    void refusedUploads()
+    {
+        QFETCH(QString, query);
+        QCOMPARE(request("POST", query, QByteArray(1000, 'x')).first, 400);
+        QCOMPARE(filesUnder(top.path()), QStringList());
+        QCOMPARE(request("POST", q(QStringLiteral("fine")), "ok").first, 200); // and the room serves on
+    }
+
+    void uploadIsNamedFromItsQueryAndARepeatIsStoredOnce()
+    {
+        QSignalSpy stored(room.get(), &ControlRoomServer::uploaded);
+        const QByteArray body(300000, 'm');
+        QCOMPARE(request("POST", q(QStringLiteral("show-1")), body), std::make_pair(200, QByteArray("ok")));
+        QCOMPARE(request("POST", q(QStringLiteral("show-1")), body).first, 200); // its answer was lost: sent again
+        QCOMPARE(filesUnder(uploads()), QStringList{QStringLiteral("agent7/show-1/mic_123_12_final.m4a")});
+        QTRY_COMPARE(stored.size(), 1);
+        QFile f(uploads() + QStringLiteral("/agent7/show-1/mic_123_12_final.m4a"));
+        QVERIFY(f.open(QIODevice::ReadOnly) && f.readAll() == body);
+        const QJsonObject s = room->state();
+        QCOMPARE(s.value(QStringLiteral("files")).toArray().first().toString(), QStringLiteral("agent7/show-1/mic_123_12_final.m4a"));
+    }
+
+    void cutOffUploadLeavesNothingThatLooksWhole()
+    {
+        QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, port);
+        QVERIFY(socket.waitForConnected(5000));
+        socket.write("POST " + q(QStringLiteral("cut")).toLatin1() + " HTTP/1.1\r\nHost: x\r\nContent-Length: 2147483648\r\n\r\n");
+        const QByteArray chunk(1 << 20, 'c');
+        for (int i = 0; i < 8; ++i) {
+            socket.write(chunk);
+            socket.waitForBytesWritten(5000);
+        }
+        QTRY_VERIFY(!filesUnder(uploads()).isEmpty()); // arriving, under a hidden name
+        QVERIFY(filesUnder(uploads()).first().contains(QStringLiteral("/.mic_123_12_final.m4a.part")));
+        socket.abort();
+        QTRY_COMPARE(filesUnder(uploads()), QStringList());
+        QCOMPARE(request("POST", q(QStringLiteral("cut")), "whole").first, 200);
+    }
+
+    void hugeWebSocketFrameEndsOnlyThatLink()
+    {
+        QWebSocket bad, good;
+        for (QWebSocket *s : {&bad, &good}) {
+            s->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=%2&os=linux&v=1&name=x").arg(port).arg(s == &bad ? 1 : 2)));
+            QTRY_COMPARE(s->state(), QAbstractSocket::ConnectedState);
+        }
+        QTRY_COMPARE(room->agentCount(), 2);
+        bad.sendBinaryMessage(QByteArray(16 << 20, '\2'));
+        QTRY_COMPARE_WITH_TIMEOUT(bad.state(), QAbstractSocket::UnconnectedState, 10000);
+        QSignalSpy got(&good, &QWebSocket::textMessageReceived);
+        QCOMPARE(room->send(2, R"({"type":"stop"})"), 1);
+        QVERIFY(got.wait(5000));
+        QCOMPARE(room->agentCount(), 1);
+    }
+
+    void aThousandTokenlessPageConnectionsAreRefused()
+    {
+        int refused = 0;
+        for (int batch = 0; batch < 10; ++batch) {
+            std::vector<std::unique_ptr<QTcpSocket>> sockets;
+            for (int i = 0; i < 100; ++i) {
+                auto s = std::make_unique<QTcpSocket>();
+                s->connectToHost(QHostAddress::LocalHost, port);
+                s->write("GET /page HTTP/1.1\r\nHost: x\r\nConnection: Upgrade\r\nUpgrade: websocket\r\nSec-WebSocket-Version: 13\r\n"
+                         "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
+                sockets.push_back(std::move(s));
+            }
+            for (auto &s : sockets) {
+                QTRY_VERIFY(s->bytesAvailable() > 0 || s->state() == QAbstractSocket::UnconnectedState);
+                refused += s->readAll().startsWith("HTTP/1.1 401");
+            }
+        }
+        QCOMPARE(refused, 1000);
+        QCOMPARE(request("GET", QStringLiteral("/api/state"), {}, "Bearer " + kToken.toLatin1()).first, 200);
+    }
+
+    void tokenGuardsThePageAndItsState_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QByteArray>("auth");
+        QTest::addColumn<int>("status");
+        const QByteArray bearer = "Bearer " + kToken.toLatin1();
+        QTest::newRow("probe without token") << QStringLiteral("/") << QByteArray() << 401;
+        QTest::newRow("page with token") << QStringLiteral("/?token=") + kToken << QByteArray() << 200;
+        QTest::newRow("wrong token") << QStringLiteral("/?token=") + QString(32, QLatin1Char('0')) << QByteArray() << 401;
+        QTest::newRow("state without") << QStringLiteral("/api/state") << QByteArray() << 401;
+        QTest::newRow("state with bearer") << QStringLiteral("/api/state") << bearer << 200;
+        QTest::newRow("state with short bearer") << QStringLiteral("/api/state") << bearer.left(20) << 401;
+        QTest::newRow("worklet with bearer") << QStringLiteral("/worklet.js") << bearer << 200;
+        QTest::newRow("file not stored") << QStringLiteral("/files/../../etc/passwd") << bearer << 404;
+    }
+    void tokenGuardsThePageAndItsState()
+    {
+        QFETCH(QString, path);
+        QFETCH(QByteArray, auth);
+        QFETCH(int, status);
+        QCOMPARE(request("GET", path, {}, auth).first, status);
+    }
+
+    void saleIsStoredWithItsFiles()
+    {
+        const auto [status, answer] = request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":"Jo Ray","apv":1250.5,"referral":"no"})");
+        QCOMPARE(status, 200);
+        const QString token = QJsonDocument::fromJson(answer).object().value(QStringLiteral("sale")).toString();
+        QVERIFY(!token.isEmpty());
+        QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=nope&kind=confirm&ext=png"), "png").first, 400);
+        QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=confirm&ext=../x").arg(token), "png").first, 400);
+        QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=confirm&ext=png").arg(token), "PNG").first, 200);
+        QCOMPARE(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"fax","lead":"x","apv":1,"referral":"no"})").first, 400);
+        QStringList files = filesUnder(uploads());
+        files.sort();
+        QCOMPARE(files, QStringList({QStringLiteral("sales/%1/confirm.png").arg(token), QStringLiteral("sales/%1/sale.json").arg(token)}));
+        const QJsonArray sales = room->state().value(QStringLiteral("sales")).toArray();
+        QCOMPARE(sales.size(), 1);
+        QCOMPARE(sales.first().toObject().value(QStringLiteral("files")).toArray().size(), 2);
+    }
+
+    void typedCommandsAreCheckedWords_data()
+    {
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<QString>("json"); // "" when refused
+        QTest::newRow("start") << "start s1" << R"({"session":"s1","type":"start"})";
+        QTest::newRow("start out") << "start ../x" << "";
+        QTest::newRow("start none") << "start" << "";
+        QTest::newRow("quality") << "quality med" << R"({"q":"med","type":"quality"})";
+        QTest::newRow("quality unknown") << "quality best" << "";
+        QTest::newRow("cameras") << "cameras on" << R"({"on":true,"type":"cameras"})";
+        QTest::newRow("listen maybe") << "listen maybe" << "";
+        QTest::newRow("preview hd") << "preview on hd" << R"({"hd":true,"on":true,"type":"preview"})";
+        QTest::newRow("whisper") << "whisper 3 ask  twice" << R"({"seat":3,"text":"ask twice","type":"whisper"})";
+        QTest::newRow("whisper no seat") << "whisper hi there" << "";
+        QTest::newRow("unknown") << "dance" << "";
+    }
+    void typedCommandsAreCheckedWords()
+    {
+        QFETCH(QString, line);
+        QFETCH(QString, json);
+        QString why;
+        const auto c = CommandWords::fromWords(line.split(QLatin1Char(' '), Qt::SkipEmptyParts), &why);
+        QCOMPARE(c ? QString::fromUtf8(QJsonDocument(*c).toJson(QJsonDocument::Compact)) : QString(), json);
+        QCOMPARE(why.isEmpty(), !json.isEmpty());
+    }
+
+    void startWarnsAboutAgentsThatAreNotLive()
+    {
+        QWebSocket agent;
+        agent.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=5&os=linux&v=1&name=x").arg(port)));
+        QTRY_COMPARE(room->agentCount(), 1);
+        const QJsonObject start{{QStringLiteral("type"), QStringLiteral("start")}, {QStringLiteral("session"), QStringLiteral("s1")}};
+        QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
+        room->command(5, QJsonObject{{QStringLiteral("type"), QStringLiteral("cameras")}, {QStringLiteral("on"), true}});
+        QVERIFY(!room->command(0, start).contains(QStringLiteral("not live")));
+    }
+};
+
+QTEST_GUILESS_MAIN(ControlRoomTest)
+#include "tst_control_room.moc"

@@ -1,0 +1,487 @@
+#include "Room.h"
+
+#include "CommandWords.h"
+#include "HttpSession.h"
+#include "Protocol.h"
+#include "UploadPlace.h"
+#include "WsLink.h"
+
+#include <QDateTime>
+#include <QJsonDocument>
+
+namespace {
+QString L(const char *word)
+{
+    return QLatin1String(word);
+}
+
+constexpr size_t kAgentMessageMax = 8 << 20; // an HD preview picture fits many times over
+constexpr size_t kPageMessageMax = 64 << 10;
+constexpr size_t kStatusMax = 64 << 10;
+constexpr size_t kQueueMax = 2 << 20;
+constexpr size_t kFeedMax = 500;
+
+std::string bytes(const QJsonObject &o)
+{
+    return QJsonDocument(o).toJson(QJsonDocument::Compact).toStdString();
+}
+} // namespace
+
+struct Room::Agent
+{
+    QString name, os, version;
+    QJsonObject status;
+    QString summary; // the status without its levels, to print changes only
+    bool connected = false;
+    bool camerasOn = false; // as this room last asked
+    int uploading = 0;
+    int stored = 0;
+    QJsonObject lastEvent;
+    bool onCall = false;
+    qint64 liveBytes = 0;
+    int previews = 0;
+};
+
+Room::Room(asio::io_context &io, const QDir &uploads, OperatorToken token, std::map<std::string, std::string> assets, RoomHooks hooks)
+    : m_io(io)
+    , m_uploads(uploads)
+    , m_token(std::move(token))
+    , m_assets(std::move(assets))
+    , m_hooks(std::move(hooks))
+    , m_tick(io)
+    , m_sales(uploads)
+{
+}
+
+Room::~Room() = default;
+
+const std::string *Room::asset(const std::string &path) const
+{
+    const auto it = m_assets.find(path);
+    return it == m_assets.end() ? nullptr : &it->second;
+}
+
+void Room::say(const QString &line) const
+{
+    if (m_hooks.say)
+        m_hooks.say(line);
+}
+
+Room::Agent &Room::record(int id)
+{
+    return m_records[id];
+}
+
+quint16 Room::listen(const tcp::endpoint &at)
+{
+    beast::error_code ec;
+    auto acceptor = std::make_shared<tcp::acceptor>(m_io);
+    acceptor->open(at.protocol(), ec);
+    if (!ec)
+        acceptor->set_option(asio::socket_base::reuse_address(true), ec);
+    if (!ec)
+        acceptor->bind(at, ec);
+    if (!ec)
+        acceptor->listen(asio::socket_base::max_listen_connections, ec);
+    if (ec) {
+        say(QStringLiteral("cannot listen on port %1: %2").arg(at.port()).arg(QString::fromStdString(ec.message())));
+        return 0;
+    }
+    m_at = acceptor->local_endpoint();
+    m_acceptor = std::move(acceptor);
+    acceptNext(m_acceptor);
+    if (!std::exchange(m_ticking, true))
+        asio::co_spawn(m_io, tickLoop(), asio::detached);
+    return m_at.port();
+}
+
+void Room::acceptNext(const std::shared_ptr<tcp::acceptor> &acceptor)
+{
+    acceptor->async_accept([this, acceptor](beast::error_code ec, tcp::socket socket) {
+        if (ec == asio::error::operation_aborted || !acceptor->is_open())
+            return; // gone down
+        if (ec) { // out of descriptors and the like: a pause, then keep serving the others
+            auto pause = std::make_shared<asio::steady_timer>(m_io, std::chrono::milliseconds(50));
+            pause->async_wait([this, acceptor, pause](beast::error_code) {
+                if (acceptor->is_open())
+                    acceptNext(acceptor);
+            });
+            return;
+        }
+        auto session = std::make_shared<HttpSession>(std::move(socket), *this);
+        track(session);
+        session->start();
+        acceptNext(acceptor);
+    });
+}
+
+asio::awaitable<void> Room::tickLoop()
+{
+    // The pages see every agent's state twice a second, as the agents send it.
+    for (;;) {
+        beast::error_code ec;
+        m_tick.expires_after(std::chrono::milliseconds(500));
+        co_await m_tick.async_wait(noThrow(ec));
+        if (ec)
+            co_return;
+        if (!m_pages.empty()) {
+            QJsonObject s = state(false);
+            s.insert(QStringLiteral("kind"), QStringLiteral("state"));
+            toPages(QJsonDocument(s).toJson(QJsonDocument::Compact));
+        }
+    }
+}
+
+void Room::track(const std::shared_ptr<HttpSession> &session)
+{
+    std::erase_if(m_sessions, [](const std::weak_ptr<HttpSession> &s) { return s.expired(); });
+    m_sessions.push_back(session);
+}
+
+void Room::goDown()
+{
+    beast::error_code ec;
+    if (m_acceptor)
+        m_acceptor->close(ec);
+    m_acceptor.reset();
+    for (const auto &weak : std::vector(m_sessions))
+        if (auto s = weak.lock())
+            s->abort();
+    dropAgents();
+    std::vector<std::shared_ptr<WsLink>> pages;
+    for (auto &[_, l] : m_pages)
+        pages.push_back(l.link);
+    for (auto &p : pages)
+        p->abort();
+}
+
+void Room::close()
+{
+    goDown();
+    m_tick.cancel();
+    m_agents.clear();
+    m_pages.clear();
+    m_sessions.clear();
+}
+
+bool Room::comeBack()
+{
+    return m_at.port() != 0 && listen(m_at) != 0;
+}
+
+void Room::dropAgents()
+{
+    std::vector<std::shared_ptr<WsLink>> links;
+    for (auto &[_, l] : m_agents)
+        links.push_back(l.link);
+    for (auto &l : links)
+        l->abort();
+}
+
+void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_body> &&upgrade, const QUrl &url)
+{
+    using namespace Protocol::LinkQuery;
+    const QUrlQuery q(url);
+    const int id = UploadPlace::agentNumber(q.queryItemValue(L(Protocol::LinkQuery::id))).value_or(0);
+    auto link = std::make_shared<WsLink>(std::move(stream), kAgentMessageMax, kQueueMax);
+    WsLink::Handlers h;
+    h.opened = [this, id, url, q](WsLink &l) {
+        // A second computer with the same number replaces the first.
+        for (auto &[ptr, other] : m_agents) {
+            if (id > 0 && other.id == id && ptr != &l) {
+                other.link->sendText(bytes({{L(Protocol::type), L(Protocol::Command::replaced)}}));
+                other.link->close();
+            }
+        }
+        m_agents[&l] = Link{l.shared_from_this(), id};
+        Agent &a = record(id);
+        a.connected = true;
+        a.camerasOn = false;
+        a.name = q.queryItemValue(L(name), QUrl::FullyDecoded).left(200);
+        a.os = q.queryItemValue(L(os), QUrl::FullyDecoded).left(20);
+        a.version = q.queryItemValue(L(version), QUrl::FullyDecoded).left(40);
+        say(QStringLiteral("agent #%1 %2 connected (%3, v%4)").arg(id).arg(a.name, a.os, a.version));
+        feed(QStringLiteral("connected"), id, a.name);
+        if (m_hooks.agentConnected)
+            m_hooks.agentConnected(url);
+    };
+    h.message = [this](WsLink &l, std::string &&m, bool binary) { agentMessage(l, std::move(m), binary); };
+    h.closed = [this](WsLink &l) {
+        const auto it = m_agents.find(&l);
+        if (it == m_agents.end())
+            return;
+        const int id = it->second.id;
+        // Erased later: whoever ended the link may still be walking the list.
+        asio::post(m_io, [this, ptr = &l, keep = it->second.link] { m_agents.erase(ptr); });
+        bool other = false;
+        for (auto &[ptr, x] : m_agents)
+            other = other || (ptr != &l && x.id == id);
+        if (!other)
+            record(id).connected = false;
+        say(QStringLiteral("agent #%1 disconnected").arg(id));
+        feed(QStringLiteral("disconnected"), id, QString());
+    };
+    link->start(std::move(upgrade), std::move(h));
+}
+
+void Room::agentMessage(WsLink &l, std::string &&message, bool binary)
+{
+    const auto it = m_agents.find(&l);
+    if (it == m_agents.end())
+        return;
+    const int id = it->second.id;
+    Agent &a = record(id);
+    if (binary) {
+        if (message.empty())
+            return;
+        const unsigned char kind = static_cast<unsigned char>(message[0]);
+        if (m_hooks.binary)
+            m_hooks.binary(QByteArray(message.data(), qsizetype(message.size())));
+        if (kind == Protocol::Frame::preview)
+            ++a.previews;
+        else
+            a.liveBytes += qint64(message.size()) - 1;
+        // To the pages: the agent number in two bytes, then the frame as it came.
+        std::shared_ptr<std::string> frame;
+        for (auto &[_, page] : m_pages) {
+            if ((kind == Protocol::Frame::preview ? page.preview : page.listen) != id || id == 0)
+                continue;
+            if (!frame) {
+                frame = std::make_shared<std::string>();
+                frame->reserve(message.size() + 2);
+                frame->push_back(char(id >> 8));
+                frame->push_back(char(id & 0xff));
+                frame->append(message);
+            }
+            page.link->sendBinary(frame);
+        }
+        return;
+    }
+    if (message.size() > kStatusMax)
+        return;
+    const QString text = QString::fromStdString(message);
+    if (m_hooks.text)
+        m_hooks.text(text);
+    QJsonObject o = QJsonDocument::fromJson(QByteArray::fromStdString(message)).object();
+    if (o.value(L(Protocol::type)).toString() != L(Protocol::Status::type))
+        return;
+    a.status = o;
+    o.remove(L(Protocol::Status::mic));
+    o.remove(L(Protocol::Status::sys));
+    const QString summary = QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact));
+    if (summary != a.summary) {
+        a.summary = summary;
+        say(QStringLiteral("agent #%1 status %2").arg(id).arg(summary));
+    }
+}
+
+void Room::acceptPage(beast::tcp_stream &&stream, http::request<http::empty_body> &&upgrade)
+{
+    auto link = std::make_shared<WsLink>(std::move(stream), kPageMessageMax, kQueueMax);
+    WsLink::Handlers h;
+    h.opened = [this](WsLink &l) {
+        m_pages[&l] = Link{l.shared_from_this()};
+        QJsonObject s = state(false);
+        s.insert(QStringLiteral("kind"), QStringLiteral("state"));
+        QJsonArray items;
+        for (const QJsonObject &item : m_feed)
+            items.append(item);
+        s.insert(QStringLiteral("feed"), items);
+        l.sendText(bytes(s));
+    };
+    h.message = [this](WsLink &l, std::string &&m, bool binary) {
+        if (!binary)
+            pageMessage(l, std::move(m));
+    };
+    h.closed = [this](WsLink &l) {
+        const auto it = m_pages.find(&l);
+        if (it != m_pages.end())
+            asio::post(m_io, [this, ptr = &l, keep = it->second.link] { m_pages.erase(ptr); });
+    };
+    link->start(std::move(upgrade), std::move(h));
+}
+
+void Room::pageMessage(WsLink &l, std::string &&message)
+{
+    // {"to": N (0: every agent), "command": {...}}
+    const QJsonObject o = QJsonDocument::fromJson(QByteArray::fromStdString(message)).object();
+    const double to = o.value(QStringLiteral("to")).toDouble(-1);
+    QString why;
+    const auto c = CommandWords::checked(o.value(QStringLiteral("command")).toObject(), &why);
+    if (to < 0 || to > 110 || to != int(to) || !c) {
+        feed(QStringLiteral("refused"), int(qMax(0.0, to)), why.isEmpty() ? QStringLiteral("\"to\" is 0 to 110") : why);
+        return;
+    }
+    const int id = int(to);
+    Link &page = m_pages[&l];
+    const QString type = c->value(L(Protocol::type)).toString();
+    const bool on = c->value(L(Protocol::Command::on)).toBool();
+    if (type == L(Protocol::Command::listen))
+        page.listen = on ? id : (page.listen == id || id == 0 ? 0 : page.listen);
+    if (type == L(Protocol::Command::preview))
+        page.preview = on ? id : (page.preview == id || id == 0 ? 0 : page.preview);
+    feed(QStringLiteral("sent"), id, command(id, *c));
+}
+
+QString Room::command(int id, const QJsonObject &c)
+{
+    const QString type = c.value(L(Protocol::type)).toString();
+    int notLive = 0;
+    std::set<int> targets;
+    for (auto &[_, l] : m_agents)
+        if (id == 0 || l.id == id)
+            targets.insert(l.id);
+    for (int t : targets) {
+        Agent &a = record(t);
+        if (type == L(Protocol::Command::cameras))
+            a.camerasOn = c.value(L(Protocol::Command::on)).toBool();
+        if (type == L(Protocol::Command::start) && !a.camerasOn)
+            ++notLive;
+    }
+    const int sent = sendRaw(id, bytes(c));
+    QString line = QStringLiteral("%1 sent to %2 agent(s)").arg(QString::fromStdString(bytes(c))).arg(sent);
+    if (notLive > 0)
+        line += QStringLiteral("; warning: %1 of them not live, they record only after \"cameras on\" (Go Live)").arg(notLive);
+    return line;
+}
+
+int Room::sendRaw(int id, const std::string &text)
+{
+    int sent = 0;
+    for (auto &[_, l] : m_agents) {
+        if (id == 0 || l.id == id) {
+            l.link->sendText(text);
+            ++sent;
+        }
+    }
+    return sent;
+}
+
+QStringList Room::list() const
+{
+    QStringList lines;
+    for (const auto &[_, l] : m_agents) {
+        const auto it = m_records.find(l.id);
+        if (it == m_records.end())
+            continue;
+        const Agent &a = it->second;
+        lines.append(QStringLiteral("agent #%1 %2: %3, live audio %4 bytes, %5 preview frames, %6 stored, %7 uploading")
+                         .arg(l.id)
+                         .arg(a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"))
+                         .arg(a.liveBytes)
+                         .arg(a.previews)
+                         .arg(a.stored)
+                         .arg(a.uploading));
+    }
+    if (lines.isEmpty())
+        lines.append(QStringLiteral("no agents"));
+    return lines;
+}
+
+void Room::uploadBegun(int agent, int delta)
+{
+    record(agent).uploading += delta;
+}
+
+void Room::stored(const UploadPlace &place, const QUrlQuery &query, const QString &path, bool duplicate)
+{
+    m_files.insert(path);
+    if (duplicate) {
+        say(QStringLiteral("upload %1 again: kept the copy already stored").arg(path));
+        return;
+    }
+    ++record(place.agent).stored;
+    say(QStringLiteral("upload %1").arg(path));
+    feed(QStringLiteral("upload"), place.agent, path, path);
+    if (m_hooks.uploaded)
+        m_hooks.uploaded(query, m_uploads.filePath(path));
+}
+
+bool Room::event(const QUrlQuery &q, QString *why)
+{
+    using namespace Protocol::Event;
+    const auto agent = UploadPlace::agentNumber(q.queryItemValue(L(id)));
+    const QString type = q.queryItemValue(L(Protocol::Event::type), QUrl::FullyDecoded);
+    if (!agent || type.isEmpty() || type.size() > 40) {
+        *why = QStringLiteral("an event has an agent number (1 to 110) and a type");
+        return false;
+    }
+    QJsonObject e{{QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)}};
+    QStringList words{type};
+    for (const auto &[key, value] : q.queryItems(QUrl::FullyDecoded)) {
+        if (key == L(id) || e.size() > 10)
+            continue;
+        e.insert(key.left(40), value.left(200));
+        if (key != L(Protocol::Event::type))
+            words.append(key.left(40) + QLatin1Char('=') + value.left(200));
+    }
+    Agent &a = record(*agent);
+    a.lastEvent = e;
+    if (type == L(callStart))
+        a.onCall = true;
+    if (type == L(callEnd))
+        a.onCall = false;
+    say(QStringLiteral("event agent #%1 %2").arg(*agent).arg(words.join(QLatin1Char(' '))));
+    feed(QStringLiteral("event"), *agent, words.join(QLatin1Char(' ')));
+    if (m_hooks.event)
+        m_hooks.event(q);
+    return true;
+}
+
+void Room::saleAdded(const QString &token)
+{
+    const int agent = m_sales.agentOf(token);
+    const QString path = QStringLiteral("sales/%1/sale.json").arg(token);
+    m_files.insert(path);
+    say(QStringLiteral("sale %1 from agent #%2").arg(token).arg(agent));
+    feed(QStringLiteral("sale"), agent, token, path);
+}
+
+void Room::saleFileStored(const QString &token, const QString &path)
+{
+    m_sales.fileStored(token, path);
+    m_files.insert(path);
+    say(QStringLiteral("sale file %1").arg(path));
+    feed(QStringLiteral("sale-file"), m_sales.agentOf(token), path, path);
+}
+
+void Room::feed(const QString &kind, int agent, const QString &text, const QString &link)
+{
+    QJsonObject item{{QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+                     {QStringLiteral("kind"), kind}, {QStringLiteral("agent"), agent}, {QStringLiteral("text"), text}};
+    if (!link.isEmpty())
+        item.insert(QStringLiteral("link"), QStringLiteral("/files/") + link);
+    m_feed.push_back(item);
+    if (m_feed.size() > kFeedMax)
+        m_feed.pop_front();
+    if (!m_pages.empty())
+        toPages(QJsonDocument(QJsonObject{{QStringLiteral("kind"), QStringLiteral("feed")}, {QStringLiteral("item"), item}}).toJson(QJsonDocument::Compact));
+}
+
+void Room::toPages(const QByteArray &json)
+{
+    for (auto &[_, page] : m_pages)
+        page.link->sendText(json.toStdString());
+}
+
+QJsonObject Room::state(bool withFiles) const
+{
+    QJsonArray agents;
+    for (const auto &[id, a] : m_records) {
+        if (id == 0)
+            continue;
+        agents.append(QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("name"), a.name}, {QStringLiteral("connected"), a.connected},
+                                  {QStringLiteral("live"), a.camerasOn}, {QStringLiteral("status"), a.status},
+                                  {QStringLiteral("uploading"), a.uploading}, {QStringLiteral("stored"), a.stored},
+                                  {QStringLiteral("lastEvent"), a.lastEvent}, {QStringLiteral("onCall"), a.onCall},
+                                  {QStringLiteral("os"), a.os}, {QStringLiteral("version"), a.version}});
+    }
+    QJsonObject out{{QStringLiteral("name"), m_name}, {QStringLiteral("agents"), agents}, {QStringLiteral("sales"), m_sales.json()}};
+    if (withFiles) {
+        QJsonArray files;
+        for (const QString &f : m_files)
+            files.append(f);
+        out.insert(QStringLiteral("files"), files);
+    }
+    return out;
+}

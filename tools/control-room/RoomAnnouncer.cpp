@@ -1,0 +1,70 @@
+#include "RoomAnnouncer.h"
+
+#include "Protocol.h"
+
+#include <avahi-client/client.h>
+#include <avahi-client/publish.h>
+#include <avahi-common/alternative.h>
+#include <avahi-common/error.h>
+#include <avahi-common/malloc.h>
+#include <avahi-common/thread-watch.h>
+
+struct AnnouncerEvents
+{
+    static void client(AvahiClient *c, AvahiClientState state, void *self)
+    {
+        if (state == AVAHI_CLIENT_S_RUNNING)
+            static_cast<RoomAnnouncer *>(self)->publish(c);
+    }
+    static void group(AvahiEntryGroup *g, AvahiEntryGroupState state, void *self)
+    {
+        auto *a = static_cast<RoomAnnouncer *>(self);
+        if (state != AVAHI_ENTRY_GROUP_COLLISION)
+            return;
+        // Another service has the name: take the next free one ("name #2").
+        char *other = avahi_alternative_service_name(a->m_name.constData());
+        a->m_name = other;
+        avahi_free(other);
+        avahi_entry_group_reset(g);
+        a->publish(avahi_entry_group_get_client(g));
+    }
+};
+
+RoomAnnouncer::RoomAnnouncer() = default;
+
+RoomAnnouncer::~RoomAnnouncer()
+{
+    if (m_poll)
+        avahi_threaded_poll_stop(m_poll);
+    if (m_client)
+        avahi_client_free(m_client); // frees the group too
+    if (m_poll)
+        avahi_threaded_poll_free(m_poll);
+}
+
+bool RoomAnnouncer::announce(const QString &name, quint16 port, QString *why)
+{
+    m_name = name.toUtf8().left(63);
+    m_port = port;
+    m_poll = avahi_threaded_poll_new();
+    int error = 0;
+    if (m_poll)
+        m_client = avahi_client_new(avahi_threaded_poll_get(m_poll), AvahiClientFlags(0), &AnnouncerEvents::client, this, &error);
+    if (!m_client) {
+        *why = QString::fromUtf8(avahi_strerror(error));
+        return false;
+    }
+    avahi_threaded_poll_start(m_poll);
+    return true;
+}
+
+void RoomAnnouncer::publish(AvahiClient *client)
+{
+    if (!m_group)
+        m_group = avahi_entry_group_new(client, &AnnouncerEvents::group, this);
+    if (!m_group)
+        return;
+    if (avahi_entry_group_add_service(m_group, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, AvahiPublishFlags(0), m_name.constData(),
+                                      Protocol::serviceType, nullptr, nullptr, m_port, nullptr) == 0)
+        avahi_entry_group_commit(m_group);
+}

@@ -1,0 +1,90 @@
+#include "SaleBook.h"
+
+#include "Protocol.h"
+
+#include <QDateTime>
+#include <QFile>
+#include <QJsonDocument>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+
+namespace {
+QString L(const char *word)
+{
+    return QLatin1String(word);
+}
+} // namespace
+
+SaleBook::SaleBook(const QDir &uploads)
+    : m_uploads(uploads)
+{
+}
+
+std::optional<QString> SaleBook::add(const QJsonObject &r, QString *why)
+{
+    using namespace Protocol::Sale;
+    const double agent = r.value(L(id)).toDouble(0);
+    const QString m = r.value(L(method)).toString(), ref = r.value(L(referral)).toString(), who = r.value(L(lead)).toString();
+    const double value = r.value(L(apv)).toDouble(-1);
+    if (agent < 1 || agent > 110 || agent != int(agent) || (m != QLatin1String("phone") && m != QLatin1String("computer"))
+        || (ref != QLatin1String("yes") && ref != QLatin1String("no")) || who.trimmed().isEmpty() || who.size() > 200
+        || value < 0 || value > 1e9) {
+        *why = QStringLiteral("a sale has id 1 to 110, method phone or computer, a lead, an apv and referral yes or no");
+        return std::nullopt;
+    }
+    const QString token = QStringLiteral("%1-%2").arg(++m_count, 4, 10, QLatin1Char('0')).arg(QRandomGenerator::system()->generate64(), 16, 16, QLatin1Char('0'));
+    QJsonObject sale{{L(Protocol::Sale::token), token}, {L(id), int(agent)}, {L(method), m}, {L(lead), who.trimmed()},
+                     {L(apv), value}, {L(referral), ref},
+                     {QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)}};
+    const QString folder = QStringLiteral("sales/") + token;
+    QFile file(m_uploads.filePath(folder + QStringLiteral("/sale.json")));
+    if (!m_uploads.mkpath(folder) || !file.open(QIODevice::WriteOnly)
+        || file.write(QJsonDocument(sale).toJson()) <= 0) {
+        *why = QStringLiteral("cannot store the sale: ") + file.errorString();
+        return std::nullopt;
+    }
+    sale.insert(QStringLiteral("files"), QJsonArray{folder + QStringLiteral("/sale.json")});
+    m_sales[token] = sale;
+    m_order.append(token);
+    return token;
+}
+
+std::optional<QString> SaleBook::filePlace(const QString &token, const QString &kind, const QString &ext, QString *why) const
+{
+    using namespace Protocol::SaleFileQuery;
+    static const QRegularExpression extOk(QStringLiteral("^[a-z0-9]{1,8}$"));
+    if (!m_sales.count(token))
+        *why = QStringLiteral("unknown sale");
+    else if (kind != L(confirm) && kind != L(call))
+        *why = QStringLiteral("kind is confirm or call");
+    else if (!extOk.match(ext).hasMatch())
+        *why = QStringLiteral("ext is 1 to 8 lower-case letters or digits");
+    else
+        return QStringLiteral("sales/%1/%2.%3").arg(token, kind, ext);
+    return std::nullopt;
+}
+
+void SaleBook::fileStored(const QString &token, const QString &path)
+{
+    auto it = m_sales.find(token);
+    if (it == m_sales.end())
+        return;
+    QJsonArray files = it->second.value(QStringLiteral("files")).toArray();
+    if (!files.contains(path))
+        files.append(path);
+    it->second.insert(QStringLiteral("files"), files);
+}
+
+int SaleBook::agentOf(const QString &token) const
+{
+    const auto it = m_sales.find(token);
+    return it == m_sales.end() ? 0 : it->second.value(L(Protocol::Sale::id)).toInt();
+}
+
+QJsonArray SaleBook::json() const
+{
+    QJsonArray out;
+    for (const QString &token : m_order)
+        out.append(m_sales.at(token));
+    return out;
+}

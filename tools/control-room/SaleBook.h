@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonObject>
+
+#include <map>
+#include <optional>
+
+// The sales agents submitted: each record gets a token and a folder sales/<token>/ under the
+// uploads folder holding "sale.json" and the sale's files ("confirm.<ext>", "call.<ext>").
+class SaleBook
+{
+public:
+    /// Keeps sales under uploads/sales.
+    explicit SaleBook(const QDir &uploads);
+    /// Checks and stores one sale record; its token, or nothing with the reason in `why`.
+    std::optional<QString> add(const QJsonObject &record, QString *why);
+    /// The path under the uploads folder for a file of a known sale, or nothing with the reason.
+    std::optional<QString> filePlace(const QString &token, const QString &kind, const QString &ext, QString *why) const;
+    /// Notes a stored file of a sale.
+    void fileStored(const QString &token, const QString &path);
+    /// The agent number of a known sale (0 when unknown).
+    int agentOf(const QString &token) const;
+    /// Every sale with its files, oldest first.
+    QJsonArray json() const;
+
+private:
+    QDir m_uploads;
+    std::map<QString, QJsonObject> m_sales;
+    QStringList m_order;
+    int m_count = 0;
+};

@@ -1,0 +1,60 @@
+#include "UploadPlace.h"
+
+#include "Protocol.h"
+#include "StrictInt.h"
+
+#include <QRegularExpression>
+
+namespace {
+QString value(const QUrlQuery &q, const char *key)
+{
+    return q.queryItemValue(QLatin1String(key), QUrl::FullyDecoded);
+}
+
+bool matches(const QString &text, const char *pattern)
+{
+    const QRegularExpression re{QLatin1String(pattern)};
+    return re.match(text).hasMatch();
+}
+} // namespace
+
+bool UploadPlace::sessionOk(const QString &session)
+{
+    return matches(session, "^[A-Za-z0-9_+%-][A-Za-z0-9_.+%-]{0,63}$");
+}
+
+std::optional<int> UploadPlace::agentNumber(const QString &text)
+{
+    return parseStrictInt(text, 1, 110);
+}
+
+std::optional<UploadPlace> UploadPlace::fromQuery(const QUrlQuery &q, QString *why)
+{
+    namespace U = Protocol::UploadQuery;
+    const auto refuse = [why](const char *key) {
+        *why = QStringLiteral("missing or wrong \"%1\"").arg(QLatin1String(key));
+        return std::nullopt;
+    };
+    UploadPlace p;
+    if (const auto n = agentNumber(value(q, U::id)))
+        p.agent = *n;
+    else
+        return refuse(U::id);
+    p.session = value(q, U::session);
+    if (!sessionOk(p.session))
+        return refuse(U::session);
+    const QString t = value(q, U::track), tk = value(q, U::take), ix = value(q, U::index), fin = value(q, U::final), ex = value(q, U::ext);
+    if (!matches(t, "^(mic|sys|room|cam[234]?)$"))
+        return refuse(U::track);
+    if (!matches(tk, "^[0-9]{1,19}$"))
+        return refuse(U::take);
+    if (!matches(ix, "^[0-9]{1,9}$"))
+        return refuse(U::index);
+    if (fin != QLatin1String("0") && fin != QLatin1String("1"))
+        return refuse(U::final);
+    if (ex != QLatin1String("m4a") && ex != QLatin1String("mp4"))
+        return refuse(U::ext);
+    p.folder = QStringLiteral("agent%1/%2").arg(p.agent).arg(p.session);
+    p.file = t + QLatin1Char('_') + tk + QLatin1Char('_') + ix + (fin == QLatin1String("1") ? QStringLiteral("_final") : QString()) + QLatin1Char('.') + ex;
+    return p;
+}

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QString>
+#include <QUrlQuery>
+
+#include <optional>
+
+// Where one upload is stored, built only from checked query values: agent<N>/<session>/ and
+// <track>_<take>_<index>[_final].<ext>. Nothing that could leave the uploads folder gets through.
+struct UploadPlace
+{
+    int agent = 0;
+    QString session;
+    QString folder; ///< "agent<N>/<session>"
+    QString file;   ///< the file name within folder
+
+    /// The place named by an upload's query, or nothing with the reason in `why`.
+    static std::optional<UploadPlace> fromQuery(const QUrlQuery &query, QString *why);
+    /// A session word this room starts and stores: 1 to 64 of letters, digits, "_.+-%", not starting with ".".
+    static bool sessionOk(const QString &session);
+    /// An agent number: 1 to 110.
+    static std::optional<int> agentNumber(const QString &text);
+};

@@ -1,0 +1,193 @@
+// The operator's page: agents and their state, commands, live audio, camera preview, feed.
+'use strict';
+
+const room = { link: null, agents: new Map(), listen: 0, preview: 0, audio: null, node: null,
+               audioSamples: 0, previewFrames: 0, feedCount: 0, lastState: null };
+window.__room = room; // for tests and for a look from the console
+
+const $ = (id) => document.getElementById(id);
+
+function send(to, command) {
+  if (room.link && room.link.readyState === WebSocket.OPEN)
+    room.link.send(JSON.stringify({ to, command }));
+}
+
+function connect() {
+  const ws = new WebSocket(`ws://${location.host}/page`);
+  ws.binaryType = 'arraybuffer';
+  ws.onopen = () => { $('link-state').textContent = 'connected'; $('link-state').className = 'good'; };
+  ws.onclose = () => {
+    $('link-state').textContent = 'not connected — retrying'; $('link-state').className = 'bad';
+    setTimeout(connect, 2000);
+  };
+  ws.onmessage = (e) => (typeof e.data === 'string' ? onText(JSON.parse(e.data)) : onFrame(e.data));
+  room.link = ws;
+}
+
+function onText(m) {
+  if (m.kind === 'state') {
+    room.lastState = m;
+    if (m.name) { $('room-name').textContent = m.name; document.title = m.name; }
+    for (const a of m.agents) render(a);
+    if (m.feed) { $('feed').textContent = ''; m.feed.forEach(addFeed); }
+    refreshCameras();
+  } else if (m.kind === 'feed') {
+    addFeed(m.item);
+  }
+}
+
+// ---- agents table ---------------------------------------------------------------------------
+const columns = ['id', 'name', 'link', 'recording', 'live', 'mic', 'sys', 'devices', 'errors', 'uploads', 'event', 'actions'];
+
+function makeRow(id) {
+  const tr = document.createElement('tr');
+  tr.id = `agent-${id}`;
+  const cells = {};
+  for (const c of columns) { const td = document.createElement('td'); td.className = c; tr.appendChild(td); cells[c] = td; }
+  for (const k of ['mic', 'sys']) cells[k].innerHTML = '<div class="meter"><div></div></div>';
+  const button = (label, action) => {
+    const b = document.createElement('button'); b.textContent = label; b.onclick = action; cells.actions.appendChild(b); return b;
+  };
+  const row = { tr, cells, agent: null };
+  row.live = button('Go Live', () => send(id, { type: 'cameras', on: !row.agent.live }));
+  button('Start', () => send(id, { type: 'start', session: $('session').value.trim() }));
+  button('Stop', () => send(id, { type: 'stop' }));
+  row.listen = button('Listen', () => toggleListen(id));
+  row.preview = button('Preview', () => togglePreview(id));
+  button('Whisper', () => { $('whisper-to').value = id; $('whisper-text').focus(); });
+  button('Release', () => { if (confirm(`Free agent number ${id} from its computer?`)) send(id, { type: 'release' }); });
+  $('agents').tBodies[0].appendChild(tr);
+  return row;
+}
+
+function level(value) { return `${Math.round(Math.min(1, Math.max(0, Number(value) || 0)) * 100)}%`; }
+
+function render(a) {
+  let row = room.agents.get(a.id);
+  if (!row) { row = makeRow(a.id); room.agents.set(a.id, row); }
+  row.agent = a;
+  const s = a.status || {};
+  const c = row.cells;
+  row.tr.className = (a.connected ? '' : 'away') + (s.recording ? ' recording' : '');
+  c.id.textContent = a.id;
+  c.name.textContent = a.name + (a.onCall ? ' · on a call' : '');
+  c.link.textContent = a.connected ? 'connected' : 'away';
+  c.recording.textContent = s.recording ? 'recording' : 'no';
+  c.live.textContent = (a.live ? 'live' : 'not live') + (s.live ? ' · heard' : '');
+  c.mic.firstChild.firstChild.style.width = level(s.mic);
+  c.sys.firstChild.firstChild.style.width = level(s.sys);
+  c.devices.textContent = `${s.micName || 'no microphone'} · ${s.cam ? (s.camActive ? 'camera on' : 'camera off') : 'no camera'}`;
+  c.errors.textContent = [s.camError && `camera: ${s.camError}`, s.error].filter(Boolean).join(' · ');
+  c.errors.className = 'errors err';
+  c.uploads.textContent = `${a.stored} stored` + (a.uploading ? `, ${a.uploading} arriving` : '');
+  const e = a.lastEvent || {};
+  c.event.textContent = e.type ? `${e.type} ${time(e.time)}` : '';
+  row.live.textContent = a.live ? 'End Live' : 'Go Live';
+  row.live.classList.toggle('on', !!a.live);
+  row.listen.classList.toggle('on', room.listen === a.id);
+  row.preview.classList.toggle('on', room.preview === a.id);
+}
+
+// ---- feed -----------------------------------------------------------------------------------
+function time(iso) { return iso ? new Date(iso).toLocaleTimeString() : ''; }
+
+function addFeed(item) {
+  const li = document.createElement('li');
+  li.className = item.kind;
+  const t = document.createElement('time'); t.dateTime = item.time; t.textContent = time(item.time);
+  const k = document.createElement('span'); k.className = 'kind'; k.textContent = item.kind + (item.agent ? ` #${item.agent}` : '');
+  li.append(t, k);
+  if (item.link) {
+    const a = document.createElement('a'); a.href = item.link; a.target = '_blank'; a.textContent = item.text; li.append(a);
+  } else {
+    li.append(document.createTextNode(item.text));
+  }
+  $('feed').prepend(li);
+  while ($('feed').children.length > 500) $('feed').lastChild.remove();
+  room.feedCount++;
+}
+
+// ---- live audio -----------------------------------------------------------------------------
+async function toggleListen(id) {
+  const was = room.listen;
+  if (was) send(was, { type: 'listen', on: false });
+  room.listen = was === id ? 0 : id;
+  $('listen-who').textContent = room.listen ? `to agent #${room.listen}` : 'to nobody';
+  if (!room.listen) return;
+  if (!room.audio) {
+    room.audio = new AudioContext({ sampleRate: 48000, latencyHint: 'interactive' });
+    await room.audio.audioWorklet.addModule('worklet.js');
+    room.node = new AudioWorkletNode(room.audio, 'live-audio', { outputChannelCount: [1] });
+    room.node.port.onmessage = (e) => { room.audioSamples = e.data.received; room.audioDropped = e.data.dropped; };
+    room.node.connect(room.audio.destination);
+  }
+  await room.audio.resume();
+  send(id, { type: 'listen', on: true });
+}
+
+function playPcm(source, bytes) {
+  // 16-bit little-endian mono at 48 kHz, as the agent sends it.
+  const n = bytes.byteLength >> 1;
+  const view = new DataView(bytes.buffer, bytes.byteOffset, n * 2);
+  const samples = new Float32Array(n);
+  let peak = 0;
+  for (let i = 0; i < n; i++) { samples[i] = view.getInt16(i * 2, true) / 32768; peak = Math.max(peak, Math.abs(samples[i])); }
+  $('listen-level').style.width = level(peak);
+  if (room.node) room.node.port.postMessage({ source, samples }, [samples.buffer]);
+}
+
+// ---- preview --------------------------------------------------------------------------------
+function togglePreview(id) {
+  const was = room.preview;
+  if (was) send(was, { type: 'preview', on: false });
+  room.preview = was === id ? 0 : id;
+  $('preview-who').textContent = room.preview ? `of agent #${room.preview}` : '';
+  if (room.preview) send(id, { type: 'preview', on: true, hd: $('hd').checked });
+  refreshCameras();
+}
+
+function refreshCameras() {
+  const row = room.agents.get(room.preview);
+  const cams = (row && row.agent.status && row.agent.status.cams) || [];
+  const select = $('camera');
+  const key = cams.map((c) => c.uid).join('|');
+  if (select.dataset.key === key) return;
+  select.dataset.key = key;
+  select.length = 1;
+  for (const cam of cams) { const o = document.createElement('option'); o.value = cam.uid; o.textContent = cam.name; select.appendChild(o); }
+}
+
+let lastPicture = null;
+function showPicture(bytes) {
+  const url = URL.createObjectURL(new Blob([bytes], { type: 'image/jpeg' }));
+  $('preview').src = url;
+  if (lastPicture) URL.revokeObjectURL(lastPicture);
+  lastPicture = url;
+  room.previewFrames++;
+}
+
+function onFrame(data) {
+  // Two bytes of agent number, then the agent's frame: its kind, then its payload.
+  const bytes = new Uint8Array(data);
+  if (bytes.length < 3) return;
+  const id = (bytes[0] << 8) | bytes[1];
+  const kind = bytes[2];
+  const payload = bytes.subarray(3);
+  if (kind === 2 && id === room.preview) showPicture(payload);
+  else if (kind <= 1 && id === room.listen) playPcm(kind, payload);
+}
+
+// ---- buttons for everyone -------------------------------------------------------------------
+$('all-live').onclick = () => send(0, { type: 'cameras', on: true });
+$('all-end-live').onclick = () => send(0, { type: 'cameras', on: false });
+$('all-start').onclick = () => send(0, { type: 'start', session: $('session').value.trim() });
+$('all-stop').onclick = () => send(0, { type: 'stop' });
+$('all-quality').onclick = () => send(0, { type: 'quality', q: $('quality').value });
+$('hd').onchange = () => { if (room.preview) send(room.preview, { type: 'preview', on: true, hd: $('hd').checked }); };
+$('camera').onchange = () => { if (room.preview) send(room.preview, { type: 'setCam', uid: $('camera').value }); };
+$('whisper-send').onclick = () => {
+  const to = Number($('whisper-to').value);
+  send(to, { type: 'whisper', seat: Number($('whisper-seat').value), text: $('whisper-text').value });
+};
+
+connect();
