@@ -74,8 +74,10 @@ void AppDelegate::applicationDidFinishLaunching()
     m_checkIn.start();
     m_roster.fetch();
 
-    // 5. Start at login.
-    LoginItem::registerCurrentUser();
+    // 5. Start at login: an installed package brings its own entry for every user (which a user
+    // switches off in their own copy), so only a copy run from where it was built writes one.
+    if (!Config::packageManaged())
+        LoginItem::registerCurrentUser();
 
     // 6. The link.
     if (Config::agentID() >= 1)

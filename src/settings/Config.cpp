@@ -120,6 +120,7 @@ bool writeBoundedString(const QString &key, const QString &text, qsizetype limit
 
 struct Info {
     QString server, version, build, identifier, webBase;
+    bool packageManaged = false;
 };
 
 QMutex &infoMutex()
@@ -160,6 +161,7 @@ Info info()
         i.webBase = Config::trimSpacesAndTabs(str("EventWebServiceURL"));
         while (i.webBase.endsWith(QLatin1Char('/')))
             i.webBase.chop(1);
+        i.packageManaged = str("PackageManaged") == QLatin1String("true");
         infoCache() = i;
     }
     return *infoCache();
@@ -239,6 +241,7 @@ QString version() { return info().version; }
 QString buildNumber() { return info().build; }
 QString bundleIdentifier() { return info().identifier; }
 QString webServiceURL() { return info().webBase; }
+bool packageManaged() { return info().packageManaged; }
 
 QString infoFilePath()
 {

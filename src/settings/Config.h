@@ -78,6 +78,9 @@ QString buildNumber();
 QString bundleIdentifier();
 /// Base URL of the event web service without a trailing slash, "" when this build has none.
 QString webServiceURL();
+/// True when a package manager installed this copy ("PackageManaged=true" in Info.ini): the package
+/// then provides the start at login for every user, so the agent writes no autostart entry itself.
+bool packageManaged();
 
 /// Path of the Info.ini this process reads (beside the executable).
 QString infoFilePath();

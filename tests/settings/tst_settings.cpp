@@ -83,6 +83,7 @@ private Q_SLOTS:
         QVERIFY(!Config::serverLocked());
         Config::overrideInfoFileForTesting(QString()); // the build's own: beside the executable
         QCOMPARE(Config::infoFilePath(), QCoreApplication::applicationDirPath() + QStringLiteral("/Info.ini"));
+        QVERIFY(!Config::packageManaged()); // only the installed copy of Info.ini says so
         QVERIFY(QDir(Config::dir(QStringLiteral("pending"))).exists());
         QCOMPARE(Config::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
