@@ -65,6 +65,31 @@ check "the installed agent records and uploads a take" env BRAVA_BUILD_DIR="$bui
   "$src/scripts/demo" --check --agent "$root/usr/bin/brava-recorder" --work "$demo"
 check "the installed agent writes no autostart entry of its own" test ! -e "$demo/agent1/config/autostart"
 
+# A newer package installed under a running, idle agent: it relaunches itself into the new build.
+newer=$work/newer
+dpkg-deb --raw-extract "$deb" "$newer"
+sed -i 's/^CFBundleVersion=.*/CFBundleVersion=99/' "$newer/usr/lib/brava-recorder/Info.ini"
+sed -i "s/^Version: .*/Version: ${version%-*}-99/" "$newer/DEBIAN/control"
+quietly dpkg-deb --root-owner-group --build "$newer" "$work/newer.deb"
+home=$work/upgrade
+mkdir -p "$home/config/Brava Recorder"
+printf '[General]\nagentID=5\nagentName=Upgrade\nserver=127.0.0.1:1\nsetupDone=true\n' >"$home/config/Brava Recorder/settings.ini"
+agents_here() { grep -lsaF "XDG_DATA_HOME=$home/data" /proc/[0-9]*/environ | sed 's|^/proc/\([0-9]*\)/.*|\1|'; }
+XDG_CONFIG_HOME=$home/config XDG_DATA_HOME=$home/data QT_QPA_PLATFORM=offscreen BRAVA_FAKE_CAMERAS=1 \
+  "$root/usr/bin/brava-recorder" >/dev/null 2>&1 &
+first=$!
+log=$home/data/Brava\ Recorder/log.txt
+until_ok() { local end=$((SECONDS + $1)); shift; until "$@"; do [ $SECONDS -lt $end ] || return 1; sleep 0.2; done; }
+check "the installed agent runs" until_ok 30 test -s "$log"
+check "dpkg --root installs the newer package over it" "${dpkg[@]}" --install "$work/newer.deb"
+relaunched() { ! kill -0 "$first" 2>/dev/null && [ -n "$(agents_here)" ]; }
+check "the agent relaunches into the new build" until_ok 40 relaunched
+check "and says why" grep -q "new version on disk (99)" "$log"
+check "the new agent runs the installed program" test "$(readlink "/proc/$(agents_here | head -n 1)/exe")" = "$root/usr/lib/brava-recorder/brava-recorder"
+for pid in $first $(agents_here); do kill "$pid" 2>/dev/null; done
+wait "$first" 2>/dev/null
+until_ok 10 test -z "$(agents_here)" || for pid in $(agents_here); do kill -KILL "$pid"; done
+
 # Removing the package leaves the user's data folder alone (and the edited conffile until purge).
 check "dpkg --root removes it" "${dpkg[@]}" --remove brava-recorder
 check "the programs are gone" test ! -e "$root/usr/lib/brava-recorder/brava-recorder" -a ! -L "$root/usr/bin/brava-recorder"
