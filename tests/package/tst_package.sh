@@ -57,6 +57,7 @@ installed=$(cat "$root/usr/lib/brava-recorder/Info.ini")
 check "the installed Info.ini says the package manages it" has "$installed" '^PackageManaged=true$'
 version=$(sed -n 's/^CFBundleShortVersionString=//p' <<<"$installed")-$(sed -n 's/^CFBundleVersion=//p' <<<"$installed")
 check "the package version is the build's ($version)" test "$(dpkg-deb --field "$deb" Version)" = "$version"
+check "the changelog's latest entry is this version" test "$(zcat "$root/usr/share/doc/brava-recorder/changelog.Debian.gz" | sed -n '1s/^brava-recorder (\(.*\)) .*/\1/p')" = "$version"
 check "the build tree's Info.ini does not" test -z "$(grep PackageManaged "$build/Info.ini")"
 
 # The installed agent (started through its /usr/bin link) records a take for the reference room.
@@ -82,10 +83,10 @@ log=$home/data/Brava\ Recorder/log.txt
 until_ok() { local end=$((SECONDS + $1)); shift; until "$@"; do [ $SECONDS -lt $end ] || return 1; sleep 0.2; done; }
 check "the installed agent runs" until_ok 30 test -s "$log"
 check "dpkg --root installs the newer package over it" "${dpkg[@]}" --install "$work/newer.deb"
-relaunched() { ! kill -0 "$first" 2>/dev/null && [ -n "$(agents_here)" ]; }
+runs_new() { local p; for p in $(agents_here); do [ "$(readlink "/proc/$p/exe")" = "$1" ] && return 0; done; return 1; }
+relaunched() { ! kill -0 "$first" 2>/dev/null && runs_new "$root/usr/lib/brava-recorder/brava-recorder"; }
 check "the agent relaunches into the new build" until_ok 40 relaunched
 check "and says why" grep -q "new version on disk (99)" "$log"
-check "the new agent runs the installed program" test "$(readlink "/proc/$(agents_here | head -n 1)/exe")" = "$root/usr/lib/brava-recorder/brava-recorder"
 for pid in $first $(agents_here); do kill "$pid" 2>/dev/null; done
 wait "$first" 2>/dev/null
 until_ok 10 test -z "$(agents_here)" || for pid in $(agents_here); do kill -KILL "$pid"; done
