@@ -124,8 +124,10 @@ void AppDelegate::applicationDidFinishLaunching()
     m_checkIn.start();
     m_roster.fetch();
 
-    // 5. Start at login.
-    LoginItem::registerCurrentUser();
+    // 5. Start at login: an installed package brings its own entry for every user (which a user
+    // switches off in their own copy), so only a copy run from where it was built writes one.
+    if (!m_build.packageManaged())
+        LoginItem::registerCurrentUser();
 
     // 6. The link.
     if (m_settings.agentID() >= 1)

@@ -29,6 +29,7 @@ BuildInfo BuildInfo::read(const QString &path)
     info.m_webBase = TextTools::trimSpacesAndTabs(str("EventWebServiceURL"));
     while (info.m_webBase.endsWith(QLatin1Char('/')))
         info.m_webBase.chop(1);
+    info.m_packageManaged = str("PackageManaged") == QLatin1String("true");
     return info;
 }
 

@@ -30,6 +30,9 @@ public:
     QString bundleIdentifier() const { return m_identifier; }
     /// Base URL of the event web service without a trailing slash, "" when this build has none.
     QString webServiceURL() const { return m_webBase; }
+    /// True when a package manager installed this copy ("PackageManaged=true"): the package then
+    /// provides the start at login for every user, so the agent writes no autostart entry itself.
+    bool packageManaged() const { return m_packageManaged; }
 
 private:
     explicit BuildInfo(const QString &path);
@@ -40,4 +43,5 @@ private:
     QString m_build;
     QString m_identifier;
     QString m_webBase;
+    bool m_packageManaged = false;
 };

@@ -136,7 +136,7 @@ private Q_SLOTS:
         home.settings().setServer(QStringLiteral("127.0.0.1:9"));
         QVERIFY(home.info().webServiceURL() == QStringLiteral("http://w.example") && home.settings().server() == QStringLiteral("127.0.0.1:9"));
         home.useInfo(QStringLiteral("   "));
-        QVERIFY(!home.info().serverLocked());
+        QVERIFY(!home.info().serverLocked() && !home.info().packageManaged()); // only the installed copy of Info.ini says so
         const BuildInfo none = BuildInfo::read(home.root() + QStringLiteral("/missing.ini"));
         QVERIFY(none.version() == QStringLiteral("1.0") && none.bundleIdentifier() == QStringLiteral("com.vantorra.brava-recorder"));
         QCOMPARE(BuildInfo::besideExecutable(), QCoreApplication::applicationDirPath() + QStringLiteral("/Info.ini"));
