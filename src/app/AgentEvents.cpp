@@ -1,6 +1,7 @@
 #include "AgentEvents.h"
 
 #include "Config.h"
+#include "Protocol.h"
 #include "QueryString.h"
 
 #include <QNetworkAccessManager>
@@ -17,11 +18,12 @@ void AgentEvents::post(const QString &type, const QList<QPair<QString, QString>>
 {
     if (Config::agentID() < 1)
         return;
-    QueryString::Items items{{QStringLiteral("id"), QString::number(Config::agentID())}, {QStringLiteral("type"), type}};
+    QueryString::Items items{{QLatin1String(Protocol::Event::id), QString::number(Config::agentID())},
+                             {QLatin1String(Protocol::Event::type), type}};
     for (const auto &[key, value] : fields)
         if (!value.isEmpty())
             items.append({key, value});
-    const QUrl url = QueryString::at(QStringLiteral("http"), Config::server(), QStringLiteral("/event"), items);
+    const QUrl url = QueryString::at(QStringLiteral("http"), Config::server(), QLatin1String(Protocol::Path::event), items);
     if (!url.isValid())
         return;
     QNetworkRequest request(url);

@@ -20,6 +20,7 @@ AppDelegate::AppDelegate(AudioBackend &audio, CameraBackend &cameras, Clock &clo
     , m_discovery(m_net)
     , m_events(m_net)
     , m_actions(m_events)
+    , m_windows(m_actions, m_net)
     , m_recorder(audio, cameras, clock)
     , m_commands(m_recorder, m_conn, m_roster, m_wizardOpen)
     , m_status(m_recorder, m_conn, m_uploader, [this] { return m_commands.live(); }, [this] { return m_actions.onCall(); })
@@ -158,7 +159,8 @@ void AppDelegate::showReplacedAlert()
 
 bool AppDelegate::updateBusy() const
 {
-    return m_recorder.isRecording() || m_actions.onCall() || m_commands.busy() || m_uploader.pendingCount() >= 1;
+    return m_recorder.isRecording() || m_actions.onCall() || m_commands.busy() || m_uploader.pendingCount() >= 1
+        || m_windows.isUploading();
 }
 
 void AppDelegate::tick()
@@ -183,9 +185,14 @@ void AppDelegate::tick()
     v.micUID = Config::micUID();
     v.camUID = Config::camUID();
     v.error = m_recorder.lastError();
+    if (!v.error && !m_windows.note().isEmpty())
+        v.error = m_windows.note(); // no floating windows on this desktop
     m_conn.sendJSON(Heartbeat::message(v));
     if (m_wizardModel)
         m_wizardModel->tick(levels.mic, levels.sys, m_conn.connected());
+
+    // The sale widget: there while the agent may act on calls.
+    m_windows.tick(StatusMenu::callControls(m_status.menuState()), Config::serverLocked(), m_actions.onCall());
 
     m_status.refresh();
     m_status.showCallTime(m_actions.callSeconds());
@@ -210,12 +217,14 @@ bool AppDelegate::canPerform(StatusMenu::Action action)
     switch (action) {
     case A::ToggleCall:
     case A::NeedHelp:
+    case A::SnapSale:
+    case A::RateCall:
     case A::OpenFolder:
     case A::ShowWizard:
     case A::Quit:
         return true;
     default:
-        // Sale, review, setup, updates and uninstall arrive with their windows.
+        // Updates and uninstall arrive with their windows.
         return false;
     }
 }
@@ -229,6 +238,12 @@ void AppDelegate::perform(StatusMenu::Action action)
         break;
     case A::NeedHelp:
         m_actions.needHelp();
+        break;
+    case A::SnapSale:
+        m_actions.snapSale();
+        break;
+    case A::RateCall:
+        m_actions.rateCall();
         break;
     case A::OpenFolder:
         m_actions.openFolder();

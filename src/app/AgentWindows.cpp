@@ -1,0 +1,100 @@
+#include "AgentWindows.h"
+
+#include "AgentActions.h"
+#include "BravaLog.h"
+#include "Config.h"
+#include "ReviewWindow.h"
+#include "SaleForm.h"
+#include "SaleSubmission.h"
+#include "SaleWidget.h"
+#include "SaleWidgetModel.h"
+#include "ScreenSnapper.h"
+
+#include <QSettings>
+
+namespace {
+
+// The widget's frame lives beside the other settings, under its own key.
+SaleWidget::FrameStore settingsStore()
+{
+    const QString key = QString::fromLatin1(SaleWidgetModel::kFrameKey);
+    return {[key] { return QSettings(Config::settingsFilePath(), QSettings::IniFormat).value(key).toString(); },
+            [key](const QString &text) {
+                QSettings s(Config::settingsFilePath(), QSettings::IniFormat);
+                s.setValue(key, text);
+            }};
+}
+
+} // namespace
+
+AgentWindows::AgentWindows(AgentActions &actions, QNetworkAccessManager &net, QObject *parent)
+    : QObject(parent)
+    , m_actions(actions)
+    , m_net(net)
+{
+    m_actions.onReview = [this](qint64 secs) { openReview(secs); };
+    m_actions.onSale = [this] { openSaleForm(); };
+}
+
+AgentWindows::~AgentWindows()
+{
+    m_actions.onReview = nullptr;
+    m_actions.onSale = nullptr;
+}
+
+void AgentWindows::tick(bool controls, bool withSale, bool onCall)
+{
+    if (!m_floating)
+        return;
+    if (!controls) {
+        if (m_widget)
+            m_widget->hide();
+        return;
+    }
+    if (!m_widget) {
+        m_widget = std::make_unique<SaleWidget>(settingsStore());
+        connect(m_widget.get(), &SaleWidget::callPressed, this, [this] {
+            m_actions.toggleCall();
+            if (m_widget)
+                m_widget->setCall(m_actions.onCall());
+        });
+        connect(m_widget.get(), &SaleWidget::helpPressed, this, [this] { m_actions.needHelp(); });
+        connect(m_widget.get(), &SaleWidget::salePressed, this, [this] { m_actions.snapSale(); });
+    }
+    m_widget->show(withSale);
+    if (m_widget->callActive() != onCall)
+        m_widget->setCall(onCall);
+}
+
+void AgentWindows::openReview(qint64 secs)
+{
+    if (!m_review)
+        m_review = std::make_unique<ReviewWindow>();
+    m_review->open([this, secs](const QString &outcome, const QString &ctype, const QString &why) {
+        m_actions.postReview(secs, outcome, ctype, why);
+    });
+}
+
+void AgentWindows::openSaleForm()
+{
+    if (!m_form) {
+        m_submission = std::make_unique<SaleSubmission>(m_net);
+        m_snapper = std::make_unique<ScreenSnapper>(ScreenSnapper::sessionNeedsPortal());
+        m_form = std::make_unique<SaleForm>(*m_submission, *m_snapper, [] { return Config::agentID(); },
+                                            [] { return Config::server(); });
+    }
+    m_form->open();
+}
+
+void AgentWindows::disableFloating(const QString &note)
+{
+    m_floating = false;
+    m_note = note;
+    m_widget.reset();
+    bravaLog(note);
+}
+
+bool AgentWindows::isUploading() const
+{
+    return m_form && m_form->isUploading();
+}

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+class AgentActions;
+class QNetworkAccessManager;
+class ReviewWindow;
+class SaleForm;
+class SaleSubmission;
+class SaleWidget;
+class ScreenSnapper;
+
+// The agent's windows and what joins them to the agent's actions: the floating sale widget (shown
+// while the agent may act on calls), the sale form with its submission, and the after-call review,
+// whose save is reported as an event. The windows are made when first needed. On a desktop that
+// cannot keep a window above others (no X server) the widget stays hidden and the reason is kept
+// for the status. Main thread only.
+class AgentWindows : public QObject
+{
+    Q_OBJECT
+public:
+    /// Windows that act through `actions` and send sales over `net`.
+    AgentWindows(AgentActions &actions, QNetworkAccessManager &net, QObject *parent = nullptr);
+    ~AgentWindows() override;
+
+    /// The widget step of the tick: shown (with the sale button when `withSale`) and showing the
+    /// call state while `controls` holds, hidden otherwise.
+    void tick(bool controls, bool withSale, bool onCall);
+    /// Opens the review of a call of `secs` seconds; its save posts the review event.
+    void openReview(qint64 secs);
+    /// Opens the sale form.
+    void openSaleForm();
+    /// Whether a sale is being sent.
+    bool isUploading() const;
+    /// Keeps the floating widget away on this desktop, for this reason (logged once).
+    void disableFloating(const QString &note);
+    /// Why the floating widget cannot be used ("" when it can).
+    QString note() const { return m_note; }
+
+    /// The windows (null until first needed).
+    SaleWidget *widget() const { return m_widget.get(); }
+    SaleForm *form() const { return m_form.get(); }
+    ReviewWindow *review() const { return m_review.get(); }
+
+private:
+    AgentActions &m_actions;
+    QNetworkAccessManager &m_net;
+    bool m_floating = true;
+    QString m_note;
+    std::unique_ptr<SaleSubmission> m_submission;
+    std::unique_ptr<ScreenSnapper> m_snapper;
+    std::unique_ptr<SaleWidget> m_widget;
+    std::unique_ptr<SaleForm> m_form;
+    std::unique_ptr<ReviewWindow> m_review;
+};
