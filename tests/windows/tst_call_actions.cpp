@@ -13,6 +13,7 @@
 #include <QMenu>
 #include <QNetworkAccessManager>
 #include <QPushButton>
+#include <QSystemTrayIcon>
 #include <QtTest>
 
 // The call actions and the events they post, and the sale widget as the only way in on a desktop
