@@ -2,6 +2,7 @@
 #include "AgentEvents.h"
 #include "AgentFixture.h"
 #include "Config.h"
+#include "DisplayPlatform.h"
 #include "HttpStub.h"
 #include "ReviewWindow.h"
 #include "SaleForm.h"
@@ -173,6 +174,23 @@ private Q_SLOTS:
         // Cameras off: the widget goes.
         QVERIFY(f.command({{"type", "cameras"}, {"on", false}}));
         QTRY_VERIFY(!w->isShown());
+    }
+
+    // With no X server the agent runs without the widget and says why, once in the log and in
+    // every status.
+    void withoutXTheStatusSaysWhy()
+    {
+        AgentFixture f(home);
+        const QString note = DisplayPlatform::choose(QByteArray(), false).note;
+        f.app->windows().disableFloating(note);
+        QVERIFY(f.command({{"type", "cameras"}, {"on", true}}));
+        const auto lastError = [&f] {
+            const QList<QJsonObject> s = f.room.statuses();
+            return s.isEmpty() ? QString() : s.last().value(QStringLiteral("error")).toString();
+        };
+        QTRY_COMPARE(lastError(), note);
+        QVERIFY(!f.app->windows().widget());
+        QCOMPARE(home.log().count(note), 1);
     }
 };
 
