@@ -1,15 +1,13 @@
 #pragma once
 
+#include <QLineEdit>
 #include <QList>
 #include <QPointer>
+#include <QPushButton>
 #include <QString>
 #include <QWidget>
 
 #include <functional>
-
-#include <QLineEdit>
-#include <QPushButton>
-class QVBoxLayout;
 
 // The small window after a call in which the agent tags it: outcome, type of call and an optional
 // one-line reason. Every showing starts with nothing picked; Save hands the three texts to the

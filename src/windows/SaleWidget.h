@@ -3,12 +3,11 @@
 #include <QObject>
 #include <QPoint>
 #include <QPointer>
+#include <QPushButton>
 #include <QTimer>
 
 #include <functional>
 
-class QFrame;
-#include <QPushButton>
 class QWidget;
 
 // The floating call/help widget: a small frameless panel that stays above other windows on every

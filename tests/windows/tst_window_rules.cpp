@@ -147,18 +147,6 @@ private Q_SLOTS:
         QCOMPARE(SaleFormModel::record(e), QByteArray("{\"id\":7,\"method\":\"computer\",\"lead\":\"Ann \\\"Lee\\\"\",\"apv\":1251,\"referral\":\"no\"}"));
     }
 
-    void widgetLooks()
-    {
-        using namespace SaleWidgetModel;
-        QCOMPARE(navy(), QColor::fromRgbF(0.004f, 0.129f, 0.404f, 0.97f));
-        QCOMPARE(callLook(true, false).title, QStringLiteral("⏹  End the Call"));
-        QCOMPARE(callLook(false, true).title, QStringLiteral("Help sent ✓"));
-        QCOMPARE(callLook(true, true).colour, green());
-        QCOMPARE(buttons(false).size(), 2);
-        QCOMPARE(buttons(false).last().frame, QRect(10, 68, 176, 40));
-        QCOMPARE(buttons(true).last().frame, QRect(10, 116, 176, 40));
-    }
-
     void platform_data()
     {
         QTest::addColumn<QByteArray>("user");
