@@ -1,7 +1,7 @@
 #include "AgentActions.h"
 
 #include "AgentEvents.h"
-#include "Config.h"
+#include "DataFolder.h"
 #include "Protocol.h"
 
 #include <QDesktopServices>
@@ -29,7 +29,7 @@ void AgentActions::toggleCall()
     if (!m_onCall) {
         m_onCall = true;
         m_callStartMs = m_nowMs();
-        m_events.post(word(callStart));
+        m_events.post(word(Protocol::Event::callStart));
     } else {
         m_onCall = false;
         endedSecs = callSeconds(m_nowMs());
@@ -82,5 +82,5 @@ void AgentActions::needHelp()
 
 void AgentActions::openFolder()
 {
-    QDesktopServices::openUrl(QUrl::fromLocalFile(Config::dataDir()));
+    QDesktopServices::openUrl(QUrl::fromLocalFile(DataFolder::dataDir()));
 }

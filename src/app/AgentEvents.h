@@ -5,6 +5,7 @@
 #include <QString>
 
 class QNetworkAccessManager;
+class Settings;
 
 // Tells the control room what the agent did (a call started or ended, help wanted, a call
 // reviewed): POST "/event?id&type&…" on the control room's address. Fire and forget; main thread
@@ -12,8 +13,8 @@ class QNetworkAccessManager;
 class AgentEvents
 {
 public:
-    /// Events posted over this network manager.
-    explicit AgentEvents(QNetworkAccessManager &net);
+    /// Events posted over this network manager, as the settings' agent to its control room.
+    AgentEvents(QNetworkAccessManager &net, const Settings &settings);
 
     /// Posts one event of this type with these extra fields (empty values are left out); an
     /// agent without a number or an address that makes no URL posts nothing.
@@ -24,4 +25,5 @@ public:
 
 private:
     QNetworkAccessManager &m_net;
+    const Settings &m_settings;
 };

@@ -6,15 +6,18 @@
 #include <memory>
 
 class AgentActions;
+class AgentState;
 class QNetworkAccessManager;
 class ReviewWindow;
 class SaleForm;
 class SaleSubmission;
 class SaleWidget;
 class ScreenSnapper;
+class Settings;
 
 // The agent's windows and what joins them to the agent's actions: the floating sale widget (shown
-// while the agent may act on calls), the sale form with its submission, and the after-call review,
+// while the agent may act on calls: setup done, an agent number, cameras enabled; it follows the
+// agent's state as it changes), the sale form with its submission, and the after-call review,
 // whose save is reported as an event. The windows are made when first needed. On a desktop that
 // cannot keep a window above others (no X server) the widget stays hidden and the reason is kept
 // for the status. Main thread only.
@@ -22,13 +25,15 @@ class AgentWindows : public QObject
 {
     Q_OBJECT
 public:
-    /// Windows that act through `actions` and send sales over `net`.
-    AgentWindows(AgentActions &actions, QNetworkAccessManager &net, QObject *parent = nullptr);
+    /// Windows that act through `actions`, send sales over `net` as the agent and to the control
+    /// room of `settings` (whose file also keeps the widget's place), and follow `state`.
+    AgentWindows(AgentActions &actions, QNetworkAccessManager &net, const Settings &settings, const AgentState &state,
+                 QObject *parent = nullptr);
     ~AgentWindows() override;
 
-    /// The widget step of the tick: shown (with the sale button when `withSale`) and showing the
-    /// call state while `controls` holds, hidden otherwise.
-    void tick(bool controls, bool withSale, bool onCall);
+    /// Shows the widget (with the sale button in a build with a fixed control room) and its call
+    /// state while the agent may act on calls, hides it otherwise.
+    void update();
     /// Opens the review of a call of `secs` seconds; its save posts the review event.
     void openReview(qint64 secs);
     /// Opens the sale form.
@@ -48,6 +53,8 @@ public:
 private:
     AgentActions &m_actions;
     QNetworkAccessManager &m_net;
+    const Settings &m_settings;
+    const AgentState &m_state;
     bool m_floating = true;
     QString m_note;
     std::unique_ptr<SaleSubmission> m_submission;

@@ -1,7 +1,6 @@
 #include "AgentActions.h"
 #include "AgentEvents.h"
 #include "AgentFixture.h"
-#include "Config.h"
 #include "DisplayPlatform.h"
 #include "HttpStub.h"
 #include "ReviewWindow.h"
@@ -45,15 +44,15 @@ private Q_SLOTS:
     void init()
     {
         home.wipe();
-        Config::setAgentID(7);
-        Config::setServer(room.address());
+        home.settings().setAgentID(7);
+        home.settings().setServer(room.address());
         room.requests.clear();
         reviews.clear();
     }
 
     void callHelpAndReviewPostTheirEvents()
     {
-        AgentEvents ev(net);
+        AgentEvents ev(net, home.settings());
         AgentActions actions(ev, [this] { return nowMs; });
         actions.onReview = [this](qint64 secs) { reviews.append(secs); };
         QString confirmed;
@@ -82,12 +81,12 @@ private Q_SLOTS:
 
     void noAgentNumberSendsNothing()
     {
-        Config::setAgentID(0);
-        AgentEvents ev(net);
+        home.settings().setAgentID(0);
+        AgentEvents ev(net, home.settings());
         AgentActions actions(ev, [this] { return nowMs; });
         actions.needHelp();
         actions.toggleCall();
-        Config::setAgentID(7);
+        home.settings().setAgentID(7);
         actions.needHelp(); // the one that goes out, and after the others if they had
         QTRY_COMPARE(room.requests.size(), 1);
         QCOMPARE(events(), QStringList{"/event?id=7&type=help"});
