@@ -4,6 +4,7 @@
 #include "CameraBackend.h"
 #include "Clock.h"
 #include "DataFolder.h"
+#include "DisplayPlatform.h"
 #include "InstanceLock.h"
 #include "PulseBackend.h"
 #include "Settings.h"
@@ -12,6 +13,9 @@
 
 int main(int argc, char *argv[])
 {
+    // X11 (XWayland on a Wayland session) unless the user chose: only there can the call widget
+    // stay above the dialer and keep its place.
+    const DisplayPlatform::Choice display = DisplayPlatform::applyAtStartup();
     QApplication app(argc, argv);
     app.setApplicationName(QStringLiteral("Brava Recorder"));
     // A tray agent: closing a window never ends it.
@@ -30,6 +34,8 @@ int main(int argc, char *argv[])
     PulseBackend audio;
     const std::unique_ptr<CameraBackend> cameras = CameraBackend::fromEnvironment();
     AppDelegate delegate(settings, build, audio, *cameras, Clock::monotonic());
+    if (!display.floatingWindows)
+        delegate.windows().disableFloating(display.note);
     delegate.applicationDidFinishLaunching();
     return app.exec();
 }

@@ -7,8 +7,9 @@
 class QNetworkAccessManager;
 class Settings;
 
-// Tells the control room what the agent did (a call started or ended, help wanted): POST
-// "/event?id&type&…" on the control room's address. Fire and forget; main thread only.
+// Tells the control room what the agent did (a call started or ended, help wanted, a call
+// reviewed): POST "/event?id&type&…" on the control room's address. Fire and forget; main thread
+// only.
 class AgentEvents
 {
 public:

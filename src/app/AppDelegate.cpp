@@ -27,6 +27,7 @@ AppDelegate::AppDelegate(Settings &settings, const BuildInfo &build, AudioBacken
     , m_discovery(m_net)
     , m_events(m_net, settings)
     , m_actions(m_events)
+    , m_windows(m_actions, m_net, settings, m_state)
     , m_recorder(audio, cameras, clock)
     , m_commands(m_recorder, m_conn, m_roster, settings, m_setupRoute, m_wizardOpen)
     , m_status(m_state)
@@ -210,7 +211,8 @@ void AppDelegate::showReplacedAlert()
 
 bool AppDelegate::updateBusy() const
 {
-    return m_recorder.isRecording() || m_actions.onCall() || m_commands.busy() || m_uploader.pendingCount() >= 1;
+    return m_recorder.isRecording() || m_actions.onCall() || m_commands.busy() || m_uploader.pendingCount() >= 1
+        || m_windows.isUploading();
 }
 
 void AppDelegate::tick()
@@ -235,6 +237,8 @@ void AppDelegate::tick()
     v.micUID = m_settings.micUID();
     v.camUID = m_settings.camUID();
     v.error = m_recorder.lastError();
+    if (!v.error && !m_windows.note().isEmpty())
+        v.error = m_windows.note(); // no floating windows on this desktop
     m_conn.sendJSON(Heartbeat::message(v));
     if (m_wizardModel)
         m_wizardModel->tick(levels.mic, levels.sys, m_conn.connected());
@@ -262,12 +266,14 @@ bool AppDelegate::canPerform(StatusMenu::Action action)
     switch (action) {
     case A::ToggleCall:
     case A::NeedHelp:
+    case A::SnapSale:
+    case A::RateCall:
     case A::OpenFolder:
     case A::ShowWizard:
     case A::Quit:
         return true;
     default:
-        // Sale, review, setup, updates and uninstall arrive with their windows.
+        // Updates and uninstall arrive with their windows.
         return false;
     }
 }
@@ -281,6 +287,12 @@ void AppDelegate::perform(StatusMenu::Action action)
         break;
     case A::NeedHelp:
         m_actions.needHelp();
+        break;
+    case A::SnapSale:
+        m_actions.snapSale();
+        break;
+    case A::RateCall:
+        m_actions.rateCall();
         break;
     case A::OpenFolder:
         m_actions.openFolder();

@@ -3,6 +3,7 @@
 #include "AgentActions.h"
 #include "AgentEvents.h"
 #include "AgentState.h"
+#include "AgentWindows.h"
 #include "CheckIn.h"
 #include "Commands.h"
 #include "Connection.h"
@@ -88,6 +89,11 @@ public:
     AgentActions &actions() { return m_actions; }
     Upkeep &upkeep() { return m_upkeep; }
 
+    // --- Agent windows: the sale widget, the sale form and the after-call review -------------
+    /// The agent's windows.
+    AgentWindows &windows() { return m_windows; }
+    // ------------------------------------------------------------------------------------------
+
     /// Interval of the heartbeat in milliseconds.
     static constexpr int kTickMs = 500;
 
@@ -124,6 +130,7 @@ private:
     RoomDiscovery m_discovery;
     AgentEvents m_events;
     AgentActions m_actions;
+    AgentWindows m_windows; // uses the actions and the network manager
     Recorder m_recorder;
     Commands m_commands;
     StatusView m_status;

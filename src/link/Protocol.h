@@ -43,6 +43,20 @@ inline constexpr char confirm[] = "confirm"; ///< kind: the confirmation documen
 inline constexpr char call[] = "call";       ///< kind: the call recording
 } // namespace SaleFileQuery
 
+/// The sale record (POST /sale, JSON) and the member of its answer that holds the sale token.
+namespace Sale {
+inline constexpr char id[] = "id";
+inline constexpr char method[] = "method";
+inline constexpr char lead[] = "lead";
+inline constexpr char apv[] = "apv";
+inline constexpr char referral[] = "referral";
+inline constexpr char token[] = "sale";       ///< member of the answer
+inline constexpr char phone[] = "phone";      ///< method
+inline constexpr char computer[] = "computer"; ///< method
+inline constexpr char yes[] = "yes";          ///< referral
+inline constexpr char no[] = "no";            ///< referral
+} // namespace Sale
+
 /// The member of every JSON message that names its type.
 inline constexpr char type[] = "type";
 

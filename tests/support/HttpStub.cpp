@@ -74,10 +74,22 @@ void HttpStub::readFrom(QTcpSocket *socket)
                 if (const qsizetype colon = line.indexOf(':'); colon > 0)
                     c.request.headers.insert(line.left(colon).trimmed().toLower(), line.mid(colon + 1).trimmed());
             c.remaining = c.request.headers.value("content-length").toLongLong();
+            c.received = 0;
         }
         const qsizetype take = qsizetype(qMin<qint64>(c.buffer.size(), c.remaining));
         c.request.body += c.buffer.left(qsizetype(qBound<qint64>(0, keepBodyBytes - c.request.body.size(), take)));
         c.buffer.remove(0, take);
+        c.received += take;
+        const Answer &next = m_script.isEmpty() ? m_default : m_script.first();
+        if (next.kind == Answer::Cut && c.remaining - take > 0 && c.received >= next.cutAfterBytes) {
+            requests.append(c.request);
+            if (!m_script.isEmpty())
+                m_script.removeFirst();
+            Q_EMIT requestReceived();
+            m_clients.remove(socket);
+            socket->abort();
+            return;
+        }
         if ((c.remaining -= take) > 0)
             return;
         c.remaining = -1;
@@ -98,7 +110,7 @@ void HttpStub::readFrom(QTcpSocket *socket)
 
 void HttpStub::respond(QTcpSocket *socket, const Answer &answer)
 {
-    if (answer.kind == Answer::Reset) {
+    if (answer.kind == Answer::Reset || answer.kind == Answer::Cut) {
         socket->abort();
         return;
     }

@@ -19,13 +19,14 @@ public:
     /// How one request is answered.
     struct Answer
     {
-        enum Kind { Reply, Reset, Hang };
+        enum Kind { Reply, Reset, Hang, Cut };
         Kind kind = Reply;
         int status = 200;
         QByteArray body;
         QByteArray contentType = "text/plain";
         int delayMs = 0; ///< wait this long before answering
         QByteArray version = "HTTP/1.1"; ///< of the status line
+        qint64 cutAfterBytes = 0; ///< Cut: close the connection once this much of the body arrived
     };
     /// A request as received; header names in lower case.
     struct Request
@@ -52,6 +53,8 @@ public:
     static Answer status(int code, const QByteArray &body = QByteArray()) { return Answer{Answer::Reply, code, body}; }
     /// No answer until release().
     static Answer hang() { return Answer{Answer::Hang}; }
+    /// Closes the connection in the middle of the request's body, after `bytes` of it.
+    static Answer cut(qint64 bytes) { return Answer{Answer::Cut, 0, {}, {}, 0, bytes}; }
     /// The answer used when the script is empty.
     void setDefault(const Answer &answer) { m_default = answer; }
     /// Appends answers for the next requests, in order.
@@ -76,6 +79,7 @@ private:
         QByteArray buffer;
         Request request;
         qint64 remaining = -1; // body bytes still to come; -1 while reading the head
+        qint64 received = 0;   // body bytes received
     };
     void readFrom(QTcpSocket *socket);
     void respond(QTcpSocket *socket, const Answer &answer);

@@ -1,0 +1,215 @@
+#include "SaleWidget.h"
+
+#include "SaleWidgetModel.h"
+#include "X11Desktop.h"
+
+#include <QFrame>
+#include <QGuiApplication>
+#include <QLabel>
+#include <QMouseEvent>
+#include <QPushButton>
+#include <QScreen>
+#include <QWidget>
+#include <QWindow>
+
+namespace M = SaleWidgetModel;
+
+namespace {
+
+QString rgba(const QColor &c)
+{
+    return QStringLiteral("rgba(%1, %2, %3, %4)").arg(c.red()).arg(c.green()).arg(c.blue()).arg(c.alpha());
+}
+
+QString buttonStyle(const QColor &colour, int pixelSize)
+{
+    return QStringLiteral("QPushButton { background-color: %1; color: white; border: none; border-radius: %2px;"
+                          " font-weight: bold; font-size: %3px; }")
+        .arg(rgba(colour))
+        .arg(M::kButtonRadius)
+        .arg(pixelSize);
+}
+
+} // namespace
+
+SaleWidget::SaleWidget(FrameStore store, QObject *parent)
+    : QObject(parent)
+    , m_store(std::move(store))
+{
+    Q_ASSERT(m_store.load && m_store.save);
+    m_snapJob.setSingleShot(true);
+    m_snapJob.setInterval(M::kSnapDelayMs);
+    connect(&m_snapJob, &QTimer::timeout, this, &SaleWidget::snapToEdge);
+    m_snapEnd.setSingleShot(true);
+    m_snapEnd.setInterval(M::kSnappingMs);
+    connect(&m_snapEnd, &QTimer::timeout, this, [this] { m_snapping = false; });
+    m_flashEnd.setSingleShot(true);
+    m_flashEnd.setInterval(M::kHelpFlashMs);
+    connect(&m_flashEnd, &QTimer::timeout, this, [this] { setCall(m_callActive); });
+}
+
+SaleWidget::~SaleWidget()
+{
+    delete m_window;
+}
+
+void SaleWidget::show(bool withSale)
+{
+    if (!m_window)
+        build(withSale);
+    m_window->show();
+    m_window->raise();
+    X11Desktop::showOnAllDesktops(m_window);
+}
+
+void SaleWidget::build(bool withSale)
+{
+    m_showSale = withSale;
+    const int h = M::height(withSale);
+    auto *w = new QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint
+                                       | Qt::WindowDoesNotAcceptFocus);
+    w->setObjectName(QStringLiteral("saleWidget"));
+    w->setWindowTitle(QStringLiteral("Brava Recorder"));
+    w->setAttribute(Qt::WA_TranslucentBackground);
+    w->setAttribute(Qt::WA_ShowWithoutActivating);
+    w->setFocusPolicy(Qt::NoFocus);
+    w->setFixedSize(M::kWidth, h);
+
+    auto *panel = new QFrame(w);
+    panel->setObjectName(QStringLiteral("panel"));
+    panel->setGeometry(0, 0, M::kWidth, h);
+    panel->setStyleSheet(QStringLiteral("QFrame#panel { background-color: %1; border-radius: %2px; }")
+                             .arg(rgba(M::navy()))
+                             .arg(M::kPanelRadius));
+    panel->installEventFilter(this);
+
+    auto *handle = new QLabel(M::handleText(), panel);
+    handle->setGeometry(M::handleFrame());
+    handle->setAlignment(Qt::AlignCenter);
+    handle->setStyleSheet(QStringLiteral("color: rgba(255, 255, 255, 115); font-size: 9px; background: transparent;"));
+    handle->setAttribute(Qt::WA_TransparentForMouseEvents);
+
+    for (const M::Button &b : M::buttons(withSale)) {
+        auto *button = new QPushButton(b.title, panel);
+        button->setGeometry(b.frame);
+        button->setFocusPolicy(Qt::NoFocus);
+        button->setCursor(Qt::PointingHandCursor);
+        button->setStyleSheet(buttonStyle(b.colour, 15));
+        switch (b.kind) {
+        case M::Button::Call:
+            m_callBtn = button;
+            connect(button, &QPushButton::clicked, this, &SaleWidget::callPressed);
+            break;
+        case M::Button::Sale:
+            m_saleBtn = button;
+            connect(button, &QPushButton::clicked, this, &SaleWidget::salePressed);
+            break;
+        case M::Button::Help:
+            connect(button, &QPushButton::clicked, this, [this] {
+                Q_EMIT helpPressed();
+                flashHelp();
+            });
+            break;
+        }
+    }
+
+    // The saved frame keeps its place; its size is always the panel's own.
+    QRect frame;
+    if (const std::optional<QRect> saved = M::parseFrame(m_store.load()))
+        frame = QRect(saved->topLeft(), QSize(M::kWidth, h));
+    else if (const QScreen *main = QGuiApplication::primaryScreen())
+        frame = M::firstFrame(main->availableGeometry(), withSale);
+    w->setGeometry(frame);
+    w->installEventFilter(this);
+    m_window = w;
+    setCall(m_callActive);
+}
+
+void SaleWidget::hide()
+{
+    m_snapJob.stop();
+    m_flashEnd.stop();
+    delete m_window;
+}
+
+void SaleWidget::setCall(bool active)
+{
+    m_callActive = active;
+    drawCall(false);
+}
+
+void SaleWidget::drawCall(bool helpFlash)
+{
+    if (!m_callBtn)
+        return;
+    const M::CallLook look = M::callLook(m_callActive, helpFlash);
+    m_callBtn->setText(look.title);
+    m_callBtn->setStyleSheet(buttonStyle(look.colour, look.pixelSize));
+}
+
+void SaleWidget::flashHelp()
+{
+    drawCall(true);
+    m_flashEnd.start();
+}
+
+void SaleWidget::snap()
+{
+    show(m_showSale);
+    Q_EMIT salePressed();
+}
+
+bool SaleWidget::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_window && event->type() == QEvent::Move) {
+        saveFrame();
+    } else if (m_window && watched != m_window) {
+        // Dragging the background moves the panel: by the window manager when it can, else here.
+        auto *mouse = static_cast<QMouseEvent *>(event);
+        if (event->type() == QEvent::MouseButtonPress && mouse->button() == Qt::LeftButton) {
+            QWindow *handle = m_window->windowHandle();
+            m_dragging = !(handle && handle->startSystemMove());
+            m_dragOffset = mouse->globalPosition().toPoint() - m_window->pos();
+            return true;
+        }
+        if (event->type() == QEvent::MouseMove && m_dragging) {
+            m_window->move(mouse->globalPosition().toPoint() - m_dragOffset);
+            return true;
+        }
+        if (event->type() == QEvent::MouseButtonRelease)
+            m_dragging = false;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+void SaleWidget::saveFrame()
+{
+    if (!m_window || m_snapping)
+        return;
+    const QString text = M::frameText(m_window->geometry());
+    if (text == m_store.load())
+        return; // where it was put, not a move of the agent's
+    m_store.save(text);
+    m_snapJob.start(); // restarted by every move: one snap after the last
+}
+
+void SaleWidget::snapToEdge()
+{
+    if (!m_window)
+        return;
+    QList<M::Screen> screens;
+    if (QScreen *main = QGuiApplication::primaryScreen())
+        screens.append({main->geometry(), main->availableGeometry()});
+    for (QScreen *s : QGuiApplication::screens())
+        if (s != QGuiApplication::primaryScreen())
+            screens.append({s->geometry(), s->availableGeometry()});
+    // The main screen is first in the list, so that it is also the fallback; the rule takes the
+    // first screen holding the centre, and screens do not overlap.
+    const std::optional<QRect> to = M::snap(m_window->geometry(), screens);
+    if (!to)
+        return;
+    m_snapping = true;
+    m_window->setGeometry(*to);
+    m_store.save(M::frameText(*to));
+    m_snapEnd.start();
+}

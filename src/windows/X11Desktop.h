@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <optional>
+
+class QWidget;
+
+// Puts a window on every workspace of an X11 desktop (the EWMH "all desktops" number), which Qt's
+// window flags do not ask for. Does nothing on other platforms.
+namespace X11Desktop {
+
+/// The number of "every workspace" in _NET_WM_DESKTOP.
+constexpr quint32 kAllDesktops = 0xFFFFFFFF;
+
+/// Asks for `window` (created, shown or not) on every workspace.
+void showOnAllDesktops(QWidget *window);
+/// The window's _NET_WM_DESKTOP as set on the X server; nothing off X11 or when unset.
+std::optional<quint32> desktopOf(QWidget *window);
+
+} // namespace X11Desktop

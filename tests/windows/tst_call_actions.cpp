@@ -1,0 +1,202 @@
+#include "AgentActions.h"
+#include "AgentEvents.h"
+#include "AgentFixture.h"
+#include "DisplayPlatform.h"
+#include "HttpStub.h"
+#include "ReviewWindow.h"
+#include "SaleForm.h"
+#include "SaleWidget.h"
+#include "TrayView.h"
+
+#include <QApplication>
+#include <QLineEdit>
+#include <QMenu>
+#include <QNetworkAccessManager>
+#include <QPushButton>
+#include <QSystemTrayIcon>
+#include <QtTest>
+
+// The call actions and the events they post, and the sale widget as the only way in on a desktop
+// without a tray.
+class CallActionsTest : public QObject
+{
+    Q_OBJECT
+    TestHome home;
+    QNetworkAccessManager net;
+    HttpStub room;
+    qint64 nowMs = 1000000;
+    QList<qint64> reviews;
+
+    QStringList events() const
+    {
+        QStringList out;
+        for (const HttpStub::Request &r : room.requests)
+            out.append(r.url.path() + QLatin1Char('?') + r.url.query(QUrl::FullyEncoded));
+        return out;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(room.listen());
+        room.setDefault(HttpStub::status(200));
+    }
+    void init()
+    {
+        home.wipe();
+        home.settings().setAgentID(7);
+        home.settings().setServer(room.address());
+        room.requests.clear();
+        reviews.clear();
+    }
+
+    void callHelpAndReviewPostTheirEvents()
+    {
+        AgentEvents ev(net, home.settings());
+        AgentActions actions(ev, [this] { return nowMs; });
+        actions.onReview = [this](qint64 secs) { reviews.append(secs); };
+        QString confirmed;
+        actions.onConfirm = [&](const QString &text) { confirmed = text; };
+
+        actions.toggleCall();
+        QTRY_COMPARE(events(), QStringList{"/event?id=7&type=call_start"});
+        QVERIFY(actions.onCall() && reviews.isEmpty());
+        nowMs += 59900; // 59.9 s: whole seconds, cut
+        actions.toggleCall();
+        QTRY_COMPARE(events().value(1), QStringLiteral("/event?id=7&type=call_end&secs=59"));
+        QCOMPARE(reviews, QList<qint64>{59});
+        QVERIFY(!actions.onCall());
+
+        actions.postReview(59, QStringLiteral("Neutral"), QStringLiteral("Funny"), QStringLiteral("cried & laughed"));
+        QTRY_COMPARE(events().value(2), QStringLiteral("/event?id=7&type=review&outcome=Neutral&ctype=Funny&why=cried%20%26%20laughed&secs=59"));
+        actions.postReview(0, QString(), QString(), QString()); // empty fields are left out
+        QTRY_COMPARE(events().value(3), QStringLiteral("/event?id=7&type=review&secs=0"));
+
+        actions.rateCall();
+        QCOMPARE(reviews, (QList<qint64>{59, 0}));
+        actions.needHelp();
+        QTRY_COMPARE(events().value(4), QStringLiteral("/event?id=7&type=help"));
+        QCOMPARE(confirmed, QStringLiteral("Help sent — coaches alerted"));
+    }
+
+    void noAgentNumberSendsNothing()
+    {
+        home.settings().setAgentID(0);
+        AgentEvents ev(net, home.settings());
+        AgentActions actions(ev, [this] { return nowMs; });
+        actions.needHelp();
+        actions.toggleCall();
+        home.settings().setAgentID(7);
+        actions.needHelp(); // the one that goes out, and after the others if they had
+        QTRY_COMPARE(room.requests.size(), 1);
+        QCOMPARE(events(), QStringList{"/event?id=7&type=help"});
+    }
+
+    void reviewWindowHandsOnItsChoice()
+    {
+        ReviewWindow w;
+        QStringList saved;
+        const auto open = [&] { w.open([&](const QString &o, const QString &t, const QString &why) { saved = {o, t, why}; }); };
+        open();
+        w.saveTapped();
+        QCOMPARE(saved, (QStringList{"", "", ""}));
+        open();
+        w.pick(0, QStringLiteral("Bad"));
+        w.pick(0, QStringLiteral("Neutral"));
+        w.faces(1).at(3)->click();
+        w.whyField()->setText(QStringLiteral("   "));
+        w.saveTapped();
+        QCOMPARE(saved, (QStringList{"Neutral", "Other", ""}));
+        QVERIFY(!w.isVisible());
+        saved.clear();
+        open();
+        QVERIFY(w.outcome().isEmpty()); // every showing starts afresh
+        w.skipTapped();
+        QVERIFY(saved.isEmpty());
+    }
+
+    // No tray on the offscreen desktop: the widget alone marks a call, reports a sale, asks for help
+    // and, after the call, rates it; "Rate Last Call…" opens the review too.
+    void widgetAloneOnADesktopWithoutTray()
+    {
+        HttpStub web;
+        QVERIFY(web.listen());
+        web.setDefault(HttpStub::status(200, "[]"));
+        AgentFixture f(home, nullptr, QStringLiteral("http://") + web.address());
+        QVERIFY(!QSystemTrayIcon::isSystemTrayAvailable());
+        QVERIFY(!f.app->windows().widget()); // cameras are off
+        QVERIFY(f.command({{"type", "cameras"}, {"on", true}}));
+        QTRY_VERIFY(f.app->windows().widget() && f.app->windows().widget()->isShown());
+        SaleWidget *w = f.app->windows().widget();
+        QVERIFY(w->saleButton()); // a build locked to its control room sells
+
+        w->callButton()->click();
+        QCOMPARE(w->callButton()->text(), QStringLiteral("⏹  End the Call"));
+        QTRY_COMPARE(f.room.events.size(), 1);
+        const QList<QPushButton *> buttons = w->window()->findChildren<QPushButton *>();
+        const auto help = std::find_if(buttons.cbegin(), buttons.cend(), [](QPushButton *b) { return b->text() == QStringLiteral("🙋  Need Help"); });
+        QVERIFY(help != buttons.cend());
+        (*help)->click();
+        QCOMPARE(w->callButton()->text(), QStringLiteral("Help sent ✓"));
+        QTRY_COMPARE(f.room.events.size(), 2);
+        QTRY_COMPARE_WITH_TIMEOUT(w->callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
+
+        w->saleButton()->click();
+        QVERIFY(f.app->windows().form() && f.app->windows().form()->isVisible());
+
+        w->callButton()->click(); // the end of the call opens its review
+        QTRY_COMPARE(f.room.events.size(), 3);
+        QVERIFY(f.app->windows().review() && f.app->windows().review()->isVisible());
+        f.app->windows().review()->pick(0, QStringLiteral("Positive"));
+        f.app->windows().review()->saveTapped();
+        QTRY_COMPARE(f.room.events.size(), 4);
+        QStringList got;
+        for (const QUrlQuery &q : f.room.events)
+            got.append(q.queryItemValue(QStringLiteral("type")));
+        QCOMPARE(QSet<QString>(got.cbegin(), got.cend()), (QSet<QString>{"call_start", "help", "call_end", "review"}));
+        QCOMPARE(f.room.events.last().queryItemValue(QStringLiteral("outcome")), QStringLiteral("Positive"));
+
+        // The menu offers the sale and the review now, and the review opens with 0 seconds.
+        const QList<QAction *> items = f.app->status().tray()->menu()->actions();
+        for (const char *title : {"💵  Submit a Sale", "⭐  Rate Last Call…"}) {
+            const auto item = std::find_if(items.cbegin(), items.cend(), [&](QAction *a) { return a->text() == QString::fromUtf8(title); });
+            QVERIFY2(item != items.cend() && (*item)->isEnabled(), title);
+        }
+        f.app->windows().review()->hide();
+        const auto rate = std::find_if(items.cbegin(), items.cend(), [](QAction *a) { return a->text() == QStringLiteral("⭐  Rate Last Call…"); });
+        (*rate)->trigger();
+        QVERIFY(f.app->windows().review()->isVisible());
+        f.app->windows().review()->saveTapped();
+        QTRY_COMPARE(f.room.events.size(), 5);
+        QCOMPARE(f.room.events.last().queryItemValue(QStringLiteral("secs")), QStringLiteral("0"));
+
+        // Cameras off: the widget goes.
+        QVERIFY(f.command({{"type", "cameras"}, {"on", false}}));
+        QTRY_VERIFY(!w->isShown());
+    }
+
+    // With no X server the agent runs without the widget and says why, once in the log and in
+    // every status.
+    void withoutXTheStatusSaysWhy()
+    {
+        AgentFixture f(home);
+        const QString note = DisplayPlatform::choose(QByteArray(), false).note;
+        f.app->windows().disableFloating(note);
+        QVERIFY(f.command({{"type", "cameras"}, {"on", true}}));
+        const auto lastError = [&f] {
+            const QList<QJsonObject> s = f.room.statuses();
+            return s.isEmpty() ? QString() : s.last().value(QStringLiteral("error")).toString();
+        };
+        QTRY_COMPARE(lastError(), note);
+        QVERIFY(!f.app->windows().widget());
+        QCOMPARE(home.log().count(note), 1);
+    }
+};
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    CallActionsTest tc;
+    return QTest::qExec(&tc, argc, argv);
+}
+#include "tst_call_actions.moc"

@@ -1,0 +1,288 @@
+#include "HttpStub.h"
+#include "SaleForm.h"
+#include "SaleSubmission.h"
+#include "ScreenSnapper.h"
+
+#include <QApplication>
+#include <QButtonGroup>
+#include <QLabel>
+#include <QLineEdit>
+#include <QNetworkAccessManager>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <sys/stat.h>
+
+using Answers = QList<HttpStub::Answer>;
+Q_DECLARE_METATYPE(Answers)
+
+// A sale from the form to a control room on loopback: the requests in order with their query
+// items, content types and bodies; the message of every failure; and what the agent entered
+// surviving each of them.
+class SaleSubmissionTest : public QObject
+{
+    Q_OBJECT
+    QNetworkAccessManager net;
+    QTemporaryDir dir;
+    std::unique_ptr<HttpStub> stub;
+    std::unique_ptr<SaleSubmission> submission;
+    std::unique_ptr<ScreenSnapper> snapper;
+    std::unique_ptr<SaleForm> form;
+    QString server;
+    int agent = 7;
+
+    QString file(const QString &name, const QByteArray &bytes)
+    {
+        QFile f(dir.filePath(name));
+        if (!f.open(QIODevice::WriteOnly) || f.write(bytes) != bytes.size())
+            return QString();
+        return f.fileName();
+    }
+    static HttpStub::Answer token(const QByteArray &json = "{\"sale\":\"S 1/x\"}")
+    {
+        return HttpStub::status(200, json);
+    }
+    // Fills the form for a sale of this method; the confirmation is a PDF file.
+    void fill(bool phone)
+    {
+        form->open();
+        form->methodGroup()->button(phone ? 0 : 1)->click();
+        form->referralGroup()->button(1)->click();
+        form->leadField()->setText(QStringLiteral("  Ann Lee  "));
+        form->apvField()->setText(QStringLiteral("$1,250.50"));
+        form->setConfirmFile(file(QStringLiteral("confirm.pdf"), "%PDF-1.4 confirmation"));
+        if (phone)
+            form->setCallFile(file(QStringLiteral("Call.M4A"), QByteArray(300000, 'c')));
+    }
+    // Presses submit and waits for the sale to end; its status line.
+    QString submit()
+    {
+        form->submitButton()->click();
+        if (!QTest::qWaitFor([&] { return !form->isUploading(); }, 20000))
+            return QStringLiteral("(still submitting)");
+        return form->statusLine()->text();
+    }
+    QByteArray query(int i) const { return stub->requests.value(i).url.query(QUrl::FullyEncoded).toLatin1(); }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(dir.isValid());
+    }
+    void init()
+    {
+        stub = std::make_unique<HttpStub>();
+        QVERIFY(stub->listen());
+        server = stub->address();
+        agent = 7;
+        submission = std::make_unique<SaleSubmission>(net);
+        snapper = std::make_unique<ScreenSnapper>(false);
+        form = std::make_unique<SaleForm>(*submission, *snapper, [this] { return agent; }, [this] { return server; });
+        form->chooseFile = [](const QString &, const QStringList &) { return QString(); };
+    }
+    void cleanup()
+    {
+        form.reset();
+        snapper.reset();
+        submission.reset();
+        stub.reset();
+    }
+
+    void computerSaleSendsRecordThenConfirmation()
+    {
+        fill(false);
+        stub->script({token(), HttpStub::status(200)});
+        QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
+        QCOMPARE(form->statusColour(), SaleForm::green());
+        QCOMPARE(stub->requests.size(), 2);
+        const HttpStub::Request &record = stub->requests[0];
+        QCOMPARE(record.method, QByteArray("POST"));
+        QCOMPARE(record.url.path(), QStringLiteral("/sale"));
+        QCOMPARE(record.headers.value("content-type"), QByteArray("application/json"));
+        QCOMPARE(record.body, QByteArray("{\"id\":7,\"method\":\"computer\",\"lead\":\"Ann Lee\",\"apv\":1251,\"referral\":\"yes\"}"));
+        const HttpStub::Request &confirm = stub->requests[1];
+        QCOMPARE(confirm.url.path(), QStringLiteral("/sale-file"));
+        QCOMPARE(query(1), QByteArray("sale=S%201%2Fx&kind=confirm&ext=pdf"));
+        QCOMPARE(confirm.headers.value("content-type"), QByteArray("application/octet-stream"));
+        QCOMPARE(confirm.body, QByteArray("%PDF-1.4 confirmation"));
+        // The form goes away a moment after the success.
+        QVERIFY(form->isVisible());
+        QTRY_VERIFY_WITH_TIMEOUT(!form->isVisible(), 5000);
+    }
+
+    void phoneSaleSendsRecordSnapshotAndCall()
+    {
+        fill(true);
+        const QByteArray png = QByteArray("\x89PNG\r\n\x1a\n", 8) + QByteArray(5000, 'p');
+        form->setConfirmSnapshot(png);
+        QCOMPARE(form->confirmLabel()->text(), QStringLiteral("✓ Screen snapped (4 KB)"));
+        stub->script({token(), HttpStub::status(200), HttpStub::status(200)});
+        QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
+        QCOMPARE(stub->requests.size(), 3);
+        QVERIFY(stub->requests[0].body.contains("\"method\":\"phone\""));
+        QCOMPARE(query(1), QByteArray("sale=S%201%2Fx&kind=confirm&ext=png"));
+        QCOMPARE(stub->requests[1].body, png);
+        QCOMPARE(query(2), QByteArray("sale=S%201%2Fx&kind=call&ext=m4a"));
+        QCOMPARE(stub->requests[2].headers.value("content-type"), QByteArray("application/octet-stream"));
+        QCOMPARE(stub->requests[2].body, QByteArray(300000, 'c'));
+    }
+
+    void failure_data()
+    {
+        // fault: what goes wrong besides the answers (see below); requests: how many arrived.
+        QTest::addColumn<bool>("phone");
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<Answers>("answers");
+        QTest::addColumn<QString>("message");
+        QTest::addColumn<int>("requests");
+        const QString noRoom = QStringLiteral("Couldn't reach the control room");
+        const QString noConfirm = QStringLiteral("Confirmation upload failed");
+        const QString noCall = QStringLiteral("Call upload failed");
+        const auto ok = HttpStub::status(200);
+        QTest::newRow("record answered 201") << false << "" << Answers{HttpStub::status(201, "{\"sale\":\"S\"}")} << noRoom << 1;
+        QTest::newRow("numeric sale token") << false << "" << Answers{token("{\"sale\":5}")} << noRoom << 1;
+        QTest::newRow("record answered 500") << false << "" << Answers{HttpStub::status(500)} << noRoom << 1;
+        QTest::newRow("answer is no JSON") << false << "" << Answers{token("sale")} << noRoom << 1;
+        QTest::newRow("record connection reset") << false << "" << Answers{HttpStub::Answer{HttpStub::Answer::Reset}} << noRoom << -1;
+        QTest::newRow("no control room") << false << "closed" << Answers{} << noRoom << 0;
+        QTest::newRow("address no URL") << false << "badserver" << Answers{} << noRoom << 0;
+        QTest::newRow("confirmation vanished") << false << "confirm-gone" << Answers{token()} << noConfirm << 1;
+        QTest::newRow("confirmation now a folder") << false << "confirm-folder" << Answers{token()} << noConfirm << 1;
+        QTest::newRow("confirmation answered 500") << false << "" << Answers{token(), HttpStub::status(500)} << noConfirm << 2;
+        QTest::newRow("call vanished") << true << "call-gone" << Answers{token(), ok} << noCall << 2;
+        QTest::newRow("call is a pipe") << true << "call-pipe" << Answers{token(), ok} << noCall << 2;
+        QTest::newRow("call answered 500") << true << "" << Answers{token(), ok, HttpStub::status(500)} << noCall << 3;
+        QTest::newRow("connection closed mid-upload") << true << "cut" << Answers{token(), ok} << noCall << -1;
+    }
+    void failure()
+    {
+        QFETCH(bool, phone);
+        QFETCH(QString, fault);
+        QFETCH(Answers, answers);
+        QFETCH(QString, message);
+        QFETCH(int, requests);
+        fill(phone);
+        const QString confirmShown = form->confirmLabel()->text();
+        const QString confirmPath = dir.filePath(QStringLiteral("confirm.pdf"));
+        const QString callPath = dir.filePath(QStringLiteral("Call.M4A"));
+        if (fault == QLatin1String("closed")) {
+            server = stub->address();
+            stub.reset();
+        } else if (fault == QLatin1String("badserver")) {
+            server = QStringLiteral("host/../x:1");
+        } else if (fault == QLatin1String("confirm-gone")) {
+            QVERIFY(QFile::remove(confirmPath));
+        } else if (fault == QLatin1String("confirm-folder")) {
+            QVERIFY(QFile::remove(confirmPath) && QDir().mkdir(confirmPath));
+        } else if (fault == QLatin1String("call-gone")) {
+            QVERIFY(QFile::remove(callPath));
+        } else if (fault == QLatin1String("call-pipe")) {
+            QVERIFY(QFile::remove(callPath) && ::mkfifo(QFile::encodeName(callPath).constData(), 0600) == 0);
+        } else if (fault == QLatin1String("cut")) {
+            form->setCallFile(file(QStringLiteral("Call.M4A"), QByteArray(8 << 20, 'c')));
+            stub->setDefault(HttpStub::cut(256 * 1024)); // every try of the call is cut short
+        }
+        if (stub)
+            stub->script(answers);
+        QCOMPARE(submit(), message);
+        QCOMPARE(form->statusColour(), SaleForm::errorColour());
+        if (requests >= 0)
+            QCOMPARE(stub ? int(stub->requests.size()) : 0, requests);
+        // Everything the agent entered is still there, ready for another press.
+        QVERIFY(form->isVisible() && form->submitButton()->isEnabled());
+        QCOMPARE(form->leadField()->text(), QStringLiteral("  Ann Lee  "));
+        QCOMPARE(form->apvField()->text(), QStringLiteral("$1,250.50"));
+        QCOMPARE(form->confirmLabel()->text(), confirmShown);
+        QCOMPARE(form->methodGroup()->checkedId(), phone ? 0 : 1);
+        QDir(confirmPath).removeRecursively();
+        QFile::remove(confirmPath);
+        QFile::remove(callPath);
+    }
+
+    void badInputIsRefusedWhereTheAgentSeesIt_data()
+    {
+        QTest::addColumn<QString>("lead");
+        QTest::addColumn<QString>("apv");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("apv 1e9999") << "Ann" << "1e9999" << "Enter the APV (dollar amount)";
+        QTest::newRow("lead of 10000") << QString(10000, QLatin1Char('L')) << "100" << "The lead's name is too long (at most 200 characters)";
+    }
+    void badInputIsRefusedWhereTheAgentSeesIt()
+    {
+        QFETCH(QString, lead);
+        QFETCH(QString, apv);
+        QFETCH(QString, message);
+        fill(false);
+        form->leadField()->setText(lead);
+        form->apvField()->setText(apv);
+        form->submitButton()->click();
+        QCOMPARE(form->statusLine()->text(), message);
+        QCOMPARE(form->statusColour(), SaleForm::errorColour());
+        QVERIFY(!form->isUploading());
+        QCOMPARE(form->leadField()->text(), lead);
+        QCOMPARE(form->apvField()->text(), apv);
+        QCoreApplication::processEvents();
+        QCOMPARE(stub->requests.size(), 0);
+    }
+
+    void pressWhileSubmittingChangesNothing()
+    {
+        fill(false);
+        stub->script({HttpStub::hang()});
+        form->submitButton()->click();
+        QTRY_COMPARE(stub->requests.size(), 1);
+        QVERIFY(form->isUploading() && !form->submitButton()->isEnabled());
+        QCOMPARE(form->statusLine()->text(), QStringLiteral("Submitting…"));
+        form->submitTapped();
+        QVERIFY(!submission->submit(server, SaleSubmission::Sale{}));
+        QCOMPARE(form->statusLine()->text(), QStringLiteral("Submitting…"));
+        stub->script({HttpStub::status(200)});
+        stub->release(token());
+        QTRY_COMPARE(form->statusLine()->text(), QStringLiteral("Saved ✓  Sent to the control room"));
+        QCOMPARE(stub->requests.size(), 2); // the record once, its confirmation once
+    }
+
+    void retryAfterFailureSendsANewRecord()
+    {
+        fill(false);
+        stub->script({token(), HttpStub::status(500), token("{\"sale\":\"S2\"}"), HttpStub::status(200)});
+        QCOMPARE(submit(), QStringLiteral("Confirmation upload failed"));
+        QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
+        QCOMPARE(stub->requests.size(), 4);
+        QCOMPARE(stub->requests[2].url.path(), QStringLiteral("/sale"));
+        QCOMPARE(query(3), QByteArray("sale=S2&kind=confirm&ext=pdf"));
+    }
+
+    void methodAndReopen()
+    {
+        fill(true);
+        QCOMPARE(form->callLabel()->text(), QStringLiteral("✓ Call.M4A"));
+        form->methodGroup()->button(1)->click();
+        QCOMPARE(form->callLabel()->text(), QStringLiteral("Not needed — the call was recorded in the app"));
+        QVERIFY(!form->callChoose()->isEnabled());
+        form->methodGroup()->button(0)->click();
+        QCOMPARE(form->callLabel()->text(), QStringLiteral("✓ Call.M4A"));
+        // A snapshot replaces the file, and the other way round.
+        form->setConfirmSnapshot(QByteArray(2048, 'p'));
+        QCOMPARE(form->confirmLabel()->text(), QStringLiteral("✓ Screen snapped (2 KB)"));
+        form->setConfirmFile(dir.filePath(QStringLiteral("confirm.pdf")));
+        QCOMPARE(form->confirmLabel()->text(), QStringLiteral("✓ confirm.pdf"));
+        // Reopening drops the attachments and keeps what was typed and chosen.
+        form->open();
+        QCOMPARE(form->confirmLabel()->text(), QStringLiteral("No confirmation yet"));
+        QCOMPARE(form->callLabel()->text(), QStringLiteral("Required for a phone sale"));
+        QCOMPARE(form->leadField()->text(), QStringLiteral("  Ann Lee  "));
+        QCOMPARE(form->referralGroup()->checkedId(), 1);
+        form->submitButton()->click();
+        QCOMPARE(form->statusLine()->text(), QStringLiteral("Add a confirmation (file or snap)"));
+    }
+};
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    SaleSubmissionTest tc;
+    return QTest::qExec(&tc, argc, argv);
+}
+#include "tst_sale_submission.moc"

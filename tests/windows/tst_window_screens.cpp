@@ -1,0 +1,256 @@
+#include "HttpStub.h"
+#include "ReviewWindow.h"
+#include "SaleForm.h"
+#include "SaleSubmission.h"
+#include "SaleWidget.h"
+#include "SaleWidgetModel.h"
+#include "ScreenSnapper.h"
+#include "TestDisplay.h"
+#include "X11Desktop.h"
+
+#include <QButtonGroup>
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QNetworkAccessManager>
+#include <QPushButton>
+#include <QScreen>
+#include <QTemporaryDir>
+
+namespace M = SaleWidgetModel;
+
+// Each window on the test X server (Xvfb with openbox), captured from the screen as it shows there
+// into <build>/window-screens/*.png and checked at sample points: sizes, colours, texts.
+class WindowScreensTest : public QObject
+{
+    Q_OBJECT
+    QString shots;
+    QString savedFrame;
+    QTemporaryDir dir;
+    QNetworkAccessManager net;
+
+    // The screen's pixels under a window's client area, kept as <name>.png.
+    QImage shoot(QWidget *w, const QString &name)
+    {
+        QTest::qWait(0);
+        const QRect r(w->mapToGlobal(QPoint(0, 0)), w->size());
+        const QImage image = QGuiApplication::primaryScreen()->grabWindow(0, r.x(), r.y(), r.width(), r.height()).toImage();
+        image.save(shots + QLatin1Char('/') + name + QStringLiteral(".png"));
+        return image;
+    }
+    static bool near(QColor a, QColor b, int tolerance = 8)
+    {
+        return qAbs(a.red() - b.red()) <= tolerance && qAbs(a.green() - b.green()) <= tolerance && qAbs(a.blue() - b.blue()) <= tolerance;
+    }
+    static QString hex(QColor c) { return c.name(); }
+    // Whether a row of the image holds text-like pixels close to this colour.
+    static bool rowHas(const QImage &image, int y, int x0, int x1, QColor colour, int tolerance = 40)
+    {
+        for (int x = x0; x < x1; ++x)
+            if (near(image.pixelColor(x, y), colour, tolerance))
+                return true;
+        return false;
+    }
+    static bool areaHas(const QImage &image, const QRect &area, QColor colour, int tolerance = 40)
+    {
+        for (int y = area.top(); y <= area.bottom(); ++y)
+            if (rowHas(image, y, area.left(), area.right(), colour, tolerance))
+                return true;
+        return false;
+    }
+    // Waits until the window is mapped where it says and painted.
+    static bool onScreen(QWidget *w)
+    {
+        return QTest::qWaitForWindowExposed(w) && QTest::qWaitFor([] { return true; }, 150);
+    }
+    SaleWidget::FrameStore store()
+    {
+        return {[this] { return savedFrame; }, [this](const QString &t) { savedFrame = t; }};
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + QStringLiteral("/window-screens");
+        QVERIFY(QDir().mkpath(shots));
+    }
+
+    void widget()
+    {
+        BRAVA_REQUIRE_X();
+        savedFrame.clear();
+        SaleWidget widget(store());
+        QSignalSpy help(&widget, &SaleWidget::helpPressed);
+        widget.show(true);
+        QWidget *w = widget.window();
+        QVERIFY(onScreen(w));
+        // First showing: 24 from the right and bottom of the usable area, kept above, on every
+        // workspace, without taking the focus.
+        const QRect avail = QGuiApplication::primaryScreen()->availableGeometry();
+        QCOMPARE(w->geometry(), M::firstFrame(avail, true));
+        QCOMPARE(w->size(), QSize(196, 182));
+        QTRY_COMPARE(X11Desktop::desktopOf(w), std::optional<quint32>(X11Desktop::kAllDesktops));
+        QVERIFY(QApplication::activeWindow() != w);
+
+        QImage shot = shoot(w, QStringLiteral("widget-with-sale"));
+        QVERIFY2(near(shot.pixelColor(4, 90), M::navy()), qPrintable(hex(shot.pixelColor(4, 90))));
+        QVERIFY2(near(shot.pixelColor(16, 40), M::blue()), qPrintable(hex(shot.pixelColor(16, 40))));
+        QVERIFY(near(shot.pixelColor(16, 88), M::blue()));
+        QVERIFY2(near(shot.pixelColor(16, 136), M::red()), qPrintable(hex(shot.pixelColor(16, 136))));
+        QVERIFY(areaHas(shot, QRect(40, 30, 120, 20), Qt::white, 30)); // the titles are drawn
+        QVERIFY(areaHas(shot, QRect(60, 4, 76, 14), QColor(130, 140, 170), 60)); // the drag handle
+        QCOMPARE(widget.callButton()->text(), QStringLiteral("🎧  On a Call"));
+        QCOMPARE(widget.saleButton()->text(), QStringLiteral("Submit a Sale"));
+
+        // Above a window that opens later over it.
+        QWidget cover;
+        cover.setStyleSheet(QStringLiteral("background: #ffffff"));
+        cover.setGeometry(w->geometry().adjusted(-40, -40, 40, 40));
+        cover.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&cover));
+        QTRY_VERIFY(near(shoot(w, QStringLiteral("widget-above-another-window")).pixelColor(16, 40), M::blue()));
+        cover.hide();
+
+        widget.setCall(true);
+        shot = shoot(w, QStringLiteral("widget-on-a-call"));
+        QVERIFY2(near(shot.pixelColor(16, 40), M::green()), qPrintable(hex(shot.pixelColor(16, 40))));
+        QCOMPARE(widget.callButton()->text(), QStringLiteral("⏹  End the Call"));
+
+        QTest::mouseClick(w->findChildren<QPushButton *>().last(), Qt::LeftButton);
+        QCOMPARE(help.size(), 1);
+        QCOMPARE(widget.callButton()->text(), QStringLiteral("Help sent ✓"));
+        shot = shoot(w, QStringLiteral("widget-help-sent"));
+        QVERIFY(near(shot.pixelColor(16, 40), M::green()));
+        QTRY_COMPARE_WITH_TIMEOUT(widget.callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
+
+        // Dragged 30 from the left edge: snaps to 12 from it, keeping its height; the frame is saved.
+        w->move(30, 300);
+        QTRY_COMPARE(w->pos(), QPoint(12, 300));
+        QCOMPARE(savedFrame, QStringLiteral("{{12, 300}, {196, 182}}"));
+        widget.hide();
+        QVERIFY(!widget.window());
+
+        // Rebuilt without the sale button at the saved place, still on a call.
+        widget.show(false);
+        w = widget.window();
+        QVERIFY(onScreen(w));
+        QCOMPARE(w->geometry(), QRect(12, 300, 196, 134));
+        QVERIFY(!widget.saleButton());
+        shot = shoot(w, QStringLiteral("widget-without-sale"));
+        QVERIFY(near(shot.pixelColor(16, 40), M::green()));
+        QVERIFY(near(shot.pixelColor(16, 88), M::red()));
+        // Asked again without the sale button while shown with it: it keeps what it has.
+        widget.hide();
+        widget.show(true);
+        widget.show(false);
+        QVERIFY(widget.saleButton());
+    }
+
+    void form_data()
+    {
+        QTest::addColumn<QString>("state");
+        QTest::addColumn<QString>("status");
+        QTest::newRow("phone") << "phone" << "";
+        QTest::newRow("phone-no-lead") << "phone submit" << "Enter the lead's name";
+        QTest::newRow("phone-no-call") << "phone lead apv confirm submit" << "Attach the full call recording";
+        QTest::newRow("phone-ready") << "phone lead apv confirm call" << "";
+        QTest::newRow("computer") << "computer" << "";
+        QTest::newRow("computer-bad-apv") << "computer lead apv=1e9999 submit" << "Enter the APV (dollar amount)";
+        QTest::newRow("computer-no-confirmation") << "computer lead apv submit" << "Add a confirmation (file or snap)";
+        QTest::newRow("computer-snapped") << "computer lead apv snap" << "";
+    }
+    void form()
+    {
+        BRAVA_REQUIRE_X();
+        QFETCH(QString, state);
+        QFETCH(QString, status);
+        const QStringList words = state.split(QLatin1Char(' '));
+        SaleSubmission submission(net);
+        ScreenSnapper snapper(false);
+        SaleForm form(submission, snapper, [] { return 7; }, [] { return QStringLiteral("127.0.0.1:9"); });
+        form.open();
+        QVERIFY(onScreen(&form));
+        QCOMPARE(form.size(), QSize(468, 648));
+        QCOMPARE(form.windowTitle(), QStringLiteral("Submit a Sale"));
+        form.methodGroup()->button(words.contains(QStringLiteral("computer")) ? 1 : 0)->click();
+        if (words.contains(QStringLiteral("lead")))
+            form.leadField()->setText(QStringLiteral("Ann Lee"));
+        for (const QString &w : words)
+            if (w.startsWith(QStringLiteral("apv")))
+                form.apvField()->setText(w.contains(QLatin1Char('=')) ? w.mid(4) : QStringLiteral("$1,200"));
+        if (words.contains(QStringLiteral("confirm")))
+            form.setConfirmFile(QStringLiteral("/tmp/confirmation.pdf"));
+        if (words.contains(QStringLiteral("call")))
+            form.setCallFile(QStringLiteral("/tmp/full-call.m4a"));
+        if (words.contains(QStringLiteral("snap"))) {
+            QSignalSpy done(&snapper, &ScreenSnapper::done);
+            form.findChildren<QPushButton *>().at(5)->click(); // "📸  Snap screen"
+            QVERIFY(done.wait(5000));
+            QVERIFY(form.confirmLabel()->text().startsWith(QStringLiteral("✓ Screen snapped (")));
+        }
+        if (words.contains(QStringLiteral("submit")))
+            form.submitButton()->click();
+        QCOMPARE(form.statusLine()->text(), status);
+        const QImage shot = shoot(&form, QStringLiteral("form-") + QString::fromLatin1(QTest::currentDataTag()));
+
+        // The submit button, the chosen method, the navy ground, and the coloured lines.
+        QVERIFY2(near(shot.pixelColor(30, 604), M::blue()), qPrintable(hex(shot.pixelColor(30, 604))));
+        QVERIFY2(near(shot.pixelColor(4, 300), QColor(M::navy().rgb())), qPrintable(hex(shot.pixelColor(4, 300))));
+        const int chosenX = words.contains(QStringLiteral("computer")) ? 240 + 8 : 24 + 8;
+        QVERIFY2(near(shot.pixelColor(chosenX, 102), M::blue()), qPrintable(hex(shot.pixelColor(chosenX, 102))));
+        QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
+        if (!status.isEmpty())
+            QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
+        const bool confirmed = words.contains(QStringLiteral("confirm")) || words.contains(QStringLiteral("snap"));
+        QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
+        QCOMPARE(form.callChoose()->isEnabled(), !words.contains(QStringLiteral("computer")));
+        QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), words.contains(QStringLiteral("call")));
+    }
+
+    void formFitsASmallScreen()
+    {
+        BRAVA_REQUIRE_X();
+        SaleSubmission submission(net);
+        ScreenSnapper snapper(false);
+        SaleForm form(submission, snapper, [] { return 7; }, [] { return QString(); });
+        form.open();
+        form.resize(468, 2000);
+        form.fitToScreen();
+        const QRect room = form.screen()->availableGeometry().adjusted(16, 16, -16, -16);
+        QVERIFY(room.contains(form.geometry()));
+    }
+
+    void review_data()
+    {
+        QTest::addColumn<QString>("picks");
+        QTest::newRow("fresh") << "";
+        QTest::newRow("bad-then-neutral-angry") << "Bad Neutral Angry";
+    }
+    void review()
+    {
+        BRAVA_REQUIRE_X();
+        QFETCH(QString, picks);
+        ReviewWindow review;
+        review.open([](const QString &, const QString &, const QString &) {});
+        QVERIFY(onScreen(&review));
+        QCOMPARE(review.size(), QSize(440, 520));
+        QCOMPARE(review.windowTitle(), QStringLiteral("After-Call Review"));
+        for (const QString &p : picks.split(QLatin1Char(' '), Qt::SkipEmptyParts))
+            review.pick(ReviewWindow::outcomes().contains(p) ? 0 : 1, p);
+        const QImage shot = shoot(&review, QStringLiteral("review-") + QString::fromLatin1(QTest::currentDataTag()));
+        QCOMPARE(review.faces(0).size(), 3);
+        QCOMPARE(review.faces(1).size(), 4);
+        QCOMPARE(review.faces(0).at(1)->geometry(), QRect(160, 88, 128, 78));
+        QCOMPARE(review.faces(1).at(3)->geometry(), QRect(324, 208, 92, 78));
+        QCOMPARE(review.faces(0).at(2)->text(), QStringLiteral("🙁\nBad"));
+        // A picked face has the blue border; the others do not.
+        const auto border = [&](QPushButton *b) { return shot.pixelColor(b->geometry().left() + 1, b->geometry().center().y()); };
+        QCOMPARE(near(border(review.faces(0).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Neutral")));
+        QVERIFY(!near(border(review.faces(0).at(2)), M::blue(), 30));
+        QCOMPARE(near(border(review.faces(1).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Angry")));
+        QCOMPARE(review.outcome(), picks.isEmpty() ? QString() : QStringLiteral("Neutral"));
+    }
+};
+
+BRAVA_X_TEST_MAIN(WindowScreensTest)
+#include "tst_window_screens.moc"
