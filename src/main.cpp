@@ -26,5 +26,7 @@ int main(int argc, char *argv[])
     const std::unique_ptr<CameraBackend> cameras = CameraBackend::fromEnvironment();
     AppDelegate delegate(audio, *cameras, Clock::monotonic());
     delegate.applicationDidFinishLaunching();
-    return app.exec();
+    const int code = app.exec();
+    bravaLog(QStringLiteral("quit"));
+    return code;
 }

@@ -1,5 +1,7 @@
 #include "AgentEvents.h"
 
+#include "BravaLog.h"
+
 #include "Config.h"
 #include "QueryString.h"
 
@@ -27,5 +29,6 @@ void AgentEvents::post(const QString &type, const QList<QPair<QString, QString>>
     QNetworkRequest request(url);
     request.setTransferTimeout(kTimeoutMs);
     QNetworkReply *reply = m_net.post(request, QByteArray());
+    bravaLog(QStringLiteral("event sent: ") + type);
     QObject::connect(reply, &QNetworkReply::finished, reply, &QObject::deleteLater);
 }

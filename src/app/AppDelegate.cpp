@@ -53,6 +53,8 @@ CheckIn::Flags AppDelegate::permissionFlags() const
 
 void AppDelegate::applicationDidFinishLaunching()
 {
+    bravaLog(QStringLiteral("start: Brava Recorder %1 (build %2)").arg(Config::version(), Config::buildNumber()));
+
     // 1. The status item.
     m_status.show([](StatusMenu::Action a) { return canPerform(a); }, [this](StatusMenu::Action a) { perform(a); });
 
@@ -183,6 +185,8 @@ void AppDelegate::tick()
     v.micUID = Config::micUID();
     v.camUID = Config::camUID();
     v.error = m_recorder.lastError();
+    if (!v.error)
+        v.error = m_commands.refusal();
     m_conn.sendJSON(Heartbeat::message(v));
     if (m_wizardModel)
         m_wizardModel->tick(levels.mic, levels.sys, m_conn.connected());

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
 
 class Connection;
 class MentorRoster;
@@ -26,8 +27,8 @@ public:
 
     /// Longest session name taken from "start", in characters.
     static constexpr qsizetype kMaxSession = 100;
-    /// Longest whisper text, in characters.
-    static constexpr qsizetype kMaxWhisper = 1000;
+    /// Longest whisper text, in characters (10 kB).
+    static constexpr qsizetype kMaxWhisper = 10 * 1024;
     /// Longest device uid of "setMic" and "setCam", in characters.
     static constexpr qsizetype kMaxUid = 255;
     /// Longest upload quality word, in characters.
@@ -41,6 +42,8 @@ public:
     /// Starts a pass of the reconciler (wishes wait while it may not run).
     void apply();
 
+    /// Why the last command was refused, until a command is accepted (the heartbeat's "error").
+    std::optional<QString> refusal() const { return m_refusal; }
     /// Live audio is wanted and capture runs.
     bool live() const;
     /// A pass runs or a session is wanted.
@@ -56,6 +59,9 @@ public:
     std::function<void()> onReplaced;
 
 private:
+    void dispatch(const QString &type, const QJsonObject &command);
+    /// Refuses (logs and keeps as refusal()) a text argument longer than its limit.
+    bool tooLong(const QString &type, const char *key, const QString &value, qsizetype limit);
     void applyFinished();
     void release();
     void changed();
@@ -65,4 +71,6 @@ private:
     MentorRoster &m_roster;
     const std::atomic<bool> &m_wizardOpen;
     Reconciler *m_reconciler;
+    std::optional<QString> m_refusal;
+    bool m_refused = false; // by the command being handled
 };
