@@ -28,6 +28,7 @@ AppDelegate::AppDelegate(AudioBackend &audio, CameraBackend &cameras, Clock &clo
     m_commands.onChanged = [this] { m_status.refresh(); };
     m_commands.onSetupNeeded = [this] { showWizard(); };
     m_commands.onReplaced = [this] { showReplacedAlert(); };
+    m_commands.onWhisper = [this](const QString &text, int seat, const QString &from) { m_whisper.show(text, seat, from); };
     m_actions.onCallChanged = [this] { m_status.redraw(); };
     m_actions.onConfirm = [this](const QString &text) { m_status.flashStatus(text); };
     m_tick.setInterval(kTickMs);

@@ -12,6 +12,7 @@
 #include "StatusMenu.h"
 #include "StatusView.h"
 #include "Uploader.h"
+#include "WhisperCard.h"
 #include "Upkeep.h"
 #include "WizardModel.h"
 #include "WizardWindow.h"
@@ -70,6 +71,8 @@ public:
     StatusView &status() { return m_status; }
     AgentActions &actions() { return m_actions; }
     Upkeep &upkeep() { return m_upkeep; }
+    /// The coach's whisper card.
+    WhisperCard &whisper() { return m_whisper; }
 
     /// Interval of the heartbeat in milliseconds.
     static constexpr int kTickMs = 500;
@@ -105,6 +108,7 @@ private:
     AgentEvents m_events;
     AgentActions m_actions;
     Recorder m_recorder;
+    WhisperCard m_whisper; // shown by the command table, so it outlives it
     Commands m_commands;
     StatusView m_status;
     Upkeep m_upkeep;

@@ -151,9 +151,12 @@ void Commands::dispatch(const QString &type, const QJsonObject &command)
         const QString text = stringArg(command, "text");
         if (Config::trimSpacesAndTabs(text).isEmpty() || tooLong(type, "text", text, kMaxWhisper))
             return;
-        if (m_roster.name(seatArg(command)).isEmpty())
-            m_roster.fetch();
-        // The whisper card plugs in here.
+        const int seat = seatArg(command);
+        const QString from = m_roster.name(seat);
+        if (from.isEmpty())
+            m_roster.fetch(); // the card shows now, without a name
+        if (onWhisper)
+            onWhisper(text, seat, from);
     } else if (type == QLatin1String("setMic")) {
         const std::optional<QString> uid = optionalString(command, "uid");
         if (!uid || tooLong(type, "uid", *uid, kMaxUid))

@@ -55,6 +55,8 @@ public:
     std::function<void()> onChanged;
     /// Called when the agent must go through setup again (Config.wizardStep says where).
     std::function<void()> onSetupNeeded;
+    /// Called with a coach's message as received, the seat and the mentor's name ("" when unknown).
+    std::function<void(const QString &text, int seat, const QString &from)> onWhisper;
     /// Called when the control room said another computer took this agent number.
     std::function<void()> onReplaced;
 

@@ -278,7 +278,8 @@ private Q_SLOTS:
             {J{{"type", "quality"}, {"q", longer(Commands::kMaxQuality)}}, QStringLiteral("quality: \"q\"")}};
         // A refused start is the heartbeat's error until the next command is taken.
         f->room.send(commands.first().first);
-        QTRY_VERIFY(f->room.statuses().last().value("error").toString().startsWith(QStringLiteral("command start: \"session\" of 101")));
+        QTRY_VERIFY(!f->room.statuses().isEmpty()
+                    && f->room.statuses().last().value("error").toString().startsWith(QStringLiteral("command start: \"session\" of 101")));
         QVERIFY(f->command(J{{"type", "stop"}}) && heartbeats(2));
         QVERIFY(f->room.statuses().last().value("error").isNull());
         Config::setMicUID(QStringLiteral("keep"));
