@@ -62,6 +62,7 @@ void WhisperCard::build()
 void WhisperCard::show(const QString &text, int seat, const QString &from)
 {
     m_release.stop();
+    m_hide.stop(); // a card up stays until the new page is placed, which starts its time again
     if (!m_view)
         build();
     ++m_generation;
