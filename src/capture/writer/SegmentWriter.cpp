@@ -2,7 +2,7 @@
 
 #include "AvError.h"
 #include "BravaLog.h"
-#include "Config.h"
+#include "SessionFolder.h"
 
 #include <QDir>
 #include <QFile>
@@ -15,13 +15,14 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-SegmentWriter::SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format, double segmentSeconds)
+SegmentWriter::SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format, const WriterSetup &setup)
     : m_track(track)
     , m_format(std::move(format))
-    , m_segmentSeconds(segmentSeconds)
+    , m_segmentSeconds(setup.segmentSeconds)
+    , m_writingDir(setup.writingDir)
 {
     Q_ASSERT(m_format);
-    Q_ASSERT(segmentSeconds > 0);
+    Q_ASSERT(m_segmentSeconds > 0);
     // libav's informational chatter (encoder statistics) stays out of the agent's stderr.
     static std::once_flag quiet;
     std::call_once(quiet, [] { av_log_set_level(AV_LOG_ERROR); });
@@ -80,7 +81,7 @@ QString SegmentWriter::folder()
 {
     Q_ASSERT(m_session);
     QString error;
-    const QString path = Config::makeSessionFolder(Config::dir(QStringLiteral("writing")), *m_session, &error);
+    const QString path = SessionFolder::make(m_writingDir, *m_session, &error);
     if (path.isEmpty())
         report(m_format->text(SegmentFormat::Text::CreateFailed, m_track, QStringLiteral("folder: ") + error));
     return path;
@@ -216,19 +217,17 @@ bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample
 void SegmentWriter::report(const QString &failure)
 {
     // A failure that repeats with every sample (a full disk) is logged once until it clears.
-    if (failure == m_lastFailure)
+    if (!m_failureLog.log(failure))
         return;
-    m_lastFailure = failure;
-    bravaLog(failure);
     if (onFault)
         onFault(failure);
 }
 
 void SegmentWriter::recovered()
 {
-    if (m_lastFailure.isEmpty())
+    if (m_failureLog.last().isEmpty())
         return;
-    m_lastFailure.clear();
+    m_failureLog.clear();
     bravaLog(QStringLiteral("writer ") + m_track + QStringLiteral(": writing again"));
     if (onFault)
         onFault(std::nullopt);
@@ -283,7 +282,7 @@ void SegmentWriter::close(bool final)
     if (m_fmt) {
         QString file = m_path;
         // A segment ended by a failed write is not complete, but what reached the disk is kept.
-        if (!endFile(m_lastFailure.isEmpty() || final))
+        if (!endFile(m_failureLog.last().isEmpty() || final))
             return; // never reported, never uploaded
         if (final) {
             const QFileInfo info(file);
