@@ -37,5 +37,7 @@ int main(int argc, char *argv[])
     if (!display.floatingWindows)
         delegate.windows().disableFloating(display.note);
     delegate.applicationDidFinishLaunching();
-    return app.exec();
+    const int code = app.exec();
+    bravaLog(QStringLiteral("quit"));
+    return code;
 }

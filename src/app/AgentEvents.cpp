@@ -1,5 +1,6 @@
 #include "AgentEvents.h"
 
+#include "BravaLog.h"
 #include "Protocol.h"
 #include "Settings.h"
 #include "QueryString.h"
@@ -30,5 +31,6 @@ void AgentEvents::post(const QString &type, const QList<QPair<QString, QString>>
     QNetworkRequest request(url);
     request.setTransferTimeout(kTimeoutMs);
     QNetworkReply *reply = m_net.post(request, QByteArray());
+    bravaLog(QStringLiteral("event sent: ") + type);
     QObject::connect(reply, &QNetworkReply::finished, reply, &QObject::deleteLater);
 }

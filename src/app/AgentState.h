@@ -27,6 +27,8 @@ public:
     {
         bool linkUp = false;           ///< the link to the control room is open
         bool replaced = false;         ///< the control room said another computer took this number
+        QString server;                ///< the control room's host:port ("" when none is set)
+        QString linkFailure;           ///< why the link last failed to open ("" when not known)
         bool recording = false;        ///< a take with a session runs
         QString session;               ///< the session being recorded ("" when not recording)
         bool live = false;             ///< live audio goes to the control room

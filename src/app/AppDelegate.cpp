@@ -36,6 +36,7 @@ AppDelegate::AppDelegate(Settings &settings, const BuildInfo &build, AudioBacken
     m_commands.onChanged = [this] { publish(); };
     m_commands.onReplaced = [this] { showReplacedAlert(); };
     connect(&m_commands, &Commands::whisper, &m_state, &AgentState::announceWhisper);
+    connect(&m_state, &AgentState::whisper, &m_whisper, &WhisperCard::show);
     connect(&m_setupRoute, &SetupRoute::setupNeeded, this, [this](SetupStep::Step step) {
         m_state.announceSetupNeeded(step);
         showWizard();
@@ -67,6 +68,8 @@ void AppDelegate::publish()
     AgentState::Values v;
     v.linkUp = m_conn.connected();
     v.replaced = m_conn.replaced();
+    v.server = m_settings.server();
+    v.linkFailure = m_conn.lastFailure();
     v.recording = m_recorder.isRecording();
     v.session = m_recorder.session().value_or(QString());
     v.live = m_commands.live();
@@ -102,6 +105,8 @@ CheckIn::Flags AppDelegate::permissionFlags() const
 
 void AppDelegate::applicationDidFinishLaunching()
 {
+    bravaLog(QStringLiteral("start: Brava Recorder %1 (build %2)").arg(m_build.version(), m_build.buildNumber()));
+
     // 1. The status item.
     m_status.show([](StatusMenu::Action a) { return canPerform(a); }, [this](StatusMenu::Action a) { perform(a); });
 
@@ -239,6 +244,8 @@ void AppDelegate::tick()
     v.error = m_recorder.lastError();
     if (!v.error && !m_windows.note().isEmpty())
         v.error = m_windows.note(); // no floating windows on this desktop
+    if (!v.error)
+        v.error = m_commands.refusal();
     m_conn.sendJSON(Heartbeat::message(v));
     if (m_wizardModel)
         m_wizardModel->tick(levels.mic, levels.sys, m_conn.connected());

@@ -15,6 +15,7 @@
 #include "StatusMenu.h"
 #include "StatusView.h"
 #include "Uploader.h"
+#include "WhisperCard.h"
 #include "Upkeep.h"
 #include "WizardModel.h"
 #include "WizardWindow.h"
@@ -88,6 +89,8 @@ public:
     StatusView &status() { return m_status; }
     AgentActions &actions() { return m_actions; }
     Upkeep &upkeep() { return m_upkeep; }
+    /// The coach's whisper card.
+    WhisperCard &whisper() { return m_whisper; }
 
     // --- Agent windows: the sale widget, the sale form and the after-call review -------------
     /// The agent's windows.
@@ -132,6 +135,7 @@ private:
     AgentActions m_actions;
     AgentWindows m_windows; // uses the actions and the network manager
     Recorder m_recorder;
+    WhisperCard m_whisper; // shown by the command table, so it outlives it
     Commands m_commands;
     StatusView m_status;
     Upkeep m_upkeep;

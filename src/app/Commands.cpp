@@ -34,17 +34,6 @@ bool boolArg(const QJsonObject &c, const char *key)
     return v.isBool() && v.toBool();
 }
 
-// A text argument longer than its limit is refused with a log line naming the command; the
-// command is then ignored as a whole.
-bool tooLong(const QString &type, const char *key, const QString &value, qsizetype limit)
-{
-    if (value.size() <= limit)
-        return false;
-    bravaLog(QStringLiteral("command %1: \"%2\" of %3 characters refused (at most %4)")
-                 .arg(type, QLatin1String(key)).arg(value.size()).arg(limit));
-    return true;
-}
-
 // A seat is a JSON number with an integral value that fits an int; anything else is seat 0.
 int seatArg(const QJsonObject &c)
 {
@@ -77,6 +66,17 @@ Commands::Commands(Recorder &rec, Connection &conn, MentorRoster &roster, Settin
 }
 
 Commands::~Commands() = default;
+
+bool Commands::tooLong(const QString &type, const char *key, const QString &value, qsizetype limit)
+{
+    if (value.size() <= limit)
+        return false;
+    m_refusal = QStringLiteral("command %1: \"%2\" of %3 characters refused (at most %4)")
+                    .arg(type, QLatin1String(key)).arg(value.size()).arg(limit);
+    bravaLog(*m_refusal);
+    m_refused = true;
+    return true;
+}
 
 void Commands::changed()
 {
@@ -123,6 +123,14 @@ void Commands::handle(const QJsonObject &command)
     if (!typeValue.isString())
         return;
     const QString type = typeValue.toString();
+    m_refused = false;
+    dispatch(type, command);
+    if (!m_refused)
+        m_refusal.reset(); // an accepted command ends the refusal shown in the heartbeat
+}
+
+void Commands::dispatch(const QString &type, const QJsonObject &command)
+{
     namespace C = Protocol::Command;
     Reconciler &r = *m_reconciler;
 
@@ -159,7 +167,7 @@ void Commands::handle(const QJsonObject &command)
         const int seat = seatArg(command);
         const QString from = m_roster.name(seat);
         if (from.isEmpty())
-            m_roster.fetch();
+            m_roster.fetch(); // the card shows now, without a name
         Q_EMIT whisper(text, seat, from);
     } else if (type == QLatin1String(C::setMic)) {
         const std::optional<QString> uid = optionalString(command, C::uid);

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <functional>
+#include <optional>
 
 class Connection;
 class MentorRoster;
@@ -29,8 +30,8 @@ public:
 
     /// Longest session name taken from "start", in characters.
     static constexpr qsizetype kMaxSession = 100;
-    /// Longest whisper text, in characters.
-    static constexpr qsizetype kMaxWhisper = 1000;
+    /// Longest whisper text, in characters (10 kB).
+    static constexpr qsizetype kMaxWhisper = 10 * 1024;
     /// Longest device uid of "setMic" and "setCam", in characters.
     static constexpr qsizetype kMaxUid = 255;
     /// Longest upload quality word, in characters.
@@ -44,6 +45,8 @@ public:
     /// Starts a pass of the reconciler (wishes wait while it may not run).
     void apply();
 
+    /// Why the last command was refused, until a command is accepted (the heartbeat's "error").
+    std::optional<QString> refusal() const { return m_refusal; }
     /// Live audio is wanted and capture runs.
     bool live() const;
     /// A pass runs or a session is wanted.
@@ -62,6 +65,9 @@ Q_SIGNALS:
     void whisper(const QString &text, int seat, const QString &from);
 
 private:
+    void dispatch(const QString &type, const QJsonObject &command);
+    /// Refuses (logs and keeps as refusal()) a text argument longer than its limit.
+    bool tooLong(const QString &type, const char *key, const QString &value, qsizetype limit);
     void applyFinished();
     void release();
     void changed();
@@ -73,4 +79,6 @@ private:
     SetupRoute &m_setup;
     const std::atomic<bool> &m_wizardOpen;
     Reconciler *m_reconciler;
+    std::optional<QString> m_refusal;
+    bool m_refused = false; // by the command being handled
 };

@@ -42,11 +42,26 @@ StatusMenu::State StatusView::menuState() const
     return s;
 }
 
+TrayTip::Facts StatusView::tipFacts() const
+{
+    const AgentState::Values &v = m_state.values();
+    TrayTip::Facts f;
+    f.address = v.server;
+    f.linkFailure = v.linkFailure;
+    if (v.recording)
+        f.session = v.session;
+    f.previewing = v.previewing;
+    f.callSeconds = v.onCall ? m_callSeconds : -1;
+    f.flash = m_tray ? m_tray->flashText() : QString();
+    return f;
+}
+
 void StatusView::refresh()
 {
     if (!m_tray)
         return;
     const StatusMenu::State state = menuState();
+    m_tray->setTip(TrayTip::text(state, tipFacts()));
     const QString key = StatusMenu::fingerprint(state);
     if (key == m_menuKey)
         return;
@@ -62,13 +77,20 @@ void StatusView::redraw()
 
 void StatusView::flashStatus(const QString &text)
 {
-    if (m_tray)
-        m_tray->flash(text);
-    QTimer::singleShot(kFlashMs, this, [this] { redraw(); });
+    if (!m_tray)
+        return;
+    m_tray->flash(text);
+    refresh(); // the tooltip says it too
+    QTimer::singleShot(kFlashMs, this, [this, text] {
+        if (m_tray->flashText() == text)
+            m_tray->flash(QString());
+        redraw();
+    });
 }
 
 void StatusView::showCallTime(qint64 seconds)
 {
+    m_callSeconds = seconds;
     if (m_state.onCall() && m_tray && m_tray->hasCallItem())
         m_tray->setCallTitle(StatusMenu::callTimer(seconds));
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "StatusMenu.h"
+#include "TrayTip.h"
 
 #include <QObject>
 #include <QString>
@@ -28,13 +29,15 @@ public:
 
     /// The state the tray shows.
     StatusMenu::State menuState() const;
-    /// Redraws the tray when the state fingerprint changed.
+    /// What the tooltip says beyond the menu's state.
+    TrayTip::Facts tipFacts() const;
+    /// Updates the tooltip, and redraws the tray when the state fingerprint changed.
     void refresh();
     /// Redraws the tray whatever the fingerprint says.
     void redraw();
     /// Shows a short confirmation as the status title for kFlashMs, then the state again.
     void flashStatus(const QString &text);
-    /// Shows the running call timer on the on-call item when there is one.
+    /// Shows the running call timer on the on-call item when there is one, and in the tooltip.
     void showCallTime(qint64 seconds);
 
     /// How long a confirmation stays in milliseconds.
@@ -44,4 +47,5 @@ private:
     const AgentState &m_state;
     TrayView *m_tray = nullptr;
     QString m_menuKey;
+    qint64 m_callSeconds = 0;
 };

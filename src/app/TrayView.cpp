@@ -1,52 +1,12 @@
 #include "TrayView.h"
 
 #include "BravaLog.h"
+#include "TrayTip.h"
 
-#include <QGuiApplication>
+#include <QCursor>
 #include <QIcon>
 #include <QMenu>
-#include <QPainter>
-#include <QPixmap>
 #include <QSystemTrayIcon>
-
-namespace {
-
-enum class Look { Connected, OnCall, Disconnected };
-
-// The status icon: sound-wave bars in a circle; blue on a call, plain when connected, an orange
-// exclamation mark when the control room is out of reach.
-QIcon statusIcon(Look look)
-{
-    QPixmap pm(44, 44);
-    pm.fill(Qt::transparent);
-    QPainter p(&pm);
-    p.setRenderHint(QPainter::Antialiasing);
-    const QColor tint = look == Look::OnCall ? QColor(0, 122, 255)
-                        : look == Look::Disconnected ? QColor(255, 149, 0)
-                                                     : QColor(230, 230, 230);
-    if (look == Look::Disconnected) {
-        p.setPen(QPen(tint, 4));
-        p.drawEllipse(QRectF(4, 4, 36, 36));
-        p.setPen(QPen(tint, 5, Qt::SolidLine, Qt::RoundCap));
-        p.drawLine(QPointF(22, 12), QPointF(22, 26));
-        p.drawPoint(QPointF(22, 33));
-    } else {
-        if (look == Look::OnCall) {
-            p.setPen(Qt::NoPen);
-            p.setBrush(tint);
-            p.drawEllipse(QRectF(2, 2, 40, 40));
-        }
-        p.setPen(QPen(look == Look::OnCall ? QColor(Qt::white) : tint, 4, Qt::SolidLine, Qt::RoundCap));
-        const int heights[] = {8, 18, 26, 18, 8};
-        for (int i = 0; i < 5; ++i) {
-            const qreal x = 10 + i * 6;
-            p.drawLine(QPointF(x, 22 - heights[i] / 2.0), QPointF(x, 22 + heights[i] / 2.0));
-        }
-    }
-    return QIcon(pm);
-}
-
-} // namespace
 
 TrayView::TrayView(QObject *parent)
     : QObject(parent)
@@ -54,8 +14,9 @@ TrayView::TrayView(QObject *parent)
     , m_callMenu(new QMenu)
 {
     // The icon is made even without a tray: it appears if a tray host starts later.
-    m_icon = new QSystemTrayIcon(statusIcon(Look::Disconnected), this);
+    m_icon = new QSystemTrayIcon(QIcon(TrayTip::iconPath(TrayTip::Look::NotConnected)), this);
     m_icon->setContextMenu(m_menu);
+    opensOnLeftClick(m_icon, m_menu);
     m_icon->show();
     if (!QSystemTrayIcon::isSystemTrayAvailable())
         bravaLog(QStringLiteral("no system tray on this desktop: running without a menu"));
@@ -67,11 +28,27 @@ TrayView::~TrayView()
     delete m_callMenu;
 }
 
+void TrayView::opensOnLeftClick(QSystemTrayIcon *icon, QMenu *menu)
+{
+    // Most people click the icon first: the same menu as the right button.
+    connect(icon, &QSystemTrayIcon::activated, this, [menu](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger)
+            menu->popup(QCursor::pos());
+    });
+}
+
 void TrayView::setTitle(const QString &title)
 {
     m_title = title;
+}
+
+void TrayView::setTip(const QString &tip)
+{
+    if (tip == m_tip)
+        return;
+    m_tip = tip;
     if (m_icon)
-        m_icon->setToolTip(QStringLiteral("Brava Recorder —") + title);
+        m_icon->setToolTip(tip);
 }
 
 void TrayView::fill(QMenu *menu, const QList<StatusMenu::Entry> &entries)
@@ -98,10 +75,11 @@ void TrayView::fill(QMenu *menu, const QList<StatusMenu::Entry> &entries)
 void TrayView::draw(const StatusMenu::State &state)
 {
     ++m_drawCount;
-    const Look look = !state.connected ? Look::Disconnected : state.onCall ? Look::OnCall : Look::Connected;
+    m_look = TrayTip::look(state);
     if (m_icon)
-        m_icon->setIcon(statusIcon(look));
-    setTitle(StatusMenu::title(state));
+        m_icon->setIcon(QIcon(TrayTip::iconPath(m_look)));
+    if (m_flash.isEmpty())
+        setTitle(StatusMenu::title(state));
     fill(m_menu, StatusMenu::entries(state));
 
     // The call item appears on a call with the call controls shown, and stays until the call
@@ -110,8 +88,9 @@ void TrayView::draw(const StatusMenu::State &state)
         if (StatusMenu::callControls(state) || m_callIcon)
             fill(m_callMenu, StatusMenu::callEntries(state));
         if (StatusMenu::callControls(state) && !m_callIcon) {
-            m_callIcon = new QSystemTrayIcon(statusIcon(Look::OnCall), this);
+            m_callIcon = new QSystemTrayIcon(QIcon(TrayTip::iconPath(TrayTip::Look::OnCall)), this);
             m_callIcon->setContextMenu(m_callMenu);
+            opensOnLeftClick(m_callIcon, m_callMenu);
             m_callIcon->setToolTip(QStringLiteral(" 🔵 On a Call"));
             m_callIcon->show();
         }
@@ -124,6 +103,9 @@ void TrayView::draw(const StatusMenu::State &state)
 
 void TrayView::flash(const QString &text)
 {
+    m_flash = text;
+    if (text.isEmpty())
+        return;
     setTitle(QStringLiteral(" ") + text);
     if (m_icon && QSystemTrayIcon::supportsMessages())
         m_icon->showMessage(QStringLiteral("Brava Recorder"), text, QSystemTrayIcon::Information, 1600);

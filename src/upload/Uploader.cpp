@@ -152,6 +152,7 @@ void Uploader::finished(const SegmentPost::Outcome &outcome, const QString &path
         m_lastError.clear();
         m_fault = Fault::None;
         QFile::remove(path);
+        bravaLog(QStringLiteral("upload: ") + QFileInfo(path).fileName() + QStringLiteral(" done"));
         if (onUploaded)
             onUploaded(path);
         tick();
@@ -170,8 +171,11 @@ void Uploader::recoverOrphans()
     // Runs before the recorder has begun a take, under the data folder's lock, so every folder in
     // writing/ is left over from a run that ended.
     const QString writing = DataFolder::dir(QStringLiteral("writing"));
-    for (const OrphanRecovery::Found &found : OrphanRecovery(writing, DataFolder::dir(QStringLiteral("unrecognized"))).run())
-        enqueue(found.path, found.session);
+    const QList<OrphanRecovery::Found> found = OrphanRecovery(writing, DataFolder::dir(QStringLiteral("unrecognized"))).run();
+    for (const OrphanRecovery::Found &file : found)
+        enqueue(file.path, file.session);
+    if (!found.isEmpty())
+        bravaLog(QStringLiteral("recovery: %1 file(s) left by an earlier run queued for upload").arg(found.size()));
     for (const QFileInfo &folder : entries(writing)) {
         if (isHidden(folder) || !folder.isDir())
             continue;

@@ -219,7 +219,11 @@ void WizardModel::refreshPermissions()
 
 void WizardModel::askMic()
 {
+    const bool first = !m_micAsked;
+    m_micAsked = true;
     refreshPermissions();
+    if (first)
+        Q_EMIT permissionsChanged(); // micNoServer may now be true
 }
 
 void WizardModel::askCamera()

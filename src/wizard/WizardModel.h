@@ -36,6 +36,7 @@ class WizardModel : public QObject
     Q_PROPERTY(QString nameText READ nameText WRITE setNameText NOTIFY nameTextChanged)
     Q_PROPERTY(bool micOK READ micOK NOTIFY permissionsChanged)
     Q_PROPERTY(bool micDenied READ micDenied NOTIFY permissionsChanged)
+    Q_PROPERTY(bool micNoServer READ micNoServer NOTIFY permissionsChanged)
     Q_PROPERTY(bool camOK READ camOK NOTIFY permissionsChanged)
     Q_PROPERTY(bool camDenied READ camDenied NOTIFY permissionsChanged)
     Q_PROPERTY(bool screenOK READ screenOK NOTIFY permissionsChanged)
@@ -111,6 +112,8 @@ public:
     QString nameText() const { return m_nameText; }
     bool micOK() const { return m_micOK; }
     bool micDenied() const { return m_micDenied; }
+    /// Access was asked for and no sound server (PulseAudio or PipeWire) answered.
+    bool micNoServer() const { return m_micAsked && !m_micOK && !m_micDenied; }
     bool camOK() const { return m_camOK; }
     bool camDenied() const { return m_camDenied; }
     bool screenOK() const { return m_screenOK; }
@@ -227,6 +230,7 @@ private:
     QString m_nameText;
     bool m_micOK = false;
     bool m_micDenied = false;
+    bool m_micAsked = false;
     bool m_camOK = false;
     bool m_camDenied = false;
     bool m_screenOK = false;

@@ -71,6 +71,7 @@ private Q_SLOTS:
         QVERIFY(entry.readAll().contains(QByteArray("Exec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"")));
         // No tray in the offscreen platform: said once, and the menu is kept all the same.
         QCOMPARE(home.log().count(QStringLiteral("no system tray")), 1);
+        QCOMPARE(home.log().count(QStringLiteral("start: Brava Recorder 2.5 (build ")), 1);
         QTRY_COMPARE(menu().value(1), QStringLiteral("On · Connected to control room"));
         QCOMPARE(f->room.urls.first().toString(QUrl::FullyEncoded).section(QLatin1Char('/'), 3),
                  QStringLiteral("agent?id=7&os=linux&v=2.5&name=Ana%20Lee%20%26%20Co%3D1"));
@@ -254,6 +255,7 @@ private Q_SLOTS:
         }
         QVERIFY2(tracks.contains("mic take-2 1") && tracks.contains("sys take-2 1") && tracks.filter(" 1").size() == tracks.size(), qPrintable(tracks.join(',')));
         QVERIFY(QDir(writing).entryList(QDir::Files).isEmpty());
+        QCOMPARE(home.log().count(QRegularExpression(QStringLiteral("upload: \\w+_\\d+_\\d+(_final)?\\.m[p4][4a] done\n"))), f->room.uploads.size());
     }
 
     void roomDownForAWhileGetsEverySegmentInOrder()
@@ -322,6 +324,9 @@ private Q_SLOTS:
         std::transform(f->room.events.cbegin(), f->room.events.cend(), std::back_inserter(events), [](const QUrlQuery &q) { return q.toString(); });
         QCOMPARE(QSet<QString>(events.cbegin(), events.cend()), QSet<QString>({"id=7&type=call_end&secs=0", "id=7&type=call_start", "id=7&type=help"}));
         QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")));
+        QVERIFY(f->app->status().tray()->tip().startsWith(QStringLiteral("Help sent — coaches alerted\n")));
+        for (const char *type : {"call_start", "call_end", "help"})
+            QCOMPARE(home.log().count(QStringLiteral("event sent: ") + QLatin1String(type) + QLatin1Char('\n')), 1);
     }
 
     // Each text over its limit is refused whole, with one line naming the command and the argument.
@@ -334,10 +339,16 @@ private Q_SLOTS:
             {J{{"type", "setMic"}, {"uid", longer(Commands::kMaxUid)}}, QStringLiteral("setMic: \"uid\"")},
             {J{{"type", "setCam"}, {"uid", longer(Commands::kMaxUid)}}, QStringLiteral("setCam: \"uid\"")},
             {J{{"type", "quality"}, {"q", longer(Commands::kMaxQuality)}}, QStringLiteral("quality: \"q\"")}};
+        // A refused start is the heartbeat's error until the next command is taken.
+        f->room.send(commands.first().first);
+        QTRY_VERIFY(!f->room.statuses().isEmpty()
+                    && f->room.statuses().last().value("error").toString().startsWith(QStringLiteral("command start: \"session\" of 101")));
+        QVERIFY(f->command(J{{"type", "stop"}}) && heartbeats(2));
+        QVERIFY(f->room.statuses().last().value("error").isNull());
         home.settings().setMicUID(QStringLiteral("keep"));
         for (const auto &[command, line] : commands) {
             QVERIFY(f->command(command));
-            QVERIFY2(home.log().count(QStringLiteral("command ") + line + QStringLiteral(" of ")) == 1, qPrintable(line));
+            QVERIFY2(home.log().count(QStringLiteral("command ") + line + QStringLiteral(" of ")) == (line.startsWith(QStringLiteral("start")) ? 2 : 1), qPrintable(line));
         }
         QVERIFY(!wishes().desiredSession && home.settings().micUID() == QStringLiteral("keep") && rec().previewCamUID().isEmpty());
         QVERIFY(!home.log().contains(QStringLiteral("upload quality set to w")));

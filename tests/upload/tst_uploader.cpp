@@ -242,6 +242,7 @@ private Q_SLOTS:
         QVERIFY(QFile::exists(folder("writing") + QStringLiteral("/t/mic_3_00000_final.m4a")) && home.log().contains(QLatin1String("writing/t")));
         QVERIFY(up->pendingCount() == 3 && !up->busy());
         QCOMPARE(up->fault(), Uploader::Fault::NoAddress); // nothing goes out without a usable address
+        QCOMPARE(home.log().count(QStringLiteral("file(s) left by an earlier run queued for upload")), 1);
     }
 };
 

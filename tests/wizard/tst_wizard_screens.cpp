@@ -58,6 +58,7 @@ private Q_SLOTS:
         QTest::newRow("1-number-error") << "step=1 locked identity refused" << QStringList{"That name and number don't match our list. Double-check your agent number."};
         QTest::newRow("2-mic-allowed") << "step=2" << QStringList{"Allow Your Microphone", "Microphone allowed", "Next"};
         QTest::newRow("2-mic-not-allowed") << "step=2 access=unknown" << QStringList{"Not allowed yet", "Allow Microphone"};
+        QTest::newRow("2-mic-no-server") << "step=2 access=unknown askMic" << QStringList{"No sound server answers on this computer", "pulseaudio --start", "Ask Again"};
         QTest::newRow("2-mic-blocked") << "step=2 access=refused" << QStringList{"The microphone was blocked. To fix it:", "Restart App", "Ask Again"};
         QTest::newRow("3-audio-allowed") << "step=3" << QStringList{"Allow Computer Audio", "Computer audio allowed"};
         QTest::newRow("3-audio-not-asked") << "step=3 monitor=none" << QStringList{"Not allowed yet", "Allow Computer Audio"};
@@ -68,7 +69,7 @@ private Q_SLOTS:
         QTest::newRow("4-camera-none") << "step=4 camera=none" << QStringList{"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."};
         QTest::newRow("5-test-connected") << "step=5 identity levels connected" << QStringList{"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"};
         QTest::newRow("5-test-not-connected") << "step=5" << QStringList{"Not connected to control room — check Wi-Fi", "Skip test", "Finish"};
-        QTest::newRow("6-done") << "step=6" << QStringList{"You're In.", "Done"};
+        QTest::newRow("6-done") << "step=6" << QStringList{"You're In.", "round icon with sound bars", "Done"};
     }
     void screen()
     {
@@ -95,6 +96,8 @@ private Q_SLOTS:
         m.setAgree(has("agree"));
         if (has("asked"))
             m.askScreen();
+        if (has("askMic"))
+            m.askMic();
         if (has("room"))
             p.browser->announce("Room One", room.port());
         web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});

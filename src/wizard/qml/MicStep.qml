@@ -19,6 +19,14 @@ ColumnLayout {
         onRestart: wizard.relaunch(wizard.step)
         onAskAgain: wizard.askMic()
     }
+    Repair {
+        visible: wizard.micNoServer
+        lines: [ "No sound server answers on this computer: neither PulseAudio nor PipeWire is running for you. To fix it:",
+                 "1.  Start it: run <b>systemctl --user start pipewire pipewire-pulse wireplumber</b> (or <b>pulseaudio --start</b> on systems with PulseAudio)",
+                 "2.  Click <b>Ask Again</b>; if it still fails, click <b>Restart App</b>" ]
+        onRestart: wizard.relaunch(wizard.step)
+        onAskAgain: wizard.askMic()
+    }
     Item { Layout.fillHeight: true }
     Primary {
         text: wizard.micOK ? "Next" : "Allow Microphone"

@@ -1,0 +1,176 @@
+#include "TestDisplay.h"
+#include "WhisperCard.h"
+#include "WhisperPage.h"
+
+#include <QElapsedTimer>
+#include <QMouseEvent>
+#include <QProcess>
+#include <QScreen>
+#include <QSignalSpy>
+#include <QWebEnginePage>
+#include <QWebEngineScript>
+#include <QWebEngineView>
+#include <QtTest>
+
+namespace {
+
+// A window that counts the mouse presses it receives.
+class ClickCounter : public QWidget
+{
+public:
+    int presses = 0;
+
+protected:
+    void mousePressEvent(QMouseEvent *) override { ++presses; }
+};
+
+} // namespace
+
+// The card's page rules, and the card as a window: timing, click-through, release, its picture.
+class WhisperCardTest : public QObject
+{
+    Q_OBJECT
+
+    static bool shown(WhisperCard &card, const QString &text)
+    {
+        QSignalSpy placed(&card, &WhisperCard::placed);
+        card.show(text, 3, QString());
+        return placed.wait(20000);
+    }
+
+private Q_SLOTS:
+    void labels_data()
+    {
+        QTest::addColumn<QString>("from");
+        QTest::addColumn<int>("seat");
+        QTest::addColumn<QString>("label");
+        QTest::newRow("no name, seat 0") << "" << 0 << "A MENTOR";
+        QTest::newRow("no name, seat below 0") << "" << -4 << "A MENTOR";
+        QTest::newRow("no name, seat 12") << "" << 12 << "MENTOR 12";
+        QTest::newRow("name with blanks") << " \tAnn Lee\u00a0 " << 12 << "ANN LEE";
+        QTest::newRow("blanks only") << " \t " << 12 << "MENTOR 12";
+        QTest::newRow("seat 1") << "" << 1 << "MENTOR 1";
+    }
+    void labels()
+    {
+        QFETCH(QString, from);
+        QFETCH(int, seat);
+        QFETCH(QString, label);
+        QCOMPARE(WhisperPage::label(seat, from), label);
+    }
+
+    void page()
+    {
+        QCOMPARE(WhisperPage::escape(QStringLiteral("a&lt;<b>\"'")), QStringLiteral("a&amp;lt;&lt;b&gt;\"'"));
+        const QString html = WhisperPage::html(QStringLiteral("<i>hi</i>"), 0, QStringLiteral("<Bo>"), QStringLiteral("data:x"));
+        QVERIFY(html.startsWith(QStringLiteral("<!DOCTYPE html><html><head>")));
+        QVERIFY(html.contains(QStringLiteral("url(data:x)")));
+        QVERIFY(html.endsWith(QStringLiteral("LIVE MESSAGE FROM &lt;BO&gt;</span><span class=\"dot\"></span></div>"
+                                             "<div class=\"body\"><div class=\"t\">&lt;i&gt;hi&lt;/i&gt;</div></div></div></div></body></html>")));
+        for (const char *rule : {"#b{width:720px;background:#0a0d12;border:2px solid #01a6ff;border-radius:18px", "#w{display:inline-block;padding:46px}",
+                                 "animation:bravablink 1.1s steps(1) infinite", "font-size:29px;line-height:1.32", "white-space:pre-wrap"})
+            QVERIFY2(html.contains(QLatin1String(rule)), rule);
+    }
+
+    void sizes_data()
+    {
+        QTest::addColumn<QVariant>("answer");
+        QTest::addColumn<QSize>("size");
+        QTest::newRow("measured") << QVariant(QStringLiteral("812x233")) << QSize(812, 233);
+        QTest::newRow("none") << QVariant() << QSize(812, 300);
+        QTest::newRow("one number") << QVariant(QStringLiteral("812")) << QSize(812, 300);
+        QTest::newRow("not numbers") << QVariant(QStringLiteral("ax3")) << QSize(812, 300);
+        QTest::newRow("three parts") << QVariant(QStringLiteral("1x2x3")) << QSize(812, 300);
+        QTest::newRow("zero") << QVariant(QStringLiteral("0x40")) << QSize(812, 300);
+    }
+    void sizes()
+    {
+        QFETCH(QVariant, answer);
+        QFETCH(QSize, size);
+        QCOMPARE(WhisperPage::parseSize(answer), size);
+    }
+
+    void placing()
+    {
+        QCOMPARE(WhisperPage::place(QRect(0, 24, 1280, 776), QSize(812, 300)), QRect(234, 32, 812, 300));
+        QCOMPARE(WhisperPage::place(QRect(100, 0, 1000, 700), QSize(812, 9000)), QRect(194, 8, 812, 692)); // no taller than the screen
+    }
+
+    // A second whisper restarts the time the card stays (a 9 s stay scaled down to 4 s, the
+    // second whisper after 5/9 of it).
+    void secondWhisperKeepsTheCard()
+    {
+        BRAVA_REQUIRE_X();
+        WhisperCard card;
+        card.hideMs = 4000;
+        QSignalSpy hidden(&card, &WhisperCard::hidden);
+        QVERIFY(shown(card, QStringLiteral("first")));
+        QElapsedTimer first;
+        first.start();
+        QTest::qWait(card.hideMs * 5 / 9);
+        QVERIFY(shown(card, QStringLiteral("second")));
+        QElapsedTimer second;
+        second.start();
+        QTest::qWait(int(card.hideMs - first.elapsed() + 300)); // past the first one's end
+        QVERIFY(card.visible() && hidden.isEmpty());
+        QVERIFY(hidden.wait(card.hideMs + 2000));
+        QVERIFY2(second.elapsed() >= card.hideMs, qPrintable(QString::number(second.elapsed())));
+        QVERIFY(!card.visible());
+    }
+
+    // Clicks over the card reach the window below; the card is outside the window manager's
+    // workspaces (so on all of them); its picture
+    // is kept as an artefact.
+    void clickThroughAndPicture()
+    {
+        BRAVA_REQUIRE_X();
+        WhisperCard card;
+        ClickCounter below;
+        below.setGeometry(QGuiApplication::primaryScreen()->availableGeometry().adjusted(0, 0, 0, -200));
+        below.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&below));
+        QVERIFY(shown(card, QStringLiteral("Ask about the warranty — now!")));
+        QVERIFY(QTest::qWaitForWindowExposed(card.view()));
+        QTest::qWait(1500); // the first frames on the screen
+
+        const QRect f = card.frame();
+        QCOMPARE(f.y(), QGuiApplication::primaryScreen()->availableGeometry().y() + WhisperPage::kTopGap);
+        QCOMPARE(f.center().x(), QGuiApplication::primaryScreen()->availableGeometry().center().x());
+        const QImage shot = QGuiApplication::primaryScreen()->grabWindow(0, f.x(), f.y(), f.width(), f.height()).toImage();
+        const QString dir = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QStringLiteral(".")) + QStringLiteral("/whisper-screens");
+        QDir().mkpath(dir);
+        QVERIFY(shot.save(dir + QStringLiteral("/card.png")));
+        // The title bar's blue is on the screen.
+        const QColor bar = shot.pixelColor(f.width() / 2, 46 + 6);
+        QVERIFY2(bar.blue() > 200 && bar.red() < 90, qPrintable(bar.name()));
+
+        QProcess info;
+        info.start(QStringLiteral("xwininfo"), {QStringLiteral("-id"), QString::number(card.view()->winId())});
+        QVERIFY(info.waitForFinished(5000));
+        QVERIFY2(info.readAll().contains("Override Redirect State: yes"), "outside the window manager: on every workspace");
+
+        const QPoint c = f.center();
+        QCOMPARE(QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("mousemove"), QString::number(c.x()), QString::number(c.y()),
+                                                             QStringLiteral("click"), QStringLiteral("1")}), 0);
+        QTRY_COMPARE(below.presses, 1);
+        QVERIFY(card.visible());
+    }
+
+    // The web view is made at the first whisper and released a while after the last card.
+    void viewReleasedAfterTheLastCard()
+    {
+        BRAVA_REQUIRE_X();
+        WhisperCard card;
+        card.hideMs = 300;
+        card.releaseMs = 400;
+        QVERIFY(!card.view());
+        QSignalSpy released(&card, &WhisperCard::released);
+        QVERIFY(shown(card, QStringLiteral("one")));
+        QVERIFY(released.wait(5000) && !card.view());
+        QVERIFY(shown(card, QStringLiteral("two")));
+        QVERIFY(card.view());
+    }
+};
+
+BRAVA_X_TEST_MAIN(WhisperCardTest)
+#include "tst_whisper_card.moc"
