@@ -84,14 +84,17 @@ void AppUpdates::check(bool manual)
 void AppUpdates::feedArrived(QNetworkReply *reply, bool manual)
 {
     reply->deleteLater();
-    const QByteArray body = reply->read(kMaxFeedBytes);
-    if (reply->error() != QNetworkReply::NoError && reply->error() < QNetworkReply::ContentAccessDenied) {
+    const QNetworkReply::NetworkError error = reply->error();
+    // Transport errors keep their own text; an answer that is not a 200 over https, or a body that
+    // reached the limit (the transfer was cut off: OperationCanceledError), is the service's fault.
+    if (error != QNetworkReply::NoError && error != QNetworkReply::OperationCanceledError
+        && error < QNetworkReply::ContentAccessDenied) {
         checkFailed(reply->errorString(), manual);
         return;
     }
-    if (reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() != 200
-        || reply->url().scheme() != QLatin1String("https") || body.size() >= kMaxFeedBytes
-        || reply->error() != QNetworkReply::NoError) {
+    const QByteArray body = error == QNetworkReply::NoError ? reply->read(kMaxFeedBytes) : QByteArray();
+    if (error != QNetworkReply::NoError || reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() != 200
+        || reply->url().scheme() != QLatin1String("https") || body.size() >= kMaxFeedBytes) {
         checkFailed(QStringLiteral("Update service unavailable"), manual);
         return;
     }

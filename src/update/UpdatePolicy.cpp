@@ -61,6 +61,11 @@ bool newer(const QString &a, const QString &b)
 bool allowed(const QUrl &url, const QString &host)
 {
     const QString path = url.path(QUrl::FullyEncoded);
+    // A "." or ".." segment (also written %2E) would leave the uploads folder on the server.
+    for (const QString &segment : url.path(QUrl::FullyDecoded).split(QLatin1Char('/'))) {
+        if (segment == QLatin1String(".") || segment == QLatin1String(".."))
+            return false;
+    }
     return url.isValid() && url.scheme() == QLatin1String("https") && !host.isEmpty() && url.host() == host
         && url.port() == -1 && url.userInfo().isEmpty() && path.startsWith(QLatin1String("/wp-content/uploads/"))
         && path.endsWith(QLatin1String(".zip"));

@@ -13,7 +13,8 @@ QString archiveName(const QString &version);
 /// 1.9); equal versions are not newer.
 bool newer(const QString &a, const QString &b);
 /// True only for https on exactly `host`, no explicit port, no user or password, a path under
-/// "/wp-content/uploads/" that ends in ".zip".
+/// "/wp-content/uploads/" that ends in ".zip",
+/// without "." or ".." segments.
 bool allowed(const QUrl &url, const QString &host);
 /// True for exactly 64 lower-case hexadecimal digits.
 bool digestWellFormed(const QString &sha256);
