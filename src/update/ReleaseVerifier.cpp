@@ -1,12 +1,12 @@
 #include "ReleaseVerifier.h"
 
-#include "Config.h"
 #include "ReleaseManifest.h"
 #include "Sha256.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSettings>
 
 #include <elf.h>
 
@@ -134,8 +134,9 @@ ReleaseVerifier::Result ReleaseVerifier::verify(const Input &in)
         return fail(kSignatureFailed, QStringLiteral("the executable is not a program for this computer"));
 
     // 5. Version.
-    const QString infoVersion = Config::readInfoKey(app + QStringLiteral("/Info.ini"),
-                                                    QStringLiteral("CFBundleShortVersionString"));
+    const QString infoVersion = QSettings(app + QStringLiteral("/Info.ini"), QSettings::IniFormat)
+                                    .value(QStringLiteral("CFBundleShortVersionString"))
+                                    .toString();
     if (infoVersion != in.version || manifest->version != in.version)
         return fail(kVersionMismatch, QStringLiteral("archive holds version ") + infoVersion);
     return Result{true, QString(), QString(), app};
