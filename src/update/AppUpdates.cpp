@@ -5,6 +5,7 @@
 #include "FolderReveal.h"
 #include "ReleaseFeed.h"
 #include "ReleaseVerifier.h"
+#include "UpdateAlerts.h"
 #include "UpdateDownload.h"
 #include "UpdatePolicy.h"
 
@@ -118,8 +119,7 @@ void AppUpdates::decide(const QByteArray &body, bool manual)
     if (!chosen || !newer(chosen->version, running)) {
         m_lastError.clear();
         if (manual)
-            show({QStringLiteral("You’re up to date"),
-                  QStringLiteral("Brava Recorder ") + running + QStringLiteral(" is the latest published Linux release.")});
+            show(UpdateAlerts::upToDate(running));
         endCheck();
         return;
     }
@@ -135,9 +135,7 @@ void AppUpdates::decide(const QByteArray &body, bool manual)
     if (!isBusy())
         offerPending();
     else if (manual)
-        show({QStringLiteral("Update available"),
-              QStringLiteral("Version ") + chosen->version
-                  + QStringLiteral(" is ready. Finish recording, calls, and uploads first. We’ll remind you when it’s safe.")});
+        show(UpdateAlerts::availableButBusy(chosen->version));
     endCheck();
 }
 
@@ -146,8 +144,7 @@ void AppUpdates::checkFailed(const QString &error, bool manual)
     m_lastError = error;
     bravaLog(QStringLiteral("update check failed: ") + error);
     if (manual)
-        show({QStringLiteral("Couldn’t check for updates"),
-              QStringLiteral("Your recorder will keep working. Try again when you have internet access.")});
+        show(UpdateAlerts::checkFailed());
     endCheck();
 }
 
@@ -163,11 +160,7 @@ void AppUpdates::offerPending()
         return;
     const Release release = *m_pending;
     m_prompted = release.version;
-    show({QStringLiteral("Brava Recorder ") + release.version + QStringLiteral(" is available"),
-          QStringLiteral("Download and verify the update now? Your agent number and settings are kept. "
-                         "Installation is prompted; nothing restarts automatically."),
-          {QStringLiteral("Download Update"), QStringLiteral("Later")}},
-         [this, release](int button) {
+    show(UpdateAlerts::offer(release.version), [this, release](int button) {
              if (button == 0)
                  download(release);
          });
@@ -236,9 +229,7 @@ void AppUpdates::verified(bool ok, const QString &error, const QString &detail, 
     if (!ok) {
         m_lastError = error;
         bravaLog(QStringLiteral("update refused: ") + error + (detail.isEmpty() ? QString() : QStringLiteral(" (") + detail + QLatin1Char(')')));
-        show({QStringLiteral("Update wasn’t opened"),
-              QStringLiteral("The download or its signature could not be verified. Your installed app is unchanged. "
-                             "Try Check for Updates again later.")});
+        show(UpdateAlerts::notOpened());
         Q_EMIT downloadFinished(false);
         return;
     }
@@ -251,25 +242,16 @@ void AppUpdates::verified(bool ok, const QString &error, const QString &detail, 
 
 void AppUpdates::handOver()
 {
-    const Alert busy{QStringLiteral("Update verified"),
-                     QStringLiteral("The update is ready, but recording or uploads have started. Use Check for "
-                                    "Updates when they finish.")};
     if (isBusy()) {
-        show(busy);
+        show(UpdateAlerts::verifiedButBusy());
         return;
     }
-    show({QStringLiteral("Update verified"),
-          QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (")
-              + m_options.installedFolder
-              + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number "
-                               "and settings stay saved."),
-          {QStringLiteral("Show Verified App"), QStringLiteral("Later")}},
-         [this, busy, folder = m_verified](int button) {
-             if (button != 0)
-                 return;
-             if (isBusy())
-                 show(busy);
-             else if (reveal)
-                 reveal(folder);
-         });
+    show(UpdateAlerts::verified(m_options.installedFolder), [this, folder = m_verified](int button) {
+        if (button != 0)
+            return;
+        if (isBusy())
+            show(UpdateAlerts::verifiedButBusy());
+        else if (reveal)
+            reveal(folder);
+    });
 }
