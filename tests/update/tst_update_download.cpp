@@ -228,12 +228,15 @@ private Q_SLOTS:
     void busyAtHandOver_data()
     {
         QTest::addColumn<bool>("busyAtEnd");
-        QTest::newRow("busy when verified") << true;
-        QTest::newRow("busy at the click") << false;
+        QTest::addColumn<QStringList>("alerts");
+        const QString verified = QStringLiteral("Update verified");
+        QTest::newRow("busy when verified") << true << QStringList{verified}; // the busy one only
+        QTest::newRow("busy at the click") << false << QStringList{verified, verified}; // instructions, then busy
     }
     void busyAtHandOver()
     {
         QFETCH(bool, busyAtEnd);
+        QFETCH(QStringList, alerts);
         const Release r = publish(QStringLiteral("busy"), QStringLiteral("2.0"));
         auto u = kit.updater();
         QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
@@ -244,6 +247,10 @@ private Q_SLOTS:
         QTRY_COMPARE(kit.alerts.last().informative,
                      QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
         QVERIFY(kit.revealed.isEmpty());
+        QStringList shown;
+        for (const Alert &a : std::as_const(kit.alerts))
+            shown.append(a.message);
+        QCOMPARE(shown, alerts);
     }
 
     void forged_data()

@@ -146,7 +146,11 @@ private Q_SLOTS:
         const QString release = home + QStringLiteral("/Apps/Brava Recorder");
         writeFile(release + QStringLiteral("/RELEASE-MANIFEST"));
         QCOMPARE(Uninstaller::removalOf(release), Uninstaller::AppRemoval::Trash);
-        QCOMPARE(Uninstaller::removalOf(home), Uninstaller::AppRemoval::ByHand); // no release folder
+        QCOMPARE(Uninstaller::removalOf(home), Uninstaller::AppRemoval::ByHand);
+        const QString build = home + QStringLiteral("/src/build"); // a build tree, not a release
+        writeFile(build + QStringLiteral("/brava-recorder"));
+        QCOMPARE(Uninstaller::removalOf(build), Uninstaller::AppRemoval::ByHand);
+        QDir(home + QStringLiteral("/src")).removeRecursively();
         const QString outside = tmp.path() + QStringLiteral("/elsewhere");
         writeFile(outside + QStringLiteral("/RELEASE-MANIFEST"));
         QCOMPARE(Uninstaller::removalOf(outside), Uninstaller::AppRemoval::ByHand);
