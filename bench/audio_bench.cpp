@@ -9,13 +9,13 @@
 //     the same settings (a ratio; above 1 means the writer is faster).
 #include "SyntheticCameraBackend.h"
 #include "Clock.h"
-#include "Config.h"
 #include "PulseBackend.h"
 #include "ManualClock.h"
 #include "Recorder.h"
 #include "SerialQueue.h"
 #include "SyntheticAudioBackend.h"
 #include "TrackWriter.h"
+#include "DataFolder.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -61,7 +61,7 @@ QByteArray signal(int64_t firstFrame, int frames, int channels)
 void startAndWait(Recorder &rec, const std::optional<QString> &session)
 {
     bool started = false;
-    rec.start(session, [&] { started = true; });
+    rec.start(session, {DataFolder::pathOf(QStringLiteral("writing"))}, [&] { started = true; });
     while (!started)
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
 }
@@ -192,10 +192,10 @@ bool serverLiveLatency(const QByteArray &server, double *median, double *p99)
     PulseBackend pulse;
     if (!pulse.answering())
         return false;
-    Config::setMicUID(QStringLiteral("brava_mic"));
     ArrivalClock backend(pulse, QStringLiteral("brava_mic"));
     SyntheticCameraBackend cameras({});
     Recorder rec(backend, cameras, Clock::monotonic());
+    rec.setMicChoice(QStringLiteral("brava_mic"));
     rec.listening = true;
     std::vector<double> ms;
     std::mutex mutex;
@@ -259,7 +259,7 @@ void encodeSpeed(const QString &dir, int channels, int seconds, double *writer, 
     f.write(pcm);
     f.close();
 
-    TrackWriter w(channels == 1 ? QStringLiteral("mic") : QStringLiteral("sys"));
+    TrackWriter w(channels == 1 ? QStringLiteral("mic") : QStringLiteral("sys"), {DataFolder::pathOf(QStringLiteral("writing"))});
     w.begin(QStringLiteral("encode"), channels);
     QElapsedTimer t;
     t.start();

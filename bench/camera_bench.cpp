@@ -3,7 +3,7 @@
 // with the same encoder settings, and the CPU cost of preview at 24 frames per second.
 // Usage: camera_bench [seconds of video, default 10]
 
-#include "Config.h"
+#include "DataFolder.h"
 #include "H264Format.h"
 #include "PreviewEncoder.h"
 #include "TestPattern.h"
@@ -32,6 +32,13 @@ namespace {
 
 constexpr int kWidth = 1920, kHeight = 1080, kFps = 30, kDistinct = 30;
 constexpr int64_t kBase = 9000LL * 1000000000;
+// Full upload quality, the default.
+constexpr int kBitRate = 8000000;
+
+WriterSetup writerSetup()
+{
+    return WriterSetup{DataFolder::pathOf(QStringLiteral("writing")), kBitRate};
+}
 
 double cpuSeconds(int who)
 {
@@ -70,8 +77,9 @@ struct Cost {
 
 Cost recordVideo(const std::vector<std::shared_ptr<AVFrame>> &frames, int count, bool withAudio)
 {
-    VideoWriter cam(QStringLiteral("cam"));
-    TrackWriter mic(QStringLiteral("mic")), sys(QStringLiteral("sys"));
+    const WriterSetup setup = writerSetup();
+    VideoWriter cam(QStringLiteral("cam"), setup);
+    TrackWriter mic(QStringLiteral("mic"), setup), sys(QStringLiteral("sys"), setup);
     cam.begin(QStringLiteral("BENCH"), withAudio ? 2 : 1);
     mic.begin(QStringLiteral("BENCH"), 1);
     sys.begin(QStringLiteral("BENCH"), 1);
@@ -109,7 +117,7 @@ Cost recordFour(const std::vector<std::shared_ptr<AVFrame>> &frames, int count)
 {
     std::vector<std::unique_ptr<VideoWriter>> writers;
     for (const char *track : {"cam", "cam2", "cam3", "cam4"}) {
-        writers.push_back(std::make_unique<VideoWriter>(QString::fromLatin1(track)));
+        writers.push_back(std::make_unique<VideoWriter>(QString::fromLatin1(track), writerSetup()));
         writers.back()->begin(QStringLiteral("BENCH4"), 3);
     }
     const double cpu0 = cpuSeconds(RUSAGE_SELF), wall0 = wallSeconds();
@@ -133,7 +141,7 @@ Cost ffmpegVideo(const QString &raw, const QString &out, int count)
     QStringList args = {"ffmpeg", "-hide_banner", "-loglevel", "error", "-y", "-stream_loop", "-1", "-f", "rawvideo",
                         "-pix_fmt", "yuv420p", "-s", QStringLiteral("%1x%2").arg(kWidth).arg(kHeight), "-r",
                         QString::number(kFps), "-i", raw, "-frames:v", QString::number(count)};
-    args += H264Format::ffmpegOptions(Config::videoBitrate());
+    args += H264Format::ffmpegOptions(kBitRate);
     args += {"-movflags", "frag_keyframe+empty_moov+default_base_moof", "-frag_duration", "2000000", out};
     QString command;
     for (const QString &a : args)
@@ -170,7 +178,7 @@ int main(int argc, char **argv)
 
     std::printf("camera_bench: %d s of 1080p%d, %d distinct grainy frames, libx264 preset %s tune %s, %d bit/s, "
                 "key frame every %d\n",
-                seconds, kFps, kDistinct, H264Format::kPreset, H264Format::kTune, Config::videoBitrate(),
+                seconds, kFps, kDistinct, H264Format::kPreset, H264Format::kTune, kBitRate,
                 H264Format::kKeyInterval);
     std::vector<std::shared_ptr<AVFrame>> frames;
     const QString raw = home.path() + QStringLiteral("/frames.yuv");

@@ -2,7 +2,9 @@
 // loopback sink in another process, in turns with `curl -X POST -T file` and through the upload
 // queue (BRAVA_BENCH_ROUNDS rounds, 3 by default), and prints the median throughputs and their ratio,
 // the CPU time per GB of the agent and of curl, and the agent's peak memory during the uploads.
-#include "Config.h"
+#include "BuildInfo.h"
+#include "DataFolder.h"
+#include "Settings.h"
 #include "Uploader.h"
 
 #include <QCoreApplication>
@@ -95,8 +97,10 @@ int main(int argc, char **argv)
         return 1;
     }
     const QString address = QStringLiteral("127.0.0.1:") + QString::fromLatin1(sink.readLine().trimmed());
-    Config::setAgentID(1);
-    Config::setServer(address);
+    const BuildInfo build;
+    Settings settings(DataFolder::settingsFilePath(), build);
+    settings.setAgentID(1);
+    settings.setServer(address);
 
     const QString source = home.path() + QStringLiteral("/segment.m4a");
     if (!writeFile(source, bytes)) {
@@ -110,7 +114,7 @@ int main(int argc, char **argv)
 
     const qint64 rssBefore = statusKb("VmRSS");
     resetPeak();
-    Uploader up;
+    Uploader up(settings);
     up.tickIntervalMs = 600000; // every upload below starts from enqueue, none from the timer
     QElapsedTimer clock;
     qint64 agentMs = -1;

@@ -1,10 +1,12 @@
 #include "AppDelegate.h"
 #include "BravaLog.h"
-#include "Config.h"
-#include "InstanceLock.h"
+#include "BuildInfo.h"
 #include "CameraBackend.h"
 #include "Clock.h"
+#include "DataFolder.h"
+#include "InstanceLock.h"
 #include "PulseBackend.h"
+#include "Settings.h"
 
 #include <QApplication>
 
@@ -15,16 +17,19 @@ int main(int argc, char *argv[])
     // A tray agent: closing a window never ends it.
     app.setQuitOnLastWindowClosed(false);
     // One agent per account: a second copy must never touch the first one's recordings.
-    InstanceLock lock(Config::dataDir());
+    InstanceLock lock(DataFolder::dataDir());
     if (!lock.tryLock()) {
         bravaLog(QStringLiteral("another Brava Recorder already runs for this account (") + lock.holder()
                  + QStringLiteral("); this copy quits"));
         return 0;
     }
+    // Read once: what this build was packaged with, and the user's settings (kept current from here on).
+    const BuildInfo build = BuildInfo::read(BuildInfo::besideExecutable());
+    Settings settings(DataFolder::settingsFilePath(), build);
     // The platform parts first, so that they outlive the agent built on them.
     PulseBackend audio;
     const std::unique_ptr<CameraBackend> cameras = CameraBackend::fromEnvironment();
-    AppDelegate delegate(audio, *cameras, Clock::monotonic());
+    AppDelegate delegate(settings, build, audio, *cameras, Clock::monotonic());
     delegate.applicationDidFinishLaunching();
     return app.exec();
 }

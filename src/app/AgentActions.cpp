@@ -1,7 +1,8 @@
 #include "AgentActions.h"
 
 #include "AgentEvents.h"
-#include "Config.h"
+#include "DataFolder.h"
+#include "Protocol.h"
 
 #include <QDesktopServices>
 #include <QUrl>
@@ -16,11 +17,11 @@ void AgentActions::toggleCall()
     if (!m_onCall) {
         m_onCall = true;
         m_callStart = QDateTime::currentDateTime();
-        m_events.post(QStringLiteral("call_start"));
+        m_events.post(QLatin1String(Protocol::Event::callStart));
     } else {
         m_onCall = false;
         const qint64 secs = m_callStart.msecsTo(QDateTime::currentDateTime()) / 1000;
-        m_events.post(QStringLiteral("call_end"), {{QStringLiteral("secs"), QString::number(secs)}});
+        m_events.post(QLatin1String(Protocol::Event::callEnd), {{QLatin1String(Protocol::Event::secs), QString::number(secs)}});
     }
     if (onCallChanged)
         onCallChanged();
@@ -33,12 +34,12 @@ qint64 AgentActions::callSeconds() const
 
 void AgentActions::needHelp()
 {
-    m_events.post(QStringLiteral("help"));
+    m_events.post(QLatin1String(Protocol::Event::help));
     if (onConfirm)
         onConfirm(QStringLiteral("Help sent — coaches alerted"));
 }
 
 void AgentActions::openFolder()
 {
-    QDesktopServices::openUrl(QUrl::fromLocalFile(Config::dataDir()));
+    QDesktopServices::openUrl(QUrl::fromLocalFile(DataFolder::dataDir()));
 }

@@ -24,6 +24,8 @@ public:
 
     /// Whether the agent is on a call.
     bool onCall() const { return m_onCall; }
+    /// When the call started; invalid when not on a call.
+    QDateTime callStart() const { return m_onCall ? m_callStart : QDateTime(); }
     /// Whole seconds since the call started (0 when not on a call).
     qint64 callSeconds() const;
 

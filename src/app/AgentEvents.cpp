@@ -1,6 +1,7 @@
 #include "AgentEvents.h"
 
-#include "Config.h"
+#include "Protocol.h"
+#include "Settings.h"
 #include "QueryString.h"
 
 #include <QNetworkAccessManager>
@@ -8,20 +9,22 @@
 #include <QNetworkRequest>
 #include <QUrl>
 
-AgentEvents::AgentEvents(QNetworkAccessManager &net)
+AgentEvents::AgentEvents(QNetworkAccessManager &net, const Settings &settings)
     : m_net(net)
+    , m_settings(settings)
 {
 }
 
 void AgentEvents::post(const QString &type, const QList<QPair<QString, QString>> &fields)
 {
-    if (Config::agentID() < 1)
+    if (m_settings.agentID() < 1)
         return;
-    QueryString::Items items{{QStringLiteral("id"), QString::number(Config::agentID())}, {QStringLiteral("type"), type}};
+    QueryString::Items items{{QLatin1String(Protocol::Event::id), QString::number(m_settings.agentID())},
+                             {QLatin1String(Protocol::Event::type), type}};
     for (const auto &[key, value] : fields)
         if (!value.isEmpty())
             items.append({key, value});
-    const QUrl url = QueryString::at(QStringLiteral("http"), Config::server(), QStringLiteral("/event"), items);
+    const QUrl url = QueryString::at(QStringLiteral("http"), m_settings.server(), QLatin1String(Protocol::Path::event), items);
     if (!url.isValid())
         return;
     QNetworkRequest request(url);

@@ -5,14 +5,15 @@
 #include <QString>
 
 class QNetworkAccessManager;
+class Settings;
 
 // Tells the control room what the agent did (a call started or ended, help wanted): POST
 // "/event?id&type&…" on the control room's address. Fire and forget; main thread only.
 class AgentEvents
 {
 public:
-    /// Events posted over this network manager.
-    explicit AgentEvents(QNetworkAccessManager &net);
+    /// Events posted over this network manager, as the settings' agent to its control room.
+    AgentEvents(QNetworkAccessManager &net, const Settings &settings);
 
     /// Posts one event of this type with these extra fields (empty values are left out); an
     /// agent without a number or an address that makes no URL posts nothing.
@@ -23,4 +24,5 @@ public:
 
 private:
     QNetworkAccessManager &m_net;
+    const Settings &m_settings;
 };

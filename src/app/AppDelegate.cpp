@@ -3,35 +3,83 @@
 #include "BravaLog.h"
 #include "CameraBackend.h"
 #include "Clock.h"
-#include "Config.h"
+#include "BuildInfo.h"
 #include "Heartbeat.h"
 #include "LoginItem.h"
 #include "Reconciler.h"
+#include "Settings.h"
 
 #include <QCoreApplication>
 #include <QMessageBox>
 #include <QPointer>
 
-AppDelegate::AppDelegate(AudioBackend &audio, CameraBackend &cameras, Clock &clock, QObject *parent)
+AppDelegate::AppDelegate(Settings &settings, const BuildInfo &build, AudioBackend &audio, CameraBackend &cameras,
+                         Clock &clock, QObject *parent)
     : QObject(parent)
+    , m_settings(settings)
+    , m_build(build)
+    , m_setupRoute(settings)
+    , m_conn(settings, build)
+    , m_uploader(settings)
     , m_permissions(audio, [&cameras] { return cameras.access(); })
-    , m_checkIn(m_net, [this] { return permissionFlags(); }, [&clock] { return clock.nowNs() / 1000000; })
-    , m_roster(m_net)
+    , m_checkIn(m_net, settings, build, [this] { return permissionFlags(); }, [&clock] { return clock.nowNs() / 1000000; })
+    , m_roster(m_net, build)
     , m_discovery(m_net)
-    , m_events(m_net)
+    , m_events(m_net, settings)
     , m_actions(m_events)
     , m_recorder(audio, cameras, clock)
-    , m_commands(m_recorder, m_conn, m_roster, m_wizardOpen)
-    , m_status(m_recorder, m_conn, m_uploader, [this] { return m_commands.live(); }, [this] { return m_actions.onCall(); })
-    , m_upkeep([this] { return updateBusy(); })
+    , m_commands(m_recorder, m_conn, m_roster, settings, m_setupRoute, m_wizardOpen)
+    , m_status(m_state)
+    , m_upkeep(build, [this] { return updateBusy(); })
 {
-    m_commands.onChanged = [this] { m_status.refresh(); };
-    m_commands.onSetupNeeded = [this] { showWizard(); };
+    m_commands.onChanged = [this] { publish(); };
     m_commands.onReplaced = [this] { showReplacedAlert(); };
-    m_actions.onCallChanged = [this] { m_status.redraw(); };
+    connect(&m_commands, &Commands::whisper, &m_state, &AgentState::announceWhisper);
+    connect(&m_setupRoute, &SetupRoute::setupNeeded, this, [this](SetupStep::Step step) {
+        m_state.announceSetupNeeded(step);
+        showWizard();
+    });
+    m_actions.onCallChanged = [this] {
+        publish();
+        m_status.redraw();
+    };
     m_actions.onConfirm = [this](const QString &text) { m_status.flashStatus(text); };
     m_tick.setInterval(kTickMs);
     connect(&m_tick, &QTimer::timeout, this, &AppDelegate::tick);
+    wireSettings();
+    publish();
+}
+
+void AppDelegate::wireSettings()
+{
+    // The recorder opens devices with the choices as they are now; a change applies at the next opening.
+    m_recorder.setMicChoice(m_settings.micUID());
+    m_recorder.setCamChoice(m_settings.camUID());
+    connect(&m_settings, &Settings::micUIDChanged, this, [this](const QString &uid) { m_recorder.setMicChoice(uid); });
+    connect(&m_settings, &Settings::camUIDChanged, this, [this](const QString &uid) { m_recorder.setCamChoice(uid); });
+    connect(&m_settings, &Settings::agentIDChanged, this, &AppDelegate::publish);
+    connect(&m_settings, &Settings::setupDoneChanged, this, &AppDelegate::publish);
+}
+
+void AppDelegate::publish()
+{
+    AgentState::Values v;
+    v.linkUp = m_conn.connected();
+    v.replaced = m_conn.replaced();
+    v.recording = m_recorder.isRecording();
+    v.session = m_recorder.session().value_or(QString());
+    v.live = m_commands.live();
+    v.previewing = m_recorder.previewing;
+    v.camerasEnabled = m_recorder.camerasEnabled();
+    v.onCall = m_actions.onCall();
+    v.callStart = m_actions.callStart();
+    v.pendingCount = m_uploader.pendingCount();
+    v.lastError = m_recorder.lastError().value_or(QString());
+    v.agentID = m_settings.agentID();
+    v.setupDone = m_settings.setupDone();
+    v.serverLocked = m_build.serverLocked();
+    v.version = m_build.version();
+    m_state.update(v);
 }
 
 AppDelegate::~AppDelegate()
@@ -60,8 +108,10 @@ void AppDelegate::applicationDidFinishLaunching()
     wireRecorder();
     QPointer<AppDelegate> self(this);
     m_conn.onCommand = [self](const QJsonObject &c) {
-        if (self)
-            self->m_commands.handle(c);
+        if (!self)
+            return;
+        self->m_commands.handle(c);
+        self->publish();
     };
     m_conn.onChange = [self] {
         if (self)
@@ -78,19 +128,20 @@ void AppDelegate::applicationDidFinishLaunching()
     LoginItem::registerCurrentUser();
 
     // 6. The link.
-    if (Config::agentID() >= 1)
-        m_conn.connect();
+    if (m_settings.agentID() >= 1)
+        m_conn.open();
 
     // 7. Permissions, or setup.
-    if (Config::setupDone())
+    if (m_settings.setupDone())
         checkPermissionsAtLaunch();
     else
-        showWizard();
+        m_setupRoute.need(SetupRoute::Reason::NotSetUp);
 
     // 8–9. Timers.
     m_tick.start();
     m_upkeep.start();
 
+    publish();
     m_status.refresh();
 }
 
@@ -132,8 +183,7 @@ void AppDelegate::checkPermissionsAtLaunch()
         return;
     bravaLog(QStringLiteral("permission missing: mic=%1 screen=%2")
                  .arg(QLatin1String(Permissions::flag(mic)), QLatin1String(Permissions::flag(screen))));
-    Config::setWizardStep(micMissing ? 2 : 3);
-    showWizard();
+    m_setupRoute.need(micMissing ? SetupRoute::Reason::MicRefused : SetupRoute::Reason::ComputerAudioRefused);
 }
 
 void AppDelegate::linkChanged()
@@ -141,13 +191,13 @@ void AppDelegate::linkChanged()
     m_commands.linkChanged();
     if (m_conn.connected())
         m_checkIn.poke(true);
-    m_status.refresh();
+    publish();
 }
 
 void AppDelegate::showReplacedAlert()
 {
     auto *box = new QMessageBox(QMessageBox::Warning, QStringLiteral("Brava Recorder"),
-                                QStringLiteral("Agent #%1 is being used on another computer").arg(Config::agentID()));
+                                QStringLiteral("Agent #%1 is being used on another computer").arg(m_settings.agentID()));
     box->setInformativeText(QStringLiteral("Run setup again and check your agent number."));
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->setWindowModality(Qt::ApplicationModal);
@@ -180,13 +230,14 @@ void AppDelegate::tick()
     v.micName = mic ? mic->name : QString();
     v.mics = m_recorder.mics();
     v.cams = m_recorder.cameras();
-    v.micUID = Config::micUID();
-    v.camUID = Config::camUID();
+    v.micUID = m_settings.micUID();
+    v.camUID = m_settings.camUID();
     v.error = m_recorder.lastError();
     m_conn.sendJSON(Heartbeat::message(v));
     if (m_wizardModel)
         m_wizardModel->tick(levels.mic, levels.sys, m_conn.connected());
 
+    publish();
     m_status.refresh();
     m_status.showCallTime(m_actions.callSeconds());
     cameraRefusalToSetup();
@@ -198,8 +249,7 @@ void AppDelegate::cameraRefusalToSetup()
     const bool refused = m_recorder.cameraRefused();
     if (refused && !m_cameraRefused && !m_wizardOpen) {
         m_permissions.recheckCamera();
-        Config::setWizardStep(kCameraStep);
-        showWizard();
+        m_setupRoute.need(SetupRoute::Reason::CameraRefused);
     }
     m_cameraRefused = refused;
 }
@@ -252,9 +302,9 @@ void AppDelegate::showWizard()
     }
     m_wizardWindow.reset(); // one that was closed and is still waiting to go
     m_wizardModel.reset();
-    bravaLog(QStringLiteral("setup needed: the setup wizard opens at step %1").arg(Config::wizardStep()));
+    bravaLog(QStringLiteral("the setup wizard opens at step %1").arg(m_settings.wizardStep()));
     m_wizardOpen = true;
-    m_wizardModel.reset(new WizardModel({m_recorder, m_permissions, m_conn, m_discovery, m_net}));
+    m_wizardModel.reset(new WizardModel({m_recorder, m_permissions, m_conn, m_discovery, m_net, m_settings, m_build}));
     m_wizardModel->onFinish = [this] { finishWizard(); };
     m_wizardModel->onRelaunch = [this] { m_upkeep.relaunchSelf(); };
     m_wizardModel->refreshPermissions(); // the screens show the answers from the start, not one tick later
@@ -270,12 +320,12 @@ void AppDelegate::finishWizard()
     m_recorder.stop([self] {
         if (!self)
             return;
-        Config::setSetupDone(true);
-        Config::setWizardStep(0);
+        self->m_settings.setSetupDone(true);
+        self->m_settings.setWizardStep(SetupStep::Welcome);
         if (self->m_wizardWindow)
             self->m_wizardWindow->close();
-        self->m_conn.connect();
-        self->m_status.refresh();
+        self->m_conn.open();
+        self->publish();
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include "AgentActions.h"
 #include "AgentEvents.h"
+#include "AgentState.h"
 #include "CheckIn.h"
 #include "Commands.h"
 #include "Connection.h"
@@ -9,6 +10,7 @@
 #include "Permissions.h"
 #include "Recorder.h"
 #include "RoomDiscovery.h"
+#include "SetupRoute.h"
 #include "StatusMenu.h"
 #include "StatusView.h"
 #include "Uploader.h"
@@ -23,19 +25,25 @@
 #include <atomic>
 
 class AudioBackend;
+class BuildInfo;
+class Settings;
 class CameraBackend;
 class Clock;
 
 // The agent's controller and the one owner of its parts: builds the network manager, recorder,
 // link, upload queue, check-in, roster, discovery, permissions, command table, status view,
 // actions and upkeep, hands each its collaborators, runs the launch sequence and the 0.5 s tick
-// (heartbeat, menu, call timer). Main thread only.
+// (heartbeat, menu, call timer). It keeps the read-only AgentState current (windows listen to it)
+// and routes every "back to setup" through its SetupRoute. The tick reads memory only: settings
+// are the owned Settings object's, device lists and levels the recorder's caches. Main thread only.
 class AppDelegate : public QObject
 {
     Q_OBJECT
 public:
-    /// An agent on this sound server, these cameras and this clock.
-    AppDelegate(AudioBackend &audio, CameraBackend &cameras, Clock &clock, QObject *parent = nullptr);
+    /// An agent with these settings and build information, on this sound server, these cameras
+    /// and this clock; all outlive it.
+    AppDelegate(Settings &settings, const BuildInfo &build, AudioBackend &audio, CameraBackend &cameras, Clock &clock,
+                QObject *parent = nullptr);
     /// Stops the timers, then capture (no recorder callback runs afterwards), then the rest.
     ~AppDelegate() override;
 
@@ -44,7 +52,7 @@ public:
     void applicationDidFinishLaunching();
     /// One heartbeat: status message, menu and call timer.
     void tick();
-    /// Opens the setup wizard (at Config.wizardStep), or brings it to the front.
+    /// Opens the setup wizard (at the stored wizardStep), or brings it to the front.
     void showWizard();
     /// The wizard's final button: stops the sound check, records that setup is done, closes the
     /// wizard and connects.
@@ -57,6 +65,15 @@ public:
     bool updateBusy() const;
     /// Whether the setup wizard is open.
     bool wizardOpen() const { return m_wizardOpen; }
+
+    /// The agent's state for windows: read-only, with a signal for each change.
+    const AgentState &state() const { return m_state; }
+    /// The settings the agent runs with.
+    Settings &settings() { return m_settings; }
+    /// Where "back to setup" is decided.
+    SetupRoute &setupRoute() { return m_setupRoute; }
+    /// Brings the AgentState up to date with the parts (announcing what changed).
+    void publish();
 
     /// The parts, for the windows that join later and for tests.
     Recorder &recorder() { return m_recorder; }
@@ -79,8 +96,7 @@ private:
     void linkChanged();
     void checkPermissionsAtLaunch();
     void cameraRefusalToSetup();
-    /// The setup wizard's camera step.
-    static constexpr int kCameraStep = 4;
+    void wireSettings();
     void showReplacedAlert();
     void perform(StatusMenu::Action action);
     static bool canPerform(StatusMenu::Action action);
@@ -95,6 +111,10 @@ private:
     // upload queue come first so that they outlive the recorder, whose destructor stops capture
     // and guarantees that no callback (segment done, live audio, preview) runs afterwards; the
     // parts that drive the recorder and the timer come after it and so go before it.
+    Settings &m_settings;
+    const BuildInfo &m_build;
+    AgentState m_state;
+    SetupRoute m_setupRoute;
     QNetworkAccessManager m_net;
     Connection m_conn;
     Uploader m_uploader;

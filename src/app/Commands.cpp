@@ -1,11 +1,15 @@
 #include "Commands.h"
 
 #include "BravaLog.h"
-#include "Config.h"
 #include "Connection.h"
+#include "DataFolder.h"
 #include "MentorRoster.h"
 #include "Reconciler.h"
+#include "Protocol.h"
 #include "Recorder.h"
+#include "Settings.h"
+#include "SetupRoute.h"
+#include "TextTools.h"
 
 #include <QJsonValue>
 
@@ -44,22 +48,31 @@ bool tooLong(const QString &type, const char *key, const QString &value, qsizety
 // A seat is a JSON number with an integral value that fits an int; anything else is seat 0.
 int seatArg(const QJsonObject &c)
 {
-    const QJsonValue v = c.value(QStringLiteral("seat"));
+    const QJsonValue v = c.value(QLatin1String(Protocol::Command::seat));
     return v.isDouble() ? v.toInt(0) : 0;
 }
 
 } // namespace
 
-Commands::Commands(Recorder &rec, Connection &conn, MentorRoster &roster, const std::atomic<bool> &wizardOpen,
-                   QObject *parent)
+Commands::Commands(Recorder &rec, Connection &conn, MentorRoster &roster, Settings &settings, SetupRoute &setup,
+                   const std::atomic<bool> &wizardOpen, QObject *parent)
     : QObject(parent)
     , m_rec(rec)
     , m_conn(conn)
     , m_roster(roster)
+    , m_settings(settings)
+    , m_setup(setup)
     , m_wizardOpen(wizardOpen)
     , m_reconciler(new Reconciler(rec, this))
 {
-    m_reconciler->canApply = [this] { return Config::setupDone() && !m_wizardOpen; };
+    m_reconciler->canApply = [this] { return m_settings.setupDone() && !m_wizardOpen; };
+    // Handed to each take as it starts: a change of quality applies from the next take on.
+    m_reconciler->writerSetup = [this] {
+        WriterSetup setup;
+        setup.writingDir = DataFolder::pathOf(QStringLiteral("writing"));
+        setup.videoBitrate = m_settings.videoBitrate();
+        return setup;
+    };
     m_reconciler->onFinished = [this] { applyFinished(); };
 }
 
@@ -89,9 +102,8 @@ void Commands::applyFinished()
     changed();
     const Recorder::Blocked blocked = m_rec.blocked();
     if (m_rec.running() && m_rec.lastError() && blocked != Recorder::Blocked::None && !m_wizardOpen) {
-        Config::setWizardStep(blocked == Recorder::Blocked::Microphone ? 2 : 3);
-        if (onSetupNeeded)
-            onSetupNeeded();
+        m_setup.need(blocked == Recorder::Blocked::Microphone ? SetupRoute::Reason::MicRefused
+                                                              : SetupRoute::Reason::ComputerAudioRefused);
     }
 }
 
@@ -107,29 +119,30 @@ bool Commands::busy() const
 
 void Commands::handle(const QJsonObject &command)
 {
-    const QJsonValue typeValue = command.value(QStringLiteral("type"));
+    const QJsonValue typeValue = command.value(QLatin1String(Protocol::type));
     if (!typeValue.isString())
         return;
     const QString type = typeValue.toString();
+    namespace C = Protocol::Command;
     Reconciler &r = *m_reconciler;
 
-    if (type == QLatin1String("start")) {
-        const std::optional<QString> session = optionalString(command, "session");
-        if (session && tooLong(type, "session", *session, kMaxSession))
+    if (type == QLatin1String(C::start)) {
+        const std::optional<QString> session = optionalString(command, C::session);
+        if (session && tooLong(type, C::session, *session, kMaxSession))
             return;
         r.desiredSession = session;
         apply();
-    } else if (type == QLatin1String("stop")) {
+    } else if (type == QLatin1String(C::stop)) {
         r.desiredSession.reset();
         apply();
-    } else if (type == QLatin1String("listen")) {
-        r.wantListen = m_rec.camerasEnabled() && boolArg(command, "on");
+    } else if (type == QLatin1String(C::listen)) {
+        r.wantListen = m_rec.camerasEnabled() && boolArg(command, C::on);
         apply();
-    } else if (type == QLatin1String("preview")) {
-        m_rec.previewing = m_rec.camerasEnabled() && boolArg(command, "on");
-        m_rec.previewHd = boolArg(command, "hd");
-    } else if (type == QLatin1String("cameras")) {
-        if (boolArg(command, "on")) {
+    } else if (type == QLatin1String(C::preview)) {
+        m_rec.previewing = m_rec.camerasEnabled() && boolArg(command, C::on);
+        m_rec.previewHd = boolArg(command, C::hd);
+    } else if (type == QLatin1String(C::cameras)) {
+        if (boolArg(command, C::on)) {
             m_rec.setCamerasEnabled(true);
         } else {
             r.desiredSession.reset();
@@ -139,32 +152,34 @@ void Commands::handle(const QJsonObject &command)
         }
         apply();
         changed();
-    } else if (type == QLatin1String("whisper")) {
-        const QString text = stringArg(command, "text");
-        if (Config::trimSpacesAndTabs(text).isEmpty() || tooLong(type, "text", text, kMaxWhisper))
+    } else if (type == QLatin1String(C::whisper)) {
+        const QString text = stringArg(command, C::text);
+        if (TextTools::trimSpacesAndTabs(text).isEmpty() || tooLong(type, C::text, text, kMaxWhisper))
             return;
-        if (m_roster.name(seatArg(command)).isEmpty())
+        const int seat = seatArg(command);
+        const QString from = m_roster.name(seat);
+        if (from.isEmpty())
             m_roster.fetch();
-        // The whisper card plugs in here.
-    } else if (type == QLatin1String("setMic")) {
-        const std::optional<QString> uid = optionalString(command, "uid");
-        if (!uid || tooLong(type, "uid", *uid, kMaxUid))
+        Q_EMIT whisper(text, seat, from);
+    } else if (type == QLatin1String(C::setMic)) {
+        const std::optional<QString> uid = optionalString(command, C::uid);
+        if (!uid || tooLong(type, C::uid, *uid, kMaxUid))
             return;
-        Config::setMicUID(*uid);
+        m_settings.setMicUID(*uid);
         m_rec.restartMic();
-    } else if (type == QLatin1String("setCam")) {
-        const QString uid = stringArg(command, "uid");
-        if (!tooLong(type, "uid", uid, kMaxUid))
+    } else if (type == QLatin1String(C::setCam)) {
+        const QString uid = stringArg(command, C::uid);
+        if (!tooLong(type, C::uid, uid, kMaxUid))
             m_rec.setPreviewCamUID(uid);
-    } else if (type == QLatin1String("quality")) {
-        const QString q = stringArg(command, "q", QStringLiteral("full"));
-        if (!tooLong(type, "q", q, kMaxQuality) && q != Config::uploadQuality()) {
-            Config::setUploadQuality(q);
+    } else if (type == QLatin1String(C::quality)) {
+        const QString q = stringArg(command, C::q, QLatin1String(Protocol::Quality::full));
+        if (!tooLong(type, C::q, q, kMaxQuality) && q != m_settings.uploadQuality()) {
+            m_settings.setUploadQuality(q);
             bravaLog(QStringLiteral("upload quality set to ") + q);
         }
-    } else if (type == QLatin1String("release")) {
+    } else if (type == QLatin1String(C::release)) {
         release();
-    } else if (type == QLatin1String("replaced")) {
+    } else if (type == QLatin1String(C::replaced)) {
         changed();
         if (onReplaced)
             onReplaced();
@@ -177,10 +192,9 @@ void Commands::release()
     m_reconciler->wantListen = false;
     m_rec.stop(nullptr);
     // The rest does not wait for the recorder to finish stopping.
-    Config::setAgentID(0);
-    Config::setSetupDone(false);
-    m_conn.disconnect();
+    m_settings.setAgentID(0);
+    m_settings.setSetupDone(false);
+    m_conn.close();
     changed();
-    if (onSetupNeeded)
-        onSetupNeeded();
+    m_setup.need(SetupRoute::Reason::Released);
 }

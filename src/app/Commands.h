@@ -10,6 +10,8 @@ class Connection;
 class MentorRoster;
 class Reconciler;
 class Recorder;
+class Settings;
+class SetupRoute;
 
 // The control room's command table: each command either changes what the control room wants of
 // the recorder (a session, live audio), after which the reconciler brings the recorder into line,
@@ -19,9 +21,10 @@ class Commands : public QObject
 {
     Q_OBJECT
 public:
-    /// Commands for this recorder and link; nothing is applied while `wizardOpen` or before setup.
-    Commands(Recorder &rec, Connection &conn, MentorRoster &roster, const std::atomic<bool> &wizardOpen,
-             QObject *parent = nullptr);
+    /// Commands for this recorder and link that store choices in `settings` and send the agent
+    /// to setup through `setup`; nothing is applied while `wizardOpen` or before setup.
+    Commands(Recorder &rec, Connection &conn, MentorRoster &roster, Settings &settings, SetupRoute &setup,
+             const std::atomic<bool> &wizardOpen, QObject *parent = nullptr);
     ~Commands() override;
 
     /// Longest session name taken from "start", in characters.
@@ -50,10 +53,13 @@ public:
 
     /// Called when something the tray shows may have changed.
     std::function<void()> onChanged;
-    /// Called when the agent must go through setup again (Config.wizardStep says where).
-    std::function<void()> onSetupNeeded;
     /// Called when the control room said another computer took this agent number.
     std::function<void()> onReplaced;
+
+Q_SIGNALS:
+    /// A whisper for the agent: its text, the coach's seat and name ("" while the roster does not
+    /// know the seat; it is fetched again then).
+    void whisper(const QString &text, int seat, const QString &from);
 
 private:
     void applyFinished();
@@ -63,6 +69,8 @@ private:
     Recorder &m_rec;
     Connection &m_conn;
     MentorRoster &m_roster;
+    Settings &m_settings;
+    SetupRoute &m_setup;
     const std::atomic<bool> &m_wizardOpen;
     Reconciler *m_reconciler;
 };

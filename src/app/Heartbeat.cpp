@@ -1,16 +1,20 @@
 #include "Heartbeat.h"
 
+#include "Protocol.h"
+
 #include <QJsonArray>
 #include <QJsonObject>
 
 namespace Heartbeat {
+
+using namespace Protocol;
 
 namespace {
 QJsonArray devices(const QList<Device> &list)
 {
     QJsonArray out;
     for (const Device &d : list)
-        out.append(QJsonObject{{QStringLiteral("uid"), d.uid}, {QStringLiteral("name"), d.name}});
+        out.append(QJsonObject{{QLatin1String(Status::deviceUid), d.uid}, {QLatin1String(Status::deviceName), d.name}});
     return out;
 }
 
@@ -23,22 +27,22 @@ QJsonValue textOrNull(const std::optional<QString> &text)
 OrderedJson message(const Values &v)
 {
     OrderedJson m;
-    m.insert(QStringLiteral("type"), QStringLiteral("status"))
-        .insert(QStringLiteral("updateBusy"), v.updateBusy)
-        .insert(QStringLiteral("recording"), v.recording)
-        .insert(QStringLiteral("live"), v.live)
-        .insert(QStringLiteral("mic"), v.mic)
-        .insert(QStringLiteral("sys"), v.sys)
-        .insert(QStringLiteral("rate"), v.rate)
-        .insert(QStringLiteral("cam"), v.cam)
-        .insert(QStringLiteral("camActive"), v.camActive)
-        .insert(QStringLiteral("camError"), textOrNull(v.camError))
-        .insert(QStringLiteral("micName"), v.micName)
-        .insert(QStringLiteral("mics"), devices(v.mics))
-        .insert(QStringLiteral("cams"), devices(v.cams))
-        .insert(QStringLiteral("micUID"), v.micUID)
-        .insert(QStringLiteral("camUID"), v.camUID)
-        .insert(QStringLiteral("error"), textOrNull(v.error));
+    m.insert(QLatin1String(Protocol::type), QLatin1String(Status::type))
+        .insert(QLatin1String(Status::updateBusy), v.updateBusy)
+        .insert(QLatin1String(Status::recording), v.recording)
+        .insert(QLatin1String(Status::live), v.live)
+        .insert(QLatin1String(Status::mic), v.mic)
+        .insert(QLatin1String(Status::sys), v.sys)
+        .insert(QLatin1String(Status::rate), v.rate)
+        .insert(QLatin1String(Status::cam), v.cam)
+        .insert(QLatin1String(Status::camActive), v.camActive)
+        .insert(QLatin1String(Status::camError), textOrNull(v.camError))
+        .insert(QLatin1String(Status::micName), v.micName)
+        .insert(QLatin1String(Status::mics), devices(v.mics))
+        .insert(QLatin1String(Status::cams), devices(v.cams))
+        .insert(QLatin1String(Status::micUID), v.micUID)
+        .insert(QLatin1String(Status::camUID), v.camUID)
+        .insert(QLatin1String(Status::error), textOrNull(v.error));
     return m;
 }
 

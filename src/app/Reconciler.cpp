@@ -48,7 +48,7 @@ void Reconciler::step()
             return;
         }
         ++m_recorderCalls;
-        m_rec.start(desiredSession, again);
+        m_rec.start(desiredSession, writerSetup ? writerSetup() : WriterSetup{}, again);
         issued();
         return;
     }
@@ -58,7 +58,7 @@ void Reconciler::step()
             return;
         }
         ++m_recorderCalls;
-        m_rec.start(std::nullopt, again);
+        m_rec.start(std::nullopt, WriterSetup{}, again);
         issued();
         return;
     }

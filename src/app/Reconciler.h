@@ -1,5 +1,7 @@
 #pragma once
 
+#include "WriterSetup.h"
+
 #include <QObject>
 #include <QString>
 
@@ -30,6 +32,8 @@ public:
 
     /// Whether a pass may start now (setup done and no wizard open).
     std::function<bool()> canApply;
+    /// What the writers of a take that starts now are given (folder, bit rate); read at each start.
+    std::function<WriterSetup()> writerSetup;
     /// Called when a pass finishes.
     std::function<void()> onFinished;
     /// Called right after a recorder start or stop was issued, while the pass waits for it.

@@ -1,23 +1,15 @@
 #include "StatusView.h"
 
-#include "Config.h"
-#include "Connection.h"
-#include "Recorder.h"
+#include "AgentState.h"
 #include "TrayView.h"
-#include "Uploader.h"
 
 #include <QTimer>
 
-StatusView::StatusView(Recorder &rec, Connection &conn, Uploader &uploader, std::function<bool()> live,
-                       std::function<bool()> onCall, QObject *parent)
+StatusView::StatusView(const AgentState &state, QObject *parent)
     : QObject(parent)
-    , m_rec(rec)
-    , m_conn(conn)
-    , m_uploader(uploader)
-    , m_live(std::move(live))
-    , m_onCall(std::move(onCall))
+    , m_state(state)
 {
-    Q_ASSERT(m_live && m_onCall);
+    connect(&m_state, &AgentState::changed, this, &StatusView::refresh);
 }
 
 StatusView::~StatusView() = default;
@@ -33,19 +25,20 @@ void StatusView::show(std::function<bool(StatusMenu::Action)> isAvailable,
 
 StatusMenu::State StatusView::menuState() const
 {
+    const AgentState::Values &v = m_state.values();
     StatusMenu::State s;
-    s.camerasEnabled = m_rec.camerasEnabled();
-    s.isRecording = m_rec.isRecording();
-    s.live = m_live();
-    s.connected = m_conn.connected();
-    s.replaced = m_conn.replaced();
-    s.agentID = Config::agentID();
-    s.setupDone = Config::setupDone();
-    s.pendingCount = m_uploader.pendingCount();
-    s.lastError = m_rec.lastError().value_or(QString());
-    s.onCall = m_onCall();
-    s.serverLocked = Config::serverLocked();
-    s.version = Config::version();
+    s.camerasEnabled = v.camerasEnabled;
+    s.isRecording = v.recording;
+    s.live = v.live;
+    s.connected = v.linkUp;
+    s.replaced = v.replaced;
+    s.agentID = v.agentID;
+    s.setupDone = v.setupDone;
+    s.pendingCount = v.pendingCount;
+    s.lastError = v.lastError;
+    s.onCall = v.onCall;
+    s.serverLocked = v.serverLocked;
+    s.version = v.version;
     return s;
 }
 
@@ -76,6 +69,6 @@ void StatusView::flashStatus(const QString &text)
 
 void StatusView::showCallTime(qint64 seconds)
 {
-    if (m_onCall() && m_tray && m_tray->hasCallItem())
+    if (m_state.onCall() && m_tray && m_tray->hasCallItem())
         m_tray->setCallTitle(StatusMenu::callTimer(seconds));
 }

@@ -7,21 +7,18 @@
 
 #include <functional>
 
-class Connection;
-class Recorder;
+class AgentState;
 class TrayView;
-class Uploader;
 
-// The agent's state as the tray shows it: gathers it from the recorder, the link and the upload
-// queue, draws the tray only when the state's fingerprint changed, and flashes short
-// confirmations. Reads cached values only. Main thread only.
+// The agent's state as the tray shows it: reads the controller's read-only AgentState, draws the
+// tray only when the state's fingerprint changed (at once when the state announces a change),
+// and flashes short confirmations. Main thread only.
 class StatusView : public QObject
 {
     Q_OBJECT
 public:
-    /// The state of these parts; `live` and `onCall` answer what the parts cannot.
-    StatusView(Recorder &rec, Connection &conn, Uploader &uploader, std::function<bool()> live,
-               std::function<bool()> onCall, QObject *parent = nullptr);
+    /// The tray of this state.
+    explicit StatusView(const AgentState &state, QObject *parent = nullptr);
     ~StatusView() override;
 
     /// Creates the tray view; `isAvailable` and `onAction` are handed to it.
@@ -44,11 +41,7 @@ public:
     static constexpr int kFlashMs = 1600;
 
 private:
-    Recorder &m_rec;
-    Connection &m_conn;
-    Uploader &m_uploader;
-    std::function<bool()> m_live;
-    std::function<bool()> m_onCall;
+    const AgentState &m_state;
     TrayView *m_tray = nullptr;
     QString m_menuKey;
 };

@@ -1,16 +1,17 @@
 #include "Upkeep.h"
 
 #include "BravaLog.h"
-#include "Config.h"
+#include "BuildInfo.h"
 
 #include <QCoreApplication>
 #include <QProcess>
 #include <QTimer>
 
-Upkeep::Upkeep(std::function<bool()> busy, QObject *parent)
+Upkeep::Upkeep(const BuildInfo &build, std::function<bool()> busy, QObject *parent)
     : QObject(parent)
     , m_busy(std::move(busy))
-    , m_runningBuild(Config::buildNumber())
+    , m_runningBuild(build.buildNumber())
+    , m_infoPath(build.path())
     , m_timer(new QTimer(this))
 {
     Q_ASSERT(m_busy);
@@ -30,7 +31,7 @@ void Upkeep::stop()
 
 void Upkeep::checkForNewVersion()
 {
-    const QString onDisk = Config::readInfoKey(Config::infoFilePath(), QStringLiteral("CFBundleVersion"));
+    const QString onDisk = BuildInfo::readKey(m_infoPath, QStringLiteral("CFBundleVersion"));
     if (onDisk.isEmpty() || onDisk == m_runningBuild || m_busy())
         return;
     bravaLog(QStringLiteral("new version on disk (") + onDisk + QStringLiteral(") — relaunching"));

@@ -5,6 +5,7 @@
 
 #include <functional>
 
+class BuildInfo;
 class QTimer;
 
 // Keeping the installed agent current: every 10 s it looks whether a different build has been
@@ -14,8 +15,8 @@ class Upkeep : public QObject
 {
     Q_OBJECT
 public:
-    /// Upkeep that never relaunches while `busy` says the agent is busy.
-    explicit Upkeep(std::function<bool()> busy, QObject *parent = nullptr);
+    /// Upkeep of the running `build` that never relaunches while `busy` says the agent is busy.
+    Upkeep(const BuildInfo &build, std::function<bool()> busy, QObject *parent = nullptr);
 
     /// Starts the periodic check for a new build.
     void start();
@@ -33,5 +34,6 @@ private:
 
     std::function<bool()> m_busy;
     QString m_runningBuild;
+    QString m_infoPath;
     QTimer *m_timer;
 };

@@ -1,7 +1,6 @@
 #include "AudioSources.h"
 
 #include "BravaLog.h"
-#include "Config.h"
 #include "DeviceChoice.h"
 
 #include <QMutexLocker>
@@ -13,13 +12,6 @@
 namespace {
 constexpr int kCaptureRate = 48000;
 constexpr int kRetryMs = 2000;
-const QString kMicBlocked = QStringLiteral("Microphone blocked — re-run setup on this computer");
-const QString kNoMic = QStringLiteral("No microphone found");
-const QString kMicUnavailable = QStringLiteral("Microphone unavailable");
-const QString kSysBlocked = QStringLiteral("Computer audio blocked — re-run setup on this computer");
-const QString kSysStopped = QStringLiteral("Computer audio stopped");
-const QString kNoOutput = QStringLiteral("No audio output found");
-const QString kNotAnswering = QStringLiteral("Sound server not answering");
 } // namespace
 
 AudioSources::AudioSources(AudioBackend &backend, AudioPath &path, QObject *parent)
@@ -45,8 +37,8 @@ void AudioSources::open()
     m_answering = m_backend.answering();
     if (!m_answering) {
         // Nothing opens now; every source opens when the server answers again.
-        bravaLog(kNotAnswering);
-        setError(kNotAnswering);
+        bravaLog(AudioFaults::text(AudioFault::ServerSilent));
+        setError(AudioFault::ServerSilent);
         return;
     }
     refreshDevices();
@@ -104,7 +96,7 @@ std::unique_ptr<AudioCapture> AudioSources::openSource(Source source, const QStr
                 bravaLog(QString::fromLatin1(source == Source::Mic ? "mic stopped: " : "computer mic stopped: ") + reason);
                 m_caps[source].reset();
                 if (source == Source::Mic && m_answering) // else reopened when the server answers
-                    setError(kMicUnavailable);
+                    setError(AudioFault::MicUnavailable);
             },
             Qt::QueuedConnection);
     };
@@ -114,12 +106,12 @@ std::unique_ptr<AudioCapture> AudioSources::openSource(Source source, const QStr
 void AudioSources::startMic()
 {
     if (m_backend.access() == AudioBackend::Access::Refused) {
-        setError(kMicBlocked, Blocked::Microphone);
+        setError(AudioFault::MicBlocked);
         return;
     }
-    const std::optional<Device> mic = DeviceChoice::pickMic(mics(), Config::micUID());
+    const std::optional<Device> mic = DeviceChoice::pickMic(mics(), chosenUID());
     if (!mic) {
-        setError(kNoMic);
+        setError(AudioFault::NoMic);
         return;
     }
     {
@@ -130,7 +122,7 @@ void AudioSources::startMic()
     QString error;
     m_caps[Source::Mic] = openSource(Source::Mic, mic->uid, 1, &error);
     if (!m_caps[Source::Mic]) {
-        setError(kNoMic); // a device that cannot be opened is no usable microphone
+        setError(AudioFault::NoMic); // a device that cannot be opened is no usable microphone
         bravaLog(QStringLiteral("mic error: ") + mic->name + QStringLiteral(": ") + error);
         return;
     }
@@ -165,21 +157,22 @@ void AudioSources::startRoomMic()
 void AudioSources::startSystemAudio()
 {
     if (m_backend.access() == AudioBackend::Access::Refused) {
-        setError(kSysBlocked, Blocked::ComputerAudio);
+        setError(AudioFault::ComputerAudioBlocked);
         bravaLog(QStringLiteral("computer audio error: the sound server refused this program"));
         return;
     }
     QString reason;
     const std::optional<QString> monitor = m_backend.outputMonitor(&reason);
     if (!monitor) {
-        setError(reason, reason == kSysBlocked ? Blocked::ComputerAudio : Blocked::None);
+        setError(m_backend.access() == AudioBackend::Access::Refused ? AudioFault::ComputerAudioBlocked
+                                                                     : AudioFault::NoOutput);
         return;
     }
     QString error;
     m_sysMonitor = *monitor;
     m_caps[Source::Sys] = openSource(Source::Sys, *monitor, 2, &error);
     if (!m_caps[Source::Sys]) {
-        setError(kSysBlocked, Blocked::ComputerAudio);
+        setError(AudioFault::ComputerAudioBlocked);
         bravaLog(QStringLiteral("computer audio error: ") + error);
     }
 }
@@ -195,13 +188,13 @@ void AudioSources::serverChanged()
     if (answering != m_answering) {
         m_answering = answering;
         if (!answering) {
-            bravaLog(kNotAnswering);
-            setError(kNotAnswering);
+            bravaLog(AudioFaults::text(AudioFault::ServerSilent));
+            setError(AudioFault::ServerSilent);
             return;
         }
         bravaLog(QStringLiteral("sound server answering again"));
-        if (lastError() == kNotAnswering)
-            setError(std::nullopt);
+        if (fault() == AudioFault::ServerSilent)
+            setError(AudioFault::None);
         if (!m_caps[Source::Mic])
             startMic();
         if (!m_caps[Source::Room])
@@ -221,9 +214,9 @@ void AudioSources::serverChanged()
     if (!m_caps[Source::Mic] && !lost.isEmpty()
         && std::any_of(inputs.cbegin(), inputs.cend(), [&](const Device &d) { return d.uid == lost; })) {
         startMic();
-        const std::optional<QString> error = lastError();
-        if (m_caps[Source::Mic] && (error == kNoMic || error == kMicUnavailable))
-            setError(std::nullopt);
+        const AudioFault error = fault();
+        if (m_caps[Source::Mic] && (error == AudioFault::NoMic || error == AudioFault::MicUnavailable))
+            setError(AudioFault::None);
         if (m_caps[Source::Mic] && !m_caps[Source::Room])
             startRoomMic();
     }
@@ -237,9 +230,9 @@ void AudioSources::serverChanged()
     ++m_retryToken; // a pending retry of the old output is void
     m_caps[Source::Sys].reset();
     startSystemAudio();
-    const std::optional<QString> error = lastError();
-    if (m_caps[Source::Sys] && (error == kSysStopped || error == kNoOutput))
-        setError(std::nullopt);
+    const AudioFault error = fault();
+    if (m_caps[Source::Sys] && (error == AudioFault::ComputerAudioStopped || error == AudioFault::NoOutput))
+        setError(AudioFault::None);
 }
 
 void AudioSources::systemAudioStopped(const QString &reason)
@@ -248,7 +241,7 @@ void AudioSources::systemAudioStopped(const QString &reason)
     m_caps[Source::Sys].reset();
     if (!m_answering)
         return; // the server's silence is the error; the stream reopens when it answers
-    setError(kSysStopped);
+    setError(AudioFault::ComputerAudioStopped);
     if (!m_open)
         return;
     const int token = m_retryToken;
@@ -259,23 +252,28 @@ void AudioSources::systemAudioStopped(const QString &reason)
     });
 }
 
-std::optional<QString> AudioSources::lastError() const
+AudioFault AudioSources::fault() const
 {
     QMutexLocker lock(&m_mutex);
-    return m_lastError;
+    return m_fault;
 }
 
-void AudioSources::setError(const std::optional<QString> &error, Blocked kind)
+void AudioSources::setError(AudioFault fault)
 {
     QMutexLocker lock(&m_mutex);
-    m_lastError = error;
-    m_blocked = error ? kind : Blocked::None;
+    m_fault = fault;
 }
 
 AudioSources::Blocked AudioSources::blocked() const
 {
-    QMutexLocker lock(&m_mutex);
-    return m_blocked;
+    switch (fault()) {
+    case AudioFault::MicBlocked:
+        return Blocked::Microphone;
+    case AudioFault::ComputerAudioBlocked:
+        return Blocked::ComputerAudio;
+    default:
+        return Blocked::None;
+    }
 }
 
 QList<Device> AudioSources::mics() const
@@ -294,6 +292,18 @@ QString AudioSources::micUID() const
 {
     QMutexLocker lock(&m_mutex);
     return m_micUID;
+}
+
+QString AudioSources::chosenUID() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_chosenUID;
+}
+
+void AudioSources::setChosenUID(const QString &uid)
+{
+    QMutexLocker lock(&m_mutex);
+    m_chosenUID = uid;
 }
 
 QString AudioSources::roomName() const

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "AudioBackend.h"
+#include "AudioFault.h"
 #include "AudioPath.h"
 #include "Device.h"
 
@@ -38,17 +39,21 @@ public:
     /// The sources are open (a capture runs).
     bool isOpen() const { return m_open; }
 
-    /// Last audio problem, none when fine (any thread).
-    std::optional<QString> lastError() const;
-    /// Which permission lastError is about (None when it is of another kind).
+    /// Last audio problem, None when fine (any thread).
+    AudioFault fault() const;
+    /// Which permission the fault is about (None when it is of another kind).
     Blocked blocked() const;
     /// Clears the problem (a new capture starts).
-    void clearError() { setError(std::nullopt); }
+    void clearError() { setError(AudioFault::None); }
     /// Microphones as last listed (real devices only); never asks the sound server.
     QList<Device> mics() const;
     /// Name and unique ID of the microphone in use, name of the room microphone ("" when none).
     QString micName() const;
     QString micUID() const;
+    /// The microphone the user chose ("" = the system default); read when the microphone opens.
+    QString chosenUID() const;
+    /// Sets the microphone the user chose.
+    void setChosenUID(const QString &uid);
     QString roomName() const;
 
     /// Replaces how a delayed action is scheduled (the 2 s retry); tests run it at once or never.
@@ -64,7 +69,7 @@ private:
     void serverChanged();
     void refreshDevices();
     std::unique_ptr<AudioCapture> openSource(Source source, const QString &name, int channels, QString *error);
-    void setError(const std::optional<QString> &error, Blocked kind = Blocked::None);
+    void setError(AudioFault fault);
 
     AudioBackend &m_backend;
     AudioPath &m_path;
@@ -76,8 +81,7 @@ private:
     int m_stream[AudioPath::kSources] = {0, 0, 0}; // the stream each capture was opened as
 
     mutable QMutex m_mutex; // guards the fields below (read from any thread)
-    std::optional<QString> m_lastError;
-    Blocked m_blocked = Blocked::None;
-    QString m_micName, m_micUID, m_roomName;
+    AudioFault m_fault = AudioFault::None;
+    QString m_micName, m_micUID, m_roomName, m_chosenUID;
     QList<Device> m_inputs;
 };

@@ -4,7 +4,7 @@
 #include "BravaLog.h"
 #include "CameraManager.h"
 #include "Clock.h"
-#include "Config.h"
+#include "TextTools.h"
 #include "DeviceChoice.h"
 #include "SerialQueue.h"
 #include "Take.h"
@@ -65,13 +65,13 @@ std::optional<QString> Recorder::session() const
     return m_take ? m_take->session() : std::nullopt;
 }
 
-void Recorder::start(const std::optional<QString> &session, std::function<void()> done)
+void Recorder::start(const std::optional<QString> &session, const WriterSetup &setup, std::function<void()> done)
 {
     if (m_take) {
         QPointer<Recorder> self(this);
-        stop([self, session, done = std::move(done)]() mutable {
+        stop([self, session, setup, done = std::move(done)]() mutable {
             if (self)
-                self->start(session, std::move(done));
+                self->start(session, setup, std::move(done));
         });
         return;
     }
@@ -84,7 +84,7 @@ void Recorder::start(const std::optional<QString> &session, std::function<void()
             if (onSegmentDone)
                 onSegmentDone(path, forwarded);
         },
-        segmentSeconds);
+        setup);
     {
         std::lock_guard lock(m_faultMutex);
         m_writeFaults.clear();
@@ -104,7 +104,7 @@ void Recorder::start(const std::optional<QString> &session, std::function<void()
     m_cameras->beginTake(m_take);
     m_sources->open();
     m_cameras->ensure();
-    bravaLog(QStringLiteral("capture started session=") + (session ? Config::printable(*session) : QStringLiteral("TEST")));
+    bravaLog(QStringLiteral("capture started session=") + (session ? TextTools::printable(*session) : QStringLiteral("TEST")));
     finishLater(this, std::move(done));
 }
 
@@ -158,7 +158,8 @@ std::optional<QString> Recorder::lastError() const
         if (!m_writeFaults.empty())
             return m_writeFaults.begin()->second;
     }
-    return m_sources->lastError();
+    const AudioFault fault = m_sources->fault();
+    return fault == AudioFault::None ? std::nullopt : std::optional<QString>(AudioFaults::text(fault));
 }
 
 Recorder::Blocked Recorder::blocked() const
@@ -174,4 +175,8 @@ Recorder::Levels Recorder::takeLevels()
 
 QList<Device> Recorder::mics() const { return m_sources->mics(); }
 
-std::optional<Device> Recorder::pickMic() const { return DeviceChoice::pickMic(mics(), Config::micUID()); }
+std::optional<Device> Recorder::pickMic() const { return DeviceChoice::pickMic(mics(), m_sources->chosenUID()); }
+
+void Recorder::setMicChoice(const QString &uid) { m_sources->setChosenUID(uid); }
+
+void Recorder::setCamChoice(const QString &uid) { m_cameras->setChosenUID(uid); }

@@ -2,6 +2,7 @@
 
 #include "AudioSources.h"
 #include "Device.h"
+#include "WriterSetup.h"
 
 #include <QByteArray>
 #include <QList>
@@ -29,7 +30,8 @@ class Take;
 //  1. The control room's "start" arrives on the link (main thread); the controller's command
 //     handler decides the wanted state and calls Recorder::start(session).
 //  2. Recorder::start makes a Take: the session, the take number, the start sync (SyncGate) and,
-//     as tracks deliver, their writers (mic, sys, room, cam, cam2–cam4). It hands the take to the
+//     as tracks deliver, their writers (mic, sys, room, cam, cam2–cam4), made with the folder,
+//     bit rate and segment length handed to start(). It hands the take to the
 //     AudioPath (posted to the audio queue q) and to the CameraManager (posted to videoQ).
 //  3. AudioSources opens the microphone, the computer audio (the default output's monitor) and the
 //     room microphone on the main thread; the CameraManager opens the cameras on videoQ.
@@ -65,13 +67,17 @@ public:
     /// Stops capture; no callback runs after it returns. Open segments stay in writing/.
     ~Recorder() override;
 
-    /// Starts capture (a take when session is set, levels/live only otherwise); `done` runs later
-    /// on the main thread. A running capture is stopped first.
-    void start(const std::optional<QString> &session, std::function<void()> done);
+    /// Starts capture (a take when session is set, levels/live only otherwise) whose writers use
+    /// `setup`; `done` runs later on the main thread. A running capture is stopped first.
+    void start(const std::optional<QString> &session, const WriterSetup &setup, std::function<void()> done);
     /// Stops capture and finishes every file; `done` runs on the main thread afterwards.
     void stop(std::function<void()> done);
     /// Re-opens the microphone and room microphone after the chosen device changed.
     void restartMic();
+    /// The microphone the user chose ("" = the system default), used from the next opening on.
+    void setMicChoice(const QString &uid);
+    /// The camera the user chose ("" = the default camera), used from the next opening on.
+    void setCamChoice(const QString &uid);
 
     /// Capture is running.
     bool running() const { return m_take != nullptr; }
@@ -113,8 +119,8 @@ public:
     /// The setup wizard may use the camera (the camera manager's).
     std::atomic<bool> &setupCameraAllowed;
 
-    /// Last capture problem, none when fine: a track that cannot be written first (a full
-    /// disk), else the sound sources' problem.
+    /// Last capture problem as shown, none when fine: a track that cannot be written first (a
+    /// full disk), else the sound sources' fault in words.
     std::optional<QString> lastError() const;
     /// A capture permission the last start found refused.
     using Blocked = AudioSources::Blocked;
@@ -157,8 +163,6 @@ public:
     SerialQueue &audioQueue() { return *m_q; }
     /// The camera queue.
     SerialQueue &videoQueue() { return *m_videoQ; }
-    /// Segment length of the next takes, in seconds (tests shorten it).
-    double segmentSeconds = 1800.0;
 
     /// A finished segment file and its session ("" when none); called on a writer's queue.
     std::function<void(const QString &path, const QString &session)> onSegmentDone;

@@ -6,14 +6,14 @@
 #include <vector>
 
 Take::Take(std::optional<QString> session, int64_t number, bool expectCam, Clock &clock, SegmentDone onSegmentDone,
-           double segmentSeconds)
+           const WriterSetup &setup)
     : m_session(std::move(session))
     , m_number(number)
-    , m_segmentSeconds(segmentSeconds)
+    , m_setup(setup)
     , m_onSegmentDone(std::move(onSegmentDone))
     , m_sync(clock)
 {
-    Q_ASSERT(segmentSeconds > 0);
+    Q_ASSERT(setup.segmentSeconds > 0);
     m_sync.reset(expectCam && m_session.has_value());
     m_sync.onLock = [this](MediaTime t0) { lockAt(t0); }; // under the gate's lock
 }
@@ -37,9 +37,9 @@ SegmentWriter *Take::writer(const QString &track)
     std::unique_ptr<SegmentWriter> &w = m_writers[track];
     if (!w) {
         if (isAudio(track))
-            w = std::make_unique<TrackWriter>(track, m_segmentSeconds);
+            w = std::make_unique<TrackWriter>(track, m_setup);
         else
-            w = std::make_unique<VideoWriter>(track, m_segmentSeconds);
+            w = std::make_unique<VideoWriter>(track, m_setup);
         w->onSegmentDone = m_onSegmentDone;
         if (onFault)
             w->onFault = [this, track](const std::optional<QString> &fault) { onFault(track, fault); };

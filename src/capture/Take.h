@@ -4,6 +4,7 @@
 #include "MediaTime.h"
 #include "SyncGate.h"
 #include "TimedSample.h"
+#include "WriterSetup.h"
 
 #include <QString>
 
@@ -31,8 +32,9 @@ public:
     using SegmentDone = std::function<void(const QString &path)>;
 
     /// A take of `session` numbered `number`; expectCam: the start sync waits for "cam".
+    /// Its writers are made with `setup` (folder, bit rate, segment length).
     Take(std::optional<QString> session, int64_t number, bool expectCam, Clock &clock, SegmentDone onSegmentDone,
-         double segmentSeconds = 1800.0);
+         const WriterSetup &setup);
     ~Take();
     Take(const Take &) = delete;
     Take &operator=(const Take &) = delete;
@@ -75,7 +77,7 @@ private:
 
     const std::optional<QString> m_session;
     const int64_t m_number;
-    const double m_segmentSeconds;
+    const WriterSetup m_setup;
     const SegmentDone m_onSegmentDone;
     SyncGate m_sync;
     std::atomic<bool> m_audioDone{false};

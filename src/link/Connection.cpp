@@ -1,7 +1,8 @@
 #include "Connection.h"
 
 #include "BravaLog.h"
-#include "Config.h"
+#include "BuildInfo.h"
+#include "Settings.h"
 #include "QueryString.h"
 #include "OrderedJson.h"
 
@@ -11,8 +12,10 @@
 #include <QTimer>
 #include <QWebSocket>
 
-Connection::Connection(QObject *parent)
+Connection::Connection(const Settings &settings, const BuildInfo &build, QObject *parent)
     : QObject(parent)
+    , m_settings(settings)
+    , m_build(build)
 {
 }
 
@@ -21,16 +24,17 @@ Connection::~Connection()
     cancelSocket();
 }
 
-QUrl Connection::linkURL()
+QUrl Connection::linkURL() const
 {
-    const QString server = Config::server();
+    const QString server = m_settings.server();
     if (server.isEmpty())
         return {};
-    return QueryString::at(QStringLiteral("ws"), server, QStringLiteral("/agent"),
-                           {{QStringLiteral("id"), QString::number(Config::agentID())},
-                            {QStringLiteral("os"), QStringLiteral("linux")},
-                            {QStringLiteral("v"), Config::version()},
-                            {QStringLiteral("name"), Config::agentName()}});
+    using namespace Protocol::LinkQuery;
+    return QueryString::at(QStringLiteral("ws"), server, QLatin1String(Protocol::Path::agent),
+                           {{QLatin1String(id), QString::number(m_settings.agentID())},
+                            {QLatin1String(os), QLatin1String(platform)},
+                            {QLatin1String(version), m_build.version()},
+                            {QLatin1String(name), m_settings.agentName()}});
 }
 
 void Connection::cancelSocket()
@@ -45,13 +49,13 @@ void Connection::cancelSocket()
     old->deleteLater();
 }
 
-void Connection::connect()
+void Connection::open()
 {
     Q_ASSERT(QThread::currentThread() == thread());
     ++m_generation;
     cancelSocket();
     m_replaced = false;
-    if (Config::agentID() < 1)
+    if (m_settings.agentID() < 1)
         return;
     const QUrl url = linkURL();
     if (!url.isValid()) {
@@ -87,7 +91,8 @@ void Connection::opened(qint64 gen, QWebSocket *socket)
         return;
     m_connected = true;
     m_lastFailure.clear();
-    bravaLog(QStringLiteral("connected to %1 as agent %2").arg(Config::server()).arg(Config::agentID()));
+    m_failureLog.clear();
+    bravaLog(QStringLiteral("connected to %1 as agent %2").arg(m_settings.server()).arg(m_settings.agentID()));
     if (onChange)
         onChange();
 }
@@ -101,8 +106,8 @@ void Connection::received(qint64 gen, const QString &text)
     if (error.error != QJsonParseError::NoError || !doc.isObject())
         return;
     const QJsonObject command = doc.object();
-    const QJsonValue type = command.value(QStringLiteral("type"));
-    if (type.isString() && type.toString() == QLatin1String("replaced"))
+    const QJsonValue type = command.value(QLatin1String(Protocol::type));
+    if (type.isString() && type.toString() == QLatin1String(Protocol::Command::replaced))
         m_replaced = true;
     QPointer<Connection> self(this);
     QMetaObject::invokeMethod(
@@ -116,10 +121,8 @@ void Connection::received(qint64 gen, const QString &text)
 
 void Connection::noteFailure(const QString &reason)
 {
-    // Retries every 2 s meet the same refusal: it is logged when it first happens or changes.
-    const QString text = QStringLiteral("cannot open the link to %1: %2").arg(Config::server(), reason);
-    if (text != m_lastFailure)
-        bravaLog(text);
+    const QString text = QStringLiteral("cannot open the link to %1: %2").arg(m_settings.server(), reason);
+    m_failureLog.log(text);
     m_lastFailure = text;
 }
 
@@ -142,11 +145,11 @@ void Connection::dropped(qint64 gen)
         return;
     QTimer::singleShot(retryMs, this, [this, gen] {
         if (m_generation == gen && !m_connected)
-            connect();
+            open();
     });
 }
 
-void Connection::disconnect()
+void Connection::close()
 {
     Q_ASSERT(QThread::currentThread() == thread());
     ++m_generation;

@@ -1,12 +1,17 @@
 #pragma once
 
+#include "LogOnce.h"
+#include "Protocol.h"
+
 #include <QJsonObject>
 #include <QObject>
 
 #include <atomic>
 #include <functional>
 
+class BuildInfo;
 class OrderedJson;
+class Settings;
 class QWebSocket;
 
 // The agent's single WebSocket link to the control room: ws://<server>/agent?id&os&v&name.
@@ -18,13 +23,14 @@ class Connection : public QObject
 {
     Q_OBJECT
 public:
-    explicit Connection(QObject *parent = nullptr);
+    /// A link that identifies itself with the settings' agent and this build's version.
+    Connection(const Settings &settings, const BuildInfo &build, QObject *parent = nullptr);
     ~Connection() override;
 
-    /// (Re)opens the link with the identity in Config; an agent without a number never connects.
-    void connect();
+    /// (Re)opens the link with the identity in the settings; an agent without a number never connects.
+    void open();
     /// Closes the link (code 1001) and stops any pending retry.
-    void disconnect();
+    void close();
     /// Sends one JSON text message while connected; dropped otherwise.
     void sendJSON(const OrderedJson &message);
     /// Sends one JSON text message while connected; dropped otherwise.
@@ -42,21 +48,21 @@ public:
     QString lastFailure() const { return m_lastFailure; }
     /// True after the control room said another computer took this agent number.
     bool replaced() const { return m_replaced; }
-    /// Incremented on every connect() and disconnect().
+    /// Incremented on every open() and close().
     qint64 generation() const { return m_generation; }
-    /// The URL connect() would open now (empty when it cannot be built).
-    static QUrl linkURL();
+    /// The URL open() would open now (empty when it cannot be built).
+    QUrl linkURL() const;
 
     /// Delay before an automatic reconnection, in milliseconds (2000).
     static constexpr int kRetryMs = 2000;
     /// The delay in use; tests shorten it.
     int retryMs = kRetryMs;
     /// First byte of a binary frame: live microphone audio.
-    static constexpr quint8 kMicSource = 0;
+    static constexpr quint8 kMicSource = Protocol::Frame::micAudio;
     /// First byte of a binary frame: live computer audio.
-    static constexpr quint8 kComputerAudioSource = 1;
+    static constexpr quint8 kComputerAudioSource = Protocol::Frame::computerAudio;
     /// First byte of a binary frame: a preview JPEG.
-    static constexpr quint8 kPreviewFrame = 2;
+    static constexpr quint8 kPreviewFrame = Protocol::Frame::preview;
     /// Largest incoming message accepted; larger ones make the socket close.
     static constexpr qint64 kMaxMessageBytes = 8 * 1024 * 1024;
 
@@ -74,9 +80,12 @@ private:
     void sendText(const QByteArray &text);
     void sendFrame(quint8 kind, const QByteArray &payload);
 
+    const Settings &m_settings;
+    const BuildInfo &m_build;
     QWebSocket *m_socket = nullptr;
     qint64 m_generation = 0;
     std::atomic<bool> m_connected{false}; // read by capture threads before they forward a frame
     bool m_replaced = false;
-    QString m_lastFailure; // the failure to open last logged; cleared when a link opens
+    QString m_lastFailure; // why the link last failed to open; cleared when a link opens
+    LogOnce m_failureLog;  // retries every 2 s meet the same refusal: logged once until it changes
 };

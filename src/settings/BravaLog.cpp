@@ -1,6 +1,6 @@
 #include "BravaLog.h"
 
-#include "Config.h"
+#include "DataFolder.h"
 
 #include <QDateTime>
 
@@ -36,7 +36,7 @@ QString bravaLogLine(const QString &message, const QDateTime &utc)
 void bravaLog(const QString &message)
 {
     const QByteArray bytes = (bravaLogLine(message, QDateTime::currentDateTimeUtc()) + QLatin1Char('\n')).toUtf8();
-    const QByteArray path = QString(Config::dataDir() + QStringLiteral("/log.txt")).toLocal8Bit();
+    const QByteArray path = QString(DataFolder::dataDir() + QStringLiteral("/log.txt")).toLocal8Bit();
     // O_APPEND makes each line land whole at the end, even with writers in other threads.
     const int fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0)

@@ -1,7 +1,7 @@
 #include "OrphanRecovery.h"
 
 #include "BravaLog.h"
-#include "Config.h"
+#include "SessionFolder.h"
 #include "SegmentName.h"
 #include "SegmentSalvage.h"
 
@@ -41,7 +41,7 @@ QList<OrphanRecovery::Found> OrphanRecovery::run() const
     for (const QFileInfo &folder : entries(m_writing)) {
         if (folder.fileName().startsWith(QLatin1Char('.')) || !folder.isDir())
             continue;
-        found += runFolder(folder.filePath(), Config::sessionOfFolder(folder.filePath()));
+        found += runFolder(folder.filePath(), SessionFolder::sessionOf(folder.filePath()));
     }
     return found;
 }

@@ -1,5 +1,7 @@
 #include "SegmentName.h"
 
+#include "Protocol.h"
+
 namespace {
 
 const QStringList &knownTracks()
@@ -53,12 +55,12 @@ std::optional<SegmentName> SegmentName::parse(const QString &fileName)
 QList<QPair<QString, QString>> SegmentName::queryItems(int agentID, const QString &session) const
 {
     return {
-        {QStringLiteral("id"), QString::number(agentID)},
-        {QStringLiteral("session"), session},
-        {QStringLiteral("track"), track},
-        {QStringLiteral("take"), take},
-        {QStringLiteral("idx"), QString::number(index)},
-        {QStringLiteral("final"), final ? QStringLiteral("1") : QStringLiteral("0")},
-        {QStringLiteral("ext"), ext},
+        {QLatin1String(Protocol::UploadQuery::id), QString::number(agentID)},
+        {QLatin1String(Protocol::UploadQuery::session), session},
+        {QLatin1String(Protocol::UploadQuery::track), track},
+        {QLatin1String(Protocol::UploadQuery::take), take},
+        {QLatin1String(Protocol::UploadQuery::index), QString::number(index)},
+        {QLatin1String(Protocol::UploadQuery::final), final ? QStringLiteral("1") : QStringLiteral("0")},
+        {QLatin1String(Protocol::UploadQuery::ext), ext},
     };
 }

@@ -1,7 +1,10 @@
 #include "Uploader.h"
 
 #include "BravaLog.h"
-#include "Config.h"
+#include "DataFolder.h"
+#include "Protocol.h"
+#include "SessionFolder.h"
+#include "Settings.h"
 #include "OrphanRecovery.h"
 #include "QueryString.h"
 #include "SegmentName.h"
@@ -33,8 +36,9 @@ bool isHidden(const QFileInfo &info)
 
 } // namespace
 
-Uploader::Uploader(QObject *parent)
+Uploader::Uploader(const Settings &settings, QObject *parent)
     : QObject(parent)
+    , m_settings(settings)
 {
 }
 
@@ -56,9 +60,9 @@ void Uploader::start()
 void Uploader::enqueue(const QString &file, const QString &session)
 {
     // A session too long for a folder name gets a shortened one, with the full text kept inside.
-    QString folder = Config::makeSessionFolder(Config::dir(QStringLiteral("pending")), session);
+    QString folder = SessionFolder::make(DataFolder::dir(QStringLiteral("pending")), session);
     if (folder.isEmpty())
-        folder = Config::dir(QStringLiteral("pending")) + QLatin1Char('/') + Config::sessionFolder(session);
+        folder = DataFolder::dir(QStringLiteral("pending")) + QLatin1Char('/') + SessionFolder::name(session);
     // A move that fails leaves the file where it was; from writing/ the next launch recovers it.
     QFile::rename(file, folder + QLatin1Char('/') + QFileInfo(file).fileName());
     QPointer<Uploader> self(this);
@@ -76,7 +80,7 @@ QList<Uploader::PendingFile> Uploader::pendingFiles(const QString &pendingDir)
             continue;
         for (const QFileInfo &file : entries(session.filePath()))
             if (SegmentName::isMedia(file.fileName()))
-                files.append({file.filePath(), Config::sessionOfFolder(session.filePath())});
+                files.append({file.filePath(), SessionFolder::sessionOf(session.filePath())});
     }
     std::stable_sort(files.begin(), files.end(), [](const PendingFile &a, const PendingFile &b) {
         return QFileInfo(a.path).fileName() < QFileInfo(b.path).fileName();
@@ -87,7 +91,7 @@ QList<Uploader::PendingFile> Uploader::pendingFiles(const QString &pendingDir)
 void Uploader::tick()
 {
     Q_ASSERT(QThread::currentThread() == thread());
-    const QList<PendingFile> files = pendingFiles(Config::dir(QStringLiteral("pending")));
+    const QList<PendingFile> files = pendingFiles(DataFolder::dir(QStringLiteral("pending")));
     m_pendingCount = int(files.size());
     if (m_busy || files.isEmpty())
         return;
@@ -103,7 +107,7 @@ void Uploader::setAside(const PendingFile &file)
 {
     // A name already set aside earlier gets a number, so the odd file never blocks the queue.
     const QString name = QFileInfo(file.path).fileName();
-    if (OrphanRecovery::setAside(file.path, Config::dir(QStringLiteral("unrecognized"))))
+    if (OrphanRecovery::setAside(file.path, DataFolder::dir(QStringLiteral("unrecognized"))))
         bravaLog(QStringLiteral("upload: ") + name + QStringLiteral(" is not a segment name; kept in unrecognized/"));
     else
         fail(Fault::SetAside, QStringLiteral("could not set aside ") + name);
@@ -114,8 +118,8 @@ void Uploader::upload(const PendingFile &file)
     const QString fileName = QFileInfo(file.path).fileName();
     const std::optional<SegmentName> name = SegmentName::parse(fileName);
     Q_ASSERT(name);
-    const QUrl url = QueryString::at(QStringLiteral("http"), Config::server(), QStringLiteral("/upload"),
-                                     name->queryItems(Config::agentID(), file.session));
+    const QUrl url = QueryString::at(QStringLiteral("http"), m_settings.server(), QLatin1String(Protocol::Path::upload),
+                                     name->queryItems(m_settings.agentID(), file.session));
     if (!url.isValid()) {
         // No usable control-room address: the file waits until the setting is fixed.
         fail(Fault::NoAddress, QStringLiteral("no valid control-room address"));
@@ -165,8 +169,8 @@ void Uploader::recoverOrphans()
 {
     // Runs before the recorder has begun a take, under the data folder's lock, so every folder in
     // writing/ is left over from a run that ended.
-    const QString writing = Config::dir(QStringLiteral("writing"));
-    for (const OrphanRecovery::Found &found : OrphanRecovery(writing, Config::dir(QStringLiteral("unrecognized"))).run())
+    const QString writing = DataFolder::dir(QStringLiteral("writing"));
+    for (const OrphanRecovery::Found &found : OrphanRecovery(writing, DataFolder::dir(QStringLiteral("unrecognized"))).run())
         enqueue(found.path, found.session);
     for (const QFileInfo &folder : entries(writing)) {
         if (isHidden(folder) || !folder.isDir())

@@ -9,6 +9,7 @@
 #include <functional>
 
 class QTimer;
+class Settings;
 
 // Sends every finished segment file to the control room, one at a time, oldest name first. The
 // disk is the queue: a file waits in pending/<session>/ until the control room has answered 200,
@@ -36,8 +37,9 @@ public:
         SetAside,   ///< a file with an unknown name could not be moved to unrecognized/
     };
 
-    /// A queue that posts each file on a connection of its own (SegmentPost).
-    explicit Uploader(QObject *parent = nullptr);
+    /// A queue that posts each file on a connection of its own (SegmentPost) to the control room
+    /// and as the agent the settings name.
+    explicit Uploader(const Settings &settings, QObject *parent = nullptr);
     ~Uploader() override;
 
     /// Recovers orphans from writing/, then ticks every tickIntervalMs and once at once; later calls do nothing.
@@ -71,6 +73,7 @@ private:
     void finished(const SegmentPost::Outcome &outcome, const QString &path);
     void fail(Fault fault, const QString &text);
 
+    const Settings &m_settings;
     Fault m_fault = Fault::None;
     QTimer *m_timer = nullptr;
     bool m_busy = false;

@@ -1,6 +1,7 @@
 #include "CheckIn.h"
 
-#include "Config.h"
+#include "BuildInfo.h"
+#include "Settings.h"
 #include "OrderedJson.h"
 #include "WebSession.h"
 
@@ -21,9 +22,12 @@ const char *word(bool value)
 
 } // namespace
 
-CheckIn::CheckIn(QNetworkAccessManager &net, std::function<Flags()> permissions, ClockMs clock, QObject *parent)
+CheckIn::CheckIn(QNetworkAccessManager &net, const Settings &settings, const BuildInfo &build,
+                 std::function<Flags()> permissions, ClockMs clock, QObject *parent)
     : QObject(parent)
     , m_net(net)
+    , m_settings(settings)
+    , m_build(build)
     , m_permissions(std::move(permissions))
     , m_clock(std::move(clock))
 {
@@ -38,14 +42,14 @@ qint64 CheckIn::now() const
     return m_clock ? m_clock() : m_monotonic.elapsed();
 }
 
-QUrl CheckIn::url()
+QUrl CheckIn::url() const
 {
-    return WebSession::endpoint(QStringLiteral("/wp-json/brava/v1/checkin"));
+    return WebSession::endpoint(m_build, QStringLiteral("/wp-json/brava/v1/checkin"));
 }
 
-QUrl CheckIn::verifyURL()
+QUrl CheckIn::verifyURL(const BuildInfo &build)
 {
-    return WebSession::endpoint(QStringLiteral("/wp-json/brava/v1/verify"));
+    return WebSession::endpoint(build, QStringLiteral("/wp-json/brava/v1/verify"));
 }
 
 void CheckIn::start(int intervalMs)
@@ -69,14 +73,14 @@ QString CheckIn::fingerprint(const Flags &flags)
     return QString::fromLatin1(word(flags.mic)) + QLatin1String(word(flags.cam)) + QLatin1String(word(flags.screen));
 }
 
-QByteArray CheckIn::body(const Flags &flags)
+QByteArray CheckIn::body(const Flags &flags) const
 {
     OrderedJson json;
     json.insert(QStringLiteral("token"), QString::fromLatin1(token))
-        .insert(QStringLiteral("agent"), Config::agentID())
-        .insert(QStringLiteral("name"), Config::agentName())
+        .insert(QStringLiteral("agent"), m_settings.agentID())
+        .insert(QStringLiteral("name"), m_settings.agentName())
         .insert(QStringLiteral("os"), QStringLiteral("linux"))
-        .insert(QStringLiteral("version"), Config::version())
+        .insert(QStringLiteral("version"), m_build.version())
         .insert(QStringLiteral("mic"), flags.mic)
         .insert(QStringLiteral("cam"), flags.cam)
         .insert(QStringLiteral("screen"), flags.screen);
@@ -86,7 +90,7 @@ QByteArray CheckIn::body(const Flags &flags)
 void CheckIn::poke(bool force)
 {
     Q_ASSERT(QThread::currentThread() == thread());
-    if (!Config::serverLocked() || Config::agentID() < 1 || !Config::setupDone())
+    if (!m_build.serverLocked() || m_settings.agentID() < 1 || !m_settings.setupDone())
         return;
     const QUrl target = url();
     if (!target.isValid())

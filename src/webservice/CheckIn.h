@@ -9,7 +9,9 @@
 #include <functional>
 #include <optional>
 
+class BuildInfo;
 class QNetworkAccessManager;
+class Settings;
 class QTimer;
 
 // Tells the event web service which agents are set up and which capture permissions their
@@ -34,15 +36,16 @@ public:
     /// A check-in is sent only when strictly more than this has passed since the last one.
     static constexpr qint64 kMinSpacingMs = 3000;
 
-    /// Posts over `net`, reporting what `permissions` says, timed by `clock` (a monotonic one when empty).
-    CheckIn(QNetworkAccessManager &net, std::function<Flags()> permissions, ClockMs clock = {},
-            QObject *parent = nullptr);
+    /// Posts over `net` for the settings' agent on this build, reporting what `permissions` says,
+    /// timed by `clock` (a monotonic one when empty).
+    CheckIn(QNetworkAccessManager &net, const Settings &settings, const BuildInfo &build,
+            std::function<Flags()> permissions, ClockMs clock = {}, QObject *parent = nullptr);
     ~CheckIn() override;
 
     /// The check-in endpoint; empty without an event web service.
-    static QUrl url();
+    QUrl url() const;
     /// The agent verification endpoint; empty without an event web service.
-    static QUrl verifyURL();
+    static QUrl verifyURL(const BuildInfo &build);
 
     /// Starts the repeating forced check-in (every intervalMs, default 60 s).
     void start(int intervalMs = 60000);
@@ -54,12 +57,14 @@ public:
     /// The permission fingerprint: "true"/"false" for mic, cam and screen, joined with nothing.
     static QString fingerprint(const Flags &flags);
     /// The JSON body of a check-in for these permissions and the current settings.
-    static QByteArray body(const Flags &flags);
+    QByteArray body(const Flags &flags) const;
 
 private:
     qint64 now() const;
 
     QNetworkAccessManager &m_net;
+    const Settings &m_settings;
+    const BuildInfo &m_build;
     std::function<Flags()> m_permissions;
     ClockMs m_clock;
     QElapsedTimer m_monotonic;

@@ -19,9 +19,10 @@ constexpr int kTimeoutMs = 12000;
 
 } // namespace
 
-MentorRoster::MentorRoster(QNetworkAccessManager &net, QObject *parent)
+MentorRoster::MentorRoster(QNetworkAccessManager &net, const BuildInfo &build, QObject *parent)
     : QObject(parent)
     , m_net(net)
+    , m_build(build)
 {
 }
 
@@ -47,7 +48,7 @@ void MentorRoster::fetch()
     Q_ASSERT(QThread::currentThread() == thread());
     if (m_fetching)
         return;
-    const QUrl url = WebSession::endpoint(QStringLiteral("/wp-json/brava/v1/mentors"),
+    const QUrl url = WebSession::endpoint(m_build, QStringLiteral("/wp-json/brava/v1/mentors"),
                                           {{QStringLiteral("t"), QString::number(QDateTime::currentSecsSinceEpoch())}});
     if (!url.isValid())
         return;

@@ -7,6 +7,7 @@
 
 #include <optional>
 
+class BuildInfo;
 class QNetworkAccessManager;
 class QNetworkReply;
 
@@ -21,7 +22,8 @@ public:
     enum class Fault { None, NoAnswer, NotAnObject };
 
     /// A roster fetched over `net`.
-    explicit MentorRoster(QNetworkAccessManager &net, QObject *parent = nullptr);
+    /// A roster fetched over `net` from this build's event web service.
+    MentorRoster(QNetworkAccessManager &net, const BuildInfo &build, QObject *parent = nullptr);
 
     /// Starts one download of the roster unless one is in flight; returns at once.
     void fetch();
@@ -44,6 +46,7 @@ private:
     void finished(QNetworkReply *reply);
 
     QNetworkAccessManager &m_net;
+    const BuildInfo &m_build;
     QMap<int, QString> m_map;
     bool m_fetching = false;
     Fault m_fault = Fault::None;

@@ -2,14 +2,17 @@
 
 #include "BravaLog.h"
 #include "CheckIn.h"
-#include "Config.h"
+#include "BuildInfo.h"
 #include "Connection.h"
 #include "Permissions.h"
 #include "Recorder.h"
 #include "RoomDiscovery.h"
+#include "Settings.h"
 #include "StrictInt.h"
+#include "TextTools.h"
 
 #include <QFile>
+#include <QMetaEnum>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QNetworkAccessManager>
@@ -41,16 +44,17 @@ WizardModel::WizardModel(Parts parts, QObject *parent)
     , m_conn(parts.connection)
     , m_discovery(parts.discovery)
     , m_net(parts.net)
+    , m_settings(parts.settings)
+    , m_build(parts.build)
 {
-    m_step = qBound(0, Config::wizardStep(), int(Done));
-    m_furthest = qBound(m_step, Config::wizardFurthest(), int(Done));
-    const int id = Config::agentID();
+    m_step = SetupStep::clamp(m_settings.wizardStep());
+    m_furthest = qBound(m_step, m_settings.wizardFurthest(), int(SetupStep::Done));
+    const int id = m_settings.agentID();
     m_agentText = id >= 1 ? QString::number(id) : QString();
-    m_nameText = Config::agentName();
-    m_server = Config::server();
-    m_micUID = Config::micUID();
-    m_camUID = Config::camUID();
-    m_hasCamera = m_rec.hasCamera();
+    m_nameText = m_settings.agentName();
+    m_server = m_settings.server();
+    m_micUID = m_settings.micUID();
+    m_camUID = m_settings.camUID();
     // Inside a Flatpak sandbox the portal decides, and the repair texts differ.
     m_sandboxed = QFile::exists(QStringLiteral("/.flatpak-info"));
     readDevices();
@@ -71,8 +75,11 @@ WizardModel::~WizardModel()
 
 QStringList WizardModel::stepNames()
 {
-    return {QStringLiteral("Welcome"), QStringLiteral("Number"), QStringLiteral("Mic"), QStringLiteral("Audio"),
-            QStringLiteral("Camera"),  QStringLiteral("Test"),   QStringLiteral("Done")};
+    const QMetaEnum steps = QMetaEnum::fromType<SetupStep::Step>();
+    QStringList names;
+    for (int i = 0; i < steps.keyCount(); ++i)
+        names.append(QLatin1String(steps.key(i)));
+    return names;
 }
 
 QString WizardModel::unreachableText()
@@ -92,19 +99,19 @@ std::optional<int> WizardModel::parseAgentID(const QString &text)
 
 bool WizardModel::serverLocked() const
 {
-    return Config::serverLocked();
+    return m_build.serverLocked();
 }
 
 void WizardModel::setStep(int step)
 {
-    Q_ASSERT(step >= 0 && step <= Done);
+    Q_ASSERT(step >= SetupStep::Welcome && step <= SetupStep::Done);
     const int previous = m_step;
     m_step = step;
-    Config::setWizardStep(step);
+    m_settings.setWizardStep(step);
     if (m_furthest < step)
         setFurthest(step);
     // Tied to leaving the camera step on purpose: leaving the sound check keeps its run going.
-    if (previous == Camera && step != Camera && m_testing) {
+    if (previous == SetupStep::Camera && step != SetupStep::Camera && m_testing) {
         setTesting(false);
         m_rec.stop(nullptr);
     }
@@ -116,7 +123,7 @@ void WizardModel::setStep(int step)
 void WizardModel::setFurthest(int furthest)
 {
     m_furthest = furthest;
-    Config::setWizardFurthest(furthest);
+    m_settings.setWizardFurthest(furthest);
     Q_EMIT furthestChanged();
 }
 
@@ -236,8 +243,8 @@ void WizardModel::askScreen()
 
 void WizardModel::relaunch(int step)
 {
-    Q_ASSERT(step >= 0 && step <= Done);
-    Config::setWizardStep(step);
+    Q_ASSERT(step >= SetupStep::Welcome && step <= SetupStep::Done);
+    m_settings.setWizardStep(step);
     bravaLog(QStringLiteral("setup restarts the agent at step %1").arg(step));
     if (onRelaunch)
         onRelaunch();
@@ -251,13 +258,14 @@ void WizardModel::readDevices()
         return;
     m_mics = mics;
     m_cams = cams;
+    m_hasCamera = !cams.isEmpty(); // a camera plugged in during setup is offered
     Q_EMIT devicesChanged();
 }
 
 void WizardModel::selectMic(const QString &uid)
 {
     m_micUID = uid;
-    Config::setMicUID(uid);
+    m_settings.setMicUID(uid);
     Q_EMIT devicesChanged();
     m_rec.restartMic();
 }
@@ -265,7 +273,7 @@ void WizardModel::selectMic(const QString &uid)
 void WizardModel::selectCamera(const QString &uid)
 {
     m_camUID = uid;
-    Config::setCamUID(uid);
+    m_settings.setCamUID(uid);
     Q_EMIT devicesChanged();
     m_rec.restartCamera();
 }
@@ -304,10 +312,10 @@ void WizardModel::setVerify(bool verifying, std::optional<QString> error)
 
 void WizardModel::verifyAndSave()
 {
-    const QString name = Config::trimSpacesAndTabs(m_nameText);
+    const QString name = TextTools::trimSpacesAndTabs(m_nameText);
     if (!agentID() || name.isEmpty() || m_verifying)
         return;
-    if (!Config::serverLocked()) {
+    if (!m_build.serverLocked()) {
         setVerify(false, std::nullopt);
         saveAgent();
         return;
@@ -316,7 +324,7 @@ void WizardModel::verifyAndSave()
     const QJsonObject body{{QStringLiteral("token"), QString::fromLatin1(CheckIn::token)},
                            {QStringLiteral("name"), name},
                            {QStringLiteral("number"), *agentID()}};
-    QNetworkRequest request(CheckIn::verifyURL());
+    QNetworkRequest request(CheckIn::verifyURL(m_build));
     request.setHeader(QNetworkRequest::ContentTypeHeader, QByteArrayLiteral("application/json"));
     request.setTransferTimeout(verifyTimeoutMs);
     m_reply = m_net.post(request, QJsonDocument(body).toJson(QJsonDocument::Compact));
@@ -342,7 +350,7 @@ void WizardModel::verified(QNetworkReply *reply)
     const QJsonObject answer = doc.object();
     if (answer.value(QStringLiteral("ok")) == QJsonValue(true)) {
         const QJsonValue name = answer.value(QStringLiteral("name"));
-        if (name.isString() && !Config::trimSpacesAndTabs(name.toString()).isEmpty())
+        if (name.isString() && !TextTools::trimSpacesAndTabs(name.toString()).isEmpty())
             setNameText(bounded(name.toString()));
         setVerify(false, std::nullopt);
         saveAgent();
@@ -359,11 +367,11 @@ void WizardModel::saveAgent()
     const std::optional<int> id = agentID();
     if (!id)
         return;
-    Config::setAgentID(*id);
-    Config::setAgentName(m_nameText);
-    Config::setServer(m_server);
-    m_conn.connect();
-    setStep(Mic);
+    m_settings.setAgentID(*id);
+    m_settings.setAgentName(m_nameText);
+    m_settings.setServer(m_server);
+    m_conn.open();
+    setStep(SetupStep::Mic);
 }
 
 void WizardModel::startTest()
@@ -374,7 +382,7 @@ void WizardModel::startTest()
     m_micHeard = false;
     m_sysHeard = false;
     Q_EMIT tickChanged();
-    m_rec.start(std::nullopt, nullptr);
+    m_rec.start(std::nullopt, WriterSetup{}, nullptr); // a sound check writes nothing
 }
 
 void WizardModel::finish()

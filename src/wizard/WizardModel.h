@@ -1,5 +1,7 @@
 #pragma once
 
+#include "SetupStep.h"
+
 #include <QObject>
 #include <QPointer>
 #include <QString>
@@ -9,12 +11,14 @@
 #include <functional>
 #include <optional>
 
+class BuildInfo;
 class Connection;
 class Permissions;
 class QNetworkAccessManager;
 class QNetworkReply;
 class Recorder;
 class RoomDiscovery;
+class Settings;
 
 // The state behind the setup wizard: seven steps (consent, identity, microphone, computer audio,
 // webcam, sound check, done), the capture permissions as this computer grants them, the agent's
@@ -50,7 +54,7 @@ class WizardModel : public QObject
     Q_PROPERTY(bool verifying READ verifying NOTIFY verifyChanged)
     Q_PROPERTY(QString verifyError READ verifyErrorText NOTIFY verifyChanged)
     Q_PROPERTY(bool hasVerifyError READ hasVerifyError NOTIFY verifyChanged)
-    Q_PROPERTY(bool hasCamera READ hasCamera CONSTANT)
+    Q_PROPERTY(bool hasCamera READ hasCamera NOTIFY devicesChanged)
     Q_PROPERTY(bool serverLocked READ serverLocked CONSTANT)
     Q_PROPERTY(bool sandboxed READ sandboxed CONSTANT)
     Q_PROPERTY(QStringList stepNames READ stepNames CONSTANT)
@@ -67,6 +71,8 @@ public:
         Connection &connection;
         RoomDiscovery &discovery;
         QNetworkAccessManager &net;
+        Settings &settings;
+        const BuildInfo &build;
     };
 
     /// A model that starts where the agent left setup (settings wizardStep, wizardFurthest,
@@ -77,8 +83,8 @@ public:
 
     /// The step names, in step order.
     static QStringList stepNames();
-    /// Step indices.
-    enum Step { Welcome = 0, Number = 1, Mic = 2, Audio = 3, Camera = 4, Test = 5, Done = 6 };
+    /// The steps (SetupStep::Welcome … SetupStep::Done).
+    using Step = SetupStep::Step;
     /// A microphone level above this counts as heard during the sound check.
     static constexpr float kMicHeard = 0.01f;
     /// A computer-audio level above this counts as heard during the sound check.
@@ -210,6 +216,8 @@ private:
     Connection &m_conn;
     RoomDiscovery &m_discovery;
     QNetworkAccessManager &m_net;
+    Settings &m_settings;
+    const BuildInfo &m_build;
 
     int m_step = 0;
     int m_furthest = 0;

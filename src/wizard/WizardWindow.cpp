@@ -3,12 +3,21 @@
 #include "BravaLog.h"
 #include "WizardModel.h"
 
+#include <QQmlEngine>
 #include <QQmlError>
 #include <QUrl>
+
+#include <mutex>
 
 WizardWindow::WizardWindow(WizardModel &model, QWindow *parent)
     : QQuickView(parent)
 {
+    // The screens name the steps as SetupStep.Camera and so on.
+    static std::once_flag steps;
+    std::call_once(steps, [] {
+        qmlRegisterUncreatableMetaObject(SetupStep::staticMetaObject, "Brava.Setup", 1, 0, "SetupStep",
+                                         QStringLiteral("SetupStep only names the steps"));
+    });
     setTitle(QStringLiteral("Vantorra Recorder Setup"));
     setResizeMode(QQuickView::SizeRootObjectToView);
     setInitialProperties({{QStringLiteral("wizard"), QVariant::fromValue<QObject *>(&model)}});

@@ -2,7 +2,7 @@
 #include "HttpStub.h"
 #include "ManualClock.h"
 #include "OrderedJson.h"
-#include "Config.h"
+#include "DataFolder.h"
 #include "Reconciler.h"
 #include "SyntheticAudioBackend.h"
 #include "TrayView.h"
@@ -122,17 +122,17 @@ private Q_SLOTS:
     void argumentsOfTheWrongTypeCountAsAbsent()
     {
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
-        Config::setUploadQuality(QStringLiteral("low"));
+        home.settings().setUploadQuality(QStringLiteral("low"));
         f->room.send(J{{"type", "quality"}});
-        QTRY_COMPARE(Config::uploadQuality(), QStringLiteral("full"));
+        QTRY_COMPARE(home.settings().uploadQuality(), QStringLiteral("full"));
         QTRY_COMPARE(home.log().count(QStringLiteral("upload quality set to full")), 1);
         rec().setPreviewCamUID(QStringLiteral("cam-x"));
         for (const J &c : {J{{"type", "listen"}, {"on", "yes"}}, J{{"type", "start"}, {"session", 42}}, J{{"type", "setCam"}}})
             QVERIFY(f->command(c));
         QVERIFY(!wishes().wantListen && !wishes().desiredSession && rec().previewCamUID().isEmpty());
-        Config::setMicUID(QStringLiteral("keep"));
-        QVERIFY(f->command(J{{"type", "setMic"}, {"uid", 3}}) && Config::micUID() == QStringLiteral("keep"));
-        QVERIFY(f->command(J{{"type", "setMic"}, {"uid", "usb-mic"}}) && Config::micUID() == QStringLiteral("usb-mic"));
+        home.settings().setMicUID(QStringLiteral("keep"));
+        QVERIFY(f->command(J{{"type", "setMic"}, {"uid", 3}}) && home.settings().micUID() == QStringLiteral("keep"));
+        QVERIFY(f->command(J{{"type", "setMic"}, {"uid", "usb-mic"}}) && home.settings().micUID() == QStringLiteral("usb-mic"));
 
         // Junk and unknown commands change nothing and log nothing; the link stays up.
         const int lines = int(home.log().count(QLatin1Char('\n'))), markers = f->markers;
@@ -177,7 +177,7 @@ private Q_SLOTS:
     void takeSegmentsReachTheRoomsUpload()
     {
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "take-2"}}));
-        const QString writing = Config::dir(QStringLiteral("writing/take-2"));
+        const QString writing = DataFolder::dir(QStringLiteral("writing/take-2"));
         QTRY_VERIFY_WITH_TIMEOUT(QDir(writing).entryList(QDir::Files).size() >= 2, 5000);
         QVERIFY(heartbeats(2));
         QVERIFY(f->command(J{{"type", "stop"}}));
@@ -197,7 +197,7 @@ private Q_SLOTS:
     {
         f->room.goDown();
         QTRY_VERIFY(!f->app->connection().connected());
-        const QString folder = Config::dir(QStringLiteral("writing/show-1"));
+        const QString folder = DataFolder::dir(QStringLiteral("writing/show-1"));
         for (const char *name : {"sys_1700000000001_00000.m4a", "sys_1700000000001_00001.m4a", "mic_1700000000001_00002.m4a",
                                  "sys_1700000000001_00003_final.m4a"}) {
             QFile file(folder + QLatin1Char('/') + QLatin1String(name));
@@ -224,15 +224,15 @@ private Q_SLOTS:
         f->room.dropAgents();
         QTRY_VERIFY(!f->app->connection().connected());
         QTest::qWait(3 * f->app->connection().retryMs);
-        QVERIFY(f->room.urls.size() == 1 && Config::agentID() == 7);
+        QVERIFY(f->room.urls.size() == 1 && home.settings().agentID() == 7);
     }
 
     void releaseFreesTheNumberAtOnce()
     {
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "s5"}}));
         f->room.send(J{{"type", "release"}});
-        QTRY_COMPARE(Config::agentID(), 0);
-        QVERIFY(!Config::setupDone() && !f->app->connection().connected() && !wishes().desiredSession && f->app->wizardOpen());
+        QTRY_COMPARE(home.settings().agentID(), 0);
+        QVERIFY(!home.settings().setupDone() && !f->app->connection().connected() && !wishes().desiredSession && f->app->wizardOpen());
         QTRY_VERIFY(!rec().running());
         // Without setup, wishes are kept but not carried out; and the link stays down.
         f->app->commands().handle(J{{"type", "start"}, {"session", "late"}});
@@ -271,12 +271,12 @@ private Q_SLOTS:
             {J{{"type", "setMic"}, {"uid", longer(Commands::kMaxUid)}}, QStringLiteral("setMic: \"uid\"")},
             {J{{"type", "setCam"}, {"uid", longer(Commands::kMaxUid)}}, QStringLiteral("setCam: \"uid\"")},
             {J{{"type", "quality"}, {"q", longer(Commands::kMaxQuality)}}, QStringLiteral("quality: \"q\"")}};
-        Config::setMicUID(QStringLiteral("keep"));
+        home.settings().setMicUID(QStringLiteral("keep"));
         for (const auto &[command, line] : commands) {
             QVERIFY(f->command(command));
             QVERIFY2(home.log().count(QStringLiteral("command ") + line + QStringLiteral(" of ")) == 1, qPrintable(line));
         }
-        QVERIFY(!wishes().desiredSession && Config::micUID() == QStringLiteral("keep") && rec().previewCamUID().isEmpty());
+        QVERIFY(!wishes().desiredSession && home.settings().micUID() == QStringLiteral("keep") && rec().previewCamUID().isEmpty());
         QVERIFY(!home.log().contains(QStringLiteral("upload quality set to w")));
         QVERIFY(f->command(J{{"type", "whisper"}, {"text", QString(Commands::kMaxWhisper, QLatin1Char('w'))}}));
         QCOMPARE(home.log().count(QStringLiteral("command whisper")), 1); // at the limit: taken
@@ -296,18 +296,18 @@ private Q_SLOTS:
         // A connect() during the retry wait makes one socket.
         f->room.dropAgents();
         QTRY_VERIFY(!conn.connected());
-        conn.connect();
+        conn.open();
         QTRY_VERIFY(conn.connected() && f->room.agentCount() == 1);
         // Without a number or a usable address no socket is made, not even by a retry, and sends are dropped.
-        Config::setAgentID(0);
-        conn.connect();
+        home.settings().setAgentID(0);
+        conn.open();
         QTRY_COMPARE(f->room.agentCount(), 0);
-        Config::setAgentID(7);
+        home.settings().setAgentID(7);
         // A room that keeps refusing the link is logged once, not at every retry.
         const qint64 generation = conn.generation();
         for (const char *server : {"not a host:xx", "", "127.0.0.1:1"}) {
-            Config::setServer(QString::fromLatin1(server));
-            conn.connect();
+            home.settings().setServer(QString::fromLatin1(server));
+            conn.open();
         }
         conn.sendPreview("early");
         QTest::qWait(3 * conn.retryMs);
@@ -351,11 +351,11 @@ private Q_SLOTS:
         QVERIFY(f->app->wizardModel() && f->app->wizardModel()->step() == 2);
         QTRY_VERIFY(f->app->wizardModel()->micDenied());
         // Closed, it lets the control room start a take; the refusal the take finds brings it back.
-        Config::setWizardStep(0);
+        home.settings().setWizardStep(0);
         f->app->wizardWindow()->close();
         QTRY_VERIFY(!f->app->wizardModel());
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "s6"}}));
-        QVERIFY(rec().blocked() == Recorder::Blocked::Microphone && Config::wizardStep() == 2);
+        QVERIFY(rec().blocked() == Recorder::Blocked::Microphone && home.settings().wizardStep() == SetupStep::Mic);
         QVERIFY(f->app->wizardOpen() && f->app->wizardModel()->step() == 2);
     }
 
@@ -365,7 +365,7 @@ private Q_SLOTS:
         f->cameras.setRefused(true);
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
         QTRY_VERIFY(f->app->wizardOpen() && f->app->wizardModel()->step() == 4);
-        QVERIFY(f->app->wizardModel()->camDenied() && Config::wizardStep() == 4);
+        QVERIFY(f->app->wizardModel()->camDenied() && home.settings().wizardStep() == SetupStep::Camera);
     }
 };
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "CameraBackend.h"
-#include "Config.h"
+#include "DataFolder.h"
 #include "ManualClock.h"
 #include "Recorder.h"
 #include "SerialQueue.h"
@@ -94,6 +94,7 @@ struct RecorderFixture {
         cameras = std::make_unique<Cameras>(cameraCount);
         server = std::make_unique<Server>(*audio);
         rec = std::make_unique<Recorder>(*server, *cameras, *clock);
+        setup.writingDir = DataFolder::pathOf(QStringLiteral("writing"));
         rec->onSegmentDone = [this](const QString &path, const QString &s) { locked([&] { done.append({path, s}); }); };
         rec->onPreviewFrame = [this](const QByteArray &jpeg) { locked([&] { jpegs.append(jpeg); }); };
         rec->sources().schedule = [this](int ms, std::function<void()> action) {
@@ -102,6 +103,7 @@ struct RecorderFixture {
         };
     }
     ~RecorderFixture() { rec.reset(); }
+    WriterSetup setup; // what each take's writers are given
 
     bool waitFor(const std::function<void(std::function<void()>)> &call)
     {
@@ -109,7 +111,7 @@ struct RecorderFixture {
         call([&] { done = true; });
         return QTest::qWaitFor([&] { return done; }, 20000);
     }
-    bool start(const std::optional<QString> &s) { return waitFor([&](auto done) { rec->start(s, done); }); }
+    bool start(const std::optional<QString> &s) { return waitFor([&](auto done) { rec->start(s, setup, done); }); }
     bool stop() { return waitFor([&](auto done) { rec->stop(done); }); }
     QString take() const { return QString::number(rec->currentTake()); }
     QStringList doneNames(const QString &prefix = QString())
@@ -124,7 +126,7 @@ struct RecorderFixture {
     }
     static QString path(const QString &session, const QString &name)
     {
-        return Config::dir(QStringLiteral("writing")) + QLatin1Char('/') + session + QLatin1Char('/') + name;
+        return DataFolder::dir(QStringLiteral("writing")) + QLatin1Char('/') + session + QLatin1Char('/') + name;
     }
     void locked(const std::function<void()> &job)
     {

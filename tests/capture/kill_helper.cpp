@@ -10,7 +10,7 @@ int main(int argc, char **argv)
     RecorderFixture f(1, false);
     f.rec->setCamerasEnabled(true);
     std::unique_ptr<AudioFeed> feed;
-    f.rec->start(QStringLiteral("killed"), [&] {
+    f.rec->start(QStringLiteral("killed"), f.setup, [&] {
         feed = std::make_unique<AudioFeed>(*f.audio);
         std::printf("started %lld\n", static_cast<long long>(f.rec->currentTake()));
         std::fflush(stdout);

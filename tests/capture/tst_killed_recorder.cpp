@@ -1,4 +1,4 @@
-#include "Config.h"
+#include "DataFolder.h"
 #include "MediaProbe.h"
 #include "OrphanRecovery.h"
 #include "TestHome.h"
@@ -43,7 +43,7 @@ private Q_SLOTS:
         ::kill(pid_t(p.processId()), SIGKILL);
         const double seconds = double(ran.elapsed()) / 1000;
         QVERIFY(p.waitForFinished(5000));
-        const auto found = OrphanRecovery(Config::dir(QStringLiteral("writing")), Config::dir(QStringLiteral("unrecognized"))).run();
+        const auto found = OrphanRecovery(DataFolder::dir(QStringLiteral("writing")), DataFolder::dir(QStringLiteral("unrecognized"))).run();
         for (const QString track : {"mic", "sys", "cam"}) {
             double kept = 0;
             for (const OrphanRecovery::Found &file : found)

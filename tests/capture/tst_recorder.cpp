@@ -3,6 +3,7 @@
 #include "MediaProbe.h"
 #include "OrphanRecovery.h"
 #include "RecorderFixture.h"
+#include "SessionFolder.h"
 #include "TestHome.h"
 #include "Uploader.h"
 
@@ -71,13 +72,13 @@ private Q_SLOTS:
         f->feed({usb}, f->clock->nowNs(), 0.1);
         QCOMPARE(live.size(), 100);
         // Another microphone is taken without a new take; the built-in one as main leaves no room mic.
-        Config::setMicUID(laptop);
+        f->rec->setMicChoice(laptop);
         f->rec->restartMic();
         QCOMPARE(f->rec->roomName(), QString());
         QCOMPARE(f->audio->openChannels(usb), 0);
         QCOMPARE(f->audio->openChannels(laptop), 1);
         QVERIFY(f->stop());
-        QVERIFY(QDir(Config::dir(QStringLiteral("writing"))).isEmpty());
+        QVERIFY(QDir(DataFolder::dir(QStringLiteral("writing"))).isEmpty());
     }
 
     // Starting while running finishes the previous take first; the new one numbers from 00000.
@@ -218,7 +219,7 @@ private Q_SLOTS:
     // Every file queued reads. Needs the right to mount a tmpfs (CI runs as root).
     void fullDiskShowsAndRecovers()
     {
-        const QString writing = Config::dir(QStringLiteral("writing"));
+        const QString writing = DataFolder::dir(QStringLiteral("writing"));
         const auto mount = [&](const char *o) { return QProcess::execute("mount", {"-t", "tmpfs", "-o", o, "tmpfs", writing}) == 0; };
         if (!mount("size=300k"))
             QSKIP("no right to mount a tmpfs here");
@@ -246,13 +247,13 @@ private Q_SLOTS:
         QVERIFY(f->start(session));
         f->feed({usb, mon}, f->clock->nowNs(), 1);
         QVERIFY(f->stop() && !f->rec->lastError() && f->done.size() == 2);
-        QVERIFY(Config::sessionFolder(session + "s") != QFileInfo(QFileInfo(f->done[0].first).path()).fileName());
-        const auto found = OrphanRecovery(Config::dir(QStringLiteral("writing")), Config::dir(QStringLiteral("unrecognized"))).run();
+        QVERIFY(SessionFolder::name(session + "s") != QFileInfo(QFileInfo(f->done[0].first).path()).fileName());
+        const auto found = OrphanRecovery(DataFolder::dir(QStringLiteral("writing")), DataFolder::dir(QStringLiteral("unrecognized"))).run();
         QCOMPARE(found.value(0).session, session);
-        QVERIFY(QFile::rename(found[0].path, Config::makeSessionFolder(Config::dir(QStringLiteral("pending")), session) + "/mic_1_00000.m4a"));
-        QCOMPARE(Uploader::pendingFiles(Config::dir(QStringLiteral("pending"))).value(0).session, session);
+        QVERIFY(QFile::rename(found[0].path, SessionFolder::make(DataFolder::dir(QStringLiteral("pending")), session) + "/mic_1_00000.m4a"));
+        QCOMPARE(Uploader::pendingFiles(DataFolder::dir(QStringLiteral("pending"))).value(0).session, session);
         QVERIFY(!home.log().contains("\nline two") && home.log().contains("first\\x0aline two"));
-        QVERIFY(QFile(Config::dir(QStringLiteral("writing")) + "/blocked").open(QIODevice::WriteOnly) && f->start(QStringLiteral("blocked")));
+        QVERIFY(QFile(DataFolder::dir(QStringLiteral("writing")) + "/blocked").open(QIODevice::WriteOnly) && f->start(QStringLiteral("blocked")));
         f->feed({usb, mon}, f->clock->nowNs(), 0.5);
         QVERIFY(f->rec->lastError().value_or(QString()).startsWith("writer error"));
     }

@@ -1,5 +1,5 @@
 #include "AudioSignal.h"
-#include "Config.h"
+#include "DataFolder.h"
 #include "MediaProbe.h"
 #include "TestHome.h"
 #include "TestPattern.h"
@@ -45,6 +45,7 @@ class WriterTest : public QObject
     QStringList done;
 
     void attach(SegmentWriter &w) { w.onSegmentDone = [this](const QString &p) { done.append(p); }; }
+    static QString writing() { return DataFolder::pathOf(QStringLiteral("writing")); }
 
 private Q_SLOTS:
     void init()
@@ -70,9 +71,9 @@ private Q_SLOTS:
         QFETCH(QString, name);
         QFETCH(int, outChannels);
         QFETCH(int, bitRate);
-        Config::setUploadQuality(QStringLiteral("full"));
-        std::unique_ptr<SegmentWriter> w = channels ? std::unique_ptr<SegmentWriter>(new TrackWriter(name.left(3)))
-                                                    : std::make_unique<VideoWriter>(QStringLiteral("cam"));
+        const WriterSetup setup{writing(), bitRate};
+        std::unique_ptr<SegmentWriter> w = channels ? std::unique_ptr<SegmentWriter>(new TrackWriter(name.left(3), setup))
+                                                    : std::make_unique<VideoWriter>(QStringLiteral("cam"), setup);
         attach(*w);
         w->begin(QStringLiteral("S1"), 1);
         AudioSignal::Noise noise;
@@ -99,7 +100,7 @@ private Q_SLOTS:
     // segments roll over at their length without losing or repeating a sample; the last is "_final".
     void rollOverFromTheCommonStart()
     {
-        TrackWriter w(QStringLiteral("mic"), 2.0);
+        TrackWriter w(QStringLiteral("mic"), {writing(), 8000000, 2.0});
         attach(w);
         w.begin(QStringLiteral("S2"), 42);
         w.setOpenAt(MediaTime::fromNanoseconds(kBase + ns(4800)));
@@ -122,7 +123,7 @@ private Q_SLOTS:
     // Ending with nothing open hands over no file: never one without media.
     void nothingOpenNothingReported()
     {
-        TrackWriter w(QStringLiteral("room"));
+        TrackWriter w(QStringLiteral("room"), {writing()});
         attach(w);
         w.begin(QStringLiteral("S3"), 11);
         w.append(AudioSignal::silence(kBase, 4800));

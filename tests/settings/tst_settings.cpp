@@ -1,11 +1,13 @@
 #include "BravaLog.h"
-#include "Config.h"
+#include "DataFolder.h"
 #include "QueryString.h"
+#include "SessionFolder.h"
 #include "StrictInt.h"
 #include "TestHome.h"
 #include "XdgFolder.h"
 
 #include <QRegularExpression>
+#include <QSignalSpy>
 #include <QSettings>
 #include <QtTest>
 
@@ -25,22 +27,65 @@ private Q_SLOTS:
 
     void storedAndHandEditedValues()
     {
-        QCOMPARE(Config::uploadQuality(), QStringLiteral("full"));
-        Config::setAgentID(7);
-        Config::setAgentName(QStringLiteral("  Ana\t"));
-        QSettings other(Config::settingsFilePath(), QSettings::IniFormat);
-        QVERIFY(other.value("agentID").toInt() == 7 && other.value("agentName").toString() == QStringLiteral("Ana"));
-        // Someone else rewrites the file while the agent runs (with a new modification time): the next read sees it.
-        QFile f(Config::settingsFilePath());
+        Settings &settings = home.settings();
+        QCOMPARE(settings.uploadQuality(), QStringLiteral("full"));
+        QSignalSpy idChanged(&settings, &Settings::agentIDChanged);
+        settings.setAgentID(7);
+        settings.setAgentID(7);
+        QCOMPARE(idChanged.size(), 1); // announced once per change, with the new value
+        QCOMPARE(idChanged.first().first().toInt(), 7);
+        QSettings other(settings.path(), QSettings::IniFormat);
+        QVERIFY(other.value("agentID").toInt() == 7); // written through at once
+        // Someone else replaces the file while the agent runs (as editors save): within a second
+        // the agent has the new values, each announced by its own signal.
+        QSignalSpy doneChanged(&settings, &Settings::setupDoneChanged);
+        QSignalSpy nameChanged(&settings, &Settings::agentNameChanged);
+        QSignalSpy qualityChanged(&settings, &Settings::uploadQualityChanged);
+        QFile f(settings.path() + QStringLiteral(".new"));
         QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
         f.write("[General]\nagentID=12\nsetupDone=true\nagentName=\\nBo\\n\nwizardStep=oops\nuploadQuality=low\n");
-        QVERIFY(f.setFileTime(QDateTime::currentDateTime().addSecs(10), QFileDevice::FileModificationTime));
         f.close();
-        QVERIFY(Config::agentID() == 12 && Config::setupDone());
-        QCOMPARE(Config::agentName(), QStringLiteral("\nBo\n")); // only spaces and tabs are trimmed
-        QVERIFY(Config::wizardStep() == 0 && Config::videoBitrate() == 2000000); // not a number: the default
-        Config::setServer(QStringLiteral("10.0.0.9:8080"));
-        QCOMPARE(QSettings(Config::settingsFilePath(), QSettings::IniFormat).value("agentID").toInt(), 12);
+        QVERIFY(QFile::remove(settings.path()) && f.rename(settings.path()));
+        QTRY_VERIFY_WITH_TIMEOUT(settings.agentID() == 12, 1000);
+        QVERIFY(settings.setupDone() && doneChanged.size() == 1 && nameChanged.size() == 1 && qualityChanged.size() == 1);
+        QCOMPARE(settings.agentName(), QStringLiteral("\nBo\n")); // only spaces and tabs are trimmed
+        QVERIFY(settings.wizardStep() == 0 && settings.videoBitrate() == 2000000); // not a number: the default
+        // The replaced file is watched as well: a second edit in place arrives too.
+        QVERIFY(f.open(QIODevice::Append));
+        f.write("camUID=usb-cam\n");
+        f.close();
+        QTRY_COMPARE_WITH_TIMEOUT(settings.camUID(), QStringLiteral("usb-cam"), 1000);
+        settings.setServer(QStringLiteral("10.0.0.9:8080"));
+        QCOMPARE(QSettings(settings.path(), QSettings::IniFormat).value("agentID").toInt(), 12);
+    }
+
+    // Every upload quality word has its own bit rate; anything else is full quality.
+    void qualityWordsMapToBitRates_data()
+    {
+        QTest::addColumn<QString>("word");
+        QTest::addColumn<int>("bitRate");
+        QTest::newRow("low") << "low" << 2000000;
+        QTest::newRow("med") << "med" << 4000000;
+        QTest::newRow("full") << "full" << 8000000;
+        QTest::newRow("case matters") << "LOW" << 8000000;
+        QTest::newRow("unknown") << "medium" << 8000000;
+    }
+    void qualityWordsMapToBitRates()
+    {
+        QFETCH(QString, word);
+        QFETCH(int, bitRate);
+        home.settings().setUploadQuality(word);
+        QCOMPARE(home.settings().videoBitrate(), bitRate);
+    }
+
+    // Each text setting that is trimmed loses its spaces and tabs on the way in.
+    void namesAndAddressesAreTrimmed()
+    {
+        Settings &settings = home.settings();
+        QVERIFY(settings.setAgentName(QStringLiteral(" \tAna Lee\t ")) && settings.setServer(QStringLiteral("\t10.0.0.2:80 ")));
+        QVERIFY(settings.agentName() == QStringLiteral("Ana Lee") && settings.server() == QStringLiteral("10.0.0.2:80"));
+        const QSettings file(settings.path(), QSettings::IniFormat);
+        QVERIFY(file.value("agentName") == QStringLiteral("Ana Lee") && file.value("server") == QStringLiteral("10.0.0.2:80"));
     }
 
     // A stored value outside its bounds reads as unset and is logged once, however often it is read.
@@ -52,23 +97,27 @@ private Q_SLOTS:
         QTest::newRow("id beyond 32 bits") << "agentID" << "99999999999" << "0";
         QTest::newRow("id negative") << "agentID" << "-3" << "0";
         QTest::newRow("id largest") << "agentID" << "2147483647" << "2147483647";
-        QTest::newRow("name too long") << "agentName" << QString(Config::kMaxNameLength + 1, QLatin1Char('n')) << "";
-        QTest::newRow("name at the limit") << "agentName" << QString(Config::kMaxNameLength, QLatin1Char('n')) << QString(Config::kMaxNameLength, QLatin1Char('n'));
-        QTest::newRow("address too long") << "server" << QString(Config::kMaxServerLength + 1, QLatin1Char('s')) << "";
+        QTest::newRow("name too long") << "agentName" << QString(Settings::kMaxNameLength + 1, QLatin1Char('n')) << "";
+        QTest::newRow("name at the limit") << "agentName" << QString(Settings::kMaxNameLength, QLatin1Char('n')) << QString(Settings::kMaxNameLength, QLatin1Char('n'));
+        QTest::newRow("address too long") << "server" << QString(Settings::kMaxServerLength + 1, QLatin1Char('s')) << "";
+        QTest::newRow("address at the limit") << "server" << QString(Settings::kMaxServerLength, QLatin1Char('s')) << QString(Settings::kMaxServerLength, QLatin1Char('s'));
     }
     void outOfBoundsValuesReadAsUnset()
     {
         QFETCH(QString, key);
         QFETCH(QString, stored);
         QFETCH(QString, read);
-        QSettings(Config::settingsFilePath(), QSettings::IniFormat).setValue(key, stored);
-        const auto get = [&] { return key == QLatin1String("agentID") ? QString::number(Config::agentID()) : key == QLatin1String("server") ? Config::server() : Config::agentName(); };
+        Settings &settings = home.settings();
+        QSettings(settings.path(), QSettings::IniFormat).setValue(key, stored);
+        const auto get = [&] { return key == QLatin1String("agentID") ? QString::number(settings.agentID()) : key == QLatin1String("server") ? settings.server() : settings.agentName(); };
+        settings.reload();
         QCOMPARE(get(), read);
+        settings.reload();
         QCOMPARE(get(), read);
         QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), read == stored ? 0 : 1);
         // Setters refuse what readers would refuse, and say so.
         if (key != QLatin1String("agentID") && read != stored) {
-            QVERIFY(!(key == QLatin1String("server") ? Config::setServer(stored) : Config::setAgentName(stored)));
+            QVERIFY(!(key == QLatin1String("server") ? settings.setServer(stored) : settings.setAgentName(stored)));
             QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), 2);
         }
     }
@@ -76,15 +125,18 @@ private Q_SLOTS:
     void buildInformationAndFolders()
     {
         home.useInfo(QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"), QStringLiteral(" http://w.example/ "));
-        QVERIFY(Config::serverLocked() && Config::server() == QStringLiteral("10.0.0.5:8080"));
-        Config::setServer(QStringLiteral("127.0.0.1:9"));
-        QVERIFY(Config::webServiceURL() == QStringLiteral("http://w.example") && Config::server() == QStringLiteral("127.0.0.1:9"));
+        QVERIFY(home.info().serverLocked() && home.settings().server() == QStringLiteral("10.0.0.5:8080"));
+        QVERIFY(home.info().version() == QStringLiteral("3.1") && home.info().buildNumber() == QStringLiteral("7"));
+        home.settings().setServer(QStringLiteral("127.0.0.1:9"));
+        QVERIFY(home.info().webServiceURL() == QStringLiteral("http://w.example") && home.settings().server() == QStringLiteral("127.0.0.1:9"));
         home.useInfo(QStringLiteral("   "));
-        QVERIFY(!Config::serverLocked());
-        Config::overrideInfoFileForTesting(QString()); // the build's own: beside the executable
-        QCOMPARE(Config::infoFilePath(), QCoreApplication::applicationDirPath() + QStringLiteral("/Info.ini"));
-        QVERIFY(QDir(Config::dir(QStringLiteral("pending"))).exists());
-        QCOMPARE(Config::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
+        QVERIFY(!home.info().serverLocked());
+        const BuildInfo none = BuildInfo::read(home.root() + QStringLiteral("/missing.ini"));
+        QVERIFY(none.version() == QStringLiteral("1.0") && none.bundleIdentifier() == QStringLiteral("com.vantorra.brava-recorder"));
+        QCOMPARE(BuildInfo::besideExecutable(), QCoreApplication::applicationDirPath() + QStringLiteral("/Info.ini"));
+        QVERIFY(QDir(DataFolder::dir(QStringLiteral("pending"))).exists());
+        QCOMPARE(DataFolder::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
+        QCOMPARE(home.settings().path(), home.root() + QStringLiteral("/config/Brava Recorder/settings.ini"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
     }
 
@@ -135,9 +187,9 @@ private Q_SLOTS:
                                       QStringLiteral("%2F"), QString(QChar(0)) + QStringLiteral("x"), QStringLiteral("Zoë ☕")};
         QSet<QString> folders;
         for (const QString &session : sessions) {
-            const QString folder = *folders.insert(Config::sessionFolder(session));
+            const QString folder = *folders.insert(SessionFolder::name(session));
             QVERIFY2(!folder.isEmpty() && !folder.startsWith(QLatin1Char('.')) && !folder.contains(QLatin1Char('/')) && !folder.contains(QChar(0)), qPrintable(folder));
-            QCOMPARE(Config::sessionOfFolder(folder), session);
+            QCOMPARE(SessionFolder::sessionOf(folder), session);
         }
         QCOMPARE(folders.size(), sessions.size());
     }

@@ -1,6 +1,5 @@
 #include "AgentFixture.h"
 
-#include "Config.h"
 #include "PulseBackend.h"
 #include "Reconciler.h"
 
@@ -12,12 +11,12 @@ AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio, const QString &w
 {
     home.wipe();
     home.useInfo(webBase.isEmpty() ? QString() : room.address(), QStringLiteral("2.5"), webBase);
-    Config::setAgentID(7);
-    Config::setAgentName(QStringLiteral("Ana Lee & Co=1"));
-    Config::setServer(room.address());
-    Config::setSetupDone(true);
+    home.settings().setAgentID(7);
+    home.settings().setAgentName(QStringLiteral("Ana Lee & Co=1"));
+    home.settings().setServer(room.address());
+    home.settings().setSetupDone(true);
     ownAudio = audio ? nullptr : std::make_unique<PulseBackend>();
-    app = std::make_unique<AppDelegate>(audio ? *audio : *ownAudio, cameras, clock);
+    app = std::make_unique<AppDelegate>(home.settings(), home.info(), audio ? *audio : *ownAudio, cameras, clock);
     app->uploader().tickIntervalMs = 200;
     app->connection().retryMs = 200;
     app->applicationDidFinishLaunching();
@@ -30,7 +29,7 @@ bool AgentFixture::command(const QJsonObject &c)
     room.send(c);
     const QString marker = QStringLiteral("marker%1").arg(++markers);
     room.send({{QStringLiteral("type"), QStringLiteral("quality")}, {QStringLiteral("q"), marker}});
-    return QTest::qWaitFor([&] { return Config::uploadQuality() == marker; }, 5000) && idle();
+    return QTest::qWaitFor([&] { return home.settings().uploadQuality() == marker; }, 5000) && idle();
 }
 
 bool AgentFixture::idle()

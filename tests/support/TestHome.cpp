@@ -1,6 +1,6 @@
 #include "TestHome.h"
 
-#include "Config.h"
+#include "DataFolder.h"
 
 #include <QDir>
 #include <QFile>
@@ -13,10 +13,12 @@ TestHome::TestHome()
     useInfo(QString());
 }
 
+TestHome::~TestHome() = default;
+
 void TestHome::wipe()
 {
-    Config::removeAll();
-    QDir(Config::dataDir()).removeRecursively();
+    m_settings->removeAll();
+    QDir(DataFolder::dataDir()).removeRecursively();
 }
 
 void TestHome::useInfo(const QString &bravaServer, const QString &version, const QString &webBase)
@@ -27,11 +29,14 @@ void TestHome::useInfo(const QString &bravaServer, const QString &version, const
         f.write("[General]\nCFBundleVersion=7\nBravaServer=" + bravaServer.toUtf8() + "\nCFBundleShortVersionString="
                 + version.toUtf8() + "\nEventWebServiceURL=" + webBase.toUtf8() + "\n");
     f.close();
-    Config::overrideInfoFileForTesting(path);
+    m_info = BuildInfo::read(path);
+    if (!m_settings)
+        m_settings = std::make_unique<Settings>(DataFolder::settingsFilePath(), m_info);
+    m_settings->reload();
 }
 
 QString TestHome::log() const
 {
-    QFile f(Config::dataDir() + QStringLiteral("/log.txt"));
+    QFile f(DataFolder::dataDir() + QStringLiteral("/log.txt"));
     return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
 }

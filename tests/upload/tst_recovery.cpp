@@ -1,4 +1,5 @@
-#include "Config.h"
+#include "DataFolder.h"
+#include "SessionFolder.h"
 #include "OrphanRecovery.h"
 #include "SegmentSalvage.h"
 #include "TestHome.h"
@@ -100,9 +101,9 @@ private Q_SLOTS:
     void folderOfACrashedTake()
     {
         home.wipe();
-        const QString writing = Config::dir(QStringLiteral("writing"));
-        const QString folder = writing + QLatin1Char('/') + Config::sessionFolder(QStringLiteral("s/1"));
-        const QString unrecognized = Config::dir(QStringLiteral("unrecognized"));
+        const QString writing = DataFolder::dir(QStringLiteral("writing"));
+        const QString folder = writing + QLatin1Char('/') + SessionFolder::name(QStringLiteral("s/1"));
+        const QString unrecognized = DataFolder::dir(QStringLiteral("unrecognized"));
         write(folder + QStringLiteral("/mic_7_00000.m4a"), fragmented(3));
         write(folder + QStringLiteral("/mic_7_00001.m4a"), fragmented(1) + box("moof", 24));
         write(folder + QStringLiteral("/mic_7_00002.m4a"), QByteArray()); // opened just before the crash

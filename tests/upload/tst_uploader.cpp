@@ -1,4 +1,5 @@
-#include "Config.h"
+#include "DataFolder.h"
+#include "SessionFolder.h"
 #include "HttpStub.h"
 #include "TestHome.h"
 #include "Uploader.h"
@@ -14,14 +15,14 @@ class UploaderTest : public QObject
     std::unique_ptr<HttpStub> server;
     std::unique_ptr<Uploader> up;
 
-    static QString folder(const char *name) { return Config::dir(QLatin1String(name)); }
+    static QString folder(const char *name) { return DataFolder::dir(QLatin1String(name)); }
     static QString put(const QString &dir, const QString &name, const QByteArray &bytes = QByteArray())
     {
         QDir().mkpath(dir);
         QFile f(dir + QLatin1Char('/') + name);
         return f.open(QIODevice::WriteOnly) && f.write(bytes.isNull() ? name.toUtf8() : bytes) >= 0 ? f.fileName() : QString();
     }
-    static QString pending(const QString &session, const QString &name) { return put(folder("pending") + QLatin1Char('/') + Config::sessionFolder(session), name); }
+    static QString pending(const QString &session, const QString &name) { return put(folder("pending") + QLatin1Char('/') + SessionFolder::name(session), name); }
     // A segment as the writer leaves it: header, movie box, one fragment.
     static QByteArray media()
     {
@@ -32,7 +33,7 @@ class UploaderTest : public QObject
     }
     void start(int tickMs = 150)
     {
-        up = std::make_unique<Uploader>();
+        up = std::make_unique<Uploader>(home.settings());
         up->tickIntervalMs = tickMs;
         up->requestTimeoutMs = 400;
         up->start();
@@ -52,8 +53,8 @@ private Q_SLOTS:
         home.wipe();
         server = std::make_unique<HttpStub>();
         QVERIFY(server->listen());
-        Config::setAgentID(7);
-        Config::setServer(server->address());
+        home.settings().setAgentID(7);
+        home.settings().setServer(server->address());
     }
 
     void queryFollowsTheNameAndTheBodyIsTheFile_data()
@@ -101,7 +102,7 @@ private Q_SLOTS:
         const QString file = put(folder("writing") + QStringLiteral("/w"), QStringLiteral("sys_1_00000.m4a"));
         up->enqueue(file, QStringLiteral("../../x"));
         QVERIFY(!QFile::exists(file));
-        QVERIFY(QFile::exists(folder("pending") + QLatin1Char('/') + Config::sessionFolder(QStringLiteral("../../x")) + QStringLiteral("/sys_1_00000.m4a")));
+        QVERIFY(QFile::exists(folder("pending") + QLatin1Char('/') + SessionFolder::name(QStringLiteral("../../x")) + QStringLiteral("/sys_1_00000.m4a")));
         QTRY_COMPARE(sent("session"), QStringList({"../../x"}));
         const QString aside = folder("unrecognized") + QStringLiteral("/MIC_3_00001.m4a");
         QVERIFY(QFile::exists(aside) && QFile::exists(aside + QStringLiteral(".1")) && home.log().count(QStringLiteral("MIC_3_00001.m4a")) == 2);
@@ -192,7 +193,7 @@ private Q_SLOTS:
         // The same name is already waiting: that move is refused and the recording stays put.
         put(folder("writing") + QStringLiteral("/t"), QStringLiteral("mic_3_00000.m4a"), media());
         pending(QStringLiteral("t"), QStringLiteral("mic_3_00000_final.m4a"));
-        Config::setServer(QStringLiteral("bad host:port:x"));
+        home.settings().setServer(QStringLiteral("bad host:port:x"));
         start(100);
         // Moved at once, the last piece of a cut-off take as its final piece; a folder with only
         // recordings and scraps is gone, one with a folder inside is kept.

@@ -1,5 +1,4 @@
 #include "CheckIn.h"
-#include "Config.h"
 #include "HttpStub.h"
 #include "MentorRoster.h"
 #include "TestHome.h"
@@ -32,8 +31,8 @@ class WebServiceTest : public QObject
     HttpStub service;
     qint64 clockMs = 100000;
     CheckIn::Flags flags;
-    CheckIn checkIn{net, [this] { return flags; }, [this] { return clockMs; }};
-    MentorRoster roster{net};
+    CheckIn checkIn{net, home.settings(), home.info(), [this] { return flags; }, [this] { return clockMs; }};
+    MentorRoster roster{net, home.info()};
 
     QString base() const { return QStringLiteral("http://") + service.address(); }
     void fetch(const QByteArray &body, int status = 200, HttpStub::Answer::Kind kind = HttpStub::Answer::Reply)
@@ -50,9 +49,9 @@ private Q_SLOTS:
     {
         home.wipe();
         home.useInfo(QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"), base());
-        Config::setAgentID(42);
-        Config::setAgentName(QStringLiteral("Zoë \"Z\" Park"));
-        Config::setSetupDone(true);
+        home.settings().setAgentID(42);
+        home.settings().setAgentName(QStringLiteral("Zoë \"Z\" Park"));
+        home.settings().setSetupDone(true);
         flags = CheckIn::Flags{true, false, true};
         clockMs += 100000;
         net.made = 0;
@@ -78,8 +77,8 @@ private Q_SLOTS:
         for (int missing = 0; missing < 4; ++missing) {
             home.useInfo(missing == 0 ? QString() : QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"),
                          missing == 1 ? QString() : base());
-            Config::setAgentID(missing == 2 ? 0 : 42);
-            Config::setSetupDone(missing != 3);
+            home.settings().setAgentID(missing == 2 ? 0 : 42);
+            home.settings().setSetupDone(missing != 3);
             checkIn.poke(true);
             QCOMPARE(net.made, 0);
         }

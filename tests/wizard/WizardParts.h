@@ -6,6 +6,7 @@
 #include "RoomDiscovery.h"
 #include "SyntheticAudioBackend.h"
 #include "SyntheticCameraBackend.h"
+#include "TestHome.h"
 #include "WizardModel.h"
 
 #include <QNetworkAccessManager>
@@ -30,19 +31,20 @@ public:
 struct WizardParts
 {
     /// With this many cameras, and camera access as given.
-    explicit WizardParts(int cameraCount = 1, CameraAccess::Status camAccess = CameraAccess::Status::Authorized)
-        : cameras({cameraCount, {160, 90}, 10}), permissions(audio, [camAccess] { return camAccess; })
+    explicit WizardParts(TestHome &home, int cameraCount = 1, CameraAccess::Status camAccess = CameraAccess::Status::Authorized)
+        : home(home), cameras({cameraCount, {160, 90}, 10}), permissions(audio, [camAccess] { return camAccess; })
     {
     }
 
+    TestHome &home;
     SyntheticAudioBackend audio;
     SyntheticCameraBackend cameras;
     QNetworkAccessManager net;
-    Connection conn;
+    Connection conn{home.settings(), home.info()};
     Permissions permissions;
     QuietBrowser *browser = new QuietBrowser;
     RoomDiscovery discovery{net, std::unique_ptr<ServiceBrowser>(browser)};
     Recorder rec{audio, cameras, Clock::monotonic()};
 
-    WizardModel::Parts parts() { return {rec, permissions, conn, discovery, net}; }
+    WizardModel::Parts parts() { return {rec, permissions, conn, discovery, net, home.settings(), home.info()}; }
 };

@@ -1,6 +1,6 @@
 #include "AppDelegate.h"
 #include "Clock.h"
-#include "Config.h"
+#include "DataFolder.h"
 #include "HttpStub.h"
 #include "PulseBackend.h"
 #include "SyntheticCameraBackend.h"
@@ -95,7 +95,7 @@ private Q_SLOTS:
         web.setDefault(HttpStub::status(200, "{\"ok\":true,\"name\":\"Ana LEE\"}")); // check-ins ignore it
         audio = std::make_unique<PulseBackend>();
         cameras = std::make_unique<SyntheticCameraBackend>(SyntheticCameraBackend::Setup{1, {320, 180}, 15});
-        app = std::make_unique<AppDelegate>(*audio, *cameras, Clock::monotonic());
+        app = std::make_unique<AppDelegate>(home.settings(), home.info(), *audio, *cameras, Clock::monotonic());
         app->uploader().tickIntervalMs = 200;
         app->connection().retryMs = 200;
         app->applicationDidFinishLaunching();
@@ -111,7 +111,7 @@ private Q_SLOTS:
         QVERIFY(click("Next", 2));
         const auto verifies = std::count_if(web.requests.cbegin(), web.requests.cend(), [](const HttpStub::Request &r) { return r.url.path().endsWith("/verify"); });
         QCOMPARE(verifies, preset ? 1 : 0);
-        QCOMPARE(Config::agentName(), QString(preset ? "Ana LEE" : "Ana Lee"));
+        QCOMPARE(home.settings().agentName(), QString(preset ? "Ana LEE" : "Ana Lee"));
         // Microphone, computer audio and webcam are allowed here.
         QVERIFY(click("Next", 3) && click("Next", 4) && click("Next", 5));
         // The sound check runs through the recorder; the link came up with the new identity.
@@ -122,14 +122,14 @@ private Q_SLOTS:
         const qsizetype links = room->urls.size();
         QVERIFY(click("Done"));
         QTRY_VERIFY(!app->wizardOpen() && !app->wizardModel());
-        QVERIFY(Config::setupDone() && Config::wizardStep() == 0 && Config::agentID() == 17);
+        QVERIFY(home.settings().setupDone() && home.settings().wizardStep() == 0 && home.settings().agentID() == 17);
         QTRY_VERIFY(room->urls.size() > links && app->connection().connected()); // connected anew
 
         // Now the control room can record this agent.
         room->send(J{{"type", "cameras"}, {"on", true}});
         room->send(J{{"type", "start"}, {"session", "w1"}});
         QTRY_VERIFY_WITH_TIMEOUT(app->recorder().isRecording(), 10000);
-        QTRY_VERIFY(QDir(Config::dir("writing") + "/w1").entryList(QDir::Files).size() >= 2); // tracks are writing
+        QTRY_VERIFY(QDir(DataFolder::dir("writing") + "/w1").entryList(QDir::Files).size() >= 2); // tracks are writing
         room->send(J{{"type", "stop"}});
         QTRY_VERIFY_WITH_TIMEOUT(room->uploadPaths.filter("_final").size() >= 2, 20000);
         QVERIFY(room->uploads.first().queryItemValue("session") == "w1");

@@ -1,4 +1,3 @@
-#include "Config.h"
 #include "HttpStub.h"
 #include "TestHome.h"
 #include "WizardParts.h"
@@ -36,7 +35,7 @@ private Q_SLOTS:
         home.wipe();
         home.useInfo(QString());
         web.requests.clear();
-        p = std::make_unique<WizardParts>();
+        p = std::make_unique<WizardParts>(home);
         make();
     }
     void cleanup()
@@ -82,7 +81,7 @@ private Q_SLOTS:
         make();
         QVERIFY(m->step() == 1 && m->furthest() == 3);
         m->go(3);
-        QCOMPARE(Config::wizardStep(), 3);
+        QCOMPARE(home.settings().wizardStep(), 3);
     }
 
     void heardThresholds_data()
@@ -178,7 +177,7 @@ private Q_SLOTS:
         QCOMPARE(m->verifyErrorText(), error);
         QCOMPARE(m->nameText(), name);
         QCOMPARE(m->step(), error.isEmpty() ? 2 : 1);
-        QCOMPARE(Config::agentID(), error.isEmpty() ? 17 : 0);
+        QCOMPARE(home.settings().agentID(), error.isEmpty() ? 17 : 0);
         QCOMPARE(web.requests.size(), answer.isEmpty() ? 0 : 1);
         if (answer.isEmpty())
             return;

@@ -1,4 +1,3 @@
-#include "Config.h"
 #include "HttpStub.h"
 #include "TestHome.h"
 #include "WizardParts.h"
@@ -80,13 +79,13 @@ private Q_SLOTS:
         home.wipe();
         home.useInfo(has("locked") ? "127.0.0.1:1" : QString(), "2.5", "http://" + web.address());
         const int step = words.first().section(QLatin1Char('='), 1).toInt();
-        Config::setWizardStep(step);
-        Config::setWizardFurthest(step);
+        home.settings().setWizardStep(step);
+        home.settings().setWizardFurthest(step);
         if (has("identity")) {
-            Config::setAgentID(17);
-            Config::setAgentName("Ana Lee");
+            home.settings().setAgentID(17);
+            home.settings().setAgentName("Ana Lee");
         }
-        WizardParts p(has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
+        WizardParts p(home, has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
         p.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
                              : has("access=refused") ? AudioBackend::Access::Refused : AudioBackend::Access::Allowed;
         if (has("monitor=none"))

@@ -2,7 +2,6 @@
 
 #include "BravaLog.h"
 #include "CameraTexts.h"
-#include "Config.h"
 #include "Take.h"
 
 CameraManager::CameraManager(SerialQueue &videoQ, CameraBackend &backend, const Clock &clock, int retryMs)
@@ -97,6 +96,12 @@ void CameraManager::setPreviewCamUID(const QString &uid)
 {
     std::lock_guard lock(m_mutex);
     m_previewCamUID = uid;
+}
+
+void CameraManager::setChosenUID(const QString &uid)
+{
+    std::lock_guard lock(m_mutex);
+    m_chosenUID = uid;
 }
 
 void CameraManager::beginTake(std::shared_ptr<Take> take)
@@ -203,7 +208,12 @@ void CameraManager::buildMain()
         fail(CameraTexts::notAllowed(), QStringLiteral("camera: no video device may be opened by this user (not in the video group?)"));
         return;
     }
-    const std::optional<Device> device = pick(m_backend.list(), Config::camUID());
+    QString chosen;
+    {
+        std::lock_guard lock(m_mutex);
+        chosen = m_chosenUID;
+    }
+    const std::optional<Device> device = pick(m_backend.list(), chosen);
     if (!device) {
         fail(CameraTexts::noneFound(), QString());
         return;

@@ -78,6 +78,8 @@ public:
     QString previewCamUID() const;
     /// Chooses the camera for preview.
     void setPreviewCamUID(const QString &uid);
+    /// The camera the user chose ("" = the default one); read when the main camera is opened.
+    void setChosenUID(const QString &uid);
 
     /// Main thread: frames go to `take` from now on (posted).
     void beginTake(std::shared_ptr<Take> take);
@@ -133,6 +135,7 @@ private:
     mutable std::mutex m_mutex; // guards the fields below against other threads
     QString m_primaryUID;
     QString m_previewCamUID;
+    QString m_chosenUID;
     std::optional<QString> m_camError;
     std::vector<Extra> m_extras;
 

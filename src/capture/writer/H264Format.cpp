@@ -1,7 +1,6 @@
 #include "H264Format.h"
 
 #include "AvError.h"
-#include "Config.h"
 
 
 extern "C" {
@@ -72,7 +71,7 @@ bool H264Format::open(AVFormatContext *fmt, const TimedSample &first, MediaTime 
     m_enc->time_base = AVRational{1, kTimescale};
     const double frameSeconds = first.duration.isValid() ? first.duration.seconds() : 0.0;
     m_enc->framerate = frameSeconds > 0.001 ? av_d2q(1.0 / frameSeconds, 1000) : AVRational{30, 1};
-    m_enc->bit_rate = Config::videoBitrate();
+    m_enc->bit_rate = m_bitRate;
     m_enc->gop_size = kKeyInterval;
     m_enc->max_b_frames = 0;
     if (fmt->oformat->flags & AVFMT_GLOBALHEADER)

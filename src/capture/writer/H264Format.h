@@ -9,7 +9,7 @@ struct AVCodecContext;
 struct AVFrame;
 struct AVStream;
 
-// H.264 in MP4 for camera tracks: libx264 at Config::videoBitrate(), a key frame at least every 60
+// H.264 in MP4 for camera tracks: libx264 at the bit rate it is given, a key frame at least every 60
 // frames, no B-frames, at the camera's own size. Frames keep their capture times on the segment's
 // time line (offset from the segment start), so camera and audio files line up when played together.
 // The preset was chosen by measurement (bench/camera_bench): it keeps up with 1080p30 in real time
@@ -26,8 +26,8 @@ public:
     /// Time base of the encoder (90 kHz, the usual video clock).
     static constexpr int kTimescale = 90000;
 
-    /// A format encoding with this x264 preset.
-    explicit H264Format(const char *preset = kPreset) : m_preset(preset) {}
+    /// A format encoding at `bitRate` bits per second with this x264 preset.
+    explicit H264Format(int bitRate, const char *preset = kPreset) : m_bitRate(bitRate), m_preset(preset) {}
     ~H264Format() override;
 
     QString extension() const override { return QStringLiteral("mp4"); }
@@ -45,6 +45,7 @@ public:
 private:
     AVFrame *convert(AVFrame *frame);
 
+    const int m_bitRate;
     const char *const m_preset;
     AVCodecContext *m_enc = nullptr;
     AVStream *m_stream = nullptr;

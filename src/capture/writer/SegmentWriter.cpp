@@ -2,7 +2,7 @@
 
 #include "AvError.h"
 #include "BravaLog.h"
-#include "Config.h"
+#include "SessionFolder.h"
 
 #include <QDir>
 #include <QFile>
@@ -15,13 +15,14 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
-SegmentWriter::SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format, double segmentSeconds)
+SegmentWriter::SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format, const WriterSetup &setup)
     : m_track(track)
     , m_format(std::move(format))
-    , m_segmentSeconds(segmentSeconds)
+    , m_segmentSeconds(setup.segmentSeconds)
+    , m_writingDir(setup.writingDir)
 {
     Q_ASSERT(m_format);
-    Q_ASSERT(segmentSeconds > 0);
+    Q_ASSERT(m_segmentSeconds > 0);
     // libav's informational chatter (encoder statistics) stays out of the agent's stderr.
     static std::once_flag quiet;
     std::call_once(quiet, [] { av_log_set_level(AV_LOG_ERROR); });
@@ -80,7 +81,7 @@ QString SegmentWriter::folder()
 {
     Q_ASSERT(m_session);
     QString error;
-    const QString path = Config::makeSessionFolder(Config::dir(QStringLiteral("writing")), *m_session, &error);
+    const QString path = SessionFolder::make(m_writingDir, *m_session, &error);
     if (path.isEmpty())
         report(m_format->text(SegmentFormat::Text::CreateFailed, m_track, QStringLiteral("folder: ") + error));
     return path;

@@ -3,6 +3,7 @@
 #include "MediaTime.h"
 #include "SegmentFormat.h"
 #include "TimedSample.h"
+#include "WriterSetup.h"
 
 #include <QString>
 
@@ -15,7 +16,7 @@ struct AVFormatContext;
 struct AVPacket;
 
 // Writes one track as a series of self-contained fragmented files ("segments") in
-// writing/<session>/: <track>_<take>_<nnnnn>[_final].<ext>. A segment starts at openAt (the common
+// <writing folder>/<session>/: <track>_<take>_<nnnnn>[_final].<ext>. A segment starts at openAt (the common
 // start) or at its first sample, rolls over when a sample is segmentSeconds or more past the
 // segment start, and is fragmented every 2 s so a file cut off by a crash stays readable. The
 // header and the first fragment go to disk with the first packet, so a crash loses at most the
@@ -38,8 +39,8 @@ public:
     /// After a failed write, media time before a new segment is tried.
     static constexpr int kRetrySeconds = 2;
 
-    SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format,
-                  double segmentSeconds = kSegmentSeconds);
+    /// A writer of `track` in this format, writing into the setup's folder.
+    SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format, const WriterSetup &setup);
     virtual ~SegmentWriter();
     SegmentWriter(const SegmentWriter &) = delete;
     SegmentWriter &operator=(const SegmentWriter &) = delete;
@@ -96,6 +97,7 @@ private:
     const QString m_track;
     const std::unique_ptr<SegmentFormat> m_format;
     const double m_segmentSeconds;
+    const QString m_writingDir;
     std::optional<QString> m_session;
     int64_t m_take = 0;
     int m_idx = 0;

@@ -7,8 +7,9 @@
 class TrackWriter final : public SegmentWriter
 {
 public:
-    explicit TrackWriter(const QString &track, double segmentSeconds = kSegmentSeconds)
-        : SegmentWriter(track, std::make_unique<AacFormat>(), segmentSeconds)
+    /// The writer of audio track `track`.
+    TrackWriter(const QString &track, const WriterSetup &setup)
+        : SegmentWriter(track, std::make_unique<AacFormat>(), setup)
     {
     }
 };

@@ -8,11 +8,13 @@
 class VideoWriter final : public SegmentWriter
 {
 public:
-    explicit VideoWriter(const QString &track, double segmentSeconds = kSegmentSeconds)
+    /// The writer of camera track `track`, at the setup's bit rate.
+    VideoWriter(const QString &track, const WriterSetup &setup)
         : SegmentWriter(track,
-                        std::make_unique<H264Format>(track == QLatin1String("cam") ? H264Format::kPreset
-                                                                                   : H264Format::kExtraPreset),
-                        segmentSeconds)
+                        std::make_unique<H264Format>(setup.videoBitrate, track == QLatin1String("cam")
+                                                                             ? H264Format::kPreset
+                                                                             : H264Format::kExtraPreset),
+                        setup)
     {
     }
 };

@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import Brava.Setup
 
 // Step 1: the agent's name and number, and the control room.
 ColumnLayout {
@@ -8,7 +9,7 @@ ColumnLayout {
     required property QtObject wizard
     property bool manual: false
     spacing: 12
-    readonly property bool shown: wizard.step === 1
+    readonly property bool shown: wizard.step === SetupStep.Number
     onShownChanged: if (shown) wizard.autoFillRoom()
     Component.onCompleted: if (shown) wizard.autoFillRoom()
 

@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import Brava.Setup
 
 // Step 4: webcam access and choice.
 ColumnLayout {
@@ -29,11 +30,11 @@ ColumnLayout {
     Item { Layout.fillHeight: true }
     RowLayout {
         Layout.fillWidth: true
-        Button { text: "Skip — no camera"; flat: true; onClicked: wizard.step = 5 }
+        Button { text: "Skip — no camera"; flat: true; onClicked: wizard.step = SetupStep.Test }
         Item { Layout.fillWidth: true }
         Primary {
             text: wizard.camOK ? "Next" : "Allow Webcam"
-            onClicked: wizard.camOK ? (wizard.step = 5) : wizard.askCamera()
+            onClicked: wizard.camOK ? (wizard.step = SetupStep.Test) : wizard.askCamera()
         }
     }
 }

@@ -1,5 +1,6 @@
 import QtQuick
 import QtQuick.Layouts
+import Brava.Setup
 
 // Step 2: microphone access.
 ColumnLayout {
@@ -21,6 +22,6 @@ ColumnLayout {
     Item { Layout.fillHeight: true }
     Primary {
         text: wizard.micOK ? "Next" : "Allow Microphone"
-        onClicked: wizard.micOK ? (wizard.step = 3) : wizard.askMic()
+        onClicked: wizard.micOK ? (wizard.step = SetupStep.Audio) : wizard.askMic()
     }
 }

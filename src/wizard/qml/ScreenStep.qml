@@ -1,5 +1,6 @@
 import QtQuick
 import QtQuick.Layouts
+import Brava.Setup
 
 // Step 3: computer audio (the monitor of the sound output).
 ColumnLayout {
@@ -23,6 +24,6 @@ ColumnLayout {
     Item { Layout.fillHeight: true }
     Primary {
         text: wizard.screenOK ? "Next" : (wizard.screenAsked ? "Check Again" : "Allow Computer Audio")
-        onClicked: wizard.screenOK ? (wizard.step = 4) : wizard.askScreen()
+        onClicked: wizard.screenOK ? (wizard.step = SetupStep.Camera) : wizard.askScreen()
     }
 }

@@ -1,12 +1,13 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import Brava.Setup
 
 // Step 5: the sound check; it starts when the screen appears.
 ColumnLayout {
     required property QtObject wizard
     spacing: 14
-    readonly property bool shown: wizard.step === 5
+    readonly property bool shown: wizard.step === SetupStep.Test
     onShownChanged: if (shown) wizard.startTest()
     Component.onCompleted: if (shown) wizard.startTest()
     Title { text: "Quick Sound Check" }
@@ -31,8 +32,8 @@ ColumnLayout {
     Item { Layout.fillHeight: true }
     RowLayout {
         Layout.fillWidth: true
-        Button { text: "Skip test"; flat: true; onClicked: wizard.step = 6 }
+        Button { text: "Skip test"; flat: true; onClicked: wizard.step = SetupStep.Done }
         Item { Layout.fillWidth: true }
-        Primary { text: "Finish"; onClicked: wizard.step = 6 }
+        Primary { text: "Finish"; onClicked: wizard.step = SetupStep.Done }
     }
 }

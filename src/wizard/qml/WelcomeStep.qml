@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import Brava.Setup
 
 // Step 0: what the app records, and the agent's consent.
 ColumnLayout {
@@ -33,5 +34,5 @@ ColumnLayout {
         }
     }
     Item { Layout.fillHeight: true }
-    Primary { text: "Get Started"; enabled: wizard.agree; onClicked: wizard.step = 1 }
+    Primary { text: "Get Started"; enabled: wizard.agree; onClicked: wizard.step = SetupStep.Number }
 }

@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Controls
 import QtQuick.Layouts
+import Brava.Setup
 
 // The setup wizard: a header with the event and the step strip, the current step's screen, and
 // a row to go back. Every button calls the model; nothing is kept here.
@@ -57,7 +58,7 @@ Rectangle {
             Layout.fillWidth: true
             Layout.fillHeight: true
             Layout.margins: 24
-            currentIndex: Math.max(0, Math.min(6, view.wizard.step))
+            currentIndex: Math.max(0, Math.min(SetupStep.Done, view.wizard.step))
             WelcomeStep { wizard: view.wizard }
             AgentStep { wizard: view.wizard }
             MicStep { wizard: view.wizard }
@@ -71,7 +72,7 @@ Rectangle {
             Layout.fillWidth: true
             Layout.leftMargin: 24
             Layout.bottomMargin: 12
-            visible: view.wizard.step > 0 && view.wizard.step < 6
+            visible: view.wizard.step > 0 && view.wizard.step < SetupStep.Done
             Button { text: "‹ Back"; flat: true; onClicked: view.wizard.back() }
         }
     }

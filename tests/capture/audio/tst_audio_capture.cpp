@@ -1,7 +1,7 @@
-#include "Config.h"
 #include "MediaProbe.h"
 #include "PulseBackend.h"
 #include "PulseFixture.h"
+#include "DataFolder.h"
 #include "Recorder.h"
 #include "SyntheticCameraBackend.h"
 #include "TestHome.h"
@@ -29,12 +29,12 @@ class AudioCaptureTest : public QObject
 
     bool startTake()
     {
-        Config::setMicUID("brava_mic");
         rec.reset(); // the backend has one watcher: the old recorder lets go of it first
         rec = std::make_unique<Recorder>(pulse, noCameras, Clock::monotonic());
+        rec->setMicChoice(QStringLiteral("brava_mic"));
         rec->onSegmentDone = [this](const QString &path, const QString &) { done.append(path); };
         bool started = false;
-        rec->start(QStringLiteral("s1"), [&] { started = true; });
+        rec->start(QStringLiteral("s1"), {DataFolder::pathOf(QStringLiteral("writing"))}, [&] { started = true; });
         return QTest::qWaitFor([&] { return started; }, 10000) && !rec->lastError();
     }
     bool stopTake()
