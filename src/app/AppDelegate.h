@@ -14,6 +14,7 @@
 #include "StatusMenu.h"
 #include "StatusView.h"
 #include "Uploader.h"
+#include "Maintenance.h"
 #include "Upkeep.h"
 #include "WizardModel.h"
 #include "WizardWindow.h"
@@ -87,6 +88,7 @@ public:
     StatusView &status() { return m_status; }
     AgentActions &actions() { return m_actions; }
     Upkeep &upkeep() { return m_upkeep; }
+    Maintenance &maintenance() { return m_maintenance; }
 
     /// Interval of the heartbeat in milliseconds.
     static constexpr int kTickMs = 500;
@@ -102,6 +104,7 @@ private:
     static bool canPerform(StatusMenu::Action action);
     CheckIn::Flags permissionFlags() const;
     void wizardClosed();
+    Maintenance::Parts maintenanceParts();
 
     // Read by capture threads before they forward live audio or a preview frame.
     std::atomic<bool> m_wizardOpen{false};
@@ -128,6 +131,8 @@ private:
     Commands m_commands;
     StatusView m_status;
     Upkeep m_upkeep;
+    // Self-update and uninstall; it stops the recorder, so it goes before it.
+    Maintenance m_maintenance;
     // The setup wizard while open; the window goes before its model.
     std::unique_ptr<WizardModel> m_wizardModel;
     std::unique_ptr<WizardWindow> m_wizardWindow;

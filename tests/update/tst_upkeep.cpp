@@ -1,6 +1,8 @@
 // Upkeep: relaunching into a newer build once the old process has gone, and uninstalling to the
 // Trash with nothing of the agent left outside it.
+#include "BuildInfo.h"
 #include "Relaunch.h"
+#include "Upkeep.h"
 #include "Uninstaller.h"
 
 #include <QDirIterator>
@@ -71,6 +73,25 @@ private Q_SLOTS:
         QFETCH(QString, running);
         QFETCH(bool, relaunch);
         QCOMPARE(Relaunch::newBuild(onDisk, running), relaunch);
+    }
+
+    // A newer build on disk relaunches only once the agent is idle (no take, no pending upload).
+    void newBuildWaitsForIdle()
+    {
+        const QString info = tmp.path() + QStringLiteral("/Info.ini");
+        writeFile(info, "[General]\nCFBundleVersion=7\n");
+        const BuildInfo running = BuildInfo::read(info);
+        bool busy = true;
+        int relaunched = 0;
+        Upkeep upkeep(running, [&busy] { return busy; });
+        upkeep.relaunch = [&relaunched] { ++relaunched; };
+        upkeep.checkForNewVersion();
+        writeFile(info, "[General]\nCFBundleVersion=8\n");
+        upkeep.checkForNewVersion();
+        QCOMPARE(relaunched, 0);
+        busy = false;
+        upkeep.checkForNewVersion();
+        QCOMPARE(relaunched, 1);
     }
 
     // The script waits for the old process, then starts the file in a folder whose name holds a
