@@ -2,6 +2,7 @@
 // Recorder…", both answer with their alerts, and a build with the test key says so.
 #include "AgentFixture.h"
 #include "SyntheticAudioBackend.h"
+#include "TrayView.h"
 
 #include <QAbstractButton>
 #include <QAction>

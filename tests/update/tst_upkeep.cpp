@@ -86,7 +86,7 @@ private Q_SLOTS:
         Upkeep upkeep(running, [&busy] { return busy; });
         upkeep.relaunch = [&relaunched] { ++relaunched; };
         upkeep.checkForNewVersion();
-        writeFile(info, "[General]\nCFBundleVersion=8\n");
+        writeFile(info, "[General]\nCFBundleVersion=10\n"); // another size: the INI reader sees the change at once
         upkeep.checkForNewVersion();
         QCOMPARE(relaunched, 0);
         busy = false;
