@@ -136,7 +136,7 @@ bool Recorder::camerasEnabled() const { return m_cameras->enabled(); }
 void Recorder::setCamerasEnabled(bool on)
 {
     m_cameras->setEnabled(on);
-    bravaLog(QStringLiteral("Go Live ") + (on ? QStringLiteral("ON") : QStringLiteral("OFF")) + QStringLiteral(" by control"));
+    bravaLog(on ? QStringLiteral("Go Live ON by control") : QStringLiteral("Go Live OFF by control"));
 }
 
 void Recorder::endSetupCamera() { m_cameras->endSetupCamera(); }

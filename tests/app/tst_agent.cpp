@@ -61,7 +61,7 @@ private Q_SLOTS:
     {
         QFile entry(home.root() + QStringLiteral("/config/autostart/brava-recorder.desktop"));
         QVERIFY(entry.open(QIODevice::ReadOnly));
-        QVERIFY(entry.readAll().contains("Exec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\""));
+        QVERIFY(entry.readAll().contains(QByteArray("Exec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"")));
         // No tray in the offscreen platform: said once, and the menu is kept all the same.
         QCOMPARE(home.log().count(QStringLiteral("no system tray")), 1);
         QTRY_COMPARE(menu().value(1), QStringLiteral("On · Connected to control room"));

@@ -217,19 +217,17 @@ bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample
 void SegmentWriter::report(const QString &failure)
 {
     // A failure that repeats with every sample (a full disk) is logged once until it clears.
-    if (failure == m_lastFailure)
+    if (!m_failureLog.log(failure))
         return;
-    m_lastFailure = failure;
-    bravaLog(failure);
     if (onFault)
         onFault(failure);
 }
 
 void SegmentWriter::recovered()
 {
-    if (m_lastFailure.isEmpty())
+    if (m_failureLog.last().isEmpty())
         return;
-    m_lastFailure.clear();
+    m_failureLog.clear();
     bravaLog(QStringLiteral("writer ") + m_track + QStringLiteral(": writing again"));
     if (onFault)
         onFault(std::nullopt);
@@ -284,7 +282,7 @@ void SegmentWriter::close(bool final)
     if (m_fmt) {
         QString file = m_path;
         // A segment ended by a failed write is not complete, but what reached the disk is kept.
-        if (!endFile(m_lastFailure.isEmpty() || final))
+        if (!endFile(m_failureLog.last().isEmpty() || final))
             return; // never reported, never uploaded
         if (final) {
             const QFileInfo info(file);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LogOnce.h"
 #include "MediaTime.h"
 #include "SegmentFormat.h"
 #include "TimedSample.h"
@@ -110,5 +111,5 @@ private:
     int64_t m_wholeEnd = 0;  // file size after the last fragment that reached the disk
     mutable std::mutex m_openAtMutex;
     std::optional<MediaTime> m_openAt;
-    QString m_lastFailure;
+    LogOnce m_failureLog; // the failure reported, until a fragment reaches the disk again
 };
