@@ -140,7 +140,7 @@ private Q_SLOTS:
         QTest::newRow("status 500") << A{500, UpdateKit::feed({})} << false << true << QStringList{kFailed} << ""
                                     << "Update service unavailable";
         QTest::newRow("feed of 70 kB")
-            << A{200, UpdateKit::feed({release(QStringLiteral("2.0"))}).replace("\"extra\": 5", "\"extra\": \"" + QByteArray(70000, 'x') + "\"")}
+            << A{200, UpdateKit::feed({release(QStringLiteral("2.0"))}).replace("\"extra\": 5", QByteArray("\"extra\": \"" + QByteArray(70000, 'x') + "\""))}
             << false << true << QStringList{kFailed} << "" << "Update service unavailable";
         QTest::newRow("feed of 70 kB without a length")
             << A{200, QByteArray(70000, ' ') + UpdateKit::feed({}), {}, false} << false << true << QStringList{kFailed}

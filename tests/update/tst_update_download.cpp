@@ -133,9 +133,9 @@ class UpdateDownloadTest : public QObject
         case Forgery::RedirectHttp:
         case Forgery::RedirectPort: {
             Release good = publish(n, QStringLiteral("2.0"));
-            const QByteArray to = f == Forgery::RedirectOtherHost ? "https://127.0.0.9/wp-content/uploads/a.zip"
-                : f == Forgery::RedirectHttp ? "http://" + kit.host.toLatin1() + "/wp-content/uploads/a.zip"
-                                             : kit.base().toLatin1() + ":443/wp-content/uploads/" + n.toLatin1() + ".zip";
+            const QByteArray to = f == Forgery::RedirectOtherHost ? QByteArray("https://127.0.0.9/wp-content/uploads/a.zip")
+                : f == Forgery::RedirectHttp ? QByteArray("http://" + kit.host.toLatin1() + "/wp-content/uploads/a.zip")
+                                             : QByteArray(kit.base().toLatin1() + ":443/wp-content/uploads/" + n.toLatin1() + ".zip");
             kit.server->route(good.url.path().toUtf8(), {302, {}, to});
             return good;
         }
