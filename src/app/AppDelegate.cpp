@@ -3,6 +3,7 @@
 #include "BravaLog.h"
 #include "CameraBackend.h"
 #include "Clock.h"
+#include "DataFolder.h"
 #include "BuildInfo.h"
 #include "Heartbeat.h"
 #include "LoginItem.h"
@@ -32,6 +33,10 @@ AppDelegate::AppDelegate(Settings &settings, const BuildInfo &build, AudioBacken
     , m_commands(m_recorder, m_conn, m_roster, settings, m_setupRoute, m_wizardOpen)
     , m_status(m_state)
     , m_upkeep(build, [this] { return updateBusy(); })
+    , m_maintenance(maintenanceParts(),
+                    {build.serverLocked(), build.webServiceURL(), build.version(), build.bundleIdentifier(),
+                     QCoreApplication::applicationDirPath(), {}, {}},
+                    {QCoreApplication::applicationDirPath(), DataFolder::dataDir(), settings.path(), LoginItem::entryPath()})
 {
     m_commands.onChanged = [this] { publish(); };
     m_commands.onReplaced = [this] { showReplacedAlert(); };
@@ -82,7 +87,7 @@ void AppDelegate::publish()
     v.agentID = m_settings.agentID();
     v.setupDone = m_settings.setupDone();
     v.serverLocked = m_build.serverLocked();
-    v.version = m_build.version();
+    v.version = Maintenance::menuVersion(m_build.version());
     m_state.update(v);
 }
 
@@ -148,6 +153,9 @@ void AppDelegate::applicationDidFinishLaunching()
     // 8–9. Timers.
     m_tick.start();
     m_upkeep.start();
+
+    // 10–11. The update-busy test is installed (Maintenance) and a locked build checks for updates.
+    m_maintenance.launch();
 
     publish();
     m_status.refresh();
@@ -222,6 +230,7 @@ bool AppDelegate::updateBusy() const
 
 void AppDelegate::tick()
 {
+    m_maintenance.tick();
     m_checkIn.poke(false);
     const Recorder::Levels levels = m_recorder.takeLevels();
 
@@ -277,10 +286,11 @@ bool AppDelegate::canPerform(StatusMenu::Action action)
     case A::RateCall:
     case A::OpenFolder:
     case A::ShowWizard:
+    case A::CheckUpdates:
+    case A::Uninstall:
     case A::Quit:
         return true;
     default:
-        // Updates and uninstall arrive with their windows.
         return false;
     }
 }
@@ -306,6 +316,12 @@ void AppDelegate::perform(StatusMenu::Action action)
         break;
     case A::ShowWizard:
         showWizard();
+        break;
+    case A::CheckUpdates:
+        m_maintenance.checkUpdates();
+        break;
+    case A::Uninstall:
+        m_maintenance.uninstall();
         break;
     case A::Quit:
         QCoreApplication::quit();
@@ -365,4 +381,19 @@ void AppDelegate::wizardClosed()
             m_wizardModel.reset();
         },
         Qt::QueuedConnection);
+}
+
+// --- Self-update and uninstall ---------------------------------------------------------------
+
+Maintenance::Parts AppDelegate::maintenanceParts()
+{
+    return {m_net, [this] { return updateBusy(); }, [this] { return m_uploader.pendingCount(); },
+            [this](std::function<void()> done) { m_recorder.stop(std::move(done)); },
+            [this] {
+                // Nothing may write into the data folder or settings once they are on their way out.
+                m_tick.stop();
+                m_upkeep.stop();
+                m_checkIn.stop();
+                m_conn.close();
+            }};
 }

@@ -7,6 +7,7 @@
 #include "CheckIn.h"
 #include "Commands.h"
 #include "Connection.h"
+#include "Maintenance.h"
 #include "MentorRoster.h"
 #include "Permissions.h"
 #include "Recorder.h"
@@ -96,6 +97,7 @@ public:
     /// The agent's windows.
     AgentWindows &windows() { return m_windows; }
     // ------------------------------------------------------------------------------------------
+    Maintenance &maintenance() { return m_maintenance; }
 
     /// Interval of the heartbeat in milliseconds.
     static constexpr int kTickMs = 500;
@@ -111,6 +113,7 @@ private:
     static bool canPerform(StatusMenu::Action action);
     CheckIn::Flags permissionFlags() const;
     void wizardClosed();
+    Maintenance::Parts maintenanceParts();
 
     // Read by capture threads before they forward live audio or a preview frame.
     std::atomic<bool> m_wizardOpen{false};
@@ -139,6 +142,8 @@ private:
     Commands m_commands;
     StatusView m_status;
     Upkeep m_upkeep;
+    // Self-update and uninstall; it stops the recorder, so it goes before it.
+    Maintenance m_maintenance;
     // The setup wizard while open; the window goes before its model.
     std::unique_ptr<WizardModel> m_wizardModel;
     std::unique_ptr<WizardWindow> m_wizardWindow;

@@ -2,9 +2,9 @@
 
 #include "BravaLog.h"
 #include "BuildInfo.h"
+#include "Relaunch.h"
 
 #include <QCoreApplication>
-#include <QProcess>
 #include <QTimer>
 
 Upkeep::Upkeep(const BuildInfo &build, std::function<bool()> busy, QObject *parent)
@@ -32,17 +32,18 @@ void Upkeep::stop()
 void Upkeep::checkForNewVersion()
 {
     const QString onDisk = BuildInfo::readKey(m_infoPath, QStringLiteral("CFBundleVersion"));
-    if (onDisk.isEmpty() || onDisk == m_runningBuild || m_busy())
+    if (!Relaunch::newBuild(onDisk, m_runningBuild) || m_busy())
         return;
     bravaLog(QStringLiteral("new version on disk (") + onDisk + QStringLiteral(") — relaunching"));
-    relaunchSelf();
+    if (relaunch)
+        relaunch();
+    else
+        relaunchSelf();
 }
 
 void Upkeep::relaunchSelf()
 {
-    const QString script = QStringLiteral("while kill -0 %1 2>/dev/null; do sleep 0.2; done; exec \"%2\" >/dev/null 2>&1")
-                               .arg(QCoreApplication::applicationPid())
-                               .arg(QCoreApplication::applicationFilePath());
-    QProcess::startDetached(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), script});
+    // The executable is quoted for the shell: a folder name with quotes or "$(…)" starts this file.
+    Relaunch::start(QCoreApplication::applicationPid(), QCoreApplication::applicationFilePath());
     QCoreApplication::quit();
 }

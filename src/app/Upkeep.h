@@ -8,7 +8,7 @@
 class BuildInfo;
 class QTimer;
 
-// Keeping the installed agent current: every 10 s it looks whether a different build has been
+// Keeping the installed agent current: every 10 s it looks whether a newer build has been
 // installed beside the running one and, when the agent is not busy, relaunches into it. The
 // updater and uninstall join here. Main thread only.
 class Upkeep : public QObject
@@ -26,6 +26,8 @@ public:
     void checkForNewVersion();
     /// Starts this program again once this process has exited, then quits.
     void relaunchSelf();
+    /// Tests only: runs instead of relaunchSelf() when a newer build is found.
+    std::function<void()> relaunch;
 
     /// Interval of the new-build check in milliseconds.
     static constexpr int kVersionCheckMs = 10000;

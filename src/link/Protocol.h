@@ -133,16 +133,6 @@ inline constexpr unsigned char computerAudio = 1; ///< live audio of the compute
 inline constexpr unsigned char preview = 2;       ///< one camera preview picture, JPEG
 } // namespace Frame
 
-/// The sale record (POST /sale, JSON) and the room's answer.
-namespace Sale {
-inline constexpr char id[] = "id";
-inline constexpr char method[] = "method";
-inline constexpr char lead[] = "lead";
-inline constexpr char apv[] = "apv";
-inline constexpr char referral[] = "referral";
-inline constexpr char token[] = "sale"; ///< member of the answer: the sale token
-} // namespace Sale
-
 /// DNS-SD service type under which a control room announces itself.
 inline constexpr char serviceType[] = "_bravacontrol._tcp";
 

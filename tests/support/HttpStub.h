@@ -54,7 +54,9 @@ public:
     /// No answer until release().
     static Answer hang() { return Answer{Answer::Hang}; }
     /// Closes the connection in the middle of the request's body, after `bytes` of it.
-    static Answer cut(qint64 bytes) { return Answer{Answer::Cut, 0, {}, {}, 0, bytes}; }
+    static Answer cut(qint64 bytes) { Answer a{Answer::Cut, 0};
+        a.cutAfterBytes = bytes;
+        return a; }
     /// The answer used when the script is empty.
     void setDefault(const Answer &answer) { m_default = answer; }
     /// Appends answers for the next requests, in order.

@@ -450,7 +450,7 @@ void Room::feed(const QString &kind, int agent, const QString &text, const QStri
     QJsonObject item{{QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
                      {QStringLiteral("kind"), kind}, {QStringLiteral("agent"), agent}, {QStringLiteral("text"), text}};
     if (!link.isEmpty())
-        item.insert(QStringLiteral("link"), QStringLiteral("/files/") + link);
+        item.insert(QStringLiteral("link"), QString(QStringLiteral("/files/") + link));
     m_feed.push_back(item);
     if (m_feed.size() > kFeedMax)
         m_feed.pop_front();

@@ -43,7 +43,7 @@ std::optional<QString> SaleBook::add(const QJsonObject &r, QString *why)
         *why = QStringLiteral("cannot store the sale: ") + file.errorString();
         return std::nullopt;
     }
-    sale.insert(QStringLiteral("files"), QJsonArray{folder + QStringLiteral("/sale.json")});
+    sale.insert(QStringLiteral("files"), QJsonArray{QString(folder + QStringLiteral("/sale.json"))});
     m_sales[token] = sale;
     m_order.append(token);
     return token;

@@ -1,0 +1,35 @@
+#include "AlertBox.h"
+
+#include <QAbstractButton>
+#include <QMessageBox>
+#include <QPushButton>
+
+namespace AlertBox {
+
+QMessageBox *show(const Alert &alert, std::function<void(int)> answer)
+{
+    auto *box = new QMessageBox(alert.critical ? QMessageBox::Critical : QMessageBox::Information,
+                                QStringLiteral("Brava Recorder"), alert.message);
+    box->setInformativeText(alert.informative);
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setWindowModality(Qt::ApplicationModal);
+    QList<QAbstractButton *> buttons;
+    for (qsizetype i = 0; i < alert.buttons.size(); ++i) {
+        // The first button is the default; a second one is the way out.
+        const auto role = i == 0 ? QMessageBox::AcceptRole : QMessageBox::RejectRole;
+        QPushButton *b = box->addButton(alert.buttons[i], role);
+        if (i == 0)
+            box->setDefaultButton(b);
+        buttons.append(b);
+    }
+    QObject::connect(box, &QMessageBox::finished, box, [box, buttons, answer = std::move(answer)] {
+        if (answer)
+            answer(int(buttons.indexOf(box->clickedButton())));
+    });
+    box->show();
+    box->raise();
+    box->activateWindow();
+    return box;
+}
+
+} // namespace AlertBox

@@ -1,0 +1,103 @@
+#pragma once
+
+#include "Alert.h"
+#include "ArchiveUnpacker.h"
+#include "Release.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+#include <optional>
+
+class QNetworkAccessManager;
+class QNetworkReply;
+
+// Finds a newer published build of the agent in the event web service's release feed, offers it
+// when the agent is idle, downloads it and proves it (digest, signature, contents, version), then
+// shows the verified folder with instructions. It never replaces or restarts the installed agent.
+// Checks run manual (every outcome in an alert) or automatic (silent unless there is an offer).
+// Main thread only; unpacking and verification run on a worker thread.
+class AppUpdates : public QObject
+{
+    Q_OBJECT
+public:
+    /// What this build is and where its updates come from.
+    struct Options
+    {
+        bool serverLocked = false;  ///< builds without a fixed control room never check
+        QString webBase;            ///< event web service base URL, no trailing slash
+        QString runningVersion;     ///< CFBundleShortVersionString of the running agent
+        QString identifier;         ///< CFBundleIdentifier a release must carry
+        QString installedFolder;    ///< the running agent's folder, named in the instructions
+        QByteArray publicKeyPem;    ///< key the release manifest must be signed with
+        QString tempRoot;           ///< where work folders go; the system's temporary folder when empty
+        qint64 maxDownloadBytes = BRAVA_UPDATE_MAX_BYTES;
+        ArchiveUnpacker::Limits limits;
+    };
+
+    static constexpr const char *kFeedPath = "/wp-json/brava-updates/v1/releases";
+    /// The feed body must be shorter than this.
+    static constexpr qint64 kMaxFeedBytes = 65536;
+    static constexpr int kFeedTimeoutMs = 20000;
+
+    /// Fetches over `net` for the build that `options` describe.
+    AppUpdates(QNetworkAccessManager &net, Options options, QObject *parent = nullptr);
+    ~AppUpdates() override;
+
+    /// Answers whether updating now would disturb the agent; busy until the controller installs its test.
+    std::function<bool()> isBusy = [] { return true; };
+    /// Shows an alert (AlertBox::show unless replaced).
+    AskFunction ask;
+    /// Shows the verified folder (FolderReveal::show unless replaced).
+    std::function<void(const QString &)> reveal;
+
+    /// Starts a check unless the build is not locked or one is running; returns at once.
+    void check(bool manual);
+    /// Offers the pending release when nothing runs, the agent is idle and it was not offered yet.
+    void offerPending();
+    /// Downloads and verifies `release` unless busy, not allowed or not newer; returns at once.
+    void download(const Release &release);
+
+    /// Whether a check or download is running.
+    bool checking() const { return m_checking; }
+    /// The newer release found by the last successful check.
+    std::optional<Release> pending() const { return m_pending; }
+    /// The version the offer was last shown for.
+    QString prompted() const { return m_prompted; }
+    /// Internal error text of the last failed check or download ("" after success).
+    QString lastError() const { return m_lastError; }
+    /// The verified folder of the last successful download.
+    QString verifiedFolder() const { return m_verified; }
+    /// The web service host release URLs must be on.
+    QString host() const;
+
+    /// Version order (UpdatePolicy::newer).
+    static bool newer(const QString &a, const QString &b);
+
+Q_SIGNALS:
+    /// A check ended (with or without an alert).
+    void checkFinished();
+    /// A download ended: verified or refused (lastError() says why).
+    void downloadFinished(bool verified);
+
+private:
+    void feedArrived(QNetworkReply *reply, bool manual);
+    void decide(const QByteArray &body, bool manual);
+    void checkFailed(const QString &error, bool manual);
+    void endCheck();
+    void downloaded(const Release &release, const QString &work, const QString &file, const QString &error,
+                    const QString &sha256);
+    void verified(bool ok, const QString &error, const QString &detail, const QString &folder);
+    void handOver();
+    void show(const Alert &alert, std::function<void(int)> answer = {});
+
+    QNetworkAccessManager &m_net;
+    Options m_options;
+    bool m_checking = false;
+    std::optional<Release> m_pending;
+    QString m_prompted;
+    QString m_lastError;
+    QString m_verified;
+};

@@ -1,0 +1,89 @@
+#include "Uninstaller.h"
+
+#include "AlertBox.h"
+#include "BravaLog.h"
+#include "ReleaseManifest.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+Uninstaller::Uninstaller(Paths paths, QObject *parent)
+    : QObject(parent)
+    , m_paths(std::move(paths))
+{
+    ask = [](const Alert &alert, std::function<void(int)> answer) { AlertBox::show(alert, std::move(answer)); };
+    quit = [] { QCoreApplication::quit(); };
+}
+
+Uninstaller::AppRemoval Uninstaller::removalOf(const QString &folder)
+{
+    struct stat st;
+    if (::stat(QFile::encodeName(folder).constData(), &st) != 0 || st.st_uid != ::geteuid())
+        return AppRemoval::Package;
+    // Only a folder that is plainly an unpacked release, inside the home folder, goes to the Trash:
+    // never a shared folder of programs or a build tree.
+    const QString home = QDir(QDir::homePath()).canonicalPath();
+    const QString canonical = QDir(folder).canonicalPath();
+    if (home.isEmpty() || home == QLatin1String("/") || !canonical.startsWith(home + QLatin1Char('/'))
+        || !QFileInfo::exists(folder + QLatin1Char('/') + QLatin1String(ReleaseManifest::kFileName)))
+        return AppRemoval::ByHand;
+    return AppRemoval::Trash;
+}
+
+Alert Uninstaller::confirmation(int pending, AppRemoval removal, const QString &appFolder)
+{
+    Alert a;
+    a.message = QStringLiteral("Uninstall Brava Recorder?");
+    if (pending == 0)
+        a.informative = QStringLiteral("This removes Brava Recorder and its settings from this computer. Recordings "
+                                       "already sent to the control room aren't affected.");
+    else
+        a.informative = QString::number(pending)
+            + QStringLiteral(" recording file(s) haven't uploaded to the control room yet. Connect to the event Wi-Fi "
+                             "and wait for them to finish, or they'll be lost.");
+    if (removal == AppRemoval::Package)
+        a.informative += QStringLiteral("\n\nThe program itself was installed with the system's packages: remove the "
+                                        "brava-recorder package afterwards.");
+    else if (removal == AppRemoval::ByHand)
+        a.informative += QStringLiteral("\n\nThe program's folder stays where it is: ") + appFolder;
+    a.critical = pending > 0;
+    a.buttons = {pending > 0 ? QStringLiteral("Uninstall Anyway") : QStringLiteral("Uninstall"), QStringLiteral("Cancel")};
+    return a;
+}
+
+void Uninstaller::start()
+{
+    if (m_running)
+        return;
+    const Alert question = confirmation(pendingCount(), removalOf(m_paths.appFolder), m_paths.appFolder);
+    m_running = true;
+    ask(question, [this](int button) {
+        if (button != 0) {
+            m_running = false;
+            return;
+        }
+        stopRecorder([this] { remove(); });
+    });
+}
+
+void Uninstaller::remove()
+{
+    bravaLog(QStringLiteral("uninstall: removing settings, start at login and the data folder"));
+    if (beforeRemoving)
+        beforeRemoving();
+    QFile::remove(m_paths.settingsFile);
+    QDir().rmdir(QFileInfo(m_paths.settingsFile).path()); // only when empty
+    QFile::remove(m_paths.autostartEntry);
+    // Failures to reach the Trash do not stop the uninstall; nothing is deleted outright.
+    if (removalOf(m_paths.appFolder) == AppRemoval::Trash)
+        QFile::moveToTrash(m_paths.appFolder);
+    QFile::moveToTrash(m_paths.dataFolder);
+    Q_EMIT removed();
+    if (quit)
+        quit();
+}

@@ -1,0 +1,55 @@
+#include "UpdateAlerts.h"
+
+namespace UpdateAlerts {
+
+Alert upToDate(const QString &runningVersion)
+{
+    return {QStringLiteral("You’re up to date"),
+            QStringLiteral("Brava Recorder ") + runningVersion + QStringLiteral(" is the latest published Linux release.")};
+}
+
+Alert availableButBusy(const QString &version)
+{
+    return {QStringLiteral("Update available"),
+            QStringLiteral("Version ") + version
+                + QStringLiteral(" is ready. Finish recording, calls, and uploads first. We’ll remind you when it’s safe.")};
+}
+
+Alert checkFailed()
+{
+    return {QStringLiteral("Couldn’t check for updates"),
+            QStringLiteral("Your recorder will keep working. Try again when you have internet access.")};
+}
+
+Alert offer(const QString &version)
+{
+    return {QStringLiteral("Brava Recorder ") + version + QStringLiteral(" is available"),
+            QStringLiteral("Download and verify the update now? Your agent number and settings are kept. "
+                           "Installation is prompted; nothing restarts automatically."),
+            {QStringLiteral("Download Update"), QStringLiteral("Later")}};
+}
+
+Alert verified(const QString &installedFolder)
+{
+    return {QStringLiteral("Update verified"),
+            QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + installedFolder
+                + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number "
+                                 "and settings stay saved."),
+            {QStringLiteral("Show Verified App"), QStringLiteral("Later")}};
+}
+
+Alert verifiedButBusy()
+{
+    return {QStringLiteral("Update verified"),
+            QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when "
+                           "they finish.")};
+}
+
+Alert notOpened()
+{
+    return {QStringLiteral("Update wasn’t opened"),
+            QStringLiteral("The download or its signature could not be verified. Your installed app is unchanged. "
+                           "Try Check for Updates again later.")};
+}
+
+} // namespace UpdateAlerts

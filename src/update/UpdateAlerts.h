@@ -1,0 +1,23 @@
+#pragma once
+
+#include "Alert.h"
+
+// The updater's alerts, word for word.
+namespace UpdateAlerts {
+
+/// Manual check: nothing newer than the running version.
+Alert upToDate(const QString &runningVersion);
+/// Manual check: a newer release, but the agent is busy.
+Alert availableButBusy(const QString &version);
+/// Manual check: the check failed (the internal reason is never shown).
+Alert checkFailed();
+/// The offer of a newer release: "Download Update" or "Later".
+Alert offer(const QString &version);
+/// The verified release with the instructions: "Show Verified App" or "Later".
+Alert verified(const QString &installedFolder);
+/// Verified, but recording or uploads have started.
+Alert verifiedButBusy();
+/// The download or its verification failed.
+Alert notOpened();
+
+} // namespace UpdateAlerts

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QSslCertificate>
+#include <QSslKey>
+#include <QTcpServer>
+
+class QSslSocket;
+
+// An HTTPS server on one loopback address, port 443 (release URLs may not name a port), answering
+// GET requests by path as scripted: a body with or without a length, a redirect, or no answer
+// until released.
+class HttpsStub : public QTcpServer
+{
+    Q_OBJECT
+public:
+    struct Answer
+    {
+        int status = 200;
+        QByteArray body;
+        QByteArray location;   ///< a redirect's target
+        bool withLength = true; ///< false: no Content-Length, the end of the body is the connection's end
+        bool hang = false;      ///< no answer until release()
+    };
+
+    /// A server with this certificate and key.
+    HttpsStub(const QSslCertificate &cert, const QSslKey &key, QObject *parent = nullptr);
+
+    /// Answers requests for `path` with `answer`; unknown paths get 404.
+    void route(const QByteArray &path, const Answer &answer) { m_routes.insert(path, answer); }
+    /// Answers every held request with its route as it is now (hang cleared).
+    void release();
+
+    /// Paths requested, oldest first.
+    QList<QByteArray> paths;
+    /// Request heads, oldest first, header names in lower case.
+    QList<QHash<QByteArray, QByteArray>> headers;
+
+protected:
+    void incomingConnection(qintptr fd) override;
+
+private:
+    void readFrom(QSslSocket *socket);
+    void respond(QSslSocket *socket, Answer answer);
+
+    QSslCertificate m_cert;
+    QSslKey m_key;
+    QHash<QByteArray, Answer> m_routes;
+    QHash<QSslSocket *, QByteArray> m_buffers;
+    QList<QPair<QSslSocket *, QByteArray>> m_held;
+};

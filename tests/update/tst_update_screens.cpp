@@ -1,0 +1,67 @@
+// The updater's and uninstall's alerts drawn on the test X server, each kept as a PNG in
+// <build>/update-screens/ and checked for its texts and buttons.
+#include "AlertBox.h"
+#include "TestDisplay.h"
+#include "Uninstaller.h"
+#include "UpdateAlerts.h"
+
+#include <QDir>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+
+Q_DECLARE_METATYPE(Alert)
+
+class UpdateScreensTest : public QObject
+{
+    Q_OBJECT
+    QString shots;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        BRAVA_REQUIRE_X();
+        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + QStringLiteral("/update-screens");
+        QDir().mkpath(shots);
+    }
+
+    void alert_data()
+    {
+        using U = Uninstaller;
+        QTest::addColumn<Alert>("alert");
+        QTest::newRow("update-up-to-date") << UpdateAlerts::upToDate(QStringLiteral("1.9"));
+        QTest::newRow("update-available-busy") << UpdateAlerts::availableButBusy(QStringLiteral("2.0"));
+        QTest::newRow("update-check-failed") << UpdateAlerts::checkFailed();
+        QTest::newRow("update-offer") << UpdateAlerts::offer(QStringLiteral("2.0"));
+        QTest::newRow("update-verified") << UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"));
+        QTest::newRow("update-verified-busy") << UpdateAlerts::verifiedButBusy();
+        QTest::newRow("update-not-opened") << UpdateAlerts::notOpened();
+        QTest::newRow("uninstall") << U::confirmation(0, U::AppRemoval::Trash, QString());
+        QTest::newRow("uninstall-pending") << U::confirmation(3, U::AppRemoval::Trash, QString());
+        QTest::newRow("uninstall-package") << U::confirmation(0, U::AppRemoval::Package, QString());
+    }
+    void alert()
+    {
+        QFETCH(Alert, alert);
+        int answered = -2;
+        QMessageBox *box = AlertBox::show(alert, [&answered](int b) { answered = b; });
+        QVERIFY(QTest::qWaitForWindowExposed(box));
+        QCOMPARE(box->text(), alert.message);
+        QCOMPARE(box->informativeText(), alert.informative);
+        QCOMPARE(box->icon(), alert.critical ? QMessageBox::Critical : QMessageBox::Information);
+        QStringList buttons;
+        for (QAbstractButton *b : box->buttons())
+            buttons.append(b->text());
+        buttons.sort();
+        QStringList expected = alert.buttons;
+        expected.sort();
+        QCOMPARE(buttons, expected);
+        QCOMPARE(box->defaultButton()->text(), alert.buttons.first());
+        QVERIFY(box->grab().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + QStringLiteral(".png")));
+        box->defaultButton()->click();
+        QTRY_COMPARE(answered, 0);
+    }
+};
+
+BRAVA_X_TEST_MAIN(UpdateScreensTest)
+#include "tst_update_screens.moc"

@@ -1,0 +1,261 @@
+// Upkeep: relaunching into a newer build once the old process has gone, and uninstalling to the
+// Trash with nothing of the agent left outside it.
+#include "BuildInfo.h"
+#include "Relaunch.h"
+#include "Upkeep.h"
+#include "Uninstaller.h"
+
+#include <QDirIterator>
+#include <QProcess>
+#include <QtTest>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+void writeFile(const QString &path, const QByteArray &data = "x")
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile f(path);
+    QVERIFY(f.open(QIODevice::WriteOnly));
+    f.write(data);
+}
+
+// Every file (not folder) below `root`, leaving out `except`.
+QStringList filesBelow(const QString &root, const QString &except)
+{
+    QStringList files;
+    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        if (!path.startsWith(except) && !QFileInfo(path).isDir())
+            files.append(path);
+    }
+    return files;
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Uninstaller::AppRemoval)
+
+class UpkeepTest : public QObject
+{
+    Q_OBJECT
+    QTemporaryDir tmp;
+    QString home = tmp.path() + QStringLiteral("/home");
+
+public:
+    UpkeepTest()
+    {
+        // A home of its own before anything logs.
+        qputenv("HOME", QFile::encodeName(home));
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(home + QStringLiteral("/.config")));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(home + QStringLiteral("/.local/share")));
+        QDir().mkpath(home);
+    }
+
+private Q_SLOTS:
+    void newBuild_data()
+    {
+        QTest::addColumn<QString>("onDisk");
+        QTest::addColumn<QString>("running");
+        QTest::addColumn<bool>("relaunch");
+        QTest::newRow("newer") << "8" << "7" << true;
+        QTest::newRow("ten after nine") << "10" << "9" << true;
+        QTest::newRow("same") << "7" << "7" << false;
+        QTest::newRow("older") << "6" << "7" << false;
+        QTest::newRow("none on disk") << "" << "7" << false;
+    }
+    void newBuild()
+    {
+        QFETCH(QString, onDisk);
+        QFETCH(QString, running);
+        QFETCH(bool, relaunch);
+        QCOMPARE(Relaunch::newBuild(onDisk, running), relaunch);
+    }
+
+    // A newer build on disk relaunches only once the agent is idle (no take, no pending upload).
+    void newBuildWaitsForIdle()
+    {
+        const QString info = tmp.path() + QStringLiteral("/Info.ini");
+        writeFile(info, "[General]\nCFBundleVersion=7\n");
+        const BuildInfo running = BuildInfo::read(info);
+        bool busy = true;
+        int relaunched = 0;
+        Upkeep upkeep(running, [&busy] { return busy; });
+        upkeep.relaunch = [&relaunched] { ++relaunched; };
+        upkeep.checkForNewVersion();
+        writeFile(info, "[General]\nCFBundleVersion=10\n"); // another size: the INI reader sees the change at once
+        upkeep.checkForNewVersion();
+        QCOMPARE(relaunched, 0);
+        busy = false;
+        upkeep.checkForNewVersion();
+        QCOMPARE(relaunched, 1);
+    }
+
+    // The script waits for the old process, then starts the file in a folder whose name holds a
+    // space, quotes and a command substitution, and runs nothing else.
+    void relaunchWaitsThenStartsTheRightFile()
+    {
+        const QString work = tmp.path() + QStringLiteral("/relaunch");
+        const QString folder = work + QStringLiteral("/it's \"a\" $(touch PWNED) `touch PWNED2` dir");
+        const QString exe = folder + QStringLiteral("/brava-recorder");
+        writeFile(exe, "#!/bin/sh\necho \"$0\" > \"$(dirname \"$0\")/started\"\n");
+        QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QVERIFY(QDir::setCurrent(work));
+
+        QProcess old;
+        old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
+        QVERIFY(old.waitForStarted());
+        QVERIFY(Relaunch::start(old.processId(), exe));
+        // The shell polls every 0.2 s: give it a few rounds to show that it waits.
+        QTest::qWait(600);
+        QVERIFY(!QFile::exists(folder + QStringLiteral("/started")));
+        old.kill();
+        old.waitForFinished();
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QStringLiteral("/started")), 10000);
+        QFile started(folder + QStringLiteral("/started"));
+        QVERIFY(started.open(QIODevice::ReadOnly));
+        QCOMPARE(QString::fromUtf8(started.readAll()).trimmed(), exe);
+        QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
+    }
+
+    void confirmation_data()
+    {
+        using R = Uninstaller::AppRemoval;
+        QTest::addColumn<int>("pending");
+        QTest::addColumn<Uninstaller::AppRemoval>("removal");
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("button");
+        QTest::addColumn<bool>("critical");
+        QTest::newRow("nothing pending")
+            << 0 << R::Trash
+            << "This removes Brava Recorder and its settings from this computer. Recordings already sent to the control room aren't affected."
+            << "Uninstall" << false;
+        QTest::newRow("pending")
+            << 3 << R::Trash
+            << "3 recording file(s) haven't uploaded to the control room yet. Connect to the event Wi-Fi and wait for them to finish, or they'll be lost."
+            << "Uninstall Anyway" << true;
+        QTest::newRow("package")
+            << 0 << R::Package
+            << "This removes Brava Recorder and its settings from this computer. Recordings already sent to the control room aren't affected.\n\n"
+               "The program itself was installed with the system's packages: remove the brava-recorder package afterwards."
+            << "Uninstall" << false;
+        QTest::newRow("by hand")
+            << 1 << R::ByHand
+            << "1 recording file(s) haven't uploaded to the control room yet. Connect to the event Wi-Fi and wait for them to finish, or they'll be lost.\n\n"
+               "The program's folder stays where it is: /opt/b"
+            << "Uninstall Anyway" << true;
+    }
+    void confirmation()
+    {
+        QFETCH(int, pending);
+        QFETCH(Uninstaller::AppRemoval, removal);
+        QFETCH(QString, text);
+        QFETCH(QString, button);
+        QFETCH(bool, critical);
+        const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
+        QCOMPARE(a.message, QStringLiteral("Uninstall Brava Recorder?"));
+        QCOMPARE(a.informative, text);
+        QCOMPARE(a.buttons, (QStringList{button, QStringLiteral("Cancel")}));
+        QCOMPARE(a.critical, critical);
+    }
+
+    void removalOfTheProgram()
+    {
+        const QString release = home + QStringLiteral("/Apps/Brava Recorder");
+        writeFile(release + QStringLiteral("/RELEASE-MANIFEST"));
+        QCOMPARE(Uninstaller::removalOf(release), Uninstaller::AppRemoval::Trash);
+        QCOMPARE(Uninstaller::removalOf(home), Uninstaller::AppRemoval::ByHand);
+        const QString build = home + QStringLiteral("/src/build"); // a build tree, not a release
+        writeFile(build + QStringLiteral("/brava-recorder"));
+        QCOMPARE(Uninstaller::removalOf(build), Uninstaller::AppRemoval::ByHand);
+        QDir(home + QStringLiteral("/src")).removeRecursively();
+        const QString outside = tmp.path() + QStringLiteral("/elsewhere");
+        writeFile(outside + QStringLiteral("/RELEASE-MANIFEST"));
+        QCOMPARE(Uninstaller::removalOf(outside), Uninstaller::AppRemoval::ByHand);
+        QCOMPARE(Uninstaller::removalOf(QStringLiteral("/usr/bin")),
+                 ::geteuid() == 0 ? Uninstaller::AppRemoval::ByHand : Uninstaller::AppRemoval::Package);
+        if (::geteuid() == 0) {
+            QVERIFY(::chown(QFile::encodeName(release).constData(), 65534, 65534) == 0);
+            QCOMPARE(Uninstaller::removalOf(release), Uninstaller::AppRemoval::Package);
+            QVERIFY(::chown(QFile::encodeName(release).constData(), 0, 0) == 0);
+        }
+        QDir(home + QStringLiteral("/Apps")).removeRecursively();
+    }
+
+    void uninstall_data()
+    {
+        QTest::addColumn<int>("answer");
+        QTest::newRow("cancel") << 1;
+        QTest::newRow("uninstall anyway") << 0;
+    }
+    void uninstall()
+    {
+        QFETCH(int, answer);
+        const QString app = home + QStringLiteral("/Apps/Brava Recorder");
+        const Uninstaller::Paths paths{app, home + QStringLiteral("/.local/share/Brava Recorder"),
+                                       home + QStringLiteral("/.config/Brava Recorder/settings.ini"),
+                                       home + QStringLiteral("/.config/autostart/brava-recorder.desktop")};
+        writeFile(app + QStringLiteral("/brava-recorder"));
+        writeFile(app + QStringLiteral("/RELEASE-MANIFEST"));
+        writeFile(paths.dataFolder + QStringLiteral("/pending/s1/mic_1_00000_final.m4a"));
+        writeFile(paths.settingsFile, "[General]\nagentID=7\n");
+        writeFile(paths.autostartEntry);
+        const QString trash = home + QStringLiteral("/.local/share/Trash");
+
+        Uninstaller u(paths);
+        QList<Alert> alerts;
+        bool stopped = false, cleared = false, quit = false;
+        u.pendingCount = [] { return 2; };
+        u.ask = [&](const Alert &a, std::function<void(int)> reply) {
+            alerts.append(a);
+            QMetaObject::invokeMethod(&u, [reply, answer] { reply(answer); }, Qt::QueuedConnection);
+        };
+        u.stopRecorder = [&](std::function<void()> done) {
+            stopped = true;
+            QMetaObject::invokeMethod(&u, done, Qt::QueuedConnection);
+        };
+        u.beforeRemoving = [&] { cleared = stopped; };
+        u.quit = [&] { quit = true; };
+        const QStringList before = filesBelow(home, trash);
+        u.start();
+        QCOMPARE(alerts.size(), 1);
+        QCOMPARE(alerts[0].buttons.value(0), QStringLiteral("Uninstall Anyway"));
+        QVERIFY(alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
+        if (answer != 0) {
+            // The answer is queued, and so is the recorder's stop: two rounds of events would reach a removal.
+            QCoreApplication::processEvents();
+            QCoreApplication::processEvents();
+            QVERIFY(!stopped && !quit);
+            QCOMPARE(filesBelow(home, trash), before);
+            return;
+        }
+        QTRY_VERIFY(quit);
+        QVERIFY(cleared);
+        // Nothing of the agent outside the Trash; in the Trash the two folders with their notes.
+        QCOMPARE(filesBelow(home, trash), QStringList());
+        QVERIFY(!QFileInfo::exists(home + QStringLiteral("/.config/Brava Recorder")));
+        QCOMPARE(QDir(trash + QStringLiteral("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
+        const QStringList notes = QDir(trash + QStringLiteral("/info")).entryList({QStringLiteral("*.trashinfo")});
+        QCOMPARE(notes.size(), 2);
+        QStringList origins;
+        for (const QString &n : notes) {
+            QFile f(trash + QStringLiteral("/info/") + n);
+            QVERIFY(f.open(QIODevice::ReadOnly));
+            const QByteArray text = f.readAll();
+            QVERIFY(text.startsWith("[Trash Info]\nPath="));
+            origins.append(QUrl::fromPercentEncoding(text.split('\n').value(1).mid(5)));
+        }
+        QStringList expected{app, paths.dataFolder};
+        origins.sort();
+        expected.sort();
+        QCOMPARE(origins, expected);
+        QVERIFY(QFile::exists(trash + QStringLiteral("/files/Brava Recorder/RELEASE-MANIFEST"))
+                || QFile::exists(trash + QStringLiteral("/files/Brava Recorder/pending")));
+    }
+};
+
+QTEST_GUILESS_MAIN(UpkeepTest)
+#include "tst_upkeep.moc"
