@@ -1,4 +1,5 @@
 #include "CameraManager.h"
+#include "DriftCorrector.h"
 #include "FrameDecoder.h"
 #include "MediaProbe.h"
 #include "RecorderFixture.h"
@@ -172,7 +173,8 @@ private Q_SLOTS:
         make(1);
         QVERIFY(f->start(QStringLiteral("BACK")));
         AudioFeed feed(*f->audio);
-        QTest::qWait(800);
+        // The take locks once the held-back audio reaches the writers; the camera goes after that.
+        QTest::qWait(800 + int(DriftCorrector::kHoldSeconds * 1000));
         f->cameras->unplugged = 1;
         QTRY_VERIFY_WITH_TIMEOUT(!f->rec->camRunning() && f->rec->camError(), 5000);
         f->cameras->unplugged = 0;
