@@ -79,7 +79,7 @@ private Q_SLOTS:
     void hostileTextIsShownLiterally()
     {
         QFETCH(QString, text);
-        QVERIFY(whisper(J{{"type", "whisper"}, {"text", text}, {"seat", 5}}));
+        QVERIFY(whisper(J{{"type", "whisper"}, {"text", text}, {"seat", 5}})); // the label rules are tst_whisper_card's
         const QJsonArray page = shown();
         QCOMPARE(page.at(0).toString(), text);
         QCOMPARE(page.at(1).toString(), QStringLiteral("LIVE MESSAGE FROM ANN LEE"));
@@ -96,22 +96,6 @@ private Q_SLOTS:
             QVERIFY(f->command(J{{"type", "whisper"}, {"text", QLatin1String(text)}}));
         QVERIFY(f->command(J{{"type", "whisper"}, {"seat", 5}}));
         QVERIFY(!card().view());
-    }
-
-    void labels_data()
-    {
-        QTest::addColumn<int>("seat");
-        QTest::addColumn<QString>("label");
-        QTest::newRow("no name, seat 0") << 0 << "LIVE MESSAGE FROM A MENTOR";
-        QTest::newRow("no name, seat 12") << 12 << "LIVE MESSAGE FROM MENTOR 12";
-        QTest::newRow("name with blanks") << 5 << "LIVE MESSAGE FROM ANN LEE";
-    }
-    void labels()
-    {
-        QFETCH(int, seat);
-        QFETCH(QString, label);
-        QVERIFY(whisper(J{{"type", "whisper"}, {"text", "Slow down"}, {"seat", seat}}));
-        QCOMPARE(shown().at(1).toString(), label);
     }
 };
 

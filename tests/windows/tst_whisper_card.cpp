@@ -2,29 +2,16 @@
 #include "WhisperCard.h"
 #include "WhisperPage.h"
 
-#include <QElapsedTimer>
-#include <QMouseEvent>
 #include <QProcess>
 #include <QScreen>
-#include <QSignalSpy>
-#include <QWebEnginePage>
-#include <QWebEngineScript>
 #include <QWebEngineView>
 #include <QtTest>
 
-namespace {
-
 // A window that counts the mouse presses it receives.
-class ClickCounter : public QWidget
-{
-public:
+struct ClickCounter : QWidget {
     int presses = 0;
-
-protected:
     void mousePressEvent(QMouseEvent *) override { ++presses; }
 };
-
-} // namespace
 
 // The card's page rules, and the card as a window: timing, click-through, release, its picture.
 class WhisperCardTest : public QObject

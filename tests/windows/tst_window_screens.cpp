@@ -1,4 +1,3 @@
-#include "HttpStub.h"
 #include "ReviewWindow.h"
 #include "SaleForm.h"
 #include "SaleSubmission.h"
@@ -15,7 +14,6 @@
 #include <QNetworkAccessManager>
 #include <QPushButton>
 #include <QScreen>
-#include <QTemporaryDir>
 
 namespace M = SaleWidgetModel;
 
@@ -26,7 +24,6 @@ class WindowScreensTest : public QObject
     Q_OBJECT
     QString shots;
     QString savedFrame;
-    QTemporaryDir dir;
     QNetworkAccessManager net;
 
     // The screen's pixels under a window's client area, kept as <name>.png.
@@ -42,31 +39,26 @@ class WindowScreensTest : public QObject
     {
         return qAbs(a.red() - b.red()) <= tolerance && qAbs(a.green() - b.green()) <= tolerance && qAbs(a.blue() - b.blue()) <= tolerance;
     }
-    static QString hex(QColor c) { return c.name(); }
-    // Whether a row of the image holds text-like pixels close to this colour.
-    static bool rowHas(const QImage &image, int y, int x0, int x1, QColor colour, int tolerance = 40)
+    // Whether the pixel is near this colour; says what it is when not.
+    static bool at(const QImage &image, int x, int y, QColor colour)
     {
-        for (int x = x0; x < x1; ++x)
-            if (near(image.pixelColor(x, y), colour, tolerance))
-                return true;
-        return false;
+        const bool ok = near(image.pixelColor(x, y), colour);
+        if (!ok)
+            qWarning("(%d, %d) is %s", x, y, qPrintable(image.pixelColor(x, y).name()));
+        return ok;
     }
+    // Whether an area of the image holds text-like pixels close to this colour.
     static bool areaHas(const QImage &image, const QRect &area, QColor colour, int tolerance = 40)
     {
         for (int y = area.top(); y <= area.bottom(); ++y)
-            if (rowHas(image, y, area.left(), area.right(), colour, tolerance))
-                return true;
+            for (int x = area.left(); x < area.right(); ++x)
+                if (near(image.pixelColor(x, y), colour, tolerance))
+                    return true;
         return false;
     }
     // Waits until the window is mapped where it says and painted.
-    static bool onScreen(QWidget *w)
-    {
-        return QTest::qWaitForWindowExposed(w) && QTest::qWaitFor([] { return true; }, 150);
-    }
-    SaleWidget::FrameStore store()
-    {
-        return {[this] { return savedFrame; }, [this](const QString &t) { savedFrame = t; }};
-    }
+    static bool onScreen(QWidget *w) { return QTest::qWaitForWindowExposed(w) && QTest::qWaitFor([] { return true; }, 150); }
+    SaleWidget::FrameStore store() { return {[this] { return savedFrame; }, [this](const QString &t) { savedFrame = t; }}; }
 
 private Q_SLOTS:
     void initTestCase()
@@ -93,13 +85,12 @@ private Q_SLOTS:
         QVERIFY(QApplication::activeWindow() != w);
 
         QImage shot = shoot(w, QStringLiteral("widget-with-sale"));
-        QVERIFY2(near(shot.pixelColor(4, 90), M::navy()), qPrintable(hex(shot.pixelColor(4, 90))));
-        QVERIFY2(near(shot.pixelColor(16, 40), M::blue()), qPrintable(hex(shot.pixelColor(16, 40))));
-        QVERIFY(near(shot.pixelColor(16, 88), M::blue()));
-        QVERIFY2(near(shot.pixelColor(16, 136), M::red()), qPrintable(hex(shot.pixelColor(16, 136))));
+        QVERIFY(at(shot, 4, 90, M::navy()));
+        QVERIFY(at(shot, 16, 40, M::blue()));
+        QVERIFY(at(shot, 16, 88, M::blue()));
+        QVERIFY(at(shot, 16, 136, M::red()));
         QVERIFY(areaHas(shot, QRect(40, 30, 120, 20), Qt::white, 30)); // the titles are drawn
         QVERIFY(areaHas(shot, QRect(60, 4, 76, 14), QColor(130, 140, 170), 60)); // the drag handle
-        QCOMPARE(widget.callButton()->text(), QStringLiteral("🎧  On a Call"));
         QCOMPARE(widget.saleButton()->text(), QStringLiteral("Submit a Sale"));
 
         // Above a window that opens later over it.
@@ -112,15 +103,12 @@ private Q_SLOTS:
         cover.hide();
 
         widget.setCall(true);
-        shot = shoot(w, QStringLiteral("widget-on-a-call"));
-        QVERIFY2(near(shot.pixelColor(16, 40), M::green()), qPrintable(hex(shot.pixelColor(16, 40))));
+        QVERIFY(at(shoot(w, QStringLiteral("widget-on-a-call")), 16, 40, M::green()));
         QCOMPARE(widget.callButton()->text(), QStringLiteral("⏹  End the Call"));
 
         QTest::mouseClick(w->findChildren<QPushButton *>().last(), Qt::LeftButton);
         QCOMPARE(help.size(), 1);
-        QCOMPARE(widget.callButton()->text(), QStringLiteral("Help sent ✓"));
-        shot = shoot(w, QStringLiteral("widget-help-sent"));
-        QVERIFY(near(shot.pixelColor(16, 40), M::green()));
+        QVERIFY(at(shoot(w, QStringLiteral("widget-help-sent")), 16, 40, M::green()));
         QTRY_COMPARE_WITH_TIMEOUT(widget.callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
 
         // Dragged 30 from the left edge: snaps to 12 from it, keeping its height; the frame is saved.
@@ -137,8 +125,8 @@ private Q_SLOTS:
         QCOMPARE(w->geometry(), QRect(12, 300, 196, 134));
         QVERIFY(!widget.saleButton());
         shot = shoot(w, QStringLiteral("widget-without-sale"));
-        QVERIFY(near(shot.pixelColor(16, 40), M::green()));
-        QVERIFY(near(shot.pixelColor(16, 88), M::red()));
+        QVERIFY(at(shot, 16, 40, M::green()));
+        QVERIFY(at(shot, 16, 88, M::red()));
         // Asked again without the sale button while shown with it: it keeps what it has.
         widget.hide();
         widget.show(true);
@@ -194,10 +182,10 @@ private Q_SLOTS:
         const QImage shot = shoot(&form, QStringLiteral("form-") + QString::fromLatin1(QTest::currentDataTag()));
 
         // The submit button, the chosen method, the navy ground, and the coloured lines.
-        QVERIFY2(near(shot.pixelColor(30, 604), M::blue()), qPrintable(hex(shot.pixelColor(30, 604))));
-        QVERIFY2(near(shot.pixelColor(4, 300), QColor(M::navy().rgb())), qPrintable(hex(shot.pixelColor(4, 300))));
+        QVERIFY(at(shot, 30, 604, M::blue()));
+        QVERIFY(at(shot, 4, 300, QColor(M::navy().rgb())));
         const int chosenX = words.contains(QStringLiteral("computer")) ? 240 + 8 : 24 + 8;
-        QVERIFY2(near(shot.pixelColor(chosenX, 102), M::blue()), qPrintable(hex(shot.pixelColor(chosenX, 102))));
+        QVERIFY(at(shot, chosenX, 102, M::blue()));
         QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
         if (!status.isEmpty())
             QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
@@ -205,19 +193,10 @@ private Q_SLOTS:
         QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
         QCOMPARE(form.callChoose()->isEnabled(), !words.contains(QStringLiteral("computer")));
         QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), words.contains(QStringLiteral("call")));
-    }
-
-    void formFitsASmallScreen()
-    {
-        BRAVA_REQUIRE_X();
-        SaleSubmission submission(net);
-        ScreenSnapper snapper(false);
-        SaleForm form(submission, snapper, [] { return 7; }, [] { return QString(); });
-        form.open();
+        // Taller than the screen: it fits itself in, 16 from the edges.
         form.resize(468, 2000);
         form.fitToScreen();
-        const QRect room = form.screen()->availableGeometry().adjusted(16, 16, -16, -16);
-        QVERIFY(room.contains(form.geometry()));
+        QVERIFY(form.screen()->availableGeometry().adjusted(16, 16, -16, -16).contains(form.geometry()));
     }
 
     void review_data()
@@ -238,8 +217,6 @@ private Q_SLOTS:
         for (const QString &p : picks.split(QLatin1Char(' '), Qt::SkipEmptyParts))
             review.pick(ReviewWindow::outcomes().contains(p) ? 0 : 1, p);
         const QImage shot = shoot(&review, QStringLiteral("review-") + QString::fromLatin1(QTest::currentDataTag()));
-        QCOMPARE(review.faces(0).size(), 3);
-        QCOMPARE(review.faces(1).size(), 4);
         QCOMPARE(review.faces(0).at(1)->geometry(), QRect(160, 88, 128, 78));
         QCOMPARE(review.faces(1).at(3)->geometry(), QRect(324, 208, 92, 78));
         QCOMPARE(review.faces(0).at(2)->text(), QStringLiteral("🙁\nBad"));
