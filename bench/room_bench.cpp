@@ -5,6 +5,8 @@
 // throughput against curl (20 curl uploads of the same files to the same room in the same run),
 // the time from one command to its arrival at all 110 agents, and the delay the room adds to
 // live audio (p50, p99).
+#include "ProcStatus.h"
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
@@ -38,13 +40,7 @@ double cpuSeconds(qint64 pid)
 }
 double peakMb(qint64 pid)
 {
-    QFile f(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : f.readAll().split('\n'))
-        if (line.startsWith("VmHWM:"))
-            return line.mid(6).trimmed().split(' ').first().toDouble() / 1024.0;
-    return -1;
+    return double(ProcStatus::kb("VmHWM", QString::number(pid))) / 1024.0;
 }
 bool waitFor(const std::function<bool()> &done, int ms)
 {

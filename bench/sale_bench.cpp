@@ -3,6 +3,7 @@
 // the file, so the peak should not follow the file's size: the figure is the ratio of the two
 // peaks.
 // Usage: bench_sale [GiB]   (default 1)
+#include "ProcStatus.h"
 #include "SaleFormModel.h"
 #include "SaleSubmission.h"
 
@@ -16,27 +17,6 @@
 #include <QTextStream>
 
 namespace {
-
-// A field of /proc/self/status in kB ("VmRSS", "VmHWM").
-qint64 statusKb(const char *field)
-{
-    QFile f(QStringLiteral("/proc/self/status"));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray prefix = QByteArray(field) + ':';
-    for (const QByteArray &line : f.readAll().split('\n'))
-        if (line.startsWith(prefix))
-            return line.mid(prefix.size()).trimmed().split(' ').value(0).toLongLong();
-    return -1;
-}
-
-// Resets the peak resident size to the current one, so VmHWM covers what follows.
-void resetPeak()
-{
-    QFile f(QStringLiteral("/proc/self/clear_refs"));
-    if (f.open(QIODevice::WriteOnly))
-        f.write("5");
-}
 
 struct Run {
     bool ok = false;
@@ -60,8 +40,8 @@ Run submit(SaleSubmission &submission, const QString &server, const QString &fol
     c.close();
     SaleFormModel::Entry e{7, true, QStringLiteral("Bench"), QStringLiteral("100"), false, true, true};
     QSignalSpy done(&submission, &SaleSubmission::finished);
-    const qint64 before = statusKb("VmRSS");
-    resetPeak();
+    const qint64 before = ProcStatus::kb("VmRSS");
+    ProcStatus::resetPeak();
     QElapsedTimer t;
     t.start();
     submission.submit(server, {SaleFormModel::record(e), true, confirm, QByteArray(), call});
@@ -69,7 +49,7 @@ Run submit(SaleSubmission &submission, const QString &server, const QString &fol
         return {};
     Run r;
     r.seconds = t.elapsed() / 1000.0;
-    r.peakKb = statusKb("VmHWM");
+    r.peakKb = ProcStatus::kb("VmHWM");
     r.peakGrowthKb = r.peakKb - before;
     r.ok = done.first().at(0).toBool();
     QFile::remove(call);

@@ -4,6 +4,7 @@
 // the CPU time per GB of the agent and of curl, and the agent's peak memory during the uploads.
 #include "BuildInfo.h"
 #include "DataFolder.h"
+#include "ProcStatus.h"
 #include "Settings.h"
 #include "Uploader.h"
 
@@ -22,27 +23,6 @@
 #include <unistd.h>
 
 namespace {
-
-// A field of /proc/self/status in kB ("VmRSS", "VmHWM").
-qint64 statusKb(const char *field)
-{
-    QFile f(QStringLiteral("/proc/self/status"));
-    if (!f.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray prefix = QByteArray(field) + ':';
-    for (const QByteArray &line : f.readAll().split('\n'))
-        if (line.startsWith(prefix))
-            return line.mid(prefix.size()).trimmed().split(' ').value(0).toLongLong();
-    return -1;
-}
-
-// Resets the peak resident size to the current one, so VmHWM covers what follows.
-void resetPeak()
-{
-    QFile f(QStringLiteral("/proc/self/clear_refs"));
-    if (f.open(QIODevice::WriteOnly))
-        f.write("5");
-}
 
 bool writeFile(const QString &path, qint64 bytes)
 {
@@ -112,8 +92,8 @@ int main(int argc, char **argv)
     const QString staging = home.path() + QStringLiteral("/staging");
     QDir().mkpath(staging);
 
-    const qint64 rssBefore = statusKb("VmRSS");
-    resetPeak();
+    const qint64 rssBefore = ProcStatus::kb("VmRSS");
+    ProcStatus::resetPeak();
     Uploader up(settings);
     up.tickIntervalMs = 600000; // every upload below starts from enqueue, none from the timer
     QElapsedTimer clock;
@@ -165,7 +145,7 @@ int main(int argc, char **argv)
         agentTimes.append(agentMs);
         cpuTimes.append(cpuMs() - cpuBefore);
     }
-    const qint64 peak = statusKb("VmHWM");
+    const qint64 peak = ProcStatus::kb("VmHWM");
 
     sink.kill();
     sink.waitForFinished(3000);
