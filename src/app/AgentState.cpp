@@ -1,5 +1,7 @@
 #include "AgentState.h"
 
+#include "Announce.h"
+
 AgentState::AgentState(QObject *parent)
     : QObject(parent)
 {
@@ -11,28 +13,19 @@ void AgentState::update(const Values &v)
         return;
     const Values old = m_v;
     m_v = v;
-    if (old.linkUp != v.linkUp)
-        Q_EMIT linkUpChanged(v.linkUp);
-    if (old.replaced != v.replaced)
-        Q_EMIT replacedChanged(v.replaced);
+    announce(this, old.linkUp, v.linkUp, &AgentState::linkUpChanged);
+    announce(this, old.replaced, v.replaced, &AgentState::replacedChanged);
     if (old.recording != v.recording || old.session != v.session)
         Q_EMIT recordingChanged(v.recording, v.session);
-    if (old.live != v.live)
-        Q_EMIT liveChanged(v.live);
-    if (old.previewing != v.previewing)
-        Q_EMIT previewingChanged(v.previewing);
-    if (old.camerasEnabled != v.camerasEnabled)
-        Q_EMIT camerasEnabledChanged(v.camerasEnabled);
+    announce(this, old.live, v.live, &AgentState::liveChanged);
+    announce(this, old.previewing, v.previewing, &AgentState::previewingChanged);
+    announce(this, old.camerasEnabled, v.camerasEnabled, &AgentState::camerasEnabledChanged);
     if (old.onCall != v.onCall || old.callStart != v.callStart)
         Q_EMIT callChanged(v.onCall, v.callStart);
-    if (old.pendingCount != v.pendingCount)
-        Q_EMIT pendingCountChanged(v.pendingCount);
-    if (old.lastError != v.lastError)
-        Q_EMIT lastErrorChanged(v.lastError);
-    if (old.agentID != v.agentID)
-        Q_EMIT agentIDChanged(v.agentID);
-    if (old.setupDone != v.setupDone)
-        Q_EMIT setupDoneChanged(v.setupDone);
+    announce(this, old.pendingCount, v.pendingCount, &AgentState::pendingCountChanged);
+    announce(this, old.lastError, v.lastError, &AgentState::lastErrorChanged);
+    announce(this, old.agentID, v.agentID, &AgentState::agentIDChanged);
+    announce(this, old.setupDone, v.setupDone, &AgentState::setupDoneChanged);
     Q_EMIT changed();
 }
 

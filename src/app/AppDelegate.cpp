@@ -3,9 +3,10 @@
 #include "BravaLog.h"
 #include "CameraBackend.h"
 #include "Clock.h"
-#include "DataFolder.h"
 #include "BuildInfo.h"
+#include "DataFolder.h"
 #include "Heartbeat.h"
+#include "LiveConverter.h"
 #include "LoginItem.h"
 #include "Reconciler.h"
 #include "Settings.h"
@@ -83,7 +84,7 @@ void AppDelegate::publish()
     v.onCall = m_actions.onCall();
     v.callStart = m_actions.callStart();
     v.pendingCount = m_uploader.pendingCount();
-    v.lastError = m_recorder.lastError().value_or(QString());
+    v.lastError = error().value_or(QString());
     v.agentID = m_settings.agentID();
     v.setupDone = m_settings.setupDone();
     v.serverLocked = m_build.serverLocked();
@@ -222,6 +223,15 @@ void AppDelegate::showReplacedAlert()
     box->activateWindow();
 }
 
+std::optional<QString> AppDelegate::error() const
+{
+    if (const std::optional<QString> e = m_recorder.lastError())
+        return e;
+    if (!m_windows.note().isEmpty())
+        return m_windows.note(); // no floating windows on this desktop
+    return m_commands.refusal();
+}
+
 bool AppDelegate::updateBusy() const
 {
     return m_recorder.isRecording() || m_actions.onCall() || m_commands.busy() || m_uploader.pendingCount() >= 1
@@ -240,7 +250,7 @@ void AppDelegate::tick()
     v.live = m_commands.live();
     v.mic = levels.mic;
     v.sys = levels.sys;
-    v.rate = 48000;
+    v.rate = LiveConverter::kLiveRate;
     v.cam = m_recorder.hasCamera();
     v.camActive = m_recorder.camRunning();
     v.camError = m_recorder.camError();
@@ -250,11 +260,7 @@ void AppDelegate::tick()
     v.cams = m_recorder.cameras();
     v.micUID = m_settings.micUID();
     v.camUID = m_settings.camUID();
-    v.error = m_recorder.lastError();
-    if (!v.error && !m_windows.note().isEmpty())
-        v.error = m_windows.note(); // no floating windows on this desktop
-    if (!v.error)
-        v.error = m_commands.refusal();
+    v.error = error();
     m_conn.sendJSON(Heartbeat::message(v));
     if (m_wizardModel)
         m_wizardModel->tick(levels.mic, levels.sys, m_conn.connected());

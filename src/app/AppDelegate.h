@@ -64,6 +64,9 @@ public:
     WizardModel *wizardModel() const { return m_wizardModel.get(); }
     WizardWindow *wizardWindow() const { return m_wizardWindow.get(); }
 
+    /// The fault the agent shows now (heartbeat "error", tray): the recorder's, else why the floating
+    /// windows are missing, else a refused command; none when all is well.
+    std::optional<QString> error() const;
     /// Whether updating now would disturb the agent (recording, call, pending work).
     bool updateBusy() const;
     /// Whether the setup wizard is open.

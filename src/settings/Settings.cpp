@@ -1,5 +1,6 @@
 #include "Settings.h"
 
+#include "Announce.h"
 #include "BravaLog.h"
 #include "BuildInfo.h"
 #include "Protocol.h"
@@ -111,24 +112,15 @@ void Settings::take(const Values &v)
     const Values old = m_v;
     m_v = v;
     // Announced after every value is in place, so a listener reading another key sees the new one.
-    if (old.agentID != v.agentID)
-        Q_EMIT agentIDChanged(v.agentID);
-    if (old.agentName != v.agentName)
-        Q_EMIT agentNameChanged(v.agentName);
-    if (old.server != v.server)
-        Q_EMIT serverChanged(v.server);
-    if (old.setupDone != v.setupDone)
-        Q_EMIT setupDoneChanged(v.setupDone);
-    if (old.wizardStep != v.wizardStep)
-        Q_EMIT wizardStepChanged(v.wizardStep);
-    if (old.wizardFurthest != v.wizardFurthest)
-        Q_EMIT wizardFurthestChanged(v.wizardFurthest);
-    if (old.micUID != v.micUID)
-        Q_EMIT micUIDChanged(v.micUID);
-    if (old.camUID != v.camUID)
-        Q_EMIT camUIDChanged(v.camUID);
-    if (old.uploadQuality != v.uploadQuality)
-        Q_EMIT uploadQualityChanged(v.uploadQuality);
+    announce(this, old.agentID, v.agentID, &Settings::agentIDChanged);
+    announce(this, old.agentName, v.agentName, &Settings::agentNameChanged);
+    announce(this, old.server, v.server, &Settings::serverChanged);
+    announce(this, old.setupDone, v.setupDone, &Settings::setupDoneChanged);
+    announce(this, old.wizardStep, v.wizardStep, &Settings::wizardStepChanged);
+    announce(this, old.wizardFurthest, v.wizardFurthest, &Settings::wizardFurthestChanged);
+    announce(this, old.micUID, v.micUID, &Settings::micUIDChanged);
+    announce(this, old.camUID, v.camUID, &Settings::camUIDChanged);
+    announce(this, old.uploadQuality, v.uploadQuality, &Settings::uploadQualityChanged);
 }
 
 void Settings::reload()
