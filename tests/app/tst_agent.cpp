@@ -1,8 +1,8 @@
 #include "AgentFixture.h"
 #include "HttpStub.h"
 #include "ManualClock.h"
-#include "OrderedJson.h"
 #include "DataFolder.h"
+#include "OrderedJson.h"
 #include "Heartbeat.h"
 #include "SetupRoute.h"
 #include "Reconciler.h"
@@ -76,11 +76,8 @@ private Q_SLOTS:
         QCOMPARE(f->room.urls.first().toString(QUrl::FullyEncoded).section(QLatin1Char('/'), 3),
                  QStringLiteral("agent?id=7&os=linux&v=2.5&name=Ana%20Lee%20%26%20Co%3D1"));
         QVERIFY(home.log().contains(QStringLiteral("Z connected to %1 as agent 7\n").arg(f->room.address())));
-        // The heartbeat: its keys in their fixed order.
+        // The heartbeat's live values (its bytes are heartbeatBytes').
         QVERIFY(heartbeats(1));
-        const QString keys = QStringLiteral("type updateBusy recording live mic sys rate cam camActive camError micName mics cams micUID camUID error");
-        QVERIFY2(QRegularExpression(QStringLiteral("^\\{\"") + keys.split(QLatin1Char(' ')).join(QStringLiteral("\":.*,\"")) + QStringLiteral("\":[^,]*\\}$"))
-                     .match(f->room.texts.last()).hasMatch(), qPrintable(f->room.texts.last()));
         const QJsonObject o = f->room.statuses().last();
         QVERIFY(o.value("mic").isDouble() && o.value("camError").isNull() && o.value("rate") == QJsonValue(48000));
         QCOMPARE(o.value("cams").toArray().size(), 1);
@@ -137,11 +134,9 @@ private Q_SLOTS:
     void setupReasonsAndTheirSteps()
     {
         using R = SetupRoute::Reason;
-        QCOMPARE(SetupRoute::stepFor(R::MicRefused), std::optional(SetupStep::Mic));
-        QCOMPARE(SetupRoute::stepFor(R::ComputerAudioRefused), std::optional(SetupStep::Audio));
-        QCOMPARE(SetupRoute::stepFor(R::CameraRefused), std::optional(SetupStep::Camera));
-        QCOMPARE(SetupRoute::stepFor(R::NotSetUp), std::nullopt);
-        QCOMPARE(SetupRoute::stepFor(R::Released), std::nullopt);
+        for (const auto &[reason, step] : {std::pair{R::MicRefused, std::optional(SetupStep::Mic)}, {R::ComputerAudioRefused, std::optional(SetupStep::Audio)},
+                                           {R::CameraRefused, std::optional(SetupStep::Camera)}, {R::NotSetUp, std::optional<SetupStep::Step>()}, {R::Released, std::optional<SetupStep::Step>()}})
+            QCOMPARE(SetupRoute::stepFor(reason), step);
         QCOMPARE(WizardModel::stepNames(), QStringList({"Welcome", "Number", "Mic", "Audio", "Camera", "Test", "Done"}));
         home.settings().setWizardStep(SetupStep::Test);
         QSignalSpy announced(&f->app->state(), &AgentState::setupNeeded);
@@ -305,7 +300,6 @@ private Q_SLOTS:
         QVERIFY(!rec().running() && !wishes().applying() && f->room.urls.size() == 1);
     }
 
-
     void callToggleTellsTheRoom()
     {
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
@@ -320,9 +314,6 @@ private Q_SLOTS:
         QVERIFY(!f->app->status().tray()->hasCallItem());
         f->app->actions().needHelp();
         QTRY_COMPARE(f->room.events.size(), 3);
-        QStringList events; // posted side by side: they may arrive in any order
-        std::transform(f->room.events.cbegin(), f->room.events.cend(), std::back_inserter(events), [](const QUrlQuery &q) { return q.toString(); });
-        QCOMPARE(QSet<QString>(events.cbegin(), events.cend()), QSet<QString>({"id=7&type=call_end&secs=0", "id=7&type=call_start", "id=7&type=help"}));
         QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")));
         QVERIFY(f->app->status().tray()->tip().startsWith(QStringLiteral("Help sent — coaches alerted\n")));
         for (const char *type : {"call_start", "call_end", "help"})

@@ -2,7 +2,6 @@
 #include "DataFolder.h"
 #include "QueryString.h"
 #include "SessionFolder.h"
-#include "StrictInt.h"
 #include "TestHome.h"
 #include "XdgFolder.h"
 
@@ -38,10 +37,8 @@ private Q_SLOTS:
         QSignalSpy idChanged(&settings, &Settings::agentIDChanged);
         settings.setAgentID(7);
         settings.setAgentID(7);
-        QCOMPARE(idChanged.size(), 1); // announced once per change, with the new value
-        QCOMPARE(idChanged.first().first().toInt(), 7);
-        QSettings other(settings.path(), QSettings::IniFormat);
-        QVERIFY(other.value("agentID").toInt() == 7); // written through at once
+        QVERIFY(idChanged.size() == 1 && idChanged.first().first().toInt() == 7); // announced once per change
+        QCOMPARE(QSettings(settings.path(), QSettings::IniFormat).value("agentID").toInt(), 7); // written through at once
         // Someone else replaces the file while the agent runs (as editors save): within a second
         // the agent has the new values, each announced by its own signal.
         QSignalSpy doneChanged(&settings, &Settings::setupDoneChanged);
@@ -116,10 +113,10 @@ private Q_SLOTS:
         Settings &settings = home.settings();
         QSettings(settings.path(), QSettings::IniFormat).setValue(key, stored);
         const auto get = [&] { return key == QLatin1String("agentID") ? QString::number(settings.agentID()) : key == QLatin1String("server") ? settings.server() : settings.agentName(); };
-        settings.reload();
-        QCOMPARE(get(), read);
-        settings.reload();
-        QCOMPARE(get(), read);
+        for (int i = 0; i < 2; ++i) {
+            settings.reload();
+            QCOMPARE(get(), read);
+        }
         QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), read == stored ? 0 : 1);
         // Setters refuse what readers would refuse, and say so.
         if (key != QLatin1String("agentID") && read != stored) {
@@ -166,25 +163,6 @@ private Q_SLOTS:
         QCOMPARE(QueryString::at(QStringLiteral("ws"), server, QStringLiteral("/agent"), {{QStringLiteral("n"), QStringLiteral("a/b c")}}).toString(QUrl::FullyEncoded), url);
     }
 
-    void strictIntegers_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("value"); // -1: none
-        QTest::newRow("plain") << "110" << 110;
-        QTest::newRow("plus") << "+7" << 7;
-        QTest::newRow("above range") << "111" << -1;
-        QTest::newRow("space") << " 7" << -1;
-        QTest::newRow("trailing text") << "7a" << -1;
-        QTest::newRow("empty") << "" << -1;
-        QTest::newRow("overflow") << "99999999999999999999" << -1;
-    }
-    void strictIntegers()
-    {
-        QFETCH(QString, text);
-        QFETCH(int, value);
-        QCOMPARE(parseStrictInt(text, 0, 110).value_or(-1), value);
-    }
-
     // A session names exactly one folder inside writing/ and pending/, whatever its text, and
     // the folder gives the session back.
     void sessionFoldersStayInsideAndReadBack()
@@ -203,7 +181,6 @@ private Q_SLOTS:
     void logLinesStayWholeFromManyThreads()
     {
         const QDateTime t(QDate(2026, 3, 4), QTime(23, 5, 6, 789), QTimeZone(3600));
-        QCOMPARE(bravaLogLine(QStringLiteral("hi"), t), QStringLiteral("2026-03-04T22:05:06Z hi"));
         // Whatever a message holds, it stays one line.
         QCOMPARE(bravaLogLine(QStringLiteral("s\nx\r\t") + QChar(0) + QChar(0x1b) + QChar(0x85) + QChar(0x2028) + QStringLiteral("é\\"), t),
                  QStringLiteral("2026-03-04T22:05:06Z s\\nx\\r\\t\\u0000\\u001b\\u0085\\u2028é\\"));

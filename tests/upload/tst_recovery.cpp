@@ -79,21 +79,14 @@ private Q_SLOTS:
             QSKIP("ffmpeg not installed");
         const QString path = home.root() + QStringLiteral("/cut.m4a");
         QProcess ffmpeg;
-        ffmpeg.start(QStringLiteral("ffmpeg"),
-                     {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-y"), QStringLiteral("-f"),
-                      QStringLiteral("lavfi"), QStringLiteral("-i"), QStringLiteral("sine=d=5"), QStringLiteral("-c:a"),
-                      QStringLiteral("aac"), QStringLiteral("-movflags"),
-                      QStringLiteral("frag_keyframe+delay_moov+default_base_moof"), QStringLiteral("-frag_duration"),
-                      QStringLiteral("1000000"), path});
+        ffmpeg.start(QStringLiteral("ffmpeg"), QStringLiteral("-v error -y -f lavfi -i sine=d=5 -c:a aac -movflags frag_keyframe+delay_moov+default_base_moof -frag_duration 1000000").split(QLatin1Char(' ')) << path);
         QVERIFY(ffmpeg.waitForFinished(30000) && ffmpeg.exitCode() == 0);
         QFile file(path);
         QVERIFY(file.resize(file.size() * 7 / 10));
         QCOMPARE(SegmentSalvage::salvage(path), SegmentSalvage::Verdict::Trimmed);
         QProcess probe;
-        probe.start(QStringLiteral("ffmpeg"), {QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path,
-                                               QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")});
-        QVERIFY(probe.waitForFinished(30000));
-        QCOMPARE(probe.exitCode(), 0);
+        probe.start(QStringLiteral("ffmpeg"), QStringList{QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path, QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")});
+        QVERIFY(probe.waitForFinished(30000) && probe.exitCode() == 0);
         QCOMPARE(probe.readAllStandardError(), QByteArray()); // decodes without a single error
         QCOMPARE(SegmentSalvage::salvage(path), SegmentSalvage::Verdict::Whole);
     }

@@ -3,7 +3,6 @@
 #include "SaleSubmission.h"
 #include "ScreenSnapper.h"
 
-#include <QApplication>
 #include <QButtonGroup>
 #include <QLabel>
 #include <QLineEdit>
@@ -40,7 +39,7 @@ class SaleSubmissionTest : public QObject
         return f.fileName();
     }
     static HttpStub::Answer token(const QByteArray &json = "{\"sale\":\"S 1/x\"}") { return HttpStub::status(200, json); }
-    // Fills the form for a sale of this method; the confirmation is a PDF file.
+    // Fills the form for a sale of this method; the confirmation is a PDF file, the call attached.
     void fill(bool phone)
     {
         form->open();
@@ -49,8 +48,7 @@ class SaleSubmissionTest : public QObject
         form->leadField()->setText(QStringLiteral("  Ann Lee  "));
         form->apvField()->setText(QStringLiteral("$1,250.50"));
         form->setConfirmFile(file(QStringLiteral("confirm.pdf"), "%PDF-1.4 confirmation"));
-        if (phone)
-            form->setCallFile(file(QStringLiteral("Call.M4A"), QByteArray(300000, 'c')));
+        form->setCallFile(file(QStringLiteral("Call.M4A"), QByteArray(300000, 'c')));
     }
     // Presses submit and waits for the sale to end; its status line.
     QString submit()
@@ -79,40 +77,41 @@ private Q_SLOTS:
         stub.reset();
     }
 
-    void computerSaleSendsRecordThenConfirmation()
+    // A computer sale sends the record, then the confirmation file (never the call, though one is
+    // attached); a phone sale sends a snapped confirmation, then the call.
+    void successfulSale_data()
     {
-        fill(false);
-        stub->script({token(), HttpStub::status(200)});
+        QTest::addColumn<bool>("phone");
+        QTest::newRow("computer") << false;
+        QTest::newRow("phone") << true;
+    }
+    void successfulSale()
+    {
+        QFETCH(bool, phone);
+        fill(phone);
+        const QByteArray png = QByteArray("\x89PNG\r\n\x1a\n", 8) + QByteArray(5000, 'p');
+        if (phone)
+            form->setConfirmSnapshot(png);
+        stub->script({token(), HttpStub::status(200), HttpStub::status(200)});
         QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
         QCOMPARE(form->statusColour(), SaleForm::green());
-        QCOMPARE(stub->requests.size(), 2);
+        QCOMPARE(stub->requests.size(), phone ? 3 : 2);
         const HttpStub::Request &record = stub->requests[0];
         QCOMPARE(record.url.path(), QStringLiteral("/sale"));
         QCOMPARE(record.headers.value("content-type"), QByteArray("application/json"));
-        QCOMPARE(record.body, QByteArray("{\"id\":7,\"method\":\"computer\",\"lead\":\"Ann Lee\",\"apv\":1251,\"referral\":\"yes\"}"));
-        const HttpStub::Request &confirm = stub->requests[1];
-        QCOMPARE(confirm.url.path(), QStringLiteral("/sale-file"));
-        QCOMPARE(query(1), QByteArray("sale=S%201%2Fx&kind=confirm&ext=pdf"));
-        QCOMPARE(confirm.headers.value("content-type"), QByteArray("application/octet-stream"));
-        QCOMPARE(confirm.body, QByteArray("%PDF-1.4 confirmation"));
+        QCOMPARE(record.body, QByteArray("{\"id\":7,\"method\":\"") + (phone ? "phone" : "computer") + "\",\"lead\":\"Ann Lee\",\"apv\":1251,\"referral\":\"yes\"}");
+        QCOMPARE(stub->requests[1].url.path(), QStringLiteral("/sale-file"));
+        QCOMPARE(query(1), phone ? QByteArray("sale=S%201%2Fx&kind=confirm&ext=png") : QByteArray("sale=S%201%2Fx&kind=confirm&ext=pdf"));
+        QCOMPARE(stub->requests[1].headers.value("content-type"), QByteArray("application/octet-stream"));
+        QCOMPARE(stub->requests[1].body, phone ? png : QByteArray("%PDF-1.4 confirmation"));
+        if (phone) {
+            QCOMPARE(query(2), QByteArray("sale=S%201%2Fx&kind=call&ext=m4a"));
+            QCOMPARE(stub->requests[2].headers.value("content-type"), QByteArray("application/octet-stream"));
+            QCOMPARE(stub->requests[2].body, QByteArray(300000, 'c'));
+        }
         // The form goes away a moment after the success.
         QVERIFY(form->isVisible());
         QTRY_VERIFY_WITH_TIMEOUT(!form->isVisible(), 5000);
-    }
-
-    void phoneSaleSendsRecordSnapshotAndCall()
-    {
-        fill(true);
-        const QByteArray png = QByteArray("\x89PNG\r\n\x1a\n", 8) + QByteArray(5000, 'p');
-        form->setConfirmSnapshot(png);
-        stub->script({token(), HttpStub::status(200), HttpStub::status(200)});
-        QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
-        QCOMPARE(stub->requests.size(), 3);
-        QCOMPARE(query(1), QByteArray("sale=S%201%2Fx&kind=confirm&ext=png"));
-        QCOMPARE(stub->requests[1].body, png);
-        QCOMPARE(query(2), QByteArray("sale=S%201%2Fx&kind=call&ext=m4a"));
-        QCOMPARE(stub->requests[2].headers.value("content-type"), QByteArray("application/octet-stream"));
-        QCOMPARE(stub->requests[2].body, QByteArray(300000, 'c'));
     }
 
     void failure_data()

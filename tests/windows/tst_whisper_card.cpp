@@ -59,26 +59,12 @@ private Q_SLOTS:
             QVERIFY2(html.contains(QLatin1String(rule)), rule);
     }
 
-    void sizes_data()
+    // The page's measured size, a fallback for any answer that is not one, and the card's place.
+    void sizeAndPlace()
     {
-        QTest::addColumn<QVariant>("answer");
-        QTest::addColumn<QSize>("size");
-        QTest::newRow("measured") << QVariant(QStringLiteral("812x233")) << QSize(812, 233);
-        QTest::newRow("none") << QVariant() << QSize(812, 300);
-        QTest::newRow("one number") << QVariant(QStringLiteral("812")) << QSize(812, 300);
-        QTest::newRow("not numbers") << QVariant(QStringLiteral("ax3")) << QSize(812, 300);
-        QTest::newRow("three parts") << QVariant(QStringLiteral("1x2x3")) << QSize(812, 300);
-        QTest::newRow("zero") << QVariant(QStringLiteral("0x40")) << QSize(812, 300);
-    }
-    void sizes()
-    {
-        QFETCH(QVariant, answer);
-        QFETCH(QSize, size);
-        QCOMPARE(WhisperPage::parseSize(answer), size);
-    }
-
-    void placing()
-    {
+        QCOMPARE(WhisperPage::parseSize(QStringLiteral("812x233")), QSize(812, 233));
+        for (const QVariant &answer : {QVariant(), QVariant(QStringLiteral("812")), QVariant(QStringLiteral("ax3")), QVariant(QStringLiteral("1x2x3")), QVariant(QStringLiteral("0x40"))})
+            QCOMPARE(WhisperPage::parseSize(answer), QSize(812, 300));
         QCOMPARE(WhisperPage::place(QRect(0, 24, 1280, 776), QSize(812, 300)), QRect(234, 32, 812, 300));
         QCOMPARE(WhisperPage::place(QRect(100, 0, 1000, 700), QSize(812, 9000)), QRect(194, 8, 812, 692)); // no taller than the screen
     }
@@ -92,11 +78,10 @@ private Q_SLOTS:
         card.hideMs = 4000;
         QSignalSpy hidden(&card, &WhisperCard::hidden);
         QVERIFY(shown(card, QStringLiteral("first")));
-        QElapsedTimer first;
+        QElapsedTimer first, second;
         first.start();
         QTest::qWait(card.hideMs * 5 / 9);
         QVERIFY(shown(card, QStringLiteral("second")));
-        QElapsedTimer second;
         second.start();
         QTest::qWait(int(card.hideMs - first.elapsed() + 300)); // past the first one's end
         QVERIFY(card.visible() && hidden.isEmpty());
@@ -106,8 +91,7 @@ private Q_SLOTS:
     }
 
     // Clicks over the card reach the window below; the card is outside the window manager's
-    // workspaces (so on all of them); its picture
-    // is kept as an artefact.
+    // workspaces (so on all of them); its picture is kept as an artefact.
     void clickThroughAndPicture()
     {
         BRAVA_REQUIRE_X();

@@ -42,10 +42,7 @@ class WindowScreensTest : public QObject
     // Whether the pixel is near this colour; says what it is when not.
     static bool at(const QImage &image, int x, int y, QColor colour)
     {
-        const bool ok = near(image.pixelColor(x, y), colour);
-        if (!ok)
-            qWarning("(%d, %d) is %s", x, y, qPrintable(image.pixelColor(x, y).name()));
-        return ok;
+        return near(image.pixelColor(x, y), colour) || (qWarning("(%d, %d) is %s", x, y, qPrintable(image.pixelColor(x, y).name())), false);
     }
     // Whether an area of the image holds text-like pixels close to this colour.
     static bool areaHas(const QImage &image, const QRect &area, QColor colour, int tolerance = 40)
@@ -79,18 +76,14 @@ private Q_SLOTS:
         // First showing: 24 from the right and bottom of the usable area, kept above, on every
         // workspace, without taking the focus.
         const QRect avail = QGuiApplication::primaryScreen()->availableGeometry();
-        QCOMPARE(w->geometry(), M::firstFrame(avail, true));
-        QCOMPARE(w->size(), QSize(196, 182));
+        QVERIFY(w->geometry() == M::firstFrame(avail, true) && w->size() == QSize(196, 182));
         QTRY_COMPARE(X11Desktop::desktopOf(w), std::optional<quint32>(X11Desktop::kAllDesktops));
         QVERIFY(QApplication::activeWindow() != w);
 
         QImage shot = shoot(w, QStringLiteral("widget-with-sale"));
-        QVERIFY(at(shot, 4, 90, M::navy()));
-        QVERIFY(at(shot, 16, 40, M::blue()));
-        QVERIFY(at(shot, 16, 88, M::blue()));
-        QVERIFY(at(shot, 16, 136, M::red()));
-        QVERIFY(areaHas(shot, QRect(40, 30, 120, 20), Qt::white, 30)); // the titles are drawn
-        QVERIFY(areaHas(shot, QRect(60, 4, 76, 14), QColor(130, 140, 170), 60)); // the drag handle
+        QVERIFY(at(shot, 4, 90, M::navy()) && at(shot, 16, 40, M::blue()) && at(shot, 16, 88, M::blue()) && at(shot, 16, 136, M::red()));
+        // The titles and the drag handle are drawn.
+        QVERIFY(areaHas(shot, QRect(40, 30, 120, 20), Qt::white, 30) && areaHas(shot, QRect(60, 4, 76, 14), QColor(130, 140, 170), 60));
         QCOMPARE(widget.saleButton()->text(), QStringLiteral("Submit a Sale"));
 
         // Above a window that opens later over it.
@@ -125,8 +118,7 @@ private Q_SLOTS:
         QCOMPARE(w->geometry(), QRect(12, 300, 196, 134));
         QVERIFY(!widget.saleButton());
         shot = shoot(w, QStringLiteral("widget-without-sale"));
-        QVERIFY(at(shot, 16, 40, M::green()));
-        QVERIFY(at(shot, 16, 88, M::red()));
+        QVERIFY(at(shot, 16, 40, M::green()) && at(shot, 16, 88, M::red()));
         // Asked again without the sale button while shown with it: it keeps what it has.
         widget.hide();
         widget.show(true);
@@ -158,9 +150,8 @@ private Q_SLOTS:
         SaleForm form(submission, snapper, [] { return 7; }, [] { return QStringLiteral("127.0.0.1:9"); });
         form.open();
         QVERIFY(onScreen(&form));
-        QCOMPARE(form.size(), QSize(468, 648));
-        QCOMPARE(form.windowTitle(), QStringLiteral("Submit a Sale"));
-        form.methodGroup()->button(words.contains(QStringLiteral("computer")) ? 1 : 0)->click();
+        QVERIFY(form.size() == QSize(468, 648) && form.windowTitle() == QStringLiteral("Submit a Sale"));
+        form.methodGroup()->button(words.contains(QStringLiteral("computer")))->click();
         if (words.contains(QStringLiteral("lead")))
             form.leadField()->setText(QStringLiteral("Ann Lee"));
         for (const QString &w : words)
@@ -182,16 +173,14 @@ private Q_SLOTS:
         const QImage shot = shoot(&form, QStringLiteral("form-") + QString::fromLatin1(QTest::currentDataTag()));
 
         // The submit button, the chosen method, the navy ground, and the coloured lines.
-        QVERIFY(at(shot, 30, 604, M::blue()));
-        QVERIFY(at(shot, 4, 300, QColor(M::navy().rgb())));
-        const int chosenX = words.contains(QStringLiteral("computer")) ? 240 + 8 : 24 + 8;
-        QVERIFY(at(shot, chosenX, 102, M::blue()));
+        const bool computer = words.contains(QStringLiteral("computer"));
+        QVERIFY(at(shot, 30, 604, M::blue()) && at(shot, 4, 300, QColor(M::navy().rgb())) && at(shot, computer ? 240 + 8 : 24 + 8, 102, M::blue()));
         QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
         if (!status.isEmpty())
             QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
         const bool confirmed = words.contains(QStringLiteral("confirm")) || words.contains(QStringLiteral("snap"));
         QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
-        QCOMPARE(form.callChoose()->isEnabled(), !words.contains(QStringLiteral("computer")));
+        QCOMPARE(form.callChoose()->isEnabled(), !computer);
         QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), words.contains(QStringLiteral("call")));
         // Taller than the screen: it fits itself in, 16 from the edges.
         form.resize(468, 2000);
@@ -212,8 +201,7 @@ private Q_SLOTS:
         ReviewWindow review;
         review.open([](const QString &, const QString &, const QString &) {});
         QVERIFY(onScreen(&review));
-        QCOMPARE(review.size(), QSize(440, 520));
-        QCOMPARE(review.windowTitle(), QStringLiteral("After-Call Review"));
+        QVERIFY(review.size() == QSize(440, 520) && review.windowTitle() == QStringLiteral("After-Call Review"));
         for (const QString &p : picks.split(QLatin1Char(' '), Qt::SkipEmptyParts))
             review.pick(ReviewWindow::outcomes().contains(p) ? 0 : 1, p);
         const QImage shot = shoot(&review, QStringLiteral("review-") + QString::fromLatin1(QTest::currentDataTag()));

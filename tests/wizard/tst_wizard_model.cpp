@@ -57,6 +57,8 @@ private Q_SLOTS:
         QTest::newRow("highest") << "110" << 110;
         QTest::newRow("plus") << "+7" << 7;
         QTest::newRow("lowest") << "1" << 1;
+        QTest::newRow("trailing text") << "7a" << 0;
+        QTest::newRow("overflow") << "99999999999999999999" << 0;
     }
     void agentNumber()
     {
