@@ -12,20 +12,14 @@ UpdateKit::UpdateKit()
     auto *rng = QRandomGenerator::global();
     host = QStringLiteral("127.%1.%2.1").arg(rng->bounded(1, 255)).arg(rng->bounded(1, 255));
     const QString d = dir.path();
-    QFile ext(d + QStringLiteral("/ext.cnf"));
-    if (ext.open(QIODevice::WriteOnly))
-        ext.write("subjectAltName=IP:" + host.toLatin1() + "\n");
-    ext.close();
     const auto openssl = [&d](const QString &args) {
         QProcess p;
         p.setWorkingDirectory(d);
-        p.start(QStringLiteral("openssl"), args.split(QLatin1Char(' ')));
+        p.start(QStringLiteral("openssl"), QString(args + QStringLiteral(" -days 2 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes")).split(QLatin1Char(' ')));
         return p.waitForFinished(30000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
     };
-    const QString ec = QStringLiteral(" -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes");
-    if (!openssl(QStringLiteral("req -x509 -keyout ca.key -out ca.pem -days 2 -subj /CN=BravaTestCA") + ec)
-        || !openssl(QStringLiteral("req -keyout srv.key -out srv.csr -subj /CN=") + host + ec)
-        || !openssl(QStringLiteral("x509 -req -in srv.csr -CA ca.pem -CAkey ca.key -CAcreateserial -out srv.pem -days 2 -extfile ext.cnf"))) {
+    if (!openssl(QStringLiteral("req -x509 -keyout ca.key -out ca.pem -subj /CN=BravaTestCA"))
+        || !openssl(QStringLiteral("req -x509 -CA ca.pem -CAkey ca.key -keyout srv.key -out srv.pem -subj /CN=%1 -addext subjectAltName=IP:%1").arg(host))) {
         unavailable = QStringLiteral("openssl could not make the test certificates");
         return;
     }
@@ -50,15 +44,9 @@ QByteArray UpdateKit::readAll(const QString &path)
 
 std::unique_ptr<AppUpdates> UpdateKit::updater(const QString &version)
 {
-    AppUpdates::Options o;
-    o.serverLocked = true;
-    o.webBase = base();
-    o.runningVersion = version;
-    o.identifier = QStringLiteral("com.vantorra.brava-recorder");
-    o.installedFolder = installed;
-    o.publicKeyPem = readAll(key(QStringLiteral("test-public.pem")));
-    o.tempRoot = dir.path();
-    o.maxDownloadBytes = kCap;
+    const AppUpdates::Options o{.serverLocked = true, .webBase = base(), .runningVersion = version,
+                                .identifier = QStringLiteral("com.vantorra.brava-recorder"), .installedFolder = installed,
+                                .publicKeyPem = readAll(key(QStringLiteral("test-public.pem"))), .tempRoot = dir.path(), .maxDownloadBytes = kCap};
     auto u = std::make_unique<AppUpdates>(net, o);
     u->ask = [this](const Alert &alert, std::function<void(int)> reply) {
         alerts.append(alert);

