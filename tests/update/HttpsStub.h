@@ -10,8 +10,7 @@
 class QSslSocket;
 
 // An HTTPS server on one loopback address, port 443 (release URLs may not name a port), answering
-// GET requests by path as scripted: a body with or without a length, a redirect, or no answer
-// until released.
+// GET requests by path as scripted: a body with or without a length, or a redirect.
 class HttpsStub : public QTcpServer
 {
     Q_OBJECT
@@ -22,27 +21,20 @@ public:
         QByteArray body;
         QByteArray location;    ///< a redirect's target
         bool withLength = true; ///< false: no Content-Length, the end of the body is the connection's end
-        bool hang = false;      ///< no answer until release()
     };
 
     /// A server with this certificate and key.
     HttpsStub(const QSslCertificate &cert, const QSslKey &key) : m_cert(cert), m_key(key) {}
     /// Answers requests for `path` with `answer`; unknown paths get 404.
     void route(const QByteArray &path, const Answer &answer) { m_routes.insert(path, answer); }
-    /// Answers every held request with its route as it is now (hang cleared).
-    void release();
-
-    /// Paths requested and their request heads in lower case, oldest first.
-    QList<QByteArray> paths, heads;
+    /// Request heads in lower case, oldest first.
+    QList<QByteArray> heads;
 
 protected:
     void incomingConnection(qintptr fd) override;
 
 private:
-    void respond(QSslSocket *socket, const QByteArray &path, bool mayHang);
-
     QSslCertificate m_cert;
     QSslKey m_key;
     QHash<QByteArray, Answer> m_routes;
-    QList<QPair<QSslSocket *, QByteArray>> m_held;
 };
