@@ -1,13 +1,9 @@
 #pragma once
 
-#include <QByteArray>
 #include <QHash>
-#include <QList>
 #include <QSslCertificate>
 #include <QSslKey>
 #include <QTcpServer>
-
-class QSslSocket;
 
 // An HTTPS server on one loopback address, port 443 (release URLs may not name a port), answering
 // GET requests by path as scripted: a body with or without a length, or a redirect.

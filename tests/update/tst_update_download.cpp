@@ -67,11 +67,8 @@ QByteArray zipOf(const QList<Item> &items)
     archive_write_free(a);
     out.truncate(qsizetype(used));
     qsizetype p = -4;
-    for (const Item &i : items) {
-        p = out.indexOf("PK\x01\x02", p + 4);
-        out[p + 40] = char(i.mode & 0xff);
-        out[p + 41] = char(i.mode >> 8);
-    }
+    for (const Item &i : items) // the central directory's entries, in order
+        qToLittleEndian(quint16(i.mode), out.data() + (p = out.indexOf("PK\x01\x02", p + 4)) + 40);
     return out;
 }
 

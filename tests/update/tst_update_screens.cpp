@@ -6,7 +6,6 @@
 #include "UpdateAlerts.h"
 
 #include <QDir>
-#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -49,13 +48,9 @@ private Q_SLOTS:
         QCOMPARE(box->text(), alert.message);
         QCOMPARE(box->informativeText(), alert.informative);
         QCOMPARE(box->icon(), alert.critical ? QMessageBox::Critical : QMessageBox::Information);
-        QStringList buttons;
+        QCOMPARE(box->buttons().size(), alert.buttons.size());
         for (QAbstractButton *b : box->buttons())
-            buttons.append(b->text());
-        buttons.sort();
-        QStringList expected = alert.buttons;
-        expected.sort();
-        QCOMPARE(buttons, expected);
+            QVERIFY2(alert.buttons.contains(b->text()), qPrintable(b->text()));
         QCOMPARE(box->defaultButton()->text(), alert.buttons.first());
         QVERIFY(box->grab().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + QStringLiteral(".png")));
         box->defaultButton()->click();
