@@ -12,14 +12,11 @@ UpdateKit::UpdateKit()
     auto *rng = QRandomGenerator::global();
     host = QStringLiteral("127.%1.%2.1").arg(rng->bounded(1, 255)).arg(rng->bounded(1, 255));
     const QString d = dir.path();
-    const auto openssl = [&d](const QString &args) {
-        QProcess p;
-        p.setWorkingDirectory(d);
-        p.start(QStringLiteral("openssl"), QString(args + QStringLiteral(" -days 2 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes")).split(QLatin1Char(' ')));
-        return p.waitForFinished(30000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
-    };
-    if (!openssl(QStringLiteral("req -x509 -keyout ca.key -out ca.pem -subj /CN=BravaTestCA"))
-        || !openssl(QStringLiteral("req -x509 -CA ca.pem -CAkey ca.key -keyout srv.key -out srv.pem -subj /CN=%1 -addext subjectAltName=IP:%1").arg(host))) {
+    const QString ec = QStringLiteral(" -days 2 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes");
+    run(d, QString(QStringLiteral("openssl req -x509 -keyout ca.key -out ca.pem -subj /CN=BravaTestCA") + ec).split(QLatin1Char(' ')));
+    run(d, QString(QStringLiteral("openssl req -x509 -CA ca.pem -CAkey ca.key -keyout srv.key -out srv.pem -subj /CN=%1 -addext subjectAltName=IP:%1").arg(host) + ec)
+               .split(QLatin1Char(' ')));
+    if (!QFile::exists(d + QStringLiteral("/srv.pem"))) {
         unavailable = QStringLiteral("openssl could not make the test certificates");
         return;
     }
@@ -34,6 +31,15 @@ UpdateKit::UpdateKit()
     installed = d + QStringLiteral("/installed");
     QDir().mkpath(installed);
     QFile::copy(QStringLiteral("/bin/true"), installed + QStringLiteral("/brava-recorder"));
+}
+
+QByteArray UpdateKit::run(const QString &cwd, const QStringList &command)
+{
+    QProcess p;
+    p.setWorkingDirectory(cwd);
+    p.start(command.first(), command.mid(1));
+    p.waitForFinished(30000);
+    return p.readAllStandardOutput();
 }
 
 QByteArray UpdateKit::readAll(const QString &path)

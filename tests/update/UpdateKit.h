@@ -25,12 +25,12 @@ public:
     std::unique_ptr<HttpsStub> server;
     QString host;
     QString base() const { return QStringLiteral("https://") + host; }
-    /// A URL on the release server.
-    QUrl url(const QString &path) const { return QUrl(base() + path); }
     /// The folder that stands for the installed agent; it must never change.
     QString installed;
     /// Path of a key under tests/update/keys.
     static QString key(const QString &name) { return QStringLiteral(BRAVA_SOURCE_DIR "/tests/update/keys/") + name; }
+    /// Runs command[0] with the rest as arguments in `cwd`; returns its output.
+    static QByteArray run(const QString &cwd, const QStringList &command);
     /// A file's bytes ("" when unreadable).
     static QByteArray readAll(const QString &path);
 

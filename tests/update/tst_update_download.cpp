@@ -7,7 +7,6 @@
 
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QtTest>
 
 #include <archive.h>
@@ -28,15 +27,6 @@ void writeFile(const QString &path, const QByteArray &data)
     QFile f(path);
     QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
     f.write(data);
-}
-
-QByteArray run(const QString &cwd, const QStringList &command)
-{
-    QProcess p;
-    p.setWorkingDirectory(cwd);
-    p.start(command.first(), command.mid(1));
-    p.waitForFinished(30000);
-    return p.readAllStandardOutput();
 }
 
 // One zip entry: written as a file holding `data`, then given the file type and mode bits of `mode`
@@ -98,12 +88,12 @@ class UpdateDownloadTest : public QObject
         QFile::link("lib/data.txt", folder + "/data-link");
         if (beforeSigning)
             beforeSigning(folder);
-        const QByteArray entry = run(root, {BRAVA_SOURCE_DIR "/scripts/sign-release", folder, UpdateKit::key(key), kit.base() + path});
+        const QByteArray entry = UpdateKit::run(root, {BRAVA_SOURCE_DIR "/scripts/sign-release", folder, UpdateKit::key(key), kit.base() + path});
         QString zip = root + "/Brava Recorder-" + version + "-linux.zip";
         if (afterSigning) {
             QFile::remove(zip);
             afterSigning(folder);
-            run(root, {"zip", "-qry", zip = root + ".zip", "."});
+            UpdateKit::run(root, {"zip", "-qry", zip = root + ".zip", "."});
         }
         Release r = serve(path, {200, UpdateKit::readAll(zip)}, version);
         if (!afterSigning) // the digest sign-release printed
@@ -114,7 +104,7 @@ class UpdateDownloadTest : public QObject
     {
         kit.server->route(path.toUtf8(), answer);
         m_zip = answer.body;
-        return {"recorder", "linux", version, kit.url(path), QCryptographicHash::hash(m_zip, QCryptographicHash::Sha256).toHex(), true};
+        return {"recorder", "linux", version, QUrl(kit.base() + path), QCryptographicHash::hash(m_zip, QCryptographicHash::Sha256).toHex(), true};
     }
     void installedUntouched()
     {
@@ -235,7 +225,7 @@ private Q_SLOTS:
     // A release not newer than the running version is never downloaded (rollback), nor is any while busy.
     void olderOrBusyNeverDownloads()
     {
-        const Release r{"recorder", "linux", "1.5", kit.url("/wp-content/uploads/o.zip"), QString(64, 'a'), true};
+        const Release r{"recorder", "linux", "1.5", QUrl(kit.base() + "/wp-content/uploads/o.zip"), QString(64, 'a'), true};
         auto u = kit.updater("1.9");
         u->download(r);
         QVERIFY(!u->checking());

@@ -26,12 +26,9 @@ void writeFile(const QString &path, const QByteArray &data = "x")
 QStringList filesBelow(const QString &root, const QString &except)
 {
     QStringList files;
-    QDirIterator it(root, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        if (!path.startsWith(except) && !QFileInfo(path).isDir())
+    for (QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories); it.hasNext();)
+        if (const QString path = it.next(); !path.startsWith(except))
             files.append(path);
-    }
     return files;
 }
 
@@ -186,8 +183,7 @@ private Q_SLOTS:
         u.quit = [&] { quit = true; };
         const QStringList before = filesBelow(home, trash);
         u.start();
-        QCOMPARE(alerts.size(), 1);
-        QVERIFY(alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
+        QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
         if (answer != 0) {
             // The answer is queued, and so is the recorder's stop: two rounds of events would reach a removal.
             QCoreApplication::processEvents();
