@@ -12,10 +12,9 @@ UpdateKit::UpdateKit()
     auto *rng = QRandomGenerator::global();
     host = QStringLiteral("127.%1.%2.1").arg(rng->bounded(1, 255)).arg(rng->bounded(1, 255));
     const QString d = dir.path();
-    const QString ec = QStringLiteral(" -days 2 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes");
-    run(d, QString(QStringLiteral("openssl req -x509 -keyout ca.key -out ca.pem -subj /CN=BravaTestCA") + ec).split(QLatin1Char(' ')));
-    run(d, QString(QStringLiteral("openssl req -x509 -CA ca.pem -CAkey ca.key -keyout srv.key -out srv.pem -subj /CN=%1 -addext subjectAltName=IP:%1").arg(host) + ec)
-               .split(QLatin1Char(' ')));
+    for (const QString &cert : {QStringLiteral("-keyout ca.key -out ca.pem -subj /CN=BravaTestCA"),
+                                QStringLiteral("-CA ca.pem -CAkey ca.key -keyout srv.key -out srv.pem -subj /CN=%1 -addext subjectAltName=IP:%1").arg(host)})
+        run(d, QString(QStringLiteral("openssl req -x509 -days 2 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes ") + cert).split(QLatin1Char(' ')));
     if (!QFile::exists(d + QStringLiteral("/srv.pem"))) {
         unavailable = QStringLiteral("openssl could not make the test certificates");
         return;
