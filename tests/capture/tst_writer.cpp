@@ -1,4 +1,3 @@
-#include "AudioSignal.h"
 #include "DataFolder.h"
 #include "MediaProbe.h"
 #include "TestHome.h"
@@ -7,20 +6,43 @@
 #include "VideoWriter.h"
 
 #include <QFileInfo>
-#include <QJsonObject>
 #include <QtTest>
 
 extern "C" {
 #include <libavutil/frame.h>
 }
 
-using AudioSignal::ns;
-
 namespace {
 constexpr int64_t kBase = 5000LL * 1000000000; // an arbitrary monotonic start (5000 s)
+int64_t ns(int64_t frames) { return frames * 1000000000 / 48000; }
 
-// A grainy camera frame: the counted test pattern under noise, so the encoder spends its budget.
-TimedSample frameAt(int64_t index, AudioSignal::Noise &noise)
+// Deterministic white noise at 0.3, so the encoders spend their budget.
+float noise()
+{
+    static uint32_t state = 12345;
+    state = state * 1664525u + 1013904223u;
+    return 0.3f * (float(state >> 8) / float(1 << 23) - 1.0f);
+}
+
+// 10 ms of 48 kHz audio from frame `first`, every channel carrying gen(frame).
+template<typename Gen>
+TimedSample block(int64_t first, int channels, Gen gen)
+{
+    TimedSample s;
+    s.kind = TimedSample::Kind::Audio;
+    s.pts = MediaTime::fromNanoseconds(kBase + ns(first));
+    s.duration = MediaTime::make(480, 48000);
+    s.sampleRate = 48000;
+    s.channels = channels;
+    s.pcm.resize(480 * channels * qsizetype(sizeof(float)));
+    auto *out = reinterpret_cast<float *>(s.pcm.data());
+    for (int i = 0; i < 480 * channels; ++i)
+        out[i] = gen(first + i / channels);
+    return s;
+}
+
+// A grainy camera frame: the counted test pattern under noise.
+TimedSample frameAt(int64_t index)
 {
     TimedSample s;
     s.kind = TimedSample::Kind::Video;
@@ -30,7 +52,7 @@ TimedSample frameAt(int64_t index, AudioSignal::Noise &noise)
     for (int y = 0; y < 360; ++y)
         for (int x = 0; x < 640; ++x) {
             uint8_t &v = s.frame->data[0][size_t(y) * size_t(s.frame->linesize[0]) + size_t(x)];
-            v = uint8_t(std::clamp(int(v) + int(noise(0) * 80), 0, 255));
+            v = uint8_t(std::clamp(int(v) + int(noise() * 80), 0, 255));
         }
     return s;
 }
@@ -76,9 +98,8 @@ private Q_SLOTS:
                                                     : std::make_unique<VideoWriter>(QStringLiteral("cam"), setup);
         attach(*w);
         w->begin(QStringLiteral("S1"), 1);
-        AudioSignal::Noise noise;
         for (int i = 0; i < (channels ? 300 : 90); ++i)
-            w->append(channels ? AudioSignal::block(kBase + ns(i * 480), 480, channels, noise) : frameAt(i, noise));
+            w->append(channels ? block(i * 480, channels, [](int64_t) { return noise(); }) : frameAt(i));
         w->close(true);
         QCOMPARE(done.size(), 1);
         QCOMPARE(QFileInfo(done[0]).fileName(), name);
@@ -107,7 +128,7 @@ private Q_SLOTS:
         const int blocks = 5 * 100 + 17;
         for (int b = 0; b < blocks; ++b)
             if (b < 300 || b >= 310) // a 100 ms hole, filled with silence
-                w.append(AudioSignal::block(kBase + ns(b * 480), 480, 1, [b](int i) { return (b * 480 + i) % 997 ? 0.f : 0.5f; }));
+                w.append(block(b * 480, 1, [](int64_t i) { return i % 997 ? 0.f : 0.5f; }));
         QCOMPARE(w.segStart(), MediaTime::fromNanoseconds(kBase + ns(4800 + 2 * 96000)));
         w.close(true);
         QCOMPARE(done.size(), 3);
@@ -126,7 +147,8 @@ private Q_SLOTS:
         TrackWriter w(QStringLiteral("room"), {writing()});
         attach(w);
         w.begin(QStringLiteral("S3"), 11);
-        w.append(AudioSignal::silence(kBase, 4800));
+        for (int b = 0; b < 10; ++b)
+            w.append(block(b * 480, 1, [](int64_t) { return 0.f; }));
         w.close(false);
         w.close(true);
         QCOMPARE(done.size(), 1);

@@ -14,10 +14,20 @@ namespace {
 constexpr int kRate = 48000;
 constexpr int kBlock = 480;
 constexpr int64_t kStartNs = 1000000000;
+using PerBlock = std::function<int64_t(const QString &source, int block)>;
+
+// The sample at `frame` of one 1 kHz cycle at 0.9 played at each of `clicks` (frames).
+float clickAt(const QVector<int64_t> &clicks, int64_t frame)
+{
+    for (int64_t c : clicks)
+        if (frame - c >= 0 && frame - c < 48)
+            return 0.9f * float(std::sin(2 * M_PI * double(frame - c) / 48.0));
+    return 0.0f;
+}
 
 // A capture device whose crystal runs at `rate` frames per second of monotonic time. Its blocks
 // are stamped with the monotonic time of their first frame plus the jitter a real sound server
-// shows (uniform ±1.5 ms); at the given frames it plays a click (one 1 kHz cycle at 0.9).
+// shows (uniform ±1.5 ms); at the given frames it plays a click.
 struct FastDevice {
     double rate;
     QVector<int64_t> clicks;
@@ -30,13 +40,61 @@ struct FastDevice {
         AudioBuffer b{QByteArray(kBlock * int(sizeof(float)), 0), kRate, 1, timeOf(frame), false};
         auto *s = reinterpret_cast<float *>(b.pcm.data());
         for (int i = 0; i < kBlock; ++i)
-            for (int64_t d : clicks)
-                s[i] += frame + i - d >= 0 && frame + i - d < 48 ? 0.9f * float(std::sin(2 * M_PI * double(frame + i - d) / 48.0)) : 0.0f;
+            s[i] = clickAt(clicks, frame + i);
         b.captureNs += std::uniform_int_distribution<int64_t>(-1500000, 1500000)(random);
         frame += kBlock;
         return b;
     }
 };
+
+// A take "S1" of `blocks` 10 ms blocks of each source on the manual clock: block b of a source
+// holds its device frames from b × 480 + shift(source, b) with the clicks, stamped at that frame's
+// time + late(source, b) ± 1 ms of jitter.
+void recordClicks(RecorderFixture &f, const QStringList &sources, int blocks, const QVector<int64_t> &clicks, std::mt19937 &random,
+                  const PerBlock &shift, const PerBlock &late)
+{
+    QVERIFY(f.start("S1"));
+    const int64_t startNs = f.clock->nowNs();
+    for (int b = 0; b < blocks; ++b) {
+        f.manual->set(startNs + (b + 1) * 10000000LL);
+        for (const QString &source : sources) {
+            const int channels = f.audio->openChannels(source);
+            const int64_t first = b * kBlock + shift(source, b);
+            QByteArray pcm(kBlock * channels * int(sizeof(float)), Qt::Uninitialized);
+            auto *p = reinterpret_cast<float *>(pcm.data());
+            for (int i = 0; i < kBlock * channels; ++i)
+                p[i] = clickAt(clicks, first + i / channels);
+            const int64_t jitter = std::uniform_int_distribution<int64_t>(-1000000, 1000000)(random);
+            f.audio->deliver(source, pcm, startNs + first * 1000000000 / kRate + jitter + late(source, b));
+        }
+        f.rec->audioQueue().sync([] {});
+    }
+    QVERIFY(f.stop());
+}
+
+// Where the clicks lie in a track's file of take "S1" (frames), at most one per 100 ms.
+QVector<qsizetype> clicksIn(const RecorderFixture &f, const QString &track)
+{
+    const QVector<float> pcm = MediaProbe::decode(f.path("S1", f.finalName(track)));
+    QVector<qsizetype> at;
+    for (qsizetype a = MediaProbe::firstAbove(pcm, 0.25f); a >= 0; a = MediaProbe::firstAbove(pcm, 0.25f, a + 4800))
+        at.append(a);
+    return at;
+}
+
+// The microphone's clicks lie at the computer audio's (when recorded) and keep their distances
+// as played from the first click: each within 1 ms.
+void compareClicks(const RecorderFixture &f, const QVector<int64_t> &played, bool withSys)
+{
+    const QVector<qsizetype> mic = clicksIn(f, "mic"), sys = withSys ? clicksIn(f, "sys") : mic;
+    QCOMPARE(mic.size(), played.size());
+    QCOMPARE(sys.size(), played.size());
+    for (int k = 0; k < played.size(); ++k) {
+        const qsizetype off = mic[k] - sys[0] - (played[k] - played[0]);
+        qInfo("click %d: mic - sys %.3f ms, off its place %.3f ms", k + 1, double(mic[k] - sys[k]) / 48.0, double(off) / 48.0);
+        QVERIFY2(std::llabs(mic[k] - sys[k]) <= 48 && std::llabs(off) <= 48, qPrintable(QString::number(k + 1)));
+    }
+}
 } // namespace
 
 Q_DECLARE_METATYPE(QList<Device>)
@@ -49,6 +107,8 @@ class AudioProcessingTest : public QObject
     TestHome home;
 
 private Q_SLOTS:
+    void init() { home.wipe(); }
+
     // A server that now and then loses a whole quantum (256 frames) of the microphone, with no
     // sign but the stamps (which follow the loss, ±1 ms; the other tracks' hold still, but for
     // one loss that comes as every track's stamps go 5 ms late for 0.2 s): each loss is filled
@@ -59,9 +119,7 @@ private Q_SLOTS:
     {
         if (!MediaProbe::available())
             QSKIP("ffprobe/ffmpeg not installed");
-        home.wipe();
         RecorderFixture f(0, true);
-        QVERIFY(f.start(QStringLiteral("S1")));
         std::mt19937 random(11);
         QVector<int> lossBlocks; // 10 ms blocks before which the microphone loses 256 frames
         for (int b = 100; b < 560; b += std::uniform_int_distribution<int>(40, 90)(random))
@@ -69,55 +127,24 @@ private Q_SLOTS:
         QVector<int64_t> clicks; // device frames: 60 ms after each loss
         for (int k = 0; k < lossBlocks.size(); ++k)
             clicks.append(int64_t(lossBlocks[k]) * kBlock + 256 * (k + 1) + 2880);
-        const auto clickAt = [&](int64_t frame) {
-            for (int64_t c : clicks)
-                if (frame - c >= 0 && frame - c < 48)
-                    return 0.9f * float(std::sin(2 * M_PI * double(frame - c) / 48.0));
-            return 0.0f;
-        };
-        const int64_t startNs = f.clock->nowNs();
-        int64_t lost = 0;
-        for (int b = 0; b < 620; ++b) {
-            lost += lossBlocks.contains(b) ? 256 : 0;
-            const int64_t late = b >= lossBlocks[2] && b < lossBlocks[2] + 20 ? 5000000 : 0;
-            f.manual->set(startNs + (b + 1) * 10000000LL);
-            for (const QString &source : {QStringLiteral("usbmic"), QStringLiteral("laptop"), RecorderFixture::kMonitor}) {
-                const int channels = f.audio->openChannels(source);
-                const int64_t first = b * kBlock + (source == QLatin1String("usbmic") ? lost : 0); // its first device frame
-                QByteArray pcm(kBlock * channels * int(sizeof(float)), Qt::Uninitialized);
-                auto *p = reinterpret_cast<float *>(pcm.data());
-                for (int i = 0; i < kBlock * channels; ++i)
-                    p[i] = clickAt(first + i / channels);
-                const int64_t jitter = std::uniform_int_distribution<int64_t>(-1000000, 1000000)(random);
-                f.audio->deliver(source, pcm, startNs + first * 1000000000 / kRate + jitter + late);
-            }
-            f.rec->audioQueue().sync([] {});
-        }
-        QVERIFY(f.stop());
-        const QString take = f.take();
-        const QVector<float> mic = MediaProbe::decode(f.path("S1", "mic_" + take + "_00000_final.m4a"));
-        const QVector<float> sys = MediaProbe::decode(f.path("S1", "sys_" + take + "_00000_final.m4a"));
-        qsizetype a = -4800, b = -4800;
-        for (int k = 0; k < lossBlocks.size(); ++k) {
-            a = MediaProbe::firstAbove(mic, 0.25f, a + 4800), b = MediaProbe::firstAbove(sys, 0.25f, b + 4800);
-            QVERIFY2(a > 0 && b > 0, qPrintable(QString::number(k)));
-            qInfo("click after loss %d: mic - sys %.3f ms", k + 1, double(a - b) / 48.0);
-            QVERIFY2(std::llabs(a - b) <= 48, qPrintable(QStringLiteral("%1: %2").arg(k).arg(double(a - b) / 48.0)));
-        }
+        const auto lostBy = [&](int b) { return 256 * std::count_if(lossBlocks.begin(), lossBlocks.end(), [b](int l) { return l <= b; }); };
+        recordClicks(f, {"usbmic", "laptop", RecorderFixture::kMonitor}, 620, clicks, random,
+                     [&](const QString &source, int b) { return source == "usbmic" ? lostBy(b) : 0; },
+                     [&](const QString &, int b) { return b >= lossBlocks[2] && b < lossBlocks[2] + 20 ? 5000000 : 0; });
+        compareClicks(f, clicks, true);
         const QString log = home.log();
-        const QRegularExpression first("mic: the sound server lost (\\d+) frames .* filled with silence");
-        const QRegularExpression total(QStringLiteral("mic: in this take %1 gaps filled with silence, (\\d+) frames").arg(lossBlocks.size()));
-        const QRegularExpressionMatch one = first.match(log), all = total.match(log);
+        const QRegularExpressionMatch one = QRegularExpression("mic: the sound server lost (\\d+) frames .* filled with silence").match(log);
+        const QRegularExpressionMatch all = QRegularExpression(QStringLiteral("mic: in this take %1 gaps filled with silence, (\\d+) frames").arg(lossBlocks.size())).match(log);
         QVERIFY2(log.count("the sound server lost") == 1 && one.hasMatch() && all.hasMatch(), qPrintable(log));
-        QVERIFY2(std::abs(one.captured(1).toInt() - 256) <= 24 && std::abs(all.captured(1).toInt() - lost) <= 48, qPrintable(log));
-        QVERIFY2(!log.contains(QRegularExpression("(sys|room): in this take [1-9]")) && !log.contains(QRegularExpression("(sys|room): the sound server")), qPrintable(log));
+        QVERIFY2(std::abs(one.captured(1).toInt() - 256) <= 24 && std::abs(all.captured(1).toInt() - lostBy(620)) <= 48, qPrintable(log));
+        QVERIFY2(!log.contains(QRegularExpression("(sys|room): (in this take [1-9]|the sound server)")), qPrintable(log));
     }
 
     // Stamps of every track go 6 ms late together for half a second (timing answers delayed on a
     // loaded machine), the microphone's 2 ms more (jitter, no loss), in one take with and in one
-    // without the other tracks: no track fills
-    // silence or drops audio for it, the log calls the step doubtful with its reason, and clicks
-    // before, during and after it stay within 1 ms of each other and of where they were played.
+    // without the other tracks: no track fills silence or drops audio for it, the log calls the
+    // step doubtful with its reason, and clicks before, during and after it stay within 1 ms of
+    // each other and of where they were played.
     void lateStampsFillNothing_data()
     {
         QTest::addColumn<bool>("witnesses");
@@ -129,54 +156,18 @@ private Q_SLOTS:
         QFETCH(bool, witnesses);
         if (!MediaProbe::available())
             QSKIP("ffprobe/ffmpeg not installed");
-        home.wipe();
         RecorderFixture f(0, true);
-        QVERIFY(f.start(QStringLiteral("S1")));
         const QVector<int64_t> clicks = {320 * kBlock + 100, 380 * kBlock + 7, 470 * kBlock + 300}; // before, in, after
         std::mt19937 random(5);
-        const int64_t startNs = f.clock->nowNs();
-        QStringList sources = {QStringLiteral("usbmic")};
-        if (witnesses)
-            sources << QStringLiteral("laptop") << RecorderFixture::kMonitor;
-        for (int b = 0; b < 500; ++b) {
-            f.manual->set(startNs + (b + 1) * 10000000LL);
-            for (const QString &source : sources) {
-                const bool lateHere = b >= 360 && b < 410; // after the start sync's 2 s
-                const int64_t late = lateHere ? (source == QLatin1String("usbmic") ? 8000000 : 6000000) : 0;
-                const int channels = f.audio->openChannels(source);
-                QByteArray pcm(kBlock * channels * int(sizeof(float)), 0);
-                auto *p = reinterpret_cast<float *>(pcm.data());
-                for (int i = 0; i < kBlock * channels; ++i)
-                    for (int64_t c : clicks)
-                        if (b * kBlock + i / channels - c >= 0 && b * kBlock + i / channels - c < 48)
-                            p[i] = 0.9f * float(std::sin(2 * M_PI * double(b * kBlock + i / channels - c) / 48.0));
-                const int64_t jitter = std::uniform_int_distribution<int64_t>(-1000000, 1000000)(random);
-                f.audio->deliver(source, pcm, startNs + b * 10000000LL + late + jitter);
-            }
-            f.rec->audioQueue().sync([] {});
-        }
-        QVERIFY(f.stop());
+        recordClicks(f, witnesses ? QStringList{"usbmic", "laptop", RecorderFixture::kMonitor} : QStringList{"usbmic"}, 500, clicks, random,
+                     [](const QString &, int) { return 0; },
+                     [](const QString &source, int b) { return b >= 360 && b < 410 ? (source == "usbmic" ? 8000000 : 6000000) : 0; });
         const QString log = home.log();
         QVERIFY2(!log.contains("filled with silence,") || log.contains("in this take 0 gaps filled"), qPrintable(log));
         QVERIFY2(log.contains("mic: its time stamps moved") && log.contains(witnesses ? "moved too" : "no other track to compare with")
                      && !log.contains("the sound server lost") && !log.contains("the sound server repeated"),
                  qPrintable(log));
-        const QVector<float> mic = MediaProbe::decode(f.path("S1", "mic_" + f.take() + "_00000_final.m4a"));
-        QVector<float> sys;
-        if (witnesses)
-            sys = MediaProbe::decode(f.path("S1", "sys_" + f.take() + "_00000_final.m4a"));
-        qsizetype a = -4800, b = -4800;
-        for (int k = 0; k < clicks.size(); ++k) {
-            a = MediaProbe::firstAbove(mic, 0.25f, a + 4800);
-            QVERIFY2(a > 0, qPrintable(QString::number(k)));
-            const qsizetype first = MediaProbe::firstAbove(mic, 0.25f, 0); // the clicks keep their distances as played
-            QVERIFY2(std::llabs(a - first - (clicks[k] - clicks[0])) <= 48, qPrintable(QString::number(a - first)));
-            if (witnesses) {
-                b = MediaProbe::firstAbove(sys, 0.25f, b + 4800);
-                qInfo("click %d: mic - sys %.3f ms", k + 1, double(a - b) / 48.0);
-                QVERIFY2(std::llabs(a - b) <= 48, qPrintable(QStringLiteral("%1: %2").arg(k).arg(double(a - b) / 48.0)));
-            }
-        }
+        compareClicks(f, clicks, witnesses);
     }
 
     // A device 0.1 % fast for 30 minutes (1.8 s of extra samples) stays on the monotonic time
