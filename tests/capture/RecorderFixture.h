@@ -142,14 +142,13 @@ struct RecorderFixture {
 };
 
 // Real time: 10 ms blocks of near-silence into "usbmic" and the monitor on the monotonic clock,
-// with a 1 ms click in the microphone at `clickNs` when set.
-class AudioFeed
-{
-public:
+// with a 1 ms click in the microphone at `clickNs` when set; until destroyed.
+struct AudioFeed {
+    std::jthread thread;
     explicit AudioFeed(SyntheticAudioBackend &backend, int64_t clickNs = 0)
-        : m_thread([this, &backend, clickNs] {
+        : thread([&backend, clickNs](std::stop_token stop) {
             const int64_t start = Clock::monotonic().nowNs();
-            for (int64_t b = 0; !m_stop; ++b) {
+            for (int64_t b = 0; !stop.stop_requested(); ++b) {
                 const int64_t at = start + b * 10000000LL, wake = at + 10000000LL;
                 const timespec ts{time_t(wake / 1000000000), long(wake % 1000000000)};
                 clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr);
@@ -164,9 +163,4 @@ public:
         })
     {
     }
-    ~AudioFeed() { m_stop = true, m_thread.join(); }
-
-private:
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
 };
