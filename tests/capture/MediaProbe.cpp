@@ -3,17 +3,11 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
-#include <QStandardPaths>
 
 #include <cmath>
 #include <cstring>
 
 namespace MediaProbe {
-
-bool available()
-{
-    return !QStandardPaths::findExecutable("ffprobe").isEmpty() && !QStandardPaths::findExecutable("ffmpeg").isEmpty();
-}
 
 namespace {
 QByteArray run(const QString &tool, const QStringList &args)

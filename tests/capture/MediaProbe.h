@@ -7,8 +7,6 @@
 // ffprobe and ffmpeg as test oracles: what a finished file really contains.
 namespace MediaProbe {
 
-/// True when ffprobe and ffmpeg are installed.
-bool available();
 /// The first audio stream's fields (codec_name, sample_rate, channels, bit_rate) plus the format's
 /// duration as "format_duration"; empty when ffprobe cannot read the file.
 QJsonObject stream(const QString &path);

@@ -92,8 +92,6 @@ private Q_SLOTS:
     // offset of +fill), a loss left unfilled moves it earlier with no fill logged.
     void clickLinesUpAcrossTracks()
     {
-        if (!MediaProbe::available())
-            QSKIP("ffprobe/ffmpeg not installed");
         const int takes = qEnvironmentVariableIsSet("BRAVA_TEST_CLICK_TAKES") ? qEnvironmentVariableIntValue("BRAVA_TEST_CLICK_TAKES") : 3;
         QStringList offsets, failed;
         for (int take = 1; take <= takes; ++take) {

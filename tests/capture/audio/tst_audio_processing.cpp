@@ -94,8 +94,6 @@ private Q_SLOTS:
     {
         QFETCH(bool, losses);
         QFETCH(bool, witnesses);
-        if (!MediaProbe::available())
-            QSKIP("ffprobe/ffmpeg not installed");
         RecorderFixture f(0, true);
         std::mt19937 random(losses ? 11 : 5);
         QVector<int> lossBlocks; // 10 ms blocks before which the microphone loses 256 frames
