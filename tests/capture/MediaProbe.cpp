@@ -32,7 +32,7 @@ QJsonObject firstStream(const QString &path, const QString &which, const QString
 
 QJsonObject stream(const QString &path) { return firstStream(path, "a:0", "codec_name,sample_rate,channels,bit_rate"); }
 
-QJsonObject video(const QString &path) { return firstStream(path, "v:0", "codec_name,width,height,bit_rate,nb_read_frames,start_time"); }
+QJsonObject video(const QString &path) { return firstStream(path, "v:0", "codec_name,width,height,pix_fmt,bit_rate,nb_read_frames,start_time"); }
 
 double number(const QJsonObject &o, const char *key)
 {

@@ -10,7 +10,8 @@ namespace MediaProbe {
 /// The first audio stream's fields (codec_name, sample_rate, channels, bit_rate) plus the format's
 /// duration as "format_duration"; empty when ffprobe cannot read the file.
 QJsonObject stream(const QString &path);
-/// The first video stream's fields (codec_name, width, height, bit_rate, nb_read_frames, start_time)
+/// The first video stream's fields (codec_name, width, height, pix_fmt, bit_rate,
+/// nb_read_frames, start_time)
 /// plus "format_duration"; empty when ffprobe cannot read the file.
 QJsonObject video(const QString &path);
 /// A field of stream() or video() as a number.
