@@ -48,11 +48,7 @@ class CameraTakeTest : public QObject
 
 private Q_SLOTS:
     void init() { home.wipe(); }
-    void cleanup()
-    {
-        f.reset();
-        SyntheticCamera::flashAt(0);
-    }
+    void cleanup() { f.reset(), SyntheticCamera::flashAt(0); }
 
     // The start sync waits for the camera; the H.264 track has the camera's size, and a frame
     // flashed at a click lies as far from the click in the files as it did when captured.

@@ -44,12 +44,11 @@ inline bool playClick(const QString &sink, const QString &file)
     for (int i = 0; i < 48; ++i)
         s[24000 + i] = 0.9f * float(std::sin(2 * M_PI * i / 48.0));
     QFile f(file);
-    if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate) || f.write(reinterpret_cast<const char *>(s.constData()), 48000 * 4) != 48000 * 4)
-        return false;
+    const bool written = f.open(QIODevice::WriteOnly) && f.write(reinterpret_cast<const char *>(s.constData()), 48000 * 4) == 48000 * 4;
     f.close();
     QProcess p;
     p.start("paplay", {"--raw", "--format=float32le", "--rate=48000", "--channels=1", "-d", sink, file});
-    return p.waitForFinished(30000) && p.exitCode() == 0;
+    return written && p.waitForFinished(30000) && p.exitCode() == 0;
 }
 
 } // namespace TestSoundServer

@@ -28,11 +28,7 @@ class AudioCaptureTest : public QObject
         return f->start("s1") && !f->rec->lastError();
     }
     bool playClick(const QString &sink) { return TestSoundServer::playClick(sink, home.root() + "/click.raw"); }
-    bool bothHear()
-    {
-        const Recorder::Levels levels = f->rec->takeLevels();
-        return levels.mic > 0.01f && levels.sys > 0.01f;
-    }
+    bool bothHear(const Recorder::Levels &levels) { return levels.mic > 0.01f && levels.sys > 0.01f; }
 
 private Q_SLOTS:
     void init()
@@ -104,7 +100,7 @@ private Q_SLOTS:
             QTest::qWait(1500); // a take of a few seconds before the click
             QVERIFY(playClick("brava_out"));
             const Recorder::Levels levels = f->rec->takeLevels();
-            QVERIFY2(levels.mic > 0.01f && levels.sys > 0.01f, qPrintable(QStringLiteral("%1 %2").arg(levels.mic).arg(levels.sys)));
+            QVERIFY2(bothHear(levels), qPrintable(QStringLiteral("%1 %2").arg(levels.mic).arg(levels.sys)));
             QVERIFY(f->stop());
             const qsizetype ca = MediaProbe::firstAbove(MediaProbe::decode(f->path("s1", f->finalName("mic"))), 0.25f);
             const qsizetype cb = MediaProbe::firstAbove(MediaProbe::decode(f->path("s1", f->finalName("sys"))), 0.25f);
@@ -132,9 +128,8 @@ private Q_SLOTS:
     // noticed within seconds, and once the server resumes the error clears and audio flows again.
     void aHungServerNeverStallsTheMainThread()
     {
-        const auto daemon = pid_t(qEnvironmentVariableIntValue("BRAVA_TEST_PULSE_PID"));
-        if (daemon <= 0)
-            QSKIP("needs BRAVA_TEST_PULSE_PID from scripts/test");
+        const auto daemon = pid_t(qEnvironmentVariableIntValue("BRAVA_TEST_PULSE_PID")); // set with the server
+        QVERIFY(daemon > 0);
         QVERIFY(startTake());
         qint64 longestGap = 0;
         QElapsedTimer sinceTick, hung;
@@ -167,13 +162,11 @@ private Q_SLOTS:
     // every track records again, the error clears, and the log tells both.
     void audioComesBackAfterTheServerRestarts()
     {
-        if (qEnvironmentVariableIsEmpty("BRAVA_TEST_SOUND_DIR"))
-            QSKIP("needs BRAVA_TEST_SOUND_DIR from scripts/test");
         QVERIFY(startTake());
         QVERIFY(TestSoundServer::restart());
         QTRY_VERIFY_WITH_TIMEOUT(pulse.answering() && pulse.outputMonitor(nullptr) == "brava_out.monitor", 15000);
         f->rec->takeLevels();
-        QTRY_VERIFY2_WITH_TIMEOUT(playClick("brava_out") && bothHear(), qPrintable(home.log()), 20000); // each try plays for a second
+        QTRY_VERIFY2_WITH_TIMEOUT(playClick("brava_out") && bothHear(f->rec->takeLevels()), qPrintable(home.log()), 20000); // each try plays for a second
         QTRY_VERIFY_WITH_TIMEOUT(!f->rec->lastError(), 10000);
         QVERIFY(f->stop());
         // Either the server was seen gone and back, or its streams ended and opened again.
