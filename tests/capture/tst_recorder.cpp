@@ -31,7 +31,8 @@ private Q_SLOTS:
 
     // A take records mic, sys and the built-in room microphone from one common start (when sys
     // arrived) into "_final" M4A files reported with the session; starting again while running
-    // finishes the take first, and the new one numbers from 00000.
+    // finishes the take first, and the new one numbers from 00000 and, stopped before its time
+    // lines are placed, keeps all its audio.
     void takeWritesEveryTrack()
     {
         QVERIFY(f->start("S1"));
@@ -47,11 +48,12 @@ private Q_SLOTS:
             QCOMPARE(session, "S1");
             QVERIFY2(std::fabs(seconds(path) - 1.5) < 0.03, qPrintable(path));
         }
-        f->feed({usb, mon}, f->clock->nowNs(), 0.3);
+        f->feed({usb, mon}, f->clock->nowNs(), 0.4, 4000000); // too unsteady to place the time line early
         QVERIFY(f->stop());
         QVERIFY(!f->rec->running() && !first.contains(f->finalName("mic")));
         QCOMPARE(f->doneNames("mic"), QStringList({first[0], f->finalName("mic")}));
-        QCOMPARE(f->done.last().second, "S2");
+        for (const auto &[path, session] : f->done.mid(3)) // a take stopped while its time lines are placed keeps that audio whole
+            QVERIFY2(session == "S2" && std::fabs(seconds(path) - 0.4) < 0.01, qPrintable(path));
         for (const char *line : {"capture started session=S1", "mic: USB Mic", "computer mic: Laptop Mic",
                                  "sync: all tracks locked to one start", "capture stopped"})
             QVERIFY2(home.log().contains(QLatin1String(line)), line);
@@ -156,17 +158,6 @@ private Q_SLOTS:
         QVERIFY(f->stop());
         f->scheduled.takeFirst()();
         QCOMPARE(f->audio->openChannels(mon), 0);
-    }
-
-    // A take stopped while the time lines are still being placed keeps that audio whole.
-    void shortTakeKeepsEverything()
-    {
-        QVERIFY(f->start("S7"));
-        f->feed({usb, mon}, f->clock->nowNs(), 0.4, 4000000); // too unsteady to place the line early
-        QVERIFY(f->stop());
-        QCOMPARE(f->done.size(), 2);
-        for (const auto &[path, session] : f->done)
-            QVERIFY2(std::fabs(seconds(path) - 0.4) < 0.01, qPrintable(path));
     }
 
     // A stuck audio queue holds at most 2 s per source; the rest is dropped, counted, and logged
