@@ -112,8 +112,8 @@ private Q_SLOTS:
     }
 
     // Samples before the common start are dropped, a hole in the stamps becomes silence, and
-    // segments roll over at their length without losing or repeating a sample; the last is
-    // "_final". Ending again with nothing open hands over no file: never one without media.
+    // segments roll over at their length without losing or repeating a sample, named by take and
+    // index. Ending again with nothing open, or a segment that holds no media yet, hands over no file.
     void rollOverFromTheCommonStart()
     {
         TrackWriter w("mic", {writing(), 8000000, 2.0});
@@ -129,11 +129,11 @@ private Q_SLOTS:
         w.close(true);
         QCOMPARE(done.size(), 3);
         QVERIFY(done[0].endsWith("/S2/mic_42_00000.m4a") && done[1].endsWith("/S2/mic_42_00001.m4a") && done[2].endsWith("/S2/mic_42_00002.m4a"));
-        w.begin("S3", 7);
-        for (int b = 0; b < 2; ++b)
-            w.append(block(b * 480, 1, [](int64_t) { return 0.f; }));
+        w.begin("S3", 7); // a segment whose audio the encoder still holds when another format fails it
+        w.append(block(0, 1, [](int64_t) { return 0.f; }));
+        w.append(block(480, 2, [](int64_t) { return 0.f; }));
         w.close(true);
-        QVERIFY(done.size() == 4 && done[3].endsWith("/S3/mic_7_00000_final.m4a"));
+        QCOMPARE(done.size(), 3);
         qsizetype total = 0;
         for (const QString &p : done.mid(0, 3))
             total += MediaProbe::decode(p).size();
