@@ -165,16 +165,14 @@ private Q_SLOTS:
     void fullQueueDropsAndSays()
     {
         QVERIFY(f->start("S10"));
-        auto release = std::make_shared<std::atomic<bool>>(false);
-        f->rec->audioQueue().async([release] {
-            while (!*release)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        });
+        std::mutex stuck;
+        stuck.lock();
+        f->rec->audioQueue().async([&stuck] { std::lock_guard hold(stuck); });
         const int64_t t = f->clock->nowNs();
         for (int b = 0; b < 300; ++b)
             f->audio->deliver(usb, RecorderFixture::tone(1, b * 480), t + b * 10000000LL);
         f->rec->takeLevels(); // returns although q is stuck
-        *release = true;
+        stuck.unlock();
         QCOMPARE(f->rec->audioPath().dropped(AudioPath::Mic), 100LL);
         QVERIFY(f->stop());
         QCOMPARE(home.log().count("audio queue full: dropped 100 blocks of mic"), 1);

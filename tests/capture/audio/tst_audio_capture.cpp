@@ -41,13 +41,17 @@ private Q_SLOTS:
 
     // With no server there is no answer; the test server lists its microphones (no monitors, no
     // virtual devices) with their descriptions, built-in and default flags, and names the
-    // output's monitor.
-    void devicesAreListed()
+    // output's monitor. The snapshot follows the server's events and tells the watcher: a new
+    // default output names its monitor. A stream on a monitor ends with its output (never moved
+    // to a microphone); a stream that cannot start reports the way a dying one does.
+    void devicesAndStreamsFollowTheServer()
     {
-        const auto restore = qScopeGuard([server = qgetenv("PULSE_SERVER")] { qputenv("PULSE_SERVER", server); });
-        qputenv("PULSE_SERVER", "unix:/nonexistent/brava/native");
-        PulseBackend absent;
-        QVERIFY(absent.access() == AudioBackend::Access::Unknown && !absent.answering() && !absent.outputMonitor(nullptr));
+        {
+            const auto restore = qScopeGuard([server = qgetenv("PULSE_SERVER")] { qputenv("PULSE_SERVER", server); });
+            qputenv("PULSE_SERVER", "unix:/nonexistent/brava/native");
+            PulseBackend absent;
+            QVERIFY(absent.access() == AudioBackend::Access::Unknown && !absent.answering() && !absent.outputMonitor(nullptr));
+        }
         QVERIFY(pulse.access() == AudioBackend::Access::Allowed && pulse.answering());
         QStringList seen;
         for (const Device &d : pulse.inputs())
@@ -55,13 +59,6 @@ private Q_SLOTS:
         seen.sort();
         QCOMPARE(seen, QStringList({"brava_mic BravaBuiltinMic 11", "brava_usbmic BravaUSBMic 00"}));
         QCOMPARE(pulse.outputMonitor(nullptr).value_or(QString()), "brava_out.monitor");
-    }
-
-    // The snapshot follows the server's events and tells the watcher: a new default output
-    // names its monitor. A stream on a monitor ends with its output (never moved to a
-    // microphone); a stream that cannot start reports the way a dying one does.
-    void eventsAndStreamsFollowTheServer()
-    {
         std::atomic<int> changes{0}, ended{0};
         std::atomic<bool> flowing{false};
         pulse.watch([&] { ++changes; });
