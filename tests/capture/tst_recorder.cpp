@@ -97,10 +97,10 @@ private Q_SLOTS:
         QVERIFY(home.log().contains("sync: started without sys (timed out)"));
         QCOMPARE(f->done.size(), 1);
         const QVector<float> pcm = MediaProbe::decode(f->done[0].first);
-        QVERIFY(std::fabs(pcm.size() / 48000.0 - 2.5 - DriftCorrector::kHoldSeconds) < 0.03);
         // The gate's wait starts with the first block out of the hold, kHoldSeconds after its
         // capture (the time line settled long before), and lasts 2.0 s.
         const double firstSound = MediaProbe::firstAbove(pcm, 0.05f) / 48000.0;
+        QVERIFY(std::fabs(pcm.size() / 48000.0 - 2.5 - DriftCorrector::kHoldSeconds) < 0.03);
         QVERIFY2(firstSound > 2.0 - 0.01 && firstSound < 2.0 + 0.04, qPrintable(QString::number(firstSound)));
     }
 
@@ -119,14 +119,13 @@ private Q_SLOTS:
     void refusals()
     {
         QFETCH(QString, refused);
-        QFETCH(QString, error);
         f->audio->refused = {refused};
         if (refused == "server")
             f->audio->accessAnswer = AudioBackend::Access::Refused;
         if (refused == "no mics")
             f->audio->devices.clear();
         QVERIFY(f->start("S3"));
-        QCOMPARE(f->rec->lastError().value_or(QString()), error);
+        QTEST(f->rec->lastError().value_or(QString()), "error");
         QTEST(int(f->rec->blocked()), "blocked");
         QTEST(f->audio->openChannels(usb), "micChannels");
         QVERIFY(f->stop());

@@ -251,8 +251,8 @@ private Q_SLOTS:
                 live.process(s.data() + size_t(k) * size_t(block), block, kRate, 1, false);
             levels.append(live.takePeak());
         }
-        QVERIFY2(*std::max_element(levels.begin(), levels.end()) - *std::min_element(levels.begin(), levels.end()) < 0.01f,
-                 qPrintable(QStringLiteral("%1 %2 %3 %4").arg(levels[0]).arg(levels[1]).arg(levels[2]).arg(levels[3])));
+        const auto [least, most] = std::minmax_element(levels.begin(), levels.end());
+        QVERIFY2(*most - *least < 0.01f, qPrintable(QStringLiteral("%1 to %2").arg(*least).arg(*most)));
     }
 
     // Headset over the laptop's microphone with no saved choice; an unplugged saved choice goes
