@@ -8,7 +8,6 @@
 #include "SyntheticAudioBackend.h"
 #include "SyntheticCameraBackend.h"
 
-#include <QDirIterator>
 #include <QFileInfo>
 #include <QtTest>
 
@@ -19,8 +18,9 @@
 #include <thread>
 
 // One recorder on a synthetic sound system ("laptop" built-in and "usbmic" microphones, computer
-// audio from "out.monitor") and synthetic cameras that can be unplugged, on a clock the test
-// moves (ManualClock) or the real one. Collects finished segments and preview pictures.
+// audio from "out.monitor"), or on the real backend handed in, and synthetic cameras that can be
+// unplugged, on a clock the test moves (ManualClock) or the real one. Collects finished segments
+// and preview pictures.
 struct RecorderFixture {
     // Synthetic cameras, one of which the test can unplug: it stops delivering and cannot open.
     struct Cameras final : CameraBackend {
@@ -42,7 +42,7 @@ struct RecorderFixture {
         CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override
         {
             if (isUnplugged(uid))
-                return {nullptr, QStringLiteral("No usable webcam found")};
+                return {nullptr, "No usable webcam found"};
             CameraOpen o = synthetic.open(uid, wanted, [this, uid, sink](TimedSample f) {
                 if (!isUnplugged(uid))
                     sink(std::move(f));
@@ -52,68 +52,44 @@ struct RecorderFixture {
         }
     };
 
-    // The synthetic sound system behind a switch that makes it stop answering.
-    struct Server final : AudioBackend {
-        SyntheticAudioBackend &inner;
-        std::atomic<bool> answer{true};
-        explicit Server(SyntheticAudioBackend &b) : inner(b) {}
-        Access access() override { return inner.access(); }
-        QList<Device> inputs() override { return inner.inputs(); }
-        std::optional<QString> outputMonitor(QString *reason) override { return inner.outputMonitor(reason); }
-        std::unique_ptr<AudioCapture> open(const QString &s, int rate, int ch, Handlers h, QString *error) override
-        {
-            return inner.open(s, rate, ch, std::move(h), error);
-        }
-        Clock &clock() override { return inner.clock(); }
-        bool answering() const override { return answer; }
-        void watch(std::function<void()> onChanged) override { inner.watch(std::move(onChanged)); }
-    };
-
-    static inline const QString kMonitor = QStringLiteral("out.monitor");
+    static inline const QString kMonitor = "out.monitor";
     std::unique_ptr<ManualClock> manual;
     Clock *clock = &Clock::monotonic();
     std::unique_ptr<SyntheticAudioBackend> audio;
-    std::unique_ptr<Server> server;
-    std::unique_ptr<Cameras> cameras;
+    Cameras cameras;
     std::unique_ptr<Recorder> rec;
+    WriterSetup setup{DataFolder::pathOf("writing")}; // what each take's writers are given
     std::mutex mutex;
     QList<QPair<QString, QString>> done; // (path, session)
     QList<QByteArray> jpegs;
     QList<std::function<void()>> scheduled; // the 2 s retries, run by the test
 
-    RecorderFixture(int cameraCount, bool manualClock)
+    RecorderFixture(int cameraCount, bool manualClock, AudioBackend *real = nullptr) : cameras(cameraCount)
     {
-        if (manualClock) {
-            manual = std::make_unique<ManualClock>(100000000000LL);
-            clock = manual.get();
-        }
+        if (manualClock)
+            clock = (manual = std::make_unique<ManualClock>(100000000000LL)).get();
         audio = std::make_unique<SyntheticAudioBackend>(*clock);
-        audio->devices = {Device{QStringLiteral("laptop"), QStringLiteral("Laptop Mic"), true, true},
-                          Device{QStringLiteral("usbmic"), QStringLiteral("USB Mic"), false, false}};
+        audio->devices = {Device{"laptop", "Laptop Mic", true, true}, Device{"usbmic", "USB Mic", false, false}};
         audio->monitor = kMonitor;
-        cameras = std::make_unique<Cameras>(cameraCount);
-        server = std::make_unique<Server>(*audio);
-        rec = std::make_unique<Recorder>(*server, *cameras, *clock);
-        setup.writingDir = DataFolder::pathOf(QStringLiteral("writing"));
-        rec->onSegmentDone = [this](const QString &path, const QString &s) { locked([&] { done.append({path, s}); }); };
-        rec->onPreviewFrame = [this](const QByteArray &jpeg) { locked([&] { jpegs.append(jpeg); }); };
-        rec->sources().schedule = [this](int ms, std::function<void()> action) {
-            QCOMPARE(ms, 2000);
-            scheduled.append(std::move(action));
-        };
+        rec = std::make_unique<Recorder>(real ? *real : *audio, cameras, *clock);
+        rec->onSegmentDone = [this](const QString &path, const QString &s) { std::lock_guard l(mutex); done.append({path, s}); };
+        rec->onPreviewFrame = [this](const QByteArray &jpeg) { std::lock_guard l(mutex); jpegs.append(jpeg); };
+        if (!real)
+            rec->sources().schedule = [this](int ms, std::function<void()> retry) { QCOMPARE(ms, 2000); scheduled.append(std::move(retry)); };
     }
     ~RecorderFixture() { rec.reset(); }
-    WriterSetup setup; // what each take's writers are given
 
     bool waitFor(const std::function<void(std::function<void()>)> &call)
     {
-        bool done = false;
-        call([&] { done = true; });
-        return QTest::qWaitFor([&] { return done; }, 20000);
+        bool finished = false;
+        call([&] { finished = true; });
+        return QTest::qWaitFor([&] { return finished; }, 20000);
     }
-    bool start(const std::optional<QString> &s) { return waitFor([&](auto done) { rec->start(s, setup, done); }); }
-    bool stop() { return waitFor([&](auto done) { rec->stop(done); }); }
+    bool start(const std::optional<QString> &s) { return waitFor([&](auto cb) { rec->start(s, setup, cb); }); }
+    bool stop() { return waitFor([&](auto cb) { rec->stop(cb); }); }
     QString take() const { return QString::number(rec->currentTake()); }
+    /// The last segment's name of `track` in the current take: "<track>_<take>_<index>_final.<ext>".
+    QString finalName(const QString &track, const QString &ext = "m4a", const QString &index = "00000") const { return track + '_' + take() + '_' + index + "_final." + ext; }
     QStringList doneNames(const QString &prefix = QString())
     {
         std::lock_guard lock(mutex);
@@ -124,30 +100,16 @@ struct RecorderFixture {
         names.sort();
         return names;
     }
-    static QString path(const QString &session, const QString &name)
-    {
-        return DataFolder::dir(QStringLiteral("writing")) + QLatin1Char('/') + session + QLatin1Char('/') + name;
-    }
-    void locked(const std::function<void()> &job)
-    {
-        std::lock_guard lock(mutex);
-        job();
-    }
-    QList<QByteArray> takeJpegs()
-    {
-        QList<QByteArray> out;
-        locked([&] { out.swap(jpegs); });
-        return out;
-    }
+    static QString path(const QString &session, const QString &name) { return DataFolder::dir("writing") + '/' + session + '/' + name; }
+    QList<QByteArray> takeJpegs() { std::lock_guard lock(mutex); return std::exchange(jpegs, {}); }
 
     // 10 ms of a 440 Hz tone at 0.3 (or of `level` when set), first frame `first`.
     static QByteArray tone(int channels, int64_t first, float level = -1)
     {
         QByteArray pcm(480 * channels * int(sizeof(float)), Qt::Uninitialized);
         auto *p = reinterpret_cast<float *>(pcm.data());
-        for (int i = 0; i < 480; ++i)
-            for (int c = 0; c < channels; ++c)
-                p[i * channels + c] = level >= 0 ? level : 0.3f * float(std::sin(2 * M_PI * 440.0 * double(first + i) / 48000.0));
+        for (int i = 0; i < 480 * channels; ++i)
+            p[i] = level >= 0 ? level : 0.3f * float(std::sin(2 * M_PI * 440.0 * double(first + i / channels) / 48000.0));
         return pcm;
     }
     // Manual clock: `seconds` of tone from each source from `fromNs`, in 10 ms blocks stamped
@@ -166,14 +128,13 @@ struct RecorderFixture {
 };
 
 // Real time: 10 ms blocks of near-silence into "usbmic" and the monitor on the monotonic clock,
-// with a 1 ms click in the microphone at `clickNs` when set.
-class AudioFeed
-{
-public:
+// with a 1 ms click in the microphone at `clickNs` when set; until destroyed.
+struct AudioFeed {
+    std::jthread thread;
     explicit AudioFeed(SyntheticAudioBackend &backend, int64_t clickNs = 0)
-        : m_thread([this, &backend, clickNs] {
+        : thread([&backend, clickNs](std::stop_token stop) {
             const int64_t start = Clock::monotonic().nowNs();
-            for (int64_t b = 0; !m_stop; ++b) {
+            for (int64_t b = 0; !stop.stop_requested(); ++b) {
                 const int64_t at = start + b * 10000000LL, wake = at + 10000000LL;
                 const timespec ts{time_t(wake / 1000000000), long(wake % 1000000000)};
                 clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr);
@@ -182,19 +143,10 @@ public:
                 for (int i = 0; i < 480 && clickNs; ++i)
                     if (const int64_t since = at + int64_t(i) * 1000000000 / 48000 - clickNs; since >= 0 && since < 1000000)
                         p[i] = 0.9f;
-                backend.deliver(QStringLiteral("usbmic"), mono, at);
+                backend.deliver("usbmic", mono, at);
                 backend.deliver(RecorderFixture::kMonitor, RecorderFixture::tone(2, 0, 0), at);
             }
         })
     {
     }
-    ~AudioFeed()
-    {
-        m_stop = true;
-        m_thread.join();
-    }
-
-private:
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
 };

@@ -1,27 +1,20 @@
-#include "DataFolder.h"
 #include "MediaProbe.h"
 #include "OrphanRecovery.h"
+#include "RecorderFixture.h"
 #include "TestHome.h"
 
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFileInfo>
-#include <QJsonObject>
-#include <QProcess>
-#include <QtTest>
-
+#include <cstdio>
 #include <csignal>
 
-// A recorder process killed with SIGKILL at moments of a take; the next launch's recovery keeps
-// every track up to its last whole fragment: at most one fragment interval (2 s) plus 0.5 s lost.
+// A recorder process (this binary with "record") killed with SIGKILL at moments of a take with a
+// synthetic camera and sound system fed in real time; the next launch's recovery keeps every
+// track up to its last whole fragment: at most one fragment interval (2 s) plus 0.5 s lost.
 class KilledRecorderTest : public QObject
 {
     Q_OBJECT
     TestHome home;
 
 private Q_SLOTS:
-    void init() { home.wipe(); }
-
     void lossIsBounded_data()
     {
         QTest::addColumn<int>("killMs");
@@ -31,24 +24,23 @@ private Q_SLOTS:
     void lossIsBounded()
     {
         QFETCH(int, killMs);
+        home.wipe();
         QProcess p;
-        p.start(qEnvironmentVariable("BRAVA_TEST_BINARY_DIR") + QStringLiteral("/kill_helper"), {});
-        QVERIFY(p.waitForStarted());
+        p.start(QCoreApplication::applicationFilePath(), {"record"});
         QTRY_VERIFY_WITH_TIMEOUT(p.canReadLine(), 10000);
         QElapsedTimer ran;
         ran.start();
-        const QByteArray line = p.readLine().trimmed();
-        QVERIFY2(line.startsWith("started "), line.constData());
+        QCOMPARE(p.readLine(), "started\n");
         QTest::qWait(killMs);
         ::kill(pid_t(p.processId()), SIGKILL);
         const double seconds = double(ran.elapsed()) / 1000;
         QVERIFY(p.waitForFinished(5000));
-        const auto found = OrphanRecovery(DataFolder::dir(QStringLiteral("writing")), DataFolder::dir(QStringLiteral("unrecognized"))).run();
+        const auto found = OrphanRecovery(DataFolder::dir("writing"), DataFolder::dir("unrecognized")).run();
         for (const QString track : {"mic", "sys", "cam"}) {
             double kept = 0;
             for (const OrphanRecovery::Found &file : found)
-                if (QFileInfo(file.path).fileName().startsWith(track + '_') && file.session == QLatin1String("killed"))
-                    kept = (track == "cam" ? MediaProbe::video(file.path) : MediaProbe::stream(file.path)).value("format_duration").toString().toDouble();
+                if (QFileInfo(file.path).fileName().startsWith(track + '_') && file.session == "killed")
+                    kept = MediaProbe::number(track == "cam" ? MediaProbe::video(file.path) : MediaProbe::stream(file.path), "format_duration");
             qInfo("%s: %.2f s recovered of %.2f s, lost %.2f s", qPrintable(track), kept, seconds, seconds - kept);
             QVERIFY2(seconds - kept <= 2.5, qPrintable(track));
             QVERIFY2(killMs < 1500 || kept > 0, qPrintable(track)); // the header and a first fragment are on disk
@@ -56,5 +48,21 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(KilledRecorderTest)
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    if (argc < 2 || qstrcmp(argv[1], "record") != 0) {
+        KilledRecorderTest test;
+        return QTest::qExec(&test, argc, argv);
+    }
+    RecorderFixture f(1, false); // in the home the test made
+    f.rec->setCamerasEnabled(true);
+    std::unique_ptr<AudioFeed> feed;
+    f.rec->start(QStringLiteral("killed"), f.setup, [&] {
+        feed = std::make_unique<AudioFeed>(*f.audio);
+        std::printf("started\n");
+        std::fflush(stdout);
+    });
+    return app.exec();
+}
 #include "tst_killed_recorder.moc"
