@@ -12,9 +12,6 @@
 #include <QApplication>
 #include <QMenu>
 #include <QMessageBox>
-#include <QRegularExpression>
-#include <QSettings>
-#include <QSignalSpy>
 #include <QtTest>
 
 #include <thread>

@@ -1,7 +1,3 @@
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QTemporaryDir>
 #include <QtTest>
 
 // Two copies of the agent on one account (the login item and a manual start): the second one

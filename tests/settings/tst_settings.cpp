@@ -5,9 +5,6 @@
 #include "TestHome.h"
 #include "XdgFolder.h"
 
-#include <QRegularExpression>
-#include <QSignalSpy>
-#include <QSettings>
 #include <QtTest>
 
 #include <thread>

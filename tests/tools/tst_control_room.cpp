@@ -4,16 +4,11 @@
 #include "CommandWords.h"
 #include "ControlRoomServer.h"
 
-#include <QDirIterator>
-#include <QJsonArray>
-#include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkCookieJar>
 #include <QNetworkReply>
-#include <QSignalSpy>
 #include <QTcpSocket>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 #include <QWebSocket>
 
 namespace {

@@ -4,12 +4,6 @@
 #include "SegmentSalvage.h"
 #include "TestHome.h"
 
-#include <QBuffer>
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QStandardPaths>
-#include <QtEndian>
 #include <QtTest>
 
 namespace {

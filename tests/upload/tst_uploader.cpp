@@ -4,7 +4,6 @@
 #include "TestHome.h"
 #include "Uploader.h"
 
-#include <QUrlQuery>
 #include <QtTest>
 
 // The upload queue against a real HTTP server on loopback, with the data folder of a throw-away home.

@@ -3,8 +3,6 @@
 #include "MentorRoster.h"
 #include "TestHome.h"
 
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QtTest>
 

@@ -57,6 +57,9 @@ private Q_SLOTS:
         QString confirmed;
         actions.onConfirm = [&](const QString &text) { confirmed = text; };
 
+        home.settings().setAgentID(0);
+        actions.needHelp(); // without an agent number nothing goes out
+        home.settings().setAgentID(7);
         actions.toggleCall();
         QTRY_COMPARE(events(), QStringList{"/event?id=7&type=call_start"});
         QVERIFY(actions.onCall() && reviews.isEmpty());
@@ -76,19 +79,6 @@ private Q_SLOTS:
         actions.needHelp();
         QTRY_COMPARE(events().value(4), QStringLiteral("/event?id=7&type=help"));
         QCOMPARE(confirmed, QStringLiteral("Help sent — coaches alerted"));
-    }
-
-    void noAgentNumberSendsNothing()
-    {
-        home.settings().setAgentID(0);
-        AgentEvents ev(net, home.settings());
-        AgentActions actions(ev, [this] { return nowMs; });
-        actions.needHelp();
-        actions.toggleCall();
-        home.settings().setAgentID(7);
-        actions.needHelp(); // the one that goes out, and after the others if they had
-        QTRY_COMPARE(room.requests.size(), 1);
-        QCOMPARE(events(), QStringList{"/event?id=7&type=help"});
     }
 
     void reviewWindowHandsOnItsChoice()

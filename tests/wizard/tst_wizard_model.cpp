@@ -20,13 +20,6 @@ class WizardModelTest : public QObject
         m = std::make_unique<WizardModel>(p->parts());
         m->verifyTimeoutMs = 500;
     }
-    // A build with a preset control room and this web service.
-    void lock() { home.useInfo("127.0.0.1:1", "2.5", "http://" + web.address()); }
-    void identity(const QString &name, const QString &number)
-    {
-        m->setNameText(name);
-        m->setAgentText(number);
-    }
 
 private Q_SLOTS:
     void initTestCase() { QVERIFY(web.listen()); }
@@ -159,16 +152,18 @@ private Q_SLOTS:
         QFETCH(QByteArray, answer);
         QFETCH(QString, error);
         QFETCH(QString, name);
-        if (!answer.isEmpty())
-            lock();
+        if (!answer.isEmpty()) // a build with a preset control room and this web service
+            home.useInfo("127.0.0.1:1", "2.5", "http://" + web.address());
         make();
         m->setStep(1);
-        for (const char *number : {"0", "17"}) { // an incomplete identity does nothing
-            identity(number == QLatin1String("0") ? "Ana" : " \t", number);
+        for (const auto &[name, number] : {std::pair{"Ana", "0"}, {" \t", "17"}}) { // an incomplete identity does nothing
+            m->setNameText(QString::fromUtf8(name));
+            m->setAgentText(QString::fromUtf8(number));
             m->verifyAndSave();
             QVERIFY(m->step() == 1 && !m->verifying());
         }
-        identity("Ana Lee", "+17");
+        m->setNameText("Ana Lee");
+        m->setAgentText("+17");
         // The status code does not matter; only the body does.
         if (!answer.isEmpty())
             web.script({answer == "hang" ? HttpStub::hang() : HttpStub::status(500, answer)});

@@ -3,7 +3,6 @@
 #include "WizardParts.h"
 #include "WizardWindow.h"
 
-#include <QDir>
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QtTest>
