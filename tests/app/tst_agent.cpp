@@ -2,7 +2,6 @@
 #include "HttpStub.h"
 #include "ManualClock.h"
 #include "DataFolder.h"
-#include "OrderedJson.h"
 #include "Heartbeat.h"
 #include "SetupRoute.h"
 #include "Reconciler.h"
@@ -47,6 +46,16 @@ class AgentTest : public QObject
     {
         const qsizetype before = f->room.statuses().size();
         return QTest::qWaitFor([&] { return f->room.statuses().size() >= before + n; }, 5000);
+    }
+
+    // Starts the agent's program on the account of `account` (its own folders).
+    static void start(QProcess &agent, const QTemporaryDir &account)
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), account.path() + QStringLiteral("/config"));
+        env.insert(QStringLiteral("XDG_DATA_HOME"), account.path() + QStringLiteral("/data"));
+        agent.setProcessEnvironment(env);
+        agent.start(qEnvironmentVariable("BRAVA_TEST_BINARY_DIR") + QStringLiteral("/brava-recorder"), {});
     }
 
 private Q_SLOTS:
@@ -347,8 +356,6 @@ private Q_SLOTS:
     void linkRules()
     {
         Connection &conn = f->app->connection();
-        QCOMPARE(OrderedJson().insert(QStringLiteral("z"), true).insert(QStringLiteral("a"), QStringLiteral("q\"\\\n")).toJson(),
-                 QByteArray("{\"z\":true,\"a\":\"q\\\"\\\\\\n\"}"));
         // Frames sent from another thread arrive whole behind their kind.
         std::thread([&] { conn.sendLiveAudio(1, QByteArray(640, 'a')); }).join();
         QTRY_COMPARE(f->room.binaries, QList<QByteArray>({QByteArray(1, 1) + QByteArray(640, 'a')}));
@@ -429,6 +436,33 @@ private Q_SLOTS:
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
         QTRY_VERIFY(f->app->wizardOpen() && f->app->wizardModel()->step() == 4);
         QVERIFY(f->app->wizardModel()->camDenied() && home.settings().wizardStep() == SetupStep::Camera);
+    }
+
+    // Two copies of the program on one account (the login item and a manual start): the second
+    // one quits at once and never touches the first one's recordings.
+    void secondCopyLeavesTheFirstOnesTakeAlone()
+    {
+        QTemporaryDir account;
+        const QString data = account.path() + QStringLiteral("/data/Brava Recorder");
+        QProcess first, second;
+        start(first, account);
+        QTRY_VERIFY(QFile::exists(data + QStringLiteral("/agent.lock")));
+        // A piece the first copy is writing: a second copy must not take it for a crash's leftover.
+        const QString growing = data + QStringLiteral("/writing/s/mic_1_00000.m4a");
+        QVERIFY(QDir().mkpath(QFileInfo(growing).path()));
+        QFile file(growing);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        start(second, account);
+        QVERIFY(second.waitForFinished(15000));
+        QCOMPARE(second.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(second.exitCode(), 0);
+        QVERIFY(QFile::exists(growing));
+        QCOMPARE(first.state(), QProcess::Running);
+        QFile log(data + QStringLiteral("/log.txt"));
+        QVERIFY(log.open(QIODevice::ReadOnly));
+        QVERIFY(log.readAll().contains("another Brava Recorder already runs for this account"));
+        first.kill();
+        first.waitForFinished();
     }
 };
 

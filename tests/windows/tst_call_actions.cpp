@@ -16,7 +16,7 @@
 #include <QtTest>
 
 // The call actions and the events they post, and the sale widget as the only way in on a desktop
-// without a tray.
+// without a tray (and, without an X server, no widget and a status that says why).
 class CallActionsTest : public QObject
 {
     Q_OBJECT
@@ -157,13 +157,7 @@ private Q_SLOTS:
         // Cameras off: the widget goes.
         QVERIFY(f.command({{"type", "cameras"}, {"on", false}}));
         QTRY_VERIFY(!w->isShown());
-    }
-
-    // With no X server the agent runs without the widget and says why, once in the log and in
-    // every status.
-    void withoutXTheStatusSaysWhy()
-    {
-        AgentFixture f(home);
+        // With no X server there is no widget, and the agent says why, once in the log and in every status.
         const QString note = DisplayPlatform::choose(QByteArray(), false).note;
         f.app->windows().disableFloating(note);
         QVERIFY(f.command({{"type", "cameras"}, {"on", true}}));

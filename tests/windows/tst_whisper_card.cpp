@@ -72,10 +72,9 @@ private Q_SLOTS:
     {
         QCOMPARE(WhisperPage::escape(QStringLiteral("a&lt;<b>\"'")), QStringLiteral("a&amp;lt;&lt;b&gt;\"'"));
         const QString html = WhisperPage::html(QStringLiteral("<i>hi</i>"), 0, QStringLiteral("<Bo>"), QStringLiteral("data:x"));
-        QVERIFY(html.startsWith(QStringLiteral("<!DOCTYPE html><html><head>")));
-        QVERIFY(html.contains(QStringLiteral("url(data:x)")));
-        QVERIFY(html.endsWith(QStringLiteral("LIVE MESSAGE FROM &lt;BO&gt;</span><span class=\"dot\"></span></div>"
-                                             "<div class=\"body\"><div class=\"t\">&lt;i&gt;hi&lt;/i&gt;</div></div></div></div></body></html>")));
+        // The label and the text escaped in their places (shown literally: hostileTextIsShownLiterally).
+        for (const char *part : {"url(data:x)", "LIVE MESSAGE FROM &lt;BO&gt;</span>", "<div class=\"t\">&lt;i&gt;hi&lt;/i&gt;</div>"})
+            QVERIFY2(html.contains(QLatin1String(part)), part);
         for (const char *rule : {"#b{width:720px;background:#0a0d12;border:2px solid #01a6ff;border-radius:18px", "#w{display:inline-block;padding:46px}",
                                  "animation:bravablink 1.1s steps(1) infinite", "font-size:29px;line-height:1.32", "white-space:pre-wrap"})
             QVERIFY2(html.contains(QLatin1String(rule)), rule);

@@ -55,7 +55,6 @@ class WindowScreensTest : public QObject
     }
     // Waits until the window is mapped where it says and painted.
     static bool onScreen(QWidget *w) { return QTest::qWaitForWindowExposed(w) && QTest::qWaitFor([] { return true; }, 150); }
-    SaleWidget::FrameStore store() { return {[this] { return savedFrame; }, [this](const QString &t) { savedFrame = t; }}; }
 
 private Q_SLOTS:
     void initTestCase()
@@ -68,7 +67,7 @@ private Q_SLOTS:
     {
         BRAVA_REQUIRE_X();
         savedFrame.clear();
-        SaleWidget widget(store());
+        SaleWidget widget({[this] { return savedFrame; }, [this](const QString &t) { savedFrame = t; }});
         QSignalSpy help(&widget, &SaleWidget::helpPressed);
         widget.show(true);
         QWidget *w = widget.window();
