@@ -153,9 +153,10 @@ private Q_SLOTS:
 
     void commandsDriveTheRecorder()
     {
-        for (const char *type : {"cameras", "listen"})
+        for (const char *type : {"preview", "cameras", "listen", "preview"}) // a preview before cameras is refused
             QVERIFY(f->command(J{{"type", type}, {"on", true}}));
         QVERIFY(rec().running() && !rec().session() && rec().listening && f->app->commands().live());
+        QTRY_VERIFY_WITH_TIMEOUT(frames(0) > 3 && frames(1) > 3 && frames(2) > 3, 10000); // live audio and preview reach the room
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}}));
         QVERIFY(rec().session() == QStringLiteral("s1") && rec().isRecording() && rec().listening);
         const int calls = wishes().recorderCalls();
@@ -178,10 +179,16 @@ private Q_SLOTS:
         QVERIFY(rec().session() == QStringLiteral("c") && wishes().recorderCalls() == before + 2);
         QVERIFY(!home.log().contains(QStringLiteral("session=b")));
 
-        // Cameras off ends everything and refuses live audio and preview until they are back.
+        // Cameras off ends everything, even frames still in flight, and refuses live audio and preview
+        // until they are back.
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}) && !rec().running() && !wishes().desiredSession);
+        QVERIFY(heartbeats(1));
+        f->room.binaries.clear();
+        std::thread([&] { rec().onPreviewFrame("late"), rec().onLiveAudio(0, "late"); }).join();
         QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}) && f->command(J{{"type", "preview"}, {"on", true}, {"hd", true}}));
         QVERIFY(!wishes().wantListen && !rec().previewing && rec().previewHd);
+        QVERIFY(heartbeats(2));
+        QCOMPARE(f->room.binaries.size(), 0);
     }
 
     void argumentsOfTheWrongTypeCountAsAbsent()
@@ -210,38 +217,21 @@ private Q_SLOTS:
         QCOMPARE(int(home.log().count(QLatin1Char('\n'))) - (f->markers - markers), lines);
     }
 
-    void liveAudioAndPreviewReachTheRoomOnlyWhileCamerasAreOn()
-    {
-        for (const char *type : {"preview", "cameras", "listen", "preview"}) // a preview before cameras is refused
-            QVERIFY(f->command(J{{"type", type}, {"on", true}}));
-        QTRY_VERIFY_WITH_TIMEOUT(frames(0) > 3 && frames(1) > 3 && frames(2) > 3, 10000);
-        QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
-        QVERIFY(heartbeats(1));
-        f->room.binaries.clear();
-        std::thread([&] { rec().onPreviewFrame("late"), rec().onLiveAudio(0, "late"); }).join(); // still in flight
-        QVERIFY(heartbeats(2));
-        QCOMPARE(f->room.binaries.size(), 0);
-    }
-
-    void linkDropEndsListeningButNotRecording()
+    // A dropped link ends listening but not the take, whose segments reach the room's upload.
+    void linkDropKeepsTheTakeWhoseSegmentsReachTheRoom()
     {
         for (const char *type : {"cameras", "listen"})
             QVERIFY(f->command(J{{"type", type}, {"on", true}}));
-        QVERIFY(f->command(J{{"type", "start"}, {"session", "s4"}}));
+        QVERIFY(f->command(J{{"type", "start"}, {"session", "take-2"}}));
         f->room.dropAgents();
         QTRY_VERIFY(!f->app->connection().connected());
         QElapsedTimer down;
         down.start();
         QVERIFY(f->idle());
-        QVERIFY(!wishes().wantListen && !rec().listening && !f->app->commands().live() && rec().session() == QStringLiteral("s4"));
+        QVERIFY(!wishes().wantListen && !rec().listening && !f->app->commands().live() && rec().session() == QStringLiteral("take-2"));
         QTRY_VERIFY(f->app->connection().connected());
         QVERIFY(down.elapsed() >= f->app->connection().retryMs - 50 && heartbeats(1)); // a new link after the retry delay
         QVERIFY(f->room.statuses().last().value("recording").toBool() && !f->room.statuses().last().value("live").toBool());
-    }
-
-    void takeSegmentsReachTheRoomsUpload()
-    {
-        QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}) && f->command(J{{"type", "start"}, {"session", "take-2"}}));
         const QString writing = DataFolder::dir(QStringLiteral("writing/take-2"));
         QTRY_VERIFY_WITH_TIMEOUT(QDir(writing).entryList(QDir::Files).size() >= 2, 5000);
         QVERIFY(heartbeats(2));

@@ -54,9 +54,7 @@ public:
     /// No answer until release().
     static Answer hang() { return Answer{Answer::Hang}; }
     /// Closes the connection in the middle of the request's body, after `bytes` of it.
-    static Answer cut(qint64 bytes) { Answer a{Answer::Cut, 0};
-        a.cutAfterBytes = bytes;
-        return a; }
+    static Answer cut(qint64 bytes) { return Answer{Answer::Cut, 0, {}, "text/plain", 0, "HTTP/1.1", bytes}; }
     /// The answer used when the script is empty.
     void setDefault(const Answer &answer) { m_default = answer; }
     /// Appends answers for the next requests, in order.
