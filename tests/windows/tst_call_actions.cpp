@@ -24,7 +24,6 @@ class CallActionsTest : public QObject
     QNetworkAccessManager net;
     HttpStub room;
     qint64 nowMs = 1000000;
-    QList<qint64> reviews;
 
     QStringList events() const
     {
@@ -35,29 +34,18 @@ class CallActionsTest : public QObject
     }
 
 private Q_SLOTS:
-    void initTestCase()
+    void callHelpAndReviewPostTheirEvents()
     {
         QVERIFY(room.listen());
         room.setDefault(HttpStub::status(200));
-    }
-    void init()
-    {
-        home.wipe();
-        home.settings().setAgentID(7);
         home.settings().setServer(room.address());
-        room.requests.clear();
-        reviews.clear();
-    }
-
-    void callHelpAndReviewPostTheirEvents()
-    {
         AgentEvents ev(net, home.settings());
         AgentActions actions(ev, [this] { return nowMs; });
-        actions.onReview = [this](qint64 secs) { reviews.append(secs); };
+        QList<qint64> reviews;
+        actions.onReview = [&](qint64 secs) { reviews.append(secs); };
         QString confirmed;
         actions.onConfirm = [&](const QString &text) { confirmed = text; };
 
-        home.settings().setAgentID(0);
         actions.needHelp(); // without an agent number nothing goes out
         home.settings().setAgentID(7);
         actions.toggleCall();
