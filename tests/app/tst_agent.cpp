@@ -436,7 +436,8 @@ private Q_SLOTS:
         const QString data = account.path() + QStringLiteral("/data/Brava Recorder");
         QProcess first, second;
         start(first, account);
-        QTRY_VERIFY(QFile::exists(data + QStringLiteral("/agent.lock")));
+        // Launched: its lock taken, the leftovers of an earlier run recovered, the login entry written.
+        QTRY_VERIFY(QFile::exists(data + QStringLiteral("/agent.lock")) && QFile::exists(account.path() + QStringLiteral("/config/autostart/brava-recorder.desktop")));
         // A piece the first copy is writing: a second copy must not take it for a crash's leftover.
         const QString growing = data + QStringLiteral("/writing/s/mic_1_00000.m4a");
         QVERIFY(QDir().mkpath(QFileInfo(growing).path()));

@@ -27,11 +27,6 @@ HttpStub::~HttpStub()
     close();
 }
 
-bool HttpStub::listen(quint16 port)
-{
-    return m_server->listen(QHostAddress::LocalHost, port);
-}
-
 void HttpStub::close()
 {
     m_server->close();
@@ -42,11 +37,6 @@ void HttpStub::close()
     }
     m_clients.clear();
     m_hanging.clear();
-}
-
-quint16 HttpStub::port() const
-{
-    return m_server->serverPort();
 }
 
 void HttpStub::release(const Answer &answer)
