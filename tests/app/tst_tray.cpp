@@ -4,7 +4,6 @@
 
 #include <QMenu>
 #include <QPainter>
-#include <QProcess>
 #include <QScreen>
 #include <QSystemTrayIcon>
 #include <QToolTip>
@@ -14,13 +13,13 @@ namespace {
 
 using S = StatusMenu::State;
 
-S connected()
+// A linked, set-up agent with cameras on, then changed by `change`.
+S connected(void (*change)(S &) = [](S &) {})
 {
     S s;
-    s.connected = true;
+    s.connected = s.setupDone = s.camerasEnabled = true;
     s.agentID = 7;
-    s.setupDone = true;
-    s.camerasEnabled = true;
+    change(s);
     return s;
 }
 
@@ -36,29 +35,19 @@ struct Case {
 QList<Case> cases()
 {
     const QString room = QStringLiteral("192.168.1.20:8080");
-    S down;
-    down.agentID = 7;
-    S recording = connected();
-    recording.isRecording = true;
-    S listening = connected();
-    listening.live = true;
-    S call = connected();
-    call.onCall = true;
-    S error = connected();
-    error.isRecording = true;
-    error.lastError = QStringLiteral("Microphone stopped: device unplugged");
     return {
-        {"not connected", down, {room, QStringLiteral("connection refused")}, TrayTip::Look::NotConnected,
+        {"not connected", S{.agentID = 7}, {room, QStringLiteral("connection refused")}, TrayTip::Look::NotConnected,
          QStringLiteral("Brava Recorder\nLink down: not connected to the control room at 192.168.1.20:8080 (connection refused)\nNot recording")},
         {"connected", connected(), {room}, TrayTip::Look::Connected,
          QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording")},
-        {"recording", recording, {room, {}, QStringLiteral("Day 2 <b>"), true}, TrayTip::Look::Recording,
+        {"recording", connected([](S &s) { s.isRecording = true; }), {room, {}, QStringLiteral("Day 2 <b>"), true}, TrayTip::Look::Recording,
          QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nRecording session “Day 2 <b>”\nCamera preview on")},
-        {"listening", listening, {room}, TrayTip::Look::Listening,
+        {"listening", connected([](S &s) { s.live = true; }), {room}, TrayTip::Look::Listening,
          QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording\nListening live")},
-        {"on a call", call, {room, {}, {}, false, 65}, TrayTip::Look::OnCall,
+        {"on a call", connected([](S &s) { s.onCall = true; }), {room, {}, {}, false, 65}, TrayTip::Look::OnCall,
          QStringLiteral("On a Call\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording\nOn a call 1:05")},
-        {"error", error, {room, {}, QStringLiteral("S1"), false, -1, QStringLiteral("Help sent — coaches alerted")}, TrayTip::Look::Error,
+        {"error", connected([](S &s) { s.isRecording = true, s.lastError = QStringLiteral("Microphone stopped: device unplugged"); }),
+         {room, {}, QStringLiteral("S1"), false, -1, QStringLiteral("Help sent — coaches alerted")}, TrayTip::Look::Error,
          QStringLiteral("Help sent — coaches alerted\nBrava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\n"
                         "Recording session “S1”\nError: Microphone stopped: device unplugged")},
     };
@@ -100,8 +89,7 @@ private Q_SLOTS:
             QCOMPARE(TrayTip::look(c.state), c.look);
             QCOMPARE(TrayTip::text(c.state, c.facts), c.tip);
         }
-        S replaced = connected();
-        replaced.replaced = true;
+        const S replaced = connected([](S &s) { s.replaced = true; });
         QVERIFY(TrayTip::text(replaced, {}).contains(QStringLiteral("Link down: agent number in use on another computer")));
         QCOMPARE(TrayTip::look(replaced), TrayTip::Look::NotConnected);
         QVERIFY(TrayTip::text(S{}, {}).contains(QStringLiteral("Link down: no control room set")));

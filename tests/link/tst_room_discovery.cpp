@@ -2,7 +2,6 @@
 #include "ScriptedBrowser.h"
 
 #include <QNetworkAccessManager>
-#include <QProcess>
 #include <QtTest>
 
 // The list rules of control-room discovery, with a scripted DNS-SD source and real HTTP rooms on loopback.

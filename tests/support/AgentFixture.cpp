@@ -3,24 +3,26 @@
 #include "PulseBackend.h"
 #include "Reconciler.h"
 
-#include <QJsonDocument>
 #include <QTest>
 
-AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio, const QString &webBase, Clock &clock)
+AgentFixture::AgentFixture(TestHome &home, AudioBackend *audio, const QString &webBase, Clock &clock, bool fresh)
     : home(home)
 {
     home.wipe();
     home.useInfo(webBase.isEmpty() ? QString() : room.address(), QStringLiteral("2.5"), webBase);
-    home.settings().setAgentID(7);
-    home.settings().setAgentName(QStringLiteral("Ana Lee & Co=1"));
-    home.settings().setServer(room.address());
-    home.settings().setSetupDone(true);
+    if (!fresh) {
+        home.settings().setAgentID(7);
+        home.settings().setAgentName(QStringLiteral("Ana Lee & Co=1"));
+        home.settings().setServer(room.address());
+        home.settings().setSetupDone(true);
+    }
     ownAudio = audio ? nullptr : std::make_unique<PulseBackend>();
     app = std::make_unique<AppDelegate>(home.settings(), home.info(), audio ? *audio : *ownAudio, cameras, clock);
     app->uploader().tickIntervalMs = 200;
     app->connection().retryMs = 200;
     app->applicationDidFinishLaunching();
-    (void)QTest::qWaitFor([this] { return app->connection().connected(); }, 5000); // the tests check it
+    if (!fresh)
+        (void)QTest::qWaitFor([this] { return app->connection().connected(); }, 5000); // the tests check it
 }
 
 

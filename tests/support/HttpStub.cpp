@@ -27,11 +27,6 @@ HttpStub::~HttpStub()
     close();
 }
 
-bool HttpStub::listen(quint16 port)
-{
-    return m_server->listen(QHostAddress::LocalHost, port);
-}
-
 void HttpStub::close()
 {
     m_server->close();
@@ -42,11 +37,6 @@ void HttpStub::close()
     }
     m_clients.clear();
     m_hanging.clear();
-}
-
-quint16 HttpStub::port() const
-{
-    return m_server->serverPort();
 }
 
 void HttpStub::release(const Answer &answer)
@@ -81,21 +71,18 @@ void HttpStub::readFrom(QTcpSocket *socket)
         c.buffer.remove(0, take);
         c.received += take;
         const Answer &next = m_script.isEmpty() ? m_default : m_script.first();
-        if (next.kind == Answer::Cut && c.remaining - take > 0 && c.received >= next.cutAfterBytes) {
-            requests.append(c.request);
-            if (!m_script.isEmpty())
-                m_script.removeFirst();
-            Q_EMIT requestReceived();
-            m_clients.remove(socket);
-            socket->abort();
-            return;
-        }
-        if ((c.remaining -= take) > 0)
+        const bool cut = next.kind == Answer::Cut && c.remaining - take > 0 && c.received >= next.cutAfterBytes;
+        if ((c.remaining -= take) > 0 && !cut)
             return;
         c.remaining = -1;
         requests.append(c.request);
         const Answer answer = m_script.isEmpty() ? m_default : m_script.takeFirst();
         Q_EMIT requestReceived();
+        if (cut) {
+            m_clients.remove(socket);
+            socket->abort();
+            return;
+        }
         if (answer.kind == Answer::Hang) {
             m_hanging.append(socket);
         } else {

@@ -4,9 +4,9 @@
 #include <QHash>
 #include <QList>
 #include <QObject>
+#include <QTcpServer>
 #include <QUrl>
 
-class QTcpServer;
 class QTcpSocket;
 
 // A small HTTP/1.1 server on loopback for tests and benchmarks. It records each request (keeping
@@ -41,11 +41,11 @@ public:
     ~HttpStub() override;
 
     /// Listens on 127.0.0.1 (port 0 picks a free one).
-    bool listen(quint16 port = 0);
+    bool listen(quint16 port = 0) { return m_server->listen(QHostAddress::LocalHost, port); }
     /// Stops listening and drops every connection.
     void close();
     /// Port listened on.
-    quint16 port() const;
+    quint16 port() const { return m_server->serverPort(); }
     /// host:port.
     QString address() const { return QStringLiteral("127.0.0.1:%1").arg(port()); }
 
@@ -54,9 +54,7 @@ public:
     /// No answer until release().
     static Answer hang() { return Answer{Answer::Hang}; }
     /// Closes the connection in the middle of the request's body, after `bytes` of it.
-    static Answer cut(qint64 bytes) { Answer a{Answer::Cut, 0};
-        a.cutAfterBytes = bytes;
-        return a; }
+    static Answer cut(qint64 bytes) { return Answer{Answer::Cut, 0, {}, "text/plain", 0, "HTTP/1.1", bytes}; }
     /// The answer used when the script is empty.
     void setDefault(const Answer &answer) { m_default = answer; }
     /// Appends answers for the next requests, in order.

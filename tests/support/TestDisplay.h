@@ -22,18 +22,14 @@ inline bool useTestX()
 }
 
 /// Whether this run is on the test X server.
-inline bool &onX()
-{
-    static bool value = false;
-    return value;
-}
+inline bool onX = false;
 
 } // namespace TestDisplay
 
 /// Skips the current test when there is no test X server.
 #define BRAVA_REQUIRE_X()                                                                          \
     do {                                                                                           \
-        if (!TestDisplay::onX())                                                                   \
+        if (!TestDisplay::onX)                                                                   \
             QSKIP("needs the test X server (scripts/test starts Xvfb with openbox)");              \
     } while (false)
 
@@ -41,7 +37,7 @@ inline bool &onX()
 #define BRAVA_X_TEST_MAIN(TestClass)                                                               \
     int main(int argc, char **argv)                                                                \
     {                                                                                              \
-        TestDisplay::onX() = TestDisplay::useTestX();                                              \
+        TestDisplay::onX = TestDisplay::useTestX();                                              \
         QApplication app(argc, argv);                                                              \
         QTEST_SET_MAIN_SOURCE_PATH                                                                 \
         TestClass tc;                                                                              \

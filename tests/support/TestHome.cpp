@@ -13,8 +13,6 @@ TestHome::TestHome()
     useInfo(QString());
 }
 
-TestHome::~TestHome() = default;
-
 void TestHome::wipe()
 {
     m_settings->removeAll();

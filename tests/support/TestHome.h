@@ -15,7 +15,6 @@ class TestHome
 {
 public:
     TestHome();
-    ~TestHome();
     /// The temporary root.
     QString root() const { return m_dir.path(); }
     /// Removes every setting and the whole data folder.

@@ -1,13 +1,36 @@
 #include "DataFolder.h"
-#include "SessionFolder.h"
 #include "HttpStub.h"
+#include "SegmentSalvage.h"
+#include "SessionFolder.h"
 #include "TestHome.h"
 #include "Uploader.h"
 
-#include <QUrlQuery>
 #include <QtTest>
 
-// The upload queue against a real HTTP server on loopback, with the data folder of a throw-away home.
+namespace {
+
+QByteArray box(const char *type, int payload)
+{
+    QByteArray b(8 + payload, '\0');
+    qToBigEndian<quint32>(quint32(b.size()), b.data());
+    memcpy(b.data() + 4, type, 4);
+    return b;
+}
+
+// A fragmented file: header, movie box, then `fragments` whole fragments of 100-byte media.
+QByteArray fragmented(int fragments)
+{
+    QByteArray data = box("ftyp", 12) + box("moov", 40);
+    for (int i = 0; i < fragments; ++i)
+        data += box("moof", 24) + box("mdat", 100);
+    return data;
+}
+
+} // namespace
+
+// The upload queue against a real HTTP server on loopback, with the data folder of a throw-away
+// home; and what a crash leaves in writing/: kept when it holds media, trimmed when cut, set aside
+// when it holds none, the last piece of a cut-off take sent as its final piece.
 class UploaderTest : public QObject
 {
     Q_OBJECT
@@ -23,14 +46,6 @@ class UploaderTest : public QObject
         return f.open(QIODevice::WriteOnly) && f.write(bytes.isNull() ? name.toUtf8() : bytes) >= 0 ? f.fileName() : QString();
     }
     static QString pending(const QString &session, const QString &name) { return put(folder("pending") + QLatin1Char('/') + SessionFolder::name(session), name); }
-    // A segment as the writer leaves it: header, movie box, one fragment.
-    static QByteArray media()
-    {
-        QByteArray data;
-        for (const char *box : {"ftyp", "moov", "moof", "mdat"})
-            data += QByteArray::fromHex("00000010") + box + QByteArray(8, '\0');
-        return data;
-    }
     void start(int tickMs = 150, int timeoutMs = 400)
     {
         up = std::make_unique<Uploader>(home.settings());
@@ -106,9 +121,12 @@ private Q_SLOTS:
 
     void oddNamesAreSetAsideAndOddSessionsStayInside()
     {
-        // The odd name sorts first, twice; the good file behind them follows.
+        // The odd name sorts first, twice; the good file behind them follows. What is not media in
+        // a session folder is never counted nor touched.
         for (const char *session : {"a", "b"})
             pending(QLatin1String(session), QStringLiteral("MIC_3_00001.m4a"));
+        for (const char *path : {"mic_1_00000.m4a", ".hidden/mic_1_00001.m4a", "s/notes.txt", "s/mic_1_00003.m4a.part"})
+            put(folder("pending") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, -2), QString::fromLatin1(path).section(QLatin1Char('/'), -1));
         start(100);
         const QString file = put(folder("writing") + QStringLiteral("/w"), QStringLiteral("sys_1_00000.m4a"));
         up->enqueue(file, QStringLiteral("../../x"));
@@ -117,18 +135,8 @@ private Q_SLOTS:
         QTRY_COMPARE(sent("session"), QStringList({"../../x"}));
         const QString aside = folder("unrecognized") + QStringLiteral("/MIC_3_00001.m4a");
         QVERIFY(QFile::exists(aside) && QFile::exists(aside + QStringLiteral(".1")) && home.log().count(QStringLiteral("MIC_3_00001.m4a")) == 2);
-    }
-
-    void onlyMediaInSessionFoldersCountInNameOrder()
-    {
-        // Not in a session folder, in a hidden one, not media.
-        for (const char *path : {"mic_1_00000.m4a", ".hidden/mic_1_00001.m4a", "s/notes.txt", "s/mic_1_00003.m4a.part"})
-            put(folder("pending") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, -2), QString::fromLatin1(path).section(QLatin1Char('/'), -1));
-        QVERIFY(Uploader::pendingFiles(folder("pending")).isEmpty());
-        QVERIFY(Uploader::pendingFiles(folder("pending") + QStringLiteral("/nowhere")).isEmpty());
-        pending(QStringLiteral("b"), QStringLiteral("mic_10_00000.m4a"));
-        pending(QStringLiteral("a"), QStringLiteral("mic_9_00000.m4a"));
-        QCOMPARE(Uploader::pendingFiles(folder("pending")).first().session, QStringLiteral("b")); // by file name alone
+        QTRY_COMPARE(up->pendingCount(), 0);
+        QCOMPARE(QDir(folder("pending") + QStringLiteral("/s")).entryList(QDir::Files), QStringList({"mic_1_00003.m4a.part", "notes.txt"}));
     }
 
     void onlyStatus200Succeeds_data()
@@ -211,11 +219,19 @@ private Q_SLOTS:
     void orphansAreRecoveredAtStartAndBadAddressesWait()
     {
         for (const char *path : {"old/mic_3_00000.m4a", "old/scratch.tmp", ".keep/mic_3_00000.m4a", "s/mic_3_00000.m4a"})
-            put(folder("writing") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, 0), QString::fromLatin1(path).section(QLatin1Char('/'), 1), media());
-        const QString inner = put(folder("writing") + QStringLiteral("/s/inner"), QStringLiteral("mic_3_00001.m4a"), media());
+            put(folder("writing") + QLatin1Char('/') + QString::fromLatin1(path).section(QLatin1Char('/'), 0, 0), QString::fromLatin1(path).section(QLatin1Char('/'), 1), fragmented(1));
+        const QString inner = put(folder("writing") + QStringLiteral("/s/inner"), QStringLiteral("mic_3_00001.m4a"), fragmented(1));
         // The same name is already waiting: that move is refused and the recording stays put.
-        put(folder("writing") + QStringLiteral("/t"), QStringLiteral("mic_3_00000.m4a"), media());
+        put(folder("writing") + QStringLiteral("/t"), QStringLiteral("mic_3_00000.m4a"), fragmented(1));
         pending(QStringLiteral("t"), QStringLiteral("mic_3_00000_final.m4a"));
+        // A take cut by a crash: a whole piece, one cut inside a fragment, one opened just before
+        // (empty), one ended before, and one without media.
+        const QString take = folder("writing") + QLatin1Char('/') + SessionFolder::name(QStringLiteral("s/1"));
+        put(take, QStringLiteral("mic_7_00000.m4a"), fragmented(3));
+        put(take, QStringLiteral("mic_7_00001.m4a"), fragmented(1) + box("moof", 24));
+        put(take, QStringLiteral("mic_7_00002.m4a"), QByteArray(""));
+        put(take, QStringLiteral("sys_7_00000_final.m4a"), fragmented(1));
+        put(take, QStringLiteral("cam_7_00000.mp4"), fragmented(0));
         home.settings().setServer(QStringLiteral("bad host:port:x"));
         start(100);
         // Moved at once, the last piece of a cut-off take as its final piece; a folder with only
@@ -224,9 +240,57 @@ private Q_SLOTS:
         QVERIFY(QFile::exists(folder("writing") + QStringLiteral("/.keep/mic_3_00000.m4a")));
         QVERIFY(QFile::exists(folder("pending") + QStringLiteral("/s/mic_3_00000_final.m4a")) && QFile::exists(inner));
         QVERIFY(QFile::exists(folder("writing") + QStringLiteral("/t/mic_3_00000_final.m4a")) && home.log().contains(QLatin1String("writing/t")));
-        QVERIFY(up->pendingCount() == 3 && !up->busy());
+        const QString sent = folder("pending") + QLatin1Char('/') + SessionFolder::name(QStringLiteral("s/1"));
+        QCOMPARE(QDir(sent).entryList(QDir::Files), QStringList({"mic_7_00000.m4a", "mic_7_00001_final.m4a", "sys_7_00000_final.m4a"}));
+        QCOMPARE(QFileInfo(sent + QStringLiteral("/mic_7_00001_final.m4a")).size(), qint64(fragmented(1).size())); // trimmed
+        QCOMPARE(QDir(folder("unrecognized")).entryList(QDir::Files), QStringList({"cam_7_00000.mp4", "mic_7_00002.m4a"}));
+        QVERIFY(home.log().contains(QStringLiteral("recovery: mic_7_00002.m4a holds no whole fragment")));
+        QVERIFY(up->pendingCount() == 6 && !up->busy());
         QCOMPARE(up->fault(), Uploader::Fault::NoAddress); // nothing goes out without a usable address
         QCOMPARE(home.log().count(QStringLiteral("file(s) left by an earlier run queued for upload")), 1);
+    }
+
+    void mediaEnd_data()
+    {
+        QTest::addColumn<QByteArray>("data");
+        QTest::addColumn<qint64>("end");
+        const QByteArray two = fragmented(2);
+        QTest::newRow("empty") << QByteArray() << qint64(0);
+        QTest::newRow("header only") << fragmented(0) << qint64(0);
+        QTest::newRow("cut in the movie box") << fragmented(1).left(30) << qint64(0);
+        QTest::newRow("no movie box") << box("ftyp", 12) + box("moof", 24) + box("mdat", 100) << qint64(0);
+        QTest::newRow("fragment without media") << fragmented(0) + box("moof", 24) << qint64(0);
+        QTest::newRow("whole") << two << qint64(two.size());
+        QTest::newRow("cut in media") << two.left(two.size() - 1) << qint64(fragmented(1).size());
+        QTest::newRow("cut after a fragment header") << two + box("moof", 24) << qint64(two.size());
+        QTest::newRow("index after the fragments") << two + box("mfra", 16) << qint64(two.size() + 24);
+        QTest::newRow("impossible size") << two + QByteArray("\0\0\0\3mdat", 8) << qint64(two.size());
+    }
+    void mediaEnd()
+    {
+        QFETCH(QByteArray, data);
+        QBuffer buffer(&data);
+        QVERIFY(buffer.open(QIODevice::ReadOnly));
+        QTEST(SegmentSalvage::mediaEnd(buffer), "end");
+    }
+
+    // A real segment cut by a crash inside its last fragment reads cleanly once trimmed.
+    void cutRecordingReadsAfterTrim()
+    {
+        if (QStandardPaths::findExecutable(QStringLiteral("ffmpeg")).isEmpty())
+            QSKIP("ffmpeg not installed");
+        const QString path = home.root() + QStringLiteral("/cut.m4a");
+        QProcess ffmpeg;
+        ffmpeg.start(QStringLiteral("ffmpeg"), QStringLiteral("-v error -y -f lavfi -i sine=d=5 -c:a aac -movflags frag_keyframe+delay_moov+default_base_moof -frag_duration 1000000").split(QLatin1Char(' ')) << path);
+        QVERIFY(ffmpeg.waitForFinished(30000) && ffmpeg.exitCode() == 0);
+        QFile file(path);
+        QVERIFY(file.resize(file.size() * 7 / 10));
+        QCOMPARE(SegmentSalvage::salvage(path), SegmentSalvage::Verdict::Trimmed);
+        QProcess probe;
+        probe.start(QStringLiteral("ffmpeg"), QStringList{QStringLiteral("-v"), QStringLiteral("error"), QStringLiteral("-i"), path, QStringLiteral("-f"), QStringLiteral("null"), QStringLiteral("-")});
+        QVERIFY(probe.waitForFinished(30000) && probe.exitCode() == 0);
+        QCOMPARE(probe.readAllStandardError(), QByteArray()); // decodes without a single error
+        QCOMPARE(SegmentSalvage::salvage(path), SegmentSalvage::Verdict::Whole);
     }
 };
 

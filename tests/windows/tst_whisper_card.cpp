@@ -1,11 +1,16 @@
+#include "AgentFixture.h"
+#include "HttpStub.h"
 #include "TestDisplay.h"
 #include "WhisperCard.h"
 #include "WhisperPage.h"
 
-#include <QProcess>
 #include <QScreen>
+#include <QWebEnginePage>
+#include <QWebEngineScript>
 #include <QWebEngineView>
 #include <QtTest>
+
+using J = QJsonObject;
 
 // A window that counts the mouse presses it receives.
 struct ClickCounter : QWidget {
@@ -13,7 +18,9 @@ struct ClickCounter : QWidget {
     void mousePressEvent(QMouseEvent *) override { ++presses; }
 };
 
-// The card's page rules, and the card as a window: timing, click-through, release, its picture.
+// The card's page rules, and the card as a window on the test X server: any text shown literally
+// with nothing in it run, timing, click-through, release, its picture; and a coach's whisper from
+// the control room over the agent's real link.
 class WhisperCardTest : public QObject
 {
     Q_OBJECT
@@ -23,6 +30,21 @@ class WhisperCardTest : public QObject
         QSignalSpy placed(&card, &WhisperCard::placed);
         card.show(text, 3, QString());
         return placed.wait(20000);
+    }
+    // What the page shows, read from an isolated script world: the message, the label, and the
+    // marks a script or style in the message would leave.
+    static QJsonArray page(WhisperCard &card)
+    {
+        QVariant answer;
+        bool done = false;
+        card.view()->page()->runJavaScript(
+            QStringLiteral("JSON.stringify([document.querySelector('.t').textContent, document.querySelector('.lbl').textContent,"
+                           "document.title, document.getElementById('b').dataset.hit || '',"
+                           "document.querySelectorAll('script,style,img,iframe,b,svg').length,"
+                           "getComputedStyle(document.getElementById('b')).display])"),
+            QWebEngineScript::ApplicationWorld, [&](const QVariant &v) { answer = v; done = true; });
+        (void)QTest::qWaitFor([&] { return done; }, 10000);
+        return QJsonDocument::fromJson(answer.toString().toUtf8()).array();
     }
 
 private Q_SLOTS:
@@ -46,14 +68,13 @@ private Q_SLOTS:
         QCOMPARE(WhisperPage::label(seat, from), label);
     }
 
-    void page()
+    void pageText()
     {
         QCOMPARE(WhisperPage::escape(QStringLiteral("a&lt;<b>\"'")), QStringLiteral("a&amp;lt;&lt;b&gt;\"'"));
         const QString html = WhisperPage::html(QStringLiteral("<i>hi</i>"), 0, QStringLiteral("<Bo>"), QStringLiteral("data:x"));
-        QVERIFY(html.startsWith(QStringLiteral("<!DOCTYPE html><html><head>")));
-        QVERIFY(html.contains(QStringLiteral("url(data:x)")));
-        QVERIFY(html.endsWith(QStringLiteral("LIVE MESSAGE FROM &lt;BO&gt;</span><span class=\"dot\"></span></div>"
-                                             "<div class=\"body\"><div class=\"t\">&lt;i&gt;hi&lt;/i&gt;</div></div></div></div></body></html>")));
+        // The label and the text escaped in their places (shown literally: hostileTextIsShownLiterally).
+        for (const char *part : {"url(data:x)", "LIVE MESSAGE FROM &lt;BO&gt;</span>", "<div class=\"t\">&lt;i&gt;hi&lt;/i&gt;</div>"})
+            QVERIFY2(html.contains(QLatin1String(part)), part);
         for (const char *rule : {"#b{width:720px;background:#0a0d12;border:2px solid #01a6ff;border-radius:18px", "#w{display:inline-block;padding:46px}",
                                  "animation:bravablink 1.1s steps(1) infinite", "font-size:29px;line-height:1.32", "white-space:pre-wrap"})
             QVERIFY2(html.contains(QLatin1String(rule)), rule);
@@ -70,13 +91,16 @@ private Q_SLOTS:
     }
 
     // A second whisper restarts the time the card stays (a 9 s stay scaled down to 4 s, the
-    // second whisper after 5/9 of it).
+    // second whisper after 5/9 of it); the view goes a while after the last card, and comes back.
     void secondWhisperKeepsTheCard()
     {
         BRAVA_REQUIRE_X();
         WhisperCard card;
         card.hideMs = 4000;
+        card.releaseMs = 400;
+        QVERIFY(!card.view());
         QSignalSpy hidden(&card, &WhisperCard::hidden);
+        QSignalSpy released(&card, &WhisperCard::released);
         QVERIFY(shown(card, QStringLiteral("first")));
         QElapsedTimer first, second;
         first.start();
@@ -88,6 +112,10 @@ private Q_SLOTS:
         QVERIFY(hidden.wait(card.hideMs + 2000));
         QVERIFY2(second.elapsed() >= card.hideMs, qPrintable(QString::number(second.elapsed())));
         QVERIFY(!card.visible());
+        // The web view, made at the first whisper, is released a while after the last card.
+        QVERIFY(released.wait(5000) && !card.view());
+        QVERIFY(shown(card, QStringLiteral("third")));
+        QVERIFY(card.view());
     }
 
     // Clicks over the card reach the window below; the card is outside the window manager's
@@ -127,19 +155,57 @@ private Q_SLOTS:
         QVERIFY(card.visible());
     }
 
-    // The web view is made at the first whisper and released a while after the last card.
-    void viewReleasedAfterTheLastCard()
+    void hostileTextIsShownLiterally_data()
+    {
+        QTest::addColumn<QString>("text");
+        const QString pad = QStringLiteral("<b onclick=\"document.title='hit'\">&amp;</b> ");
+        QString big;
+        while (big.size() + pad.size() <= 10 * 1024)
+            big += pad;
+        big += QString(10 * 1024 - big.size(), QLatin1Char('z'));
+        QTest::newRow("script") << "<script>document.title='hit';document.getElementById('b').dataset.hit='1'</script>";
+        QTest::newRow("style") << "<style>#b{display:none}</style>hidden?";
+        QTest::newRow("onerror") << "<img src=x onerror=\"document.getElementById('b').dataset.hit='1'\">";
+        QTest::newRow("entities") << "&lt;script&gt; &amp;amp; &#60;b&#62; &nbsp;";
+        QTest::newRow("quotes") << "\"'` </div></div><svg onload=alert(1)>";
+        QTest::newRow("right-to-left") << "\u202Egnp.exe\u202C \u200F\u05E9\u05DC\u05D5\u05DD\u200E ok";
+        QTest::newRow("10 kB") << big;
+    }
+    void hostileTextIsShownLiterally()
     {
         BRAVA_REQUIRE_X();
+        QFETCH(QString, text);
         WhisperCard card;
-        card.hideMs = 300;
-        card.releaseMs = 400;
-        QVERIFY(!card.view());
-        QSignalSpy released(&card, &WhisperCard::released);
-        QVERIFY(shown(card, QStringLiteral("one")));
-        QVERIFY(released.wait(5000) && !card.view());
-        QVERIFY(shown(card, QStringLiteral("two")));
-        QVERIFY(card.view());
+        QVERIFY(shown(card, text));
+        const QJsonArray shows = page(card);
+        QCOMPARE(shows.at(0).toString(), text);
+        QCOMPARE(shows.at(1).toString(), QStringLiteral("LIVE MESSAGE FROM MENTOR 3"));
+        QCOMPARE(shows.at(2).toString(), QString()); // no script changed the title
+        QCOMPARE(shows.at(3).toString(), QString()); // nor marked the card
+        QCOMPARE(shows.at(4).toInt(), 1);            // the page's own style sheet, nothing else
+        QCOMPARE(shows.at(5).toString(), QStringLiteral("block"));
+        QVERIFY(card.frame().height() <= QGuiApplication::primaryScreen()->availableGeometry().height());
+    }
+
+    // Over the agent's link: blank whispers show nothing; a whisper names its sender from the
+    // event web service's roster of mentors.
+    void whisperOverTheLink()
+    {
+        BRAVA_REQUIRE_X();
+        TestHome home;
+        HttpStub service;
+        QVERIFY(service.listen());
+        service.setDefault(HttpStub::status(200, "{\"5\":\" \\tAnn Lee  \"}"));
+        AgentFixture f(home, nullptr, QStringLiteral("http://") + service.address());
+        QTRY_VERIFY(f.app->connection().connected() && !f.app->roster().name(5).isEmpty());
+        for (const char *text : {"", " \t "})
+            QVERIFY(f.command(J{{"type", "whisper"}, {"text", QLatin1String(text)}}));
+        QVERIFY(f.command(J{{"type", "whisper"}, {"seat", 5}}));
+        QVERIFY(!f.app->whisper().view());
+        QSignalSpy placed(&f.app->whisper(), &WhisperCard::placed);
+        f.room.send(J{{"type", "whisper"}, {"text", "Slow down"}, {"seat", 5}});
+        QVERIFY(placed.wait(20000));
+        QCOMPARE(page(f.app->whisper()).at(1).toString(), QStringLiteral("LIVE MESSAGE FROM ANN LEE"));
     }
 };
 

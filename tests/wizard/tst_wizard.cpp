@@ -1,0 +1,404 @@
+#include "AgentFixture.h"
+#include "Connection.h"
+#include "DataFolder.h"
+#include "HttpStub.h"
+#include "Permissions.h"
+#include "Recorder.h"
+#include "ScriptedBrowser.h"
+#include "SyntheticAudioBackend.h"
+#include "WizardModel.h"
+#include "WizardWindow.h"
+
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QtTest>
+
+using J = QJsonObject;
+
+// The parts a wizard model works with, on a synthetic sound system and camera.
+struct WizardParts
+{
+    /// With this many cameras, and camera access as given.
+    explicit WizardParts(TestHome &home, int cameraCount = 1, CameraAccess::Status camAccess = CameraAccess::Status::Authorized)
+        : home(home), cameras({cameraCount, {160, 90}, 10}), permissions(audio, [camAccess] { return camAccess; })
+    {
+    }
+
+    TestHome &home;
+    SyntheticAudioBackend audio;
+    SyntheticCameraBackend cameras;
+    QNetworkAccessManager net;
+    Connection conn{home.settings(), home.info()};
+    Permissions permissions;
+    ScriptedBrowser *browser = new ScriptedBrowser;
+    RoomDiscovery discovery{net, std::unique_ptr<ServiceBrowser>(browser)};
+    Recorder rec{audio, cameras, Clock::monotonic()};
+
+    WizardModel::Parts parts() { return {rec, permissions, conn, discovery, net, home.settings(), home.info()}; }
+};
+
+// The setup wizard: the model's rules over real parts (settings in a throw-away home, a recorder on
+// a synthetic sound system, the event web service as an HTTP server on loopback); each screen in
+// each state that looks different, drawn by the real QML, checked for its texts and kept as a PNG
+// in <build>/wizard-screens/; and a new agent on a fresh home through the whole wizard by the
+// screens' own buttons, then a take that reaches the control room (the build locked to the room,
+// the name and number checked by the event web service).
+class WizardTest : public QObject
+{
+    Q_OBJECT
+    TestHome home;
+    HttpStub web;
+    HttpStub room; // a room announced on the network
+    QString shots;
+    std::unique_ptr<WizardParts> p;
+    std::unique_ptr<WizardModel> m;
+    std::unique_ptr<AgentFixture> f; // the whole agent, for the flow
+
+    void make()
+    {
+        m.reset();
+        m = std::make_unique<WizardModel>(p->parts());
+        m->verifyTimeoutMs = 500;
+    }
+    QQuickWindow *window() const { return f->app->wizardWindow(); }
+    // Texts of the visible items of the window.
+    static QStringList texts(QQuickItem *item)
+    {
+        QStringList out;
+        if (!item->isVisible())
+            return out;
+        const QVariant t = item->property("text");
+        if (t.isValid() && !t.toString().isEmpty())
+            out.append(t.toString());
+        const QVariant p = item->property("placeholderText");
+        if (p.isValid() && !p.toString().isEmpty() && t.toString().isEmpty())
+            out.append(p.toString());
+        for (QQuickItem *child : item->childItems())
+            out += texts(child);
+        return out;
+    }
+
+    // The last visible clickable item with this text or object name (the screen's own comes after
+    // the step strip's).
+    static QQuickItem *button(QQuickItem *item, const QString &text)
+    {
+        if (!item->isVisible())
+            return nullptr;
+        QQuickItem *found = nullptr;
+        const bool clickable = item->metaObject()->indexOfSignal("clicked()") >= 0;
+        if (clickable && (item->property("text").toString() == text || item->objectName() == text))
+            found = item;
+        for (QQuickItem *child : item->childItems())
+            if (QQuickItem *inner = button(child, text))
+                found = inner;
+        return found;
+    }
+    // Clicks the visible button with this text (or object name) once it can be clicked, then
+    // waits for the wizard to be at step `then` (-1: no wait).
+    bool click(const QString &text, int then = -1)
+    {
+        QQuickItem *b = nullptr;
+        if (!QTest::qWaitFor([&] { return (b = button(window()->contentItem(), text)) && b->isEnabled(); }, 10000))
+            return false;
+        QTest::mouseClick(window(), Qt::LeftButton, {}, b->mapToScene(QPointF(b->width() / 2, b->height() / 2)).toPoint());
+        return then < 0 || QTest::qWaitFor([&] { return f->app->wizardModel()->step() == then; }, 5000);
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+        QVERIFY(web.listen() && room.listen());
+        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + "/wizard-screens";
+        QVERIFY(QDir().mkpath(shots));
+    }
+    void init()
+    {
+        home.wipe();
+        home.useInfo(QString());
+        web.requests.clear();
+        p = std::make_unique<WizardParts>(home);
+        make();
+    }
+    void cleanup()
+    {
+        f.reset();
+        m.reset();
+        p.reset();
+    }
+
+    void agentNumber_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<int>("id"); // 0: none
+        QTest::newRow("zero") << "0" << 0;
+        QTest::newRow("above") << "111" << 0;
+        QTest::newRow("letters") << "abc" << 0;
+        QTest::newRow("empty") << "" << 0;
+        QTest::newRow("leading blank") << " 7" << 0;
+        QTest::newRow("negative") << "-7" << 0;
+        QTest::newRow("highest") << "110" << 110;
+        QTest::newRow("plus") << "+7" << 7;
+        QTest::newRow("lowest") << "1" << 1;
+        QTest::newRow("trailing text") << "7a" << 0;
+        QTest::newRow("overflow") << "99999999999999999999" << 0;
+    }
+    void agentNumber()
+    {
+        QFETCH(QString, text);
+        QFETCH(int, id);
+        QCOMPARE(WizardModel::parseAgentID(text).value_or(0), id);
+    }
+
+    // Where the agent is and how far it got survive the model (and the process).
+    void stepsAndFurthestPersist()
+    {
+        QCOMPARE(m->step(), 0);
+        m->back();
+        QCOMPARE(m->step(), 0);
+        m->setStep(3);
+        QCOMPARE(m->furthest(), 3);
+        m->go(5);
+        QCOMPARE(m->step(), 3);
+        m->go(2);
+        QVERIFY(m->step() == 2 && m->furthest() == 3);
+        m->back();
+        make();
+        QVERIFY(m->step() == 1 && m->furthest() == 3);
+        m->go(3);
+        QCOMPARE(home.settings().wizardStep(), 3);
+    }
+
+    void heardThresholds_data()
+    {
+        QTest::addColumn<bool>("testing");
+        QTest::addColumn<float>("mic");
+        QTest::addColumn<float>("sys");
+        QTest::addColumn<bool>("micHeard");
+        QTest::addColumn<bool>("sysHeard");
+        QTest::newRow("at both thresholds") << true << 0.01f << 0.003f << false << false;
+        QTest::newRow("just above") << true << 0.011f << 0.0031f << true << true;
+        QTest::newRow("outside a test") << false << 0.5f << 0.5f << false << false;
+    }
+    void heardThresholds()
+    {
+        QFETCH(bool, testing);
+        QFETCH(float, mic);
+        QFETCH(float, sys);
+        if (testing)
+            m->startTest();
+        m->tick(mic, sys, true);
+        QFETCH(bool, micHeard);
+        QFETCH(bool, sysHeard);
+        QCOMPARE(m->micHeard(), micHeard);
+        QCOMPARE(m->sysHeard(), sysHeard);
+        m->tick(0, 0, true); // latched
+        QCOMPARE(m->micHeard(), micHeard);
+    }
+
+    // The sound check's run ends when the agent leaves the camera step, not the test step.
+    void leavingStepsAndTheSoundCheck_data()
+    {
+        QTest::addColumn<int>("from");
+        QTest::addColumn<int>("to");
+        QTest::addColumn<bool>("stillTesting");
+        QTest::newRow("camera to test") << 4 << 5 << false;
+        QTest::newRow("camera back") << 4 << 3 << false;
+        QTest::newRow("test to done") << 5 << 6 << true;
+        QTest::newRow("test back") << 5 << 4 << true;
+    }
+    void leavingStepsAndTheSoundCheck()
+    {
+        QFETCH(int, from);
+        QFETCH(int, to);
+        QFETCH(bool, stillTesting);
+        m->setStep(from);
+        m->startTest();
+        QTRY_VERIFY(p->rec.running());
+        m->startTest(); // a second start while one runs does nothing
+        m->setStep(to);
+        QCOMPARE(m->testing(), stillTesting);
+        QTRY_COMPARE(p->rec.running(), stillTesting);
+    }
+
+    void verifyAnswers_data()
+    {
+        QTest::addColumn<QByteArray>("answer"); // "hang": no answer in time; "": no preset room
+        QTest::addColumn<QString>("error");     // "": saved and moved on
+        QTest::addColumn<QString>("name");
+        QTest::newRow("no preset room: saved unasked") << QByteArray() << "" << "Ana Lee";
+        QTest::newRow("ok, list spelling wins") << QByteArray("{\"ok\":true,\"name\":\"Ana  LEE\"}") << "" << "Ana  LEE";
+        QTest::newRow("ok, blank name") << QByteArray("{\"ok\":true,\"name\":\"   \"}") << "" << "Ana Lee";
+        QTest::newRow("ok as text is no ok") << QByteArray("{\"ok\":\"true\"}") << WizardModel::mismatchText() << "Ana Lee";
+        QTest::newRow("refused with message") << QByteArray("{\"ok\":false,\"message\":\"Number 7 is Bo's\"}") << "Number 7 is Bo's" << "Ana Lee";
+        QTest::newRow("refused without message") << QByteArray("{\"ok\":false}") << WizardModel::mismatchText() << "Ana Lee";
+        QTest::newRow("long message is cut") << ("{\"message\":\"" + QByteArray(5000, 'x') + "\"}") << QString(200, QLatin1Char('x')) << "Ana Lee";
+        QTest::newRow("not JSON") << QByteArray("<html>busy</html>") << WizardModel::unreachableText() << "Ana Lee";
+        QTest::newRow("JSON array") << QByteArray("[true]") << WizardModel::unreachableText() << "Ana Lee";
+        QTest::newRow("time-out") << QByteArray("hang") << WizardModel::unreachableText() << "Ana Lee";
+    }
+    void verifyAnswers()
+    {
+        QFETCH(QByteArray, answer);
+        QFETCH(QString, error);
+        QFETCH(QString, name);
+        if (!answer.isEmpty()) // a build with a preset control room and this web service
+            home.useInfo("127.0.0.1:1", "2.5", "http://" + web.address());
+        make();
+        m->setStep(1);
+        for (const auto &[name, number] : {std::pair{"Ana", "0"}, {" \t", "17"}}) { // an incomplete identity does nothing
+            m->setNameText(QString::fromUtf8(name));
+            m->setAgentText(QString::fromUtf8(number));
+            m->verifyAndSave();
+            QVERIFY(m->step() == 1 && !m->verifying());
+        }
+        m->setNameText("Ana Lee");
+        m->setAgentText("+17");
+        // The status code does not matter; only the body does.
+        if (!answer.isEmpty())
+            web.script({answer == "hang" ? HttpStub::hang() : HttpStub::status(500, answer)});
+        m->verifyAndSave();
+        QCOMPARE(m->verifying(), !answer.isEmpty());
+        m->verifyAndSave(); // no second request while one is in flight
+        QTRY_VERIFY(!m->verifying());
+        QCOMPARE(m->verifyErrorText(), error);
+        QCOMPARE(m->nameText(), name);
+        QCOMPARE(m->step(), error.isEmpty() ? 2 : 1);
+        QCOMPARE(home.settings().agentID(), error.isEmpty() ? 17 : 0);
+        QCOMPARE(web.requests.size(), answer.isEmpty() ? 0 : 1);
+        if (answer.isEmpty())
+            return;
+        const HttpStub::Request &r = web.requests.first();
+        QVERIFY(r.method == "POST" && r.url.path() == QLatin1String(WizardModel::kVerifyPath));
+        QCOMPARE(r.headers.value("content-type"), QByteArray("application/json"));
+        const QJsonObject sent = QJsonDocument::fromJson(r.body).object();
+        QVERIFY(sent.value("number") == QJsonValue(17) && sent.value("name") == QJsonValue("Ana Lee") && sent.value("token").isString());
+        web.release(HttpStub::status(200));
+    }
+
+    void screen_data()
+    {
+        // setup: words that put the model into the state (see below); shows: texts on screen.
+        QTest::addColumn<QString>("setup");
+        QTest::addColumn<QStringList>("shows");
+        QTest::newRow("0-welcome") << "step=0" << QStringList{"Welcome, Agent.", "Records only when the control room starts recording"};
+        QTest::newRow("0-welcome-agreed") << "step=0 agree" << QStringList{"Get Started"};
+        QTest::newRow("1-number-searching") << "step=1" << QStringList{"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"};
+        QTest::newRow("1-number-room-found") << "step=1 room identity" << QStringList{"Using control room: 127.0.0.1:", "Enter address manually"};
+        QTest::newRow("1-number-preset") << "step=1 locked identity" << QStringList{"Connects to your control room automatically.", "Your name, and the agent number you got at check-in (1–110)."};
+        QTest::newRow("1-number-verifying") << "step=1 locked identity verifying" << QStringList{"CHECKING…"};
+        QTest::newRow("1-number-error") << "step=1 locked identity refused" << QStringList{"That name and number don't match our list. Double-check your agent number."};
+        QTest::newRow("2-mic-allowed") << "step=2" << QStringList{"Allow Your Microphone", "Microphone allowed", "Next"};
+        QTest::newRow("2-mic-not-allowed") << "step=2 access=unknown" << QStringList{"Not allowed yet", "Allow Microphone"};
+        QTest::newRow("2-mic-no-server") << "step=2 access=unknown askMic" << QStringList{"No sound server answers on this computer", "pulseaudio --start", "Ask Again"};
+        QTest::newRow("2-mic-blocked") << "step=2 access=refused" << QStringList{"The microphone was blocked. To fix it:", "Restart App", "Ask Again"};
+        QTest::newRow("3-audio-allowed") << "step=3" << QStringList{"Allow Computer Audio", "Computer audio allowed"};
+        QTest::newRow("3-audio-not-asked") << "step=3 monitor=none" << QStringList{"Not allowed yet", "Allow Computer Audio"};
+        QTest::newRow("3-audio-asked") << "step=3 monitor=none asked" << QStringList{"Check Again", "Restart App"};
+        QTest::newRow("3-audio-blocked") << "step=3 access=refused" << QStringList{"Ask Again"};
+        QTest::newRow("4-camera-allowed") << "step=4" << QStringList{"Allow Your Webcam", "Webcam allowed", "Automatic (best guess)", "Skip — no camera"};
+        QTest::newRow("4-camera-blocked") << "step=4 camera=denied" << QStringList{"The webcam was blocked. To fix it:", "Allow Webcam"};
+        QTest::newRow("4-camera-none") << "step=4 camera=none" << QStringList{"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."};
+        QTest::newRow("5-test-connected") << "step=5 identity levels connected" << QStringList{"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"};
+        QTest::newRow("5-test-not-connected") << "step=5" << QStringList{"Not connected to control room — check Wi-Fi", "Skip test", "Finish"};
+        QTest::newRow("6-done") << "step=6" << QStringList{"You're In.", "round icon with sound bars", "Done"};
+    }
+    void screen()
+    {
+        QFETCH(QString, setup);
+        QFETCH(QStringList, shows);
+        const QStringList words = setup.split(QLatin1Char(' '));
+        const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
+        cleanup(); // each state on its own parts
+        home.wipe();
+        home.useInfo(has("locked") ? "127.0.0.1:1" : QString(), "2.5", "http://" + web.address());
+        const int step = words.first().section(QLatin1Char('='), 1).toInt();
+        home.settings().setWizardStep(step);
+        home.settings().setWizardFurthest(step);
+        if (has("identity")) {
+            home.settings().setAgentID(17);
+            home.settings().setAgentName("Ana Lee");
+        }
+        WizardParts parts(home, has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
+        parts.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
+                             : has("access=refused") ? AudioBackend::Access::Refused : AudioBackend::Access::Allowed;
+        if (has("monitor=none"))
+            parts.audio.monitor.reset();
+        WizardModel model(parts.parts());
+        model.refreshPermissions();
+        model.setAgree(has("agree"));
+        if (has("asked"))
+            model.askScreen();
+        if (has("askMic"))
+            model.askMic();
+        if (has("room"))
+            parts.browser->announce("Room One", room.port());
+        if (has("verifying") || has("refused")) {
+            web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});
+            model.verifyAndSave();
+        }
+        WizardWindow w(model);
+        QVERIFY(w.loaded());
+        w.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&w));
+        if (has("levels")) {
+            QTRY_VERIFY(model.testing()); // the screen started the sound check
+            model.tick(0.2f, 0.05f, has("connected"));
+        }
+        if (has("refused"))
+            QTRY_VERIFY(model.hasVerifyError());
+        QTRY_VERIFY(!has("room") || !model.server().isEmpty());
+        for (const QString &text : shows)
+            QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + " in " + texts(w.rootObject()).join(QLatin1Char('|'))));
+        QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + ".png"));
+        QTRY_COMPARE(web.hanging(), has("verifying") ? 1 : 0); // its check arrived, to be let go
+        web.release(HttpStub::status(200));
+    }
+
+    void freshAgentRunsSetupAndRecords()
+    {
+        if (qEnvironmentVariableIntValue("BRAVA_TEST_PULSE") != 1)
+            QSKIP("needs the test sound server (scripts/test)");
+        cleanup();
+        qputenv("BRAVA_FAKE_CAMERAS", "1:320x180@15");
+        web.setDefault(HttpStub::status(200, "{\"ok\":true,\"name\":\"Ana LEE\"}")); // check-ins ignore it
+        f = std::make_unique<AgentFixture>(home, nullptr, "http://" + web.address(), Clock::monotonic(), true);
+
+        // A fresh home: no link, the wizard at its first screen.
+        QVERIFY(f->app->wizardOpen() && window() && f->app->wizardModel()->step() == 0 && f->room.urls.isEmpty());
+        QVERIFY(QTest::qWaitForWindowExposed(window()));
+        WizardModel &m = *f->app->wizardModel();
+        QVERIFY(click("agree") && click("Get Started", 1));
+        m.setNameText("Ana Lee");
+        m.setAgentText("17");
+        QCOMPARE(m.server(), f->room.address());
+        QVERIFY(click("Next", 2));
+        const auto verifies = std::count_if(web.requests.cbegin(), web.requests.cend(), [](const HttpStub::Request &r) { return r.url.path().endsWith("/verify"); });
+        QCOMPARE(verifies, 1);
+        QCOMPARE(home.settings().agentName(), QStringLiteral("Ana LEE"));
+        // Microphone, computer audio and webcam are allowed here.
+        QVERIFY(click("Next", 3) && click("Next", 4) && click("Next", 5));
+        // The sound check runs through the recorder; the link came up with the new identity.
+        QTRY_VERIFY(m.testing() && f->app->recorder().running() && !f->app->recorder().isRecording());
+        QTRY_VERIFY(m.connected());
+        QVERIFY(f->room.urls.first().query().startsWith("id=17&"));
+        QVERIFY(click("Finish", 6));
+        const qsizetype links = f->room.urls.size();
+        QVERIFY(click("Done"));
+        QTRY_VERIFY(!f->app->wizardOpen() && !f->app->wizardModel());
+        QVERIFY(home.settings().setupDone() && home.settings().wizardStep() == 0 && home.settings().agentID() == 17);
+        QTRY_VERIFY(f->room.urls.size() > links && f->app->connection().connected()); // connected anew
+
+        // Now the control room can record this agent.
+        f->room.send(J{{"type", "cameras"}, {"on", true}});
+        f->room.send(J{{"type", "start"}, {"session", "w1"}});
+        QTRY_VERIFY_WITH_TIMEOUT(f->app->recorder().isRecording(), 10000);
+        QTRY_VERIFY(QDir(DataFolder::dir("writing") + "/w1").entryList(QDir::Files).size() >= 2); // tracks are writing
+        f->room.send(J{{"type", "stop"}});
+        QTRY_VERIFY_WITH_TIMEOUT(f->room.uploadPaths.filter("_final").size() >= 2, 20000);
+        QVERIFY(f->room.uploads.first().queryItemValue("session") == "w1");
+    }
+};
+
+QTEST_MAIN(WizardTest)
+#include "tst_wizard.moc"
