@@ -274,7 +274,7 @@ void SaleForm::snapped(ScreenSnapper::Outcome outcome, const QByteArray &png)
         return;
     }
     m_confirmLabel->setText(outcome == ScreenSnapper::Outcome::NotAllowed
-                                ? QStringLiteral("Allow Screen Recording in System Settings")
+                                ? QStringLiteral("Allow screenshots in your desktop's privacy settings")
                                 : QStringLiteral("Screen capture failed"));
     m_confirmLabel->setStyleSheet(noteStyle(errorColour()));
 }
