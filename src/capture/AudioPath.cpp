@@ -126,6 +126,14 @@ void AudioPath::judgeSteps(bool final)
         const std::optional<DriftCorrector::Candidate> step = track.pendingStep();
         if (!step)
             continue;
+        // The server's own positions show this stream's audio lost: filled as they say. Comparing
+        // it with the other tracks' stamps would count their moves between the loss and the
+        // window of snapshots that showed it (often a loss they shared) against it.
+        if (step->located) {
+            track.settleStep(step->frames);
+            noteSteps(Source(k), QStringLiteral("the server's positions show it"));
+            continue;
+        }
         std::optional<double> shared; // the witnesses' move closest to none
         bool waiting = false;
         QStringList movedWith;

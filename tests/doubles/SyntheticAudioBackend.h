@@ -72,10 +72,12 @@ public:
     void changeOutput(const std::optional<QString> &newMonitor) { locked([&] { monitor = newMonitor, call(m_watcher); }); }
     /// Makes the server (stop) answer its health checks and tells the watcher.
     void setAnswering(bool answering) { locked([&] { m_answering = answering, call(m_watcher); }); }
-    /// Hands one block to the open capture of `source`; false when none is open.
-    bool deliver(const QString &source, const QByteArray &pcm, int64_t captureNs, bool discontinuity = false)
+    /// Hands one block to the open capture of `source` (with the loss its server positions show); false when none is open.
+    bool deliver(const QString &source, const QByteArray &pcm, int64_t captureNs, bool discontinuity = false, int lostFrames = 0, int64_t lostAtNs = 0)
     {
-        return with(source, [&](const Capture &c) { return call(c.handlers.onBuffer, AudioBuffer{pcm, c.rate, c.channels, captureNs, discontinuity}); });
+        return with(source, [&](const Capture &c) {
+            return call(c.handlers.onBuffer, AudioBuffer{pcm, c.rate, c.channels, captureNs, discontinuity, lostFrames, lostAtNs});
+        });
     }
     /// Makes the open capture of `source` report that it died; false when none is open.
     bool fail(const QString &source, const QString &reason)

@@ -25,8 +25,9 @@ struct SwrContext;
 // median of the newest kStepBlocks deviations lies beyond kStepScatters times the scatter (and
 // kMinStepSeconds), or a block says the server's positions show audio lost (AudioBuffer::
 // lostFrames), the stamps' move is set aside until the owner, who sees the other tracks, settles
-// it (settleStep): the part of the move the other tracks' stamps do not share (on the same clock)
-// is this track's own loss and is filled with silence (an overlap is dropped); a move they share,
+// it (settleStep): a loss the server's positions show is filled as they say; of a move seen in
+// the stamps alone, the part the other tracks' stamps do not share (on the same clock) is this
+// track's own loss and is filled with silence (an overlap is dropped); a move they share,
 // or one with nothing to compare with, is doubtful and stays set aside (counted, not filled);
 // more than kDriftSeconds set aside places the time line again on the stamps as they are. Output is held back
 // kHoldSeconds so that silence goes where the audio was lost, also when the server's positions

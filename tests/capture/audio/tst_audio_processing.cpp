@@ -57,21 +57,27 @@ private Q_SLOTS:
     // - "late": stamps of every track go 6 ms late together for half a second (timing answers
     //   delayed on a loaded machine), the microphone's 2 ms more (jitter, no loss), with and
     //   without the other tracks: nothing is filled or dropped, the log calls the step doubtful
-    //   with its reason (clicks before, in and after it).
+    //   with its reason (clicks before, in and after it);
+    // - "server skipped ahead": every track loses a quantum at once and the microphone one more
+    //   just after, which the server's positions show (the shared one on every track 0.3 s
+    //   later, the microphone's own after that): each is filled where it happened, on every track.
     // Every click lies in the microphone's file at the computer audio's time and at its place as
     // played, within 1 ms.
     void stepsInTheStamps_data()
     {
         QTest::addColumn<bool>("losses");
         QTest::addColumn<bool>("witnesses");
-        QTest::newRow("lost quanta") << true << true;
-        QTest::newRow("all tracks late") << false << true;
-        QTest::newRow("microphone alone late") << false << false;
+        QTest::addColumn<bool>("skip");
+        QTest::newRow("lost quanta") << true << true << false;
+        QTest::newRow("all tracks late") << false << true << false;
+        QTest::newRow("microphone alone late") << false << false << false;
+        QTest::newRow("server skipped ahead") << false << true << true;
     }
     void stepsInTheStamps()
     {
         QFETCH(bool, losses);
         QFETCH(bool, witnesses);
+        QFETCH(bool, skip);
         RecorderFixture f(0, true);
         std::mt19937 random(losses ? 11 : 5);
         QVector<int> lossBlocks; // 10 ms blocks before which the microphone loses 256 frames
@@ -81,7 +87,7 @@ private Q_SLOTS:
         for (int k = 0; k < lossBlocks.size(); ++k)
             clicks.append(int64_t(lossBlocks[k]) * kBlock + 256 * (k + 1) + 2880);
         if (!losses)
-            clicks = {320 * kBlock + 100, 380 * kBlock + 7, 470 * kBlock + 300};
+            clicks = skip ? QVector<int64_t>{260 * kBlock + 100, 420 * kBlock + 7} : QVector<int64_t>{320 * kBlock + 100, 380 * kBlock + 7, 470 * kBlock + 300};
         const auto lostBy = [&](int b) { return 256 * std::count_if(lossBlocks.begin(), lossBlocks.end(), [b](int l) { return l <= b; }); };
         const int lateFrom = losses ? lossBlocks[2] : 360, lateTo = lateFrom + (losses ? 20 : 50);
         QVERIFY(f.start("S1"));
@@ -90,14 +96,19 @@ private Q_SLOTS:
             f.manual->set(startNs + (b + 1) * 10000000LL);
             for (const QString &source : witnesses ? QStringList{"usbmic", "laptop", RecorderFixture::kMonitor} : QStringList{"usbmic"}) {
                 const int channels = f.audio->openChannels(source);
-                const int64_t first = b * kBlock + (source == "usbmic" ? lostBy(b) : 0); // its first device frame
-                const int64_t late = b >= lateFrom && b < lateTo ? (losses ? 5000000 : source == "usbmic" ? 8000000 : 6000000) : 0;
+                const bool mic = source == "usbmic";
+                const int64_t lost = skip ? 256 * ((b >= 200) + (mic && b >= 215)) : mic ? lostBy(b) : 0;
+                const int64_t shown = skip ? 256 * ((b >= 230) + (mic && b >= 250)) : lost; // by the server's positions
+                const int64_t first = b * kBlock + lost; // its first device frame
+                const int64_t late = !skip && b >= lateFrom && b < lateTo ? (losses ? 5000000 : mic ? 8000000 : 6000000) : 0;
+                const bool note = skip && (b == 230 || (mic && b == 250));
                 QByteArray pcm(kBlock * channels * int(sizeof(float)), Qt::Uninitialized);
                 auto *p = reinterpret_cast<float *>(pcm.data());
                 for (int i = 0; i < kBlock * channels; ++i)
                     p[i] = clickAt(clicks, first + i / channels);
                 const int64_t jitter = std::uniform_int_distribution<int64_t>(-1000000, 1000000)(random);
-                f.audio->deliver(source, pcm, startNs + first * 1000000000 / kRate + jitter + late);
+                f.audio->deliver(source, pcm, startNs + (b * kBlock + shown) * 1000000000 / kRate + jitter + late, false, note ? 256 : 0,
+                                 startNs + (b == 230 ? 200 * kBlock : 215 * kBlock + 256) * 1000000000 / kRate);
             }
             f.rec->audioQueue().sync([] {});
         }
@@ -110,6 +121,12 @@ private Q_SLOTS:
             QVERIFY2(std::llabs(mic[k] - sys[k]) <= 48 && std::llabs(off) <= 48, qPrintable(QString::number(k + 1)));
         }
         const QString log = home.log();
+        if (skip) {
+            QVERIFY2(log.contains("mic: in this take 2 gaps filled with silence, 512 frames (10.7 ms) in all, 2 confirmed")
+                         && log.contains("sys: in this take 1 gaps filled with silence, 256 frames (5.3 ms) in all, 1 confirmed"),
+                     qPrintable(log));
+            return;
+        }
         QVERIFY2(!log.contains(QRegularExpression("(sys|room): (in this take [1-9]|the sound server)")), qPrintable(log));
         if (!losses) {
             QVERIFY2((!log.contains("filled with silence,") || log.contains("in this take 0 gaps filled")) && log.contains("mic: its time stamps moved")
