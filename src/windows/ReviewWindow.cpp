@@ -2,11 +2,9 @@
 
 #include "SaleWidgetModel.h"
 
-#include <QGuiApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
-#include <QScreen>
 
 namespace {
 
@@ -97,11 +95,7 @@ void ReviewWindow::open(OnSave onSave)
     m_outcome.clear();
     m_ctype.clear();
     rebuild();
-    if (!m_placed) {
-        if (const QScreen *s = QGuiApplication::primaryScreen())
-            move(s->availableGeometry().center() - QPoint(kWidth / 2, kHeight / 2));
-        m_placed = true;
-    }
+    m_placement.place(*this, QSize(kWidth, kHeight));
     show();
     raise();
     activateWindow();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "FirstPlacement.h"
+
 #include <QLineEdit>
 #include <QList>
 #include <QPointer>
@@ -56,5 +58,5 @@ private:
     QPointer<QLineEdit> m_why;
     QString m_outcome;
     QString m_ctype;
-    bool m_placed = false;
+    FirstPlacement m_placement;
 };

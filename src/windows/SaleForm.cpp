@@ -196,12 +196,7 @@ void SaleForm::build()
 void SaleForm::open()
 {
     reset();
-    if (!m_placed) {
-        // Centred on the main screen the first time.
-        if (const QScreen *s = QGuiApplication::primaryScreen())
-            move(s->availableGeometry().center() - QPoint(kWidth / 2, kHeight / 2));
-        m_placed = true;
-    }
+    m_placement.place(*this, QSize(kWidth, kHeight));
     show();
     fitToScreen();
     raise();

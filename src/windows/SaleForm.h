@@ -1,5 +1,6 @@
 #pragma once
 
+#include "FirstPlacement.h"
 #include "ScreenSnapper.h"
 
 #include <QByteArray>
@@ -108,5 +109,5 @@ private:
     QString m_callFile;
     QColor m_statusColour;
     bool m_busy = false;
-    bool m_placed = false;
+    FirstPlacement m_placement;
 };

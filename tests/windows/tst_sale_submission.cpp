@@ -202,7 +202,8 @@ private Q_SLOTS:
 
     void methodAndReopen()
     {
-        fill(true);
+        fill(true); // opened first in the middle of the main screen
+        QVERIFY(std::abs(form->geometry().center().x() - QGuiApplication::primaryScreen()->availableGeometry().center().x()) <= 1);
         QCOMPARE(form->callLabel()->text(), QStringLiteral("✓ Call.M4A"));
         form->methodGroup()->button(1)->click();
         QCOMPARE(form->callLabel()->text(), QStringLiteral("Not needed — the call was recorded in the app"));
@@ -211,6 +212,10 @@ private Q_SLOTS:
         QCOMPARE(form->callLabel()->text(), QStringLiteral("✓ Call.M4A"));
         form->setConfirmSnapshot(QByteArray(2048, 'p')); // a snapshot replaces the file
         QCOMPARE(form->confirmLabel()->text(), QStringLiteral("✓ Screen snapped (2 KB)"));
+        Q_EMIT snapper->done(ScreenSnapper::Outcome::NotAllowed, {});
+        QCOMPARE(form->confirmLabel()->text(), QStringLiteral("Allow screenshots in your desktop's privacy settings"));
+        Q_EMIT snapper->done(ScreenSnapper::Outcome::Failed, {});
+        QCOMPARE(form->confirmLabel()->text(), QStringLiteral("Screen capture failed"));
         // Reopening drops the attachments and keeps what was typed and chosen.
         form->open();
         QCOMPARE(form->confirmLabel()->text(), QStringLiteral("No confirmation yet"));
