@@ -50,7 +50,7 @@ try {
 
   // A tone in the default output: both the microphone (a remap of its monitor) and computer audio hear it.
   const tone = path.join(work, 'tone.wav');
-  execFileSync('sox', ['-n', '-r', '48000', '-c', '1', tone, 'synth', '90', 'sine', '440', 'vol', '0.5']);
+  execFileSync('sox', ['-n', '-r', '48000', '-c', '1', tone, 'synth', '90', 'sine', '440', 'tremolo', '0.5', '80', 'vol', '0.5']);
   for (const sink of ['brava_out', 'brava_feed']) // computer audio, and the microphones fed from the second sink
     run('paplay', ['-d', sink, tone], {}, `paplay ${sink}`);
 
@@ -93,10 +93,17 @@ try {
   await page.click('#all-start');
   await until('both agents recording', async () => (await state()).agents.every((a) => a.status.recording === true));
   const widths = async () => page.$$eval('td.mic .meter > div', (ds) => ds.map((d) => d.style.width));
-  const first = await widths();
+  // The tone swells and fades, so a meter that follows the levels shows several widths.
+  const seen = new Set();
   await until('moving meters', async () => {
     const now = await widths();
-    return now.some((w, i) => w !== first[i]) && now.every((w) => w !== '0%');
+    if (now.length !== 2 || now.some((w) => !w || w === '0%')) return false;
+    seen.add(now[0]);
+    return seen.size >= 3;
+  }).catch(async (e) => {
+    console.log('meters', JSON.stringify(await widths()), 'seen', JSON.stringify([...seen]), 'levels',
+      JSON.stringify((await state()).agents.map((a) => [a.status.mic, a.status.sys])));
+    throw e;
   });
   await page.screenshot({ path: path.join(screens, '02-recording.png') });
 
