@@ -28,6 +28,10 @@ std::vector<TimedSample> DriftCorrector::flush()
 {
     std::vector<TimedSample> out;
     settleStep(0); // no verdict came: nothing is filled on one track's stamps alone
+    for (const Candidate &c : std::exchange(m_located, {})) { // shown too late to be judged
+        ++m_steps.doubtful;
+        m_steps.doubtfulFrames += std::abs(c.frames);
+    }
     if (m_swr) {
         settle(out);
         flushTail(newestNs());
@@ -49,6 +53,7 @@ void DriftCorrector::reset()
     m_scatter = 0.001;
     m_skip = 0;
     m_pending.reset();
+    m_located.clear();
     m_setAside = 0;
     m_marks.clear();
     m_inFrames = 0;
@@ -124,8 +129,9 @@ std::vector<TimedSample> DriftCorrector::process(const AudioBuffer &buffer)
     Q_ASSERT(m_swr && buffer.rate == m_rate && buffer.channels == m_channels);
     if (m_pending && buffer.captureNs - m_pending->seenNs > int64_t(kVerdictSeconds * 1e9))
         settleStep(0); // nobody compared it with another track
-    if (buffer.lostFrames != 0 && !buffer.discontinuity && !m_pending)
-        propose(buffer.lostFrames, buffer.lostAtNs, buffer.captureNs, true);
+    if (buffer.lostFrames != 0 && !buffer.discontinuity)
+        m_located.push_back(Candidate{buffer.lostFrames, buffer.lostAtNs, buffer.captureNs, true, 0});
+    proposeLocated(buffer.captureNs);
     // Where this block's first frame lands on the time line, against when it was captured (the
     // stamps' moves set aside taken out).
     const int64_t pending = swr_get_delay(m_swr, m_rate);
@@ -174,6 +180,15 @@ void DriftCorrector::propose(int frames, int64_t atNs, int64_t seenNs, bool loca
     m_setAside += double(frames) / m_rate;
     m_recent.clear();
     m_recentAt.clear();
+}
+
+void DriftCorrector::proposeLocated(int64_t seenNs)
+{
+    if (m_located.empty() || m_pending)
+        return;
+    const Candidate c = m_located.front();
+    m_located.pop_front();
+    propose(c.frames, c.atNs, seenNs, true);
 }
 
 void DriftCorrector::settleStep(int mend)
@@ -271,7 +286,8 @@ void DriftCorrector::release(std::vector<TimedSample> &out, bool all)
     const int64_t newest = m_outHeld.empty() ? 0 : m_outHeld.back().captureNs;
     while (!m_outHeld.empty()) {
         const Held &h = m_outHeld.front();
-        if (!all && (newest - h.captureNs <= int64_t(kHoldSeconds * 1e9) || (m_pending && h.captureNs >= m_pending->atNs)))
+        const bool awaited = (m_pending && h.captureNs >= m_pending->atNs) || (!m_located.empty() && h.captureNs >= m_located.front().atNs);
+        if (!all && (newest - h.captureNs <= int64_t(kHoldSeconds * 1e9) || awaited))
             break;
         TimedSample s = h.sample;
         s.pts = MediaTime::fromNanoseconds(h.anchorNs + h.startFrame * 1000000000 / s.sampleRate);

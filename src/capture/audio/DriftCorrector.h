@@ -24,7 +24,7 @@ struct SwrContext;
 // track's stamps cannot tell these apart, so a step is only a candidate (pendingStep): when the
 // median of the newest kStepBlocks deviations lies beyond kStepScatters times the scatter (and
 // kMinStepSeconds), or a block says the server's positions show audio lost (AudioBuffer::
-// lostFrames), the stamps' move is set aside until the owner, who sees the other tracks, settles
+// lostFrames; such losses wait their turn), the stamps' move is set aside until the owner, who sees the other tracks, settles
 // it (settleStep): a loss the server's positions show is filled as they say; of a move seen in
 // the stamps alone, the part the other tracks' stamps do not share (on the same clock) is this
 // track's own loss and is filled with silence (an overlap is dropped); a move they share,
@@ -131,6 +131,8 @@ private:
     double stepThreshold() const;
     void convertSkipping(const AudioBuffer &buffer, std::vector<TimedSample> &out);
     void propose(int frames, int64_t atNs, int64_t seenNs, bool located);
+    /// Puts the next loss the server's positions showed up for a verdict, once none is pending.
+    void proposeLocated(int64_t seenNs);
     void mark(int64_t captureNs, int frames);
     void hold(std::vector<TimedSample> &&samples, int64_t captureNs, std::vector<TimedSample> &out);
     void release(std::vector<TimedSample> &out, bool all);
@@ -153,6 +155,7 @@ private:
     int64_t m_skip = 0;           // input frames still to drop for an overlap
     Steps m_steps;
     std::optional<Candidate> m_pending;
+    std::deque<Candidate> m_located; // losses the server's positions showed, waiting their turn
     double m_setAside = 0;        // seconds the stamps moved later that are not believed
     struct Mark {                 // one placed block: its stamp against the plain sample count
         int64_t captureNs;

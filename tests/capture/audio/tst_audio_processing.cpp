@@ -60,7 +60,9 @@ private Q_SLOTS:
     //   with its reason (clicks before, in and after it);
     // - "server skipped ahead": every track loses a quantum at once and the microphone one more
     //   just after, which the server's positions show (the shared one on every track 0.3 s
-    //   later, the microphone's own after that): each is filled where it happened, on every track.
+    //   later, the microphone's own after that): each is filled where it happened, on every track;
+    //   "…while a move awaits its verdict": the microphone's loss is shown while every track's
+    //   stamps have gone 6 ms late and that move of its stamps still awaits a verdict.
     // Every click lies in the microphone's file at the computer audio's time and at its place as
     // played, within 1 ms.
     void stepsInTheStamps_data()
@@ -68,16 +70,19 @@ private Q_SLOTS:
         QTest::addColumn<bool>("losses");
         QTest::addColumn<bool>("witnesses");
         QTest::addColumn<bool>("skip");
-        QTest::newRow("lost quanta") << true << true << false;
-        QTest::newRow("all tracks late") << false << true << false;
-        QTest::newRow("microphone alone late") << false << false << false;
-        QTest::newRow("server skipped ahead") << false << true << true;
+        QTest::addColumn<bool>("lateAtNote");
+        QTest::newRow("lost quanta") << true << true << false << false;
+        QTest::newRow("all tracks late") << false << true << false << false;
+        QTest::newRow("microphone alone late") << false << false << false << false;
+        QTest::newRow("server skipped ahead") << false << true << true << false;
+        QTest::newRow("…while a move awaits its verdict") << false << true << true << true;
     }
     void stepsInTheStamps()
     {
         QFETCH(bool, losses);
         QFETCH(bool, witnesses);
         QFETCH(bool, skip);
+        QFETCH(bool, lateAtNote);
         RecorderFixture f(0, true);
         std::mt19937 random(losses ? 11 : 5);
         QVector<int> lossBlocks; // 10 ms blocks before which the microphone loses 256 frames
@@ -100,7 +105,8 @@ private Q_SLOTS:
                 const int64_t lost = skip ? 256 * ((b >= 200) + (mic && b >= 215)) : mic ? lostBy(b) : 0;
                 const int64_t shown = skip ? 256 * ((b >= 230) + (mic && b >= 250)) : lost; // by the server's positions
                 const int64_t first = b * kBlock + lost; // its first device frame
-                const int64_t late = !skip && b >= lateFrom && b < lateTo ? (losses ? 5000000 : mic ? 8000000 : 6000000) : 0;
+                const int64_t late = skip ? (lateAtNote && b >= 240 && b < 300 ? 6000000 : 0)
+                                   : b >= lateFrom && b < lateTo ? (losses ? 5000000 : mic ? 8000000 : 6000000) : 0;
                 const bool note = skip && (b == 230 || (mic && b == 250));
                 QByteArray pcm(kBlock * channels * int(sizeof(float)), Qt::Uninitialized);
                 auto *p = reinterpret_cast<float *>(pcm.data());
