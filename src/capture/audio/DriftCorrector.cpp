@@ -56,6 +56,7 @@ void DriftCorrector::reset()
     m_located.clear();
     m_setAside = 0;
     m_marks.clear();
+    m_explained = 0;
     m_inFrames = 0;
     m_outHeld.clear();
 }
@@ -89,6 +90,7 @@ void DriftCorrector::anchor(int64_t ns)
     m_skip = 0;
     m_setAside = 0; // the new time line is placed on the stamps as they are now
     m_marks.clear();
+    m_explained = 0;
     m_inFrames = 0;
     ++m_anchors;
 }
@@ -212,6 +214,8 @@ void DriftCorrector::settleStep(int mend)
     ++m_steps.gaps;
     m_steps.gapFrames += c.frames;
     m_steps.located += c.located ? 1 : 0;
+    if (c.located)
+        m_explained += double(c.frames) / m_rate;
     // Silence goes before the first output of this time line from a block stamped at or after
     // the loss; what follows moves later by as much.
     size_t at = m_outHeld.size();
@@ -257,7 +261,7 @@ void DriftCorrector::shiftHeld(size_t from, int64_t frames)
 void DriftCorrector::mark(int64_t captureNs, int frames)
 {
     const double count = double(m_anchorNs) * 1e-9 + double(m_inFrames) / m_rate;
-    m_marks.push_back({captureNs, double(captureNs) * 1e-9 - count});
+    m_marks.push_back({captureNs, double(captureNs) * 1e-9 - count - m_explained});
     m_inFrames += frames;
     while (m_marks.size() > 1 && m_marks.back().captureNs - m_marks.front().captureNs > 3000000000LL)
         m_marks.pop_front();

@@ -110,7 +110,8 @@ public:
     /// aside; 0 counts it as doubtful and sets all of it aside.
     void settleStep(int mend);
     /// How far this track's stamps moved later (seconds) from the blocks stamped just before
-    /// `beforeNs` to its newest blocks, stamped from `afterNs` on; none without blocks on both sides.
+    /// `beforeNs` to its newest blocks, stamped from `afterNs` on, less the losses the server's
+    /// positions showed on it (they moved this track alone); none without blocks on both sides.
     std::optional<double> stampMove(int64_t beforeNs, int64_t afterNs) const;
     /// Stamp of the newest block placed on the time line (0: none since the last reset).
     int64_t newestNs() const { return m_marks.empty() ? 0 : m_marks.back().captureNs; }
@@ -162,6 +163,7 @@ private:
         double offset;
     };
     std::deque<Mark> m_marks;     // the last seconds, oldest first; emptied at a new time line
+    double m_explained = 0;       // seconds of located losses filled on this time line (not in the marks)
     int64_t m_inFrames = 0;       // input frames placed since the anchor
     struct Held {                 // output not yet handed out
         TimedSample sample;
