@@ -117,10 +117,10 @@ void AudioPath::judgeSteps(bool final)
     // answers late after a stall) move every track's stamps later by about as much; audio the
     // server lost moves only the track that lost it, and only later (a server never hands audio
     // out twice). So the part of a step every other track shares, at most the smallest of their
-    // moves (less the losses the server's positions showed on them), is lateness and stays set aside; the part beyond it is this track's own loss and is
-    // mended, when it is clearly more than the stamps' jitter. A track that has not delivered
-    // since a second before the step is not running and is no witness; without one nothing is
-    // mended.
+    // moves (less the losses the server's positions showed on them), is lateness and stays set
+    // aside; the part beyond it is this track's own loss and is mended, when it is clearly more
+    // than the stamps' jitter. A track that has not delivered since a second before the step is
+    // not running and is no witness; without one nothing is mended.
     for (int k = 0; k < kSources; ++k) {
         DriftCorrector &track = *m_drift[k];
         const std::optional<DriftCorrector::Candidate> step = track.pendingStep();

@@ -90,7 +90,6 @@ void DriftCorrector::anchor(int64_t ns)
     m_skip = 0;
     m_setAside = 0; // the new time line is placed on the stamps as they are now
     m_marks.clear();
-    m_explained = 0;
     m_inFrames = 0;
     ++m_anchors;
 }

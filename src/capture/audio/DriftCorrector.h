@@ -24,8 +24,8 @@ struct SwrContext;
 // track's stamps cannot tell these apart, so a step is only a candidate (pendingStep): when the
 // median of the newest kStepBlocks deviations lies beyond kStepScatters times the scatter (and
 // kMinStepSeconds), or a block says the server's positions show audio lost (AudioBuffer::
-// lostFrames; such losses wait their turn), the stamps' move is set aside until the owner, who sees the other tracks, settles
-// it (settleStep): a loss the server's positions show is filled as they say; of a move seen in
+// lostFrames; such losses wait their turn), the stamps' move is set aside until the owner, who
+// sees the other tracks, settles it (settleStep): a loss the server's positions show is filled as they say; of a move seen in
 // the stamps alone, the part the other tracks' stamps do not share (on the same clock) is this
 // track's own loss and is filled with silence (an overlap is dropped); a move they share,
 // or one with nothing to compare with, is doubtful and stays set aside (counted, not filled);
@@ -163,7 +163,7 @@ private:
         double offset;
     };
     std::deque<Mark> m_marks;     // the last seconds, oldest first; emptied at a new time line
-    double m_explained = 0;       // seconds of located losses filled on this time line (not in the marks)
+    double m_explained = 0;       // seconds of located losses filled, kept out of the marks' offsets
     int64_t m_inFrames = 0;       // input frames placed since the anchor
     struct Held {                 // output not yet handed out
         TimedSample sample;
