@@ -25,6 +25,7 @@ PulseCapture::PulseCapture(pa_threaded_mainloop *loop, pa_context *ctx, int rate
     , m_rate(rate)
     , m_channels(channels)
     , m_handlers(std::move(handlers))
+    , m_line(rate, int(sizeof(float)) * channels)
 {
 }
 
@@ -107,11 +108,8 @@ void PulseCapture::gapCallback(pa_stream *, void *self)
     // After an overflow or a suspend the device's position no longer follows the old snapshot.
     auto *capture = static_cast<PulseCapture *>(self);
     capture->m_gap = true;
-    capture->m_timed = false;
-    capture->m_placements.clear();
+    capture->m_line.reset();
     capture->m_untimedWakeups = 0;
-    capture->m_lostFrames = 0;
-    capture->m_levelWriteIndex = 0;
 }
 
 void PulseCapture::stateChanged()
@@ -161,58 +159,8 @@ void PulseCapture::timingArrived(bool success)
     const int64_t bytesPerSecond = int64_t(sizeof(float)) * m_channels * m_rate;
     const int64_t originNs = atNs - int64_t(ti->write_index) * 1000000000 / bytesPerSecond;
     const bool latencyGiven = ti->source_usec != 0 || ti->sink_usec != 0;
-    m_placements.push_back({nowMono, originNs, ti->write_index, latencyGiven});
-    const auto stale = std::find_if(m_placements.begin(), m_placements.end(),
-                                    [&](const Placement &p) { return nowMono - p.takenNs <= kWindowNs; });
-    m_placements.erase(m_placements.begin(), stale);
-    Q_ASSERT(!m_placements.empty());
-    std::vector<int64_t> origins;
-    for (const Placement &p : m_placements)
-        origins.push_back(p.originNs);
-    int64_t estimate = 0;
-    if (latencyGiven) {
-        std::nth_element(origins.begin(), origins.begin() + ptrdiff_t(origins.size() / 2), origins.end());
-        estimate = origins[origins.size() / 2];
-    } else {
-        estimate = *std::min_element(origins.begin(), origins.end());
-    }
-    // The time line moves later only on a full window of answers: after a stall (no snapshot for
-    // longer than the window: a loaded machine, the server busy) the first answers are late ones,
-    // and taking their placement would move every later stamp by their lateness, which the drift
-    // corrector would then see as lost audio. A placement earlier than the estimate is a prompter
-    // answer than any before (latency 0) and is taken at once.
-    const bool full = m_placements.size() >= size_t(kMinPlacements) && nowMono - m_placements.front().takenNs >= kWindowNs / 2;
-    if (!m_timed || (!latencyGiven && estimate < m_originNs)) {
-        m_originNs = estimate;
-    } else if (full && estimate != m_originNs) {
-        if (!latencyGiven && estimate - m_originNs >= kMinLossNs)
-            noteLoss(estimate, bytesPerSecond);
-        m_originNs = estimate;
-    }
-    if (originNs <= m_originNs + kLevelNs)
-        m_levelWriteIndex = ti->write_index; // audio up to here is on the time line's level
-    m_timed = true;
+    m_line.add(nowMono, originNs, ti->write_index, latencyGiven);
     readable(); // data held back for want of a snapshot
-}
-
-void PulseCapture::noteLoss(int64_t estimate, int64_t bytesPerSecond)
-{
-    // Latency 0 and a write position that moves in whole quanta: every answer of the window places
-    // the stream later than before, so its write position has fallen behind the clock for good,
-    // which is audio the server dropped before handing it to this stream (PipeWire's service does
-    // so now and then without an overflow). It happened between the newest write position still
-    // on the old level and the first one on the new level; the middle is taken.
-    int64_t firstNew = m_placements.back().writeIndex;
-    for (const Placement &p : m_placements) {
-        if (p.originNs <= estimate + kLevelNs) {
-            firstNew = p.writeIndex;
-            break;
-        }
-    }
-    const int64_t at = (std::min(m_levelWriteIndex, firstNew) + firstNew) / 2;
-    if (m_lostFrames == 0)
-        m_lostAtNs = m_originNs + at * 1000000000 / bytesPerSecond;
-    m_lostFrames += int((estimate - m_originNs) * m_rate / 1000000000);
 }
 
 void PulseCapture::readable()
@@ -220,7 +168,7 @@ void PulseCapture::readable()
     if (pa_stream_get_state(m_stream) != PA_STREAM_READY)
         return;
     const int64_t now = Clock::monotonic().nowNs();
-    if (!m_timed && ++m_untimedWakeups <= kMaxUntimedWakeups)
+    if (!m_line.timed() && ++m_untimedWakeups <= kMaxUntimedWakeups)
         return; // the data waits in the stream's queue for the first snapshot
     const size_t frameBytes = sizeof(float) * size_t(m_channels);
     const int64_t bytesPerSecond = int64_t(frameBytes) * m_rate;
@@ -248,8 +196,8 @@ void PulseCapture::readable()
         b.channels = m_channels;
         b.pcm = QByteArray(static_cast<const char *>(data), qsizetype(usable));
         const int64_t arrived = arrivalBase + arrivalBytes * 1000000000 / bytesPerSecond;
-        const bool placed = m_timed && indexed;
-        b.captureNs = placed ? m_originNs + readIndex * 1000000000 / bytesPerSecond : arrived;
+        const bool placed = m_line.timed() && indexed;
+        b.captureNs = placed ? m_line.originNs() + readIndex * 1000000000 / bytesPerSecond : arrived;
         // Arrival times are no server positions: the step to placed stamps starts a new time line.
         m_gap = m_gap || (placed && m_arrivalStamped);
         m_arrivalStamped = !placed;
@@ -258,8 +206,9 @@ void PulseCapture::readable()
             b.captureNs = arrived;
         b.discontinuity = m_gap;
         m_gap = false;
-        b.lostFrames = std::exchange(m_lostFrames, 0);
-        b.lostAtNs = m_lostAtNs;
+        const StreamTimeLine::Loss loss = m_line.takeLoss();
+        b.lostFrames = loss.frames;
+        b.lostAtNs = loss.atNs;
         readIndex += int64_t(bytes);
         arrivalBytes += int64_t(bytes);
         pa_stream_drop(m_stream);

@@ -3,6 +3,7 @@
 #include "LiveConverter.h"
 #include "MediaProbe.h"
 #include "RecorderFixture.h"
+#include "StreamTimeLine.h"
 #include "TestHome.h"
 
 #include <QtTest>
@@ -236,6 +237,51 @@ private Q_SLOTS:
         QVERIFY(steps.gaps == 1 && steps.located == 1 && steps.gapFrames == 256 && steps.doubtful == 1);
         const int64_t placeNs = kStartNs + (clicks[0] + 3) * 1000000000LL / kRate; // device frames count the lost ones; 0.3 is reached 3 frames in
         QVERIFY2(clickNs >= 0 && std::llabs(clickNs - placeNs) < 1000000, qPrintable(QString::number(double(clickNs - placeNs) / 1e6)));
+    }
+
+    // A server that reports latency 0 hands a mono stream over in quanta of 256 frames; each
+    // snapshot is answered 20–300 µs after its quantum arrived, and 500–1200 µs after it while
+    // the server stalls now and then (a stall every 7 quanta, from 1 s on, for `stalls` stalls),
+    // each stall losing one quantum of the stream when `losing`; with `hang`, the server first
+    // answers nothing for 0.4 s and then late by 2–4 ms while it catches up (nothing lost). The
+    // losses shown add up to what was lost, within a millisecond, and late answers alone show none.
+    void serverPositionsShowWhatWasLost_data()
+    {
+        QTest::addColumn<int>("stalls");
+        QTest::addColumn<bool>("losing");
+        QTest::addColumn<bool>("hang");
+        QTest::newRow("a quantum lost at each of 12 stalls") << 12 << true << false;
+        QTest::newRow("one quantum lost after a hang") << 1 << true << true;
+        QTest::newRow("40 stalls and a hang, answers late, nothing lost") << 40 << false << true;
+    }
+    void serverPositionsShowWhatWasLost()
+    {
+        QFETCH(int, stalls);
+        QFETCH(bool, losing);
+        QFETCH(bool, hang);
+        constexpr int64_t kQuantumNs = 256 * 1000000000LL / kRate;
+        StreamTimeLine line(kRate, int(sizeof(float)));
+        std::mt19937 random(7);
+        int64_t writeIndex = 0, lost = 0;
+        int shownFrames = 0;
+        for (int q = 1; q < 900; ++q) {
+            const int stall = q >= 190 && (q - 190) % 7 == 0 ? (q - 190) / 7 : -1;
+            const bool stalling = q >= 190 && q < 190 + 7 * stalls + 60;
+            if (stall >= 0 && stall < stalls && losing) {
+                ++lost; // this quantum never reaches the stream
+                continue;
+            }
+            writeIndex += 256 * int64_t(sizeof(float));
+            const bool hung = hang && q >= 100 && q < 175, catchingUp = hang && q >= 175 && q < 185;
+            if (hung)
+                continue; // no answer
+            const auto late = [&](int64_t from, int64_t to) { return std::uniform_int_distribution<int64_t>(from, to)(random); };
+            const int64_t lateNs = catchingUp ? late(2000000, 4000000) : stalling ? late(500000, 1200000) : late(20000, 300000);
+            const int64_t takenNs = kStartNs + q * kQuantumNs + lateNs;
+            line.add(takenNs, takenNs - writeIndex * 1000000000 / (kRate * int64_t(sizeof(float))), writeIndex, false);
+            shownFrames += line.takeLoss().frames;
+        }
+        QVERIFY2(std::abs(shownFrames - 256 * lost) <= (lost ? 48 : 0), qPrintable(QStringLiteral("%1 of %2").arg(shownFrames).arg(256 * lost)));
     }
 
     // A new format (another device) starts a new time line at its own first block; what the old
