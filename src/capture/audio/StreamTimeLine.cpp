@@ -1,6 +1,7 @@
 #include "StreamTimeLine.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstddef>
 #include <utility>
 
@@ -87,6 +88,6 @@ void StreamTimeLine::noteLoss(int64_t estimate)
     const int64_t at = (std::min(m_levelWriteIndex, firstNew) + firstNew) / 2;
     if (m_loss.frames == 0)
         m_loss.atNs = m_originNs + at * 1000000000 / m_bytesPerSecond;
-    m_loss.frames += int((estimate - level()) * m_rate / 1000000000);
+    m_loss.frames += int(std::llround(double(estimate - level()) * m_rate / 1e9));
     m_held.clear(); // the new level starts here
 }
