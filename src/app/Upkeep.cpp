@@ -5,7 +5,9 @@
 #include "Relaunch.h"
 
 #include <QCoreApplication>
+#include <QFutureWatcher>
 #include <QTimer>
+#include <QtConcurrent/QtConcurrentRun>
 
 Upkeep::Upkeep(const BuildInfo &build, std::function<bool()> busy, QObject *parent)
     : QObject(parent)
@@ -13,10 +15,12 @@ Upkeep::Upkeep(const BuildInfo &build, std::function<bool()> busy, QObject *pare
     , m_runningBuild(build.buildNumber())
     , m_infoPath(build.path())
     , m_timer(new QTimer(this))
+    , m_read(new QFutureWatcher<QString>(this))
 {
     Q_ASSERT(m_busy);
     m_timer->setInterval(kVersionCheckMs);
     connect(m_timer, &QTimer::timeout, this, &Upkeep::checkForNewVersion);
+    connect(m_read, &QFutureWatcher<QString>::finished, this, [this] { onInstalledBuild(m_read->result()); });
 }
 
 void Upkeep::start()
@@ -31,7 +35,20 @@ void Upkeep::stop()
 
 void Upkeep::checkForNewVersion()
 {
-    const QString onDisk = BuildInfo::readKey(m_infoPath, QStringLiteral("CFBundleVersion"));
+    if (m_checking)
+        return;
+    m_checking = true;
+    m_read->setFuture(QtConcurrent::run([path = m_infoPath] { return BuildInfo::readKey(path, QStringLiteral("CFBundleVersion")); }));
+}
+
+bool Upkeep::checking() const
+{
+    return m_checking;
+}
+
+void Upkeep::onInstalledBuild(const QString &onDisk)
+{
+    m_checking = false;
     if (!Relaunch::newBuild(onDisk, m_runningBuild) || m_busy())
         return;
     bravaLog(QStringLiteral("new version on disk (") + onDisk + QStringLiteral(") — relaunching"));

@@ -7,10 +7,12 @@
 
 class BuildInfo;
 class QTimer;
+template <typename T> class QFutureWatcher;
 
 // Keeping the installed agent current: every 10 s it looks whether a newer build has been
 // installed beside the running one and, when the agent is not busy, relaunches into it. The
-// updater and uninstall join here. Main thread only.
+// build file is read on a pool thread, so a slow or hung disk never holds up the main thread; a
+// check is skipped while the previous read has not come back. Main thread only.
 class Upkeep : public QObject
 {
     Q_OBJECT
@@ -22,8 +24,10 @@ public:
     void start();
     /// Stops the periodic check.
     void stop();
-    /// Relaunches when a different build has been installed beside the running one.
+    /// Reads the installed build off the main thread; relaunches when it is newer and the agent idle.
     void checkForNewVersion();
+    /// True while a read of the installed build is under way.
+    bool checking() const;
     /// Starts this program again once this process has exited, then quits.
     void relaunchSelf();
     /// Tests only: runs instead of relaunchSelf() when a newer build is found.
@@ -33,9 +37,12 @@ public:
     static constexpr int kVersionCheckMs = 10000;
 
 private:
+    void onInstalledBuild(const QString &onDisk);
 
     std::function<bool()> m_busy;
     QString m_runningBuild;
     QString m_infoPath;
     QTimer *m_timer;
+    QFutureWatcher<QString> *m_read;
+    bool m_checking = false;
 };

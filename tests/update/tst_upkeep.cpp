@@ -71,12 +71,17 @@ private Q_SLOTS:
         int relaunched = 0;
         Upkeep upkeep(running, [&busy] { return busy; });
         upkeep.relaunch = [&relaunched] { ++relaunched; };
-        upkeep.checkForNewVersion();
+        const auto check = [&upkeep] {
+            upkeep.checkForNewVersion();
+            QVERIFY(upkeep.checking()); // the file is read off the main thread
+            QTRY_VERIFY(!upkeep.checking());
+        };
+        check();
         writeFile(info, "[General]\nCFBundleVersion=10\n"); // another size: the INI reader sees the change at once
-        upkeep.checkForNewVersion();
+        check();
         QCOMPARE(relaunched, 0);
         busy = false;
-        upkeep.checkForNewVersion();
+        check();
         QCOMPARE(relaunched, 1);
     }
 
