@@ -1,4 +1,5 @@
 #include "HttpStub.h"
+#include "RoomAnnouncer.h"
 #include "ScriptedBrowser.h"
 
 #include <QNetworkAccessManager>
@@ -84,23 +85,31 @@ private Q_SLOTS:
         QCOMPARE(discovery->rooms().size(), 1);
     }
 
-    // The system's DNS-SD daemon (the Avahi daemon scripts/test starts on loopback), rooms announced by avahi-publish.
+    // The system's DNS-SD daemon (the Avahi daemon scripts/test starts on loopback): two control rooms
+    // announced under one name are both listed (the second under the daemon's next free name), a room
+    // that does not answer is not, and a room that stops announcing leaves the list.
     void announcedOnTheRealDaemon()
     {
         if (qEnvironmentVariableIntValue("BRAVA_TEST_AVAHI") != 1)
             QSKIP("no Avahi daemon for tests (run through scripts/test)");
         const QString name = QStringLiteral("Room %1").arg(QCoreApplication::applicationPid()); // runs do not meet
-        const quint16 port = room();
+        const quint16 first = room(), second = room();
         RoomDiscovery d(net);
         d.start();
         QVERIFY(d.searching());
-        QProcess good, dead;
-        good.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name, QStringLiteral("_bravacontrol._tcp"), QString::number(port)});
+        QString why;
+        auto one = std::make_unique<RoomAnnouncer>(), two = std::make_unique<RoomAnnouncer>();
+        QVERIFY2(one->announce(name, first, &why), qPrintable(why));
+        QTRY_COMPARE_WITH_TIMEOUT(d.rooms().size(), 1, 15000);
+        QVERIFY(two->announce(name, second, &why));
+        QProcess dead;
         dead.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name + QStringLiteral(" dead"), QStringLiteral("_bravacontrol._tcp"), QStringLiteral("1")});
-        QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 1 && d.resolving() == 0, 15000);
-        QCOMPARE(d.rooms().first().name + QLatin1Char('@') + d.rooms().first().address(), name + QStringLiteral("@127.0.0.1:%1").arg(port));
-        good.terminate();
-        QTRY_VERIFY_WITH_TIMEOUT(d.rooms().isEmpty(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 2 && d.resolving() == 0, 15000);
+        QCOMPARE(d.rooms().at(0).name + QLatin1Char('@') + d.rooms().at(0).address(), name + QStringLiteral("@127.0.0.1:%1").arg(first));
+        QCOMPARE(d.rooms().at(1).name + QLatin1Char('@') + d.rooms().at(1).address(), name + QStringLiteral(" #2@127.0.0.1:%1").arg(second));
+        one.reset();
+        QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 1, 10000);
+        QCOMPARE(d.rooms().first().port, second);
     }
 };
 

@@ -18,14 +18,10 @@ struct AnnouncerEvents
     }
     static void group(AvahiEntryGroup *g, AvahiEntryGroupState state, void *self)
     {
-        auto *a = static_cast<RoomAnnouncer *>(self);
         if (state != AVAHI_ENTRY_GROUP_COLLISION)
             return;
-        // Another service has the name: take the next free one ("name #2").
-        char *other = avahi_alternative_service_name(a->m_name.constData());
-        a->m_name = other;
-        avahi_free(other);
-        avahi_entry_group_reset(g);
+        auto *a = static_cast<RoomAnnouncer *>(self);
+        a->takeNextName();
         a->publish(avahi_entry_group_get_client(g));
     }
 };
@@ -44,7 +40,11 @@ RoomAnnouncer::~RoomAnnouncer()
 
 bool RoomAnnouncer::announce(const QString &name, quint16 port, QString *why)
 {
-    m_name = name.toUtf8().left(63);
+    // A DNS-SD instance name holds at most 63 bytes: cut whole characters, never inside one.
+    QString cut = name;
+    while (cut.toUtf8().size() > 63)
+        cut.chop(cut.size() > 1 && cut.back().isLowSurrogate() ? 2 : 1);
+    m_name = cut.toUtf8();
     m_port = port;
     m_poll = avahi_threaded_poll_new();
     int error = 0;
@@ -64,7 +64,23 @@ void RoomAnnouncer::publish(AvahiClient *client)
         m_group = avahi_entry_group_new(client, &AnnouncerEvents::group, this);
     if (!m_group)
         return;
-    if (avahi_entry_group_add_service(m_group, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, AvahiPublishFlags(0), m_name.constData(),
-                                      Protocol::serviceType, nullptr, nullptr, m_port, nullptr) == 0)
-        avahi_entry_group_commit(m_group);
+    // A name already taken on the network shows later as the group's collision; one taken on this
+    // computer is refused here at once. Either way the next free name ("name #2") is taken.
+    for (int tries = 0; tries < 100; ++tries) {
+        const int added = avahi_entry_group_add_service(m_group, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, AvahiPublishFlags(0),
+                                                        m_name.constData(), Protocol::serviceType, nullptr, nullptr, m_port, nullptr);
+        if (added == 0)
+            avahi_entry_group_commit(m_group);
+        if (added != AVAHI_ERR_COLLISION)
+            return;
+        takeNextName();
+    }
+}
+
+void RoomAnnouncer::takeNextName()
+{
+    char *other = avahi_alternative_service_name(m_name.constData());
+    m_name = other;
+    avahi_free(other);
+    avahi_entry_group_reset(m_group);
 }

@@ -19,6 +19,7 @@ public:
 private:
     friend struct AnnouncerEvents;
     void publish(AvahiClient *client);
+    void takeNextName();
 
     AvahiThreadedPoll *m_poll = nullptr;
     AvahiClient *m_client = nullptr;
