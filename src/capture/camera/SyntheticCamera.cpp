@@ -21,11 +21,12 @@ void sleepUntil(int64_t ns)
 
 } // namespace
 
-SyntheticCamera::SyntheticCamera(const Device &device, QSize size, int fps, int64_t counterBase,
+SyntheticCamera::SyntheticCamera(const Device &device, QSize size, int fps, int number, int64_t counterBase,
                                  CameraBackend::FrameSink sink)
     : m_device(device)
     , m_size(size)
     , m_fps(fps)
+    , m_number(number)
     , m_counterBase(counterBase)
     , m_sink(std::move(sink))
 {
@@ -69,7 +70,7 @@ void SyntheticCamera::run()
         sample.kind = TimedSample::Kind::Video;
         sample.pts = MediaTime::fromNanoseconds(now);
         sample.duration = MediaTime::fromNanoseconds(period);
-        sample.frame = TestPattern::draw(m_size.width(), m_size.height(), m_counterBase + index, white);
+        sample.frame = TestPattern::draw(m_size.width(), m_size.height(), m_counterBase + index, white, m_number);
         if (sample.frame)
             m_sink(std::move(sample));
     }

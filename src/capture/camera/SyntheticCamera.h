@@ -7,11 +7,12 @@
 
 // One synthetic camera: a capture thread that draws the test pattern at a steady rate and stamps
 // each frame with the CLOCK_MONOTONIC time at which it was made. The counter drawn in starts at
-// `counterBase` (camera n uses n × 10,000,000), so a picture tells which camera made it.
+// `counterBase` (camera n uses n × 10,000,000) and the picture has camera `number`'s tint, so a
+// picture tells which camera made it.
 class SyntheticCamera : public CameraStream
 {
 public:
-    SyntheticCamera(const Device &device, QSize size, int fps, int64_t counterBase, CameraBackend::FrameSink sink);
+    SyntheticCamera(const Device &device, QSize size, int fps, int number, int64_t counterBase, CameraBackend::FrameSink sink);
     ~SyntheticCamera() override;
 
     QString uid() const override { return m_device.uid; }
@@ -31,6 +32,7 @@ private:
     const Device m_device;
     const QSize m_size;
     const int m_fps;
+    const int m_number;
     const int64_t m_counterBase;
     const CameraBackend::FrameSink m_sink;
     std::atomic<bool> m_stop{false};

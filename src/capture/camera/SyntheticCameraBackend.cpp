@@ -51,7 +51,7 @@ CameraOpen SyntheticCameraBackend::open(const QString &uid, QSize wanted, FrameS
     for (qsizetype i = 0; i < cameras.size(); ++i) {
         if (cameras[i].uid == uid) {
             const int64_t base = int64_t(i + 1) * kCounterStep;
-            return {std::make_unique<SyntheticCamera>(cameras[i], m_setup.size, m_setup.fps, base, std::move(sink)), QString()};
+            return {std::make_unique<SyntheticCamera>(cameras[i], m_setup.size, m_setup.fps, int(i + 1), base, std::move(sink)), QString()};
         }
     }
     return {nullptr, CameraTexts::busy()};

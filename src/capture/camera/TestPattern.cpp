@@ -55,7 +55,7 @@ void drawCounter(AVFrame &f, int64_t index)
 
 namespace TestPattern {
 
-std::shared_ptr<AVFrame> draw(int width, int height, int64_t index, bool flash)
+std::shared_ptr<AVFrame> draw(int width, int height, int64_t index, bool flash, int camera)
 {
     Q_ASSERT(width >= 64 && height >= 48 && width % 2 == 0 && height % 2 == 0);
     AVFrame *raw = av_frame_alloc();
@@ -85,7 +85,7 @@ std::shared_ptr<AVFrame> draw(int width, int height, int64_t index, bool flash)
     }
     const uint8_t u = uint8_t(128 + 40 * ((index / 30) % 2 ? 1 : -1));
     fillPlane(raw->data[1], raw->linesize[1], width / 2, height / 2, u);
-    fillPlane(raw->data[2], raw->linesize[2], width / 2, height / 2, 150);
+    fillPlane(raw->data[2], raw->linesize[2], width / 2, height / 2, camera % 2 ? 150 : 100);
     drawCounter(*raw, index);
     return frame;
 }

@@ -71,7 +71,8 @@ try {
     run(path.join(build, 'brava-recorder'), [], {
       HOME: home, XDG_CONFIG_HOME: path.join(home, 'config'), XDG_DATA_HOME: path.join(home, 'data'),
       XDG_CACHE_HOME: path.join(home, 'cache'), XDG_STATE_HOME: path.join(home, 'state'),
-      QT_QPA_PLATFORM: 'offscreen', BRAVA_FAKE_CAMERAS: '1:320x180@10',
+      // Agent 1 has two cameras wider than the plain preview (480) and narrower than HD (960).
+      QT_QPA_PLATFORM: 'offscreen', BRAVA_FAKE_CAMERAS: id === 1 ? '2:640x360@10' : '1:320x180@10',
     }, `agent${id}`);
   }
   await until('both agents connected', async () => (await state()).agents.filter((a) => a.connected).length === 2);
@@ -111,7 +112,30 @@ try {
   await page.click('#agent-1 button:text-is("Preview")');
   await page.waitForFunction(() => window.__room.previewFrames > 2, null, { timeout: 20000 });
   await page.waitForFunction(() => document.getElementById('preview').naturalWidth > 0, null, { timeout: 10000 });
+  await page.waitForFunction(() => document.getElementById('preview').naturalWidth === 480, null, { timeout: 10000 });
   await page.screenshot({ path: path.join(screens, '03-preview.png') });
+
+  step('HD preview, then the second camera of agent 1');
+  await page.check('#hd');
+  await page.waitForFunction(() => document.getElementById('preview').naturalWidth === 640, null, { timeout: 10000 });
+  await page.waitForFunction(() => document.querySelectorAll('#camera option').length === 3, null, { timeout: 10000 });
+  const [, , second] = await page.$$eval('#camera option', (os) => os.map((o) => ({ uid: o.value, name: o.textContent })));
+  await page.selectOption('#camera', second.uid);
+  // Synthetic camera 1 is tinted red, camera 2 green: the preview's red stands above its luma, then below.
+  const redness = () => page.evaluate(() => {
+    const img = document.getElementById('preview'), c = document.createElement('canvas');
+    c.width = img.naturalWidth; c.height = img.naturalHeight;
+    const g = c.getContext('2d');
+    g.drawImage(img, 0, 0);
+    const d = g.getImageData(0, 0, c.width, c.height).data;
+    let sum = 0;
+    for (let i = 0; i < d.length; i += 4) sum += d[i] - (0.299 * d[i] + 0.587 * d[i + 1] + 0.114 * d[i + 2]);
+    return sum / (d.length / 4);
+  });
+  if (!(await redness() > 10)) throw new Error(`the first camera's preview is not red (${await redness()})`);
+  await page.selectOption('#camera', second.uid);
+  await until('the preview of agent 1\'s second camera', async () => (await redness()) < -10);
+  await page.screenshot({ path: path.join(screens, '03b-hd-second-camera.png') });
 
   step('listen to agent 2');
   await page.click('#agent-2 button:text-is("Listen")');
