@@ -1,11 +1,10 @@
 // Showing a verified folder: the desktop's file manager over a private session bus, else the
 // folder opened by the desktop's handler.
 #include "FolderReveal.h"
+#include "TestSessionBus.h"
 
-#include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDesktopServices>
-#include <QProcess>
 #include <QtTest>
 
 // The file manager's side of org.freedesktop.FileManager1, answering on the test's bus.
@@ -32,7 +31,7 @@ public Q_SLOTS:
 class FolderRevealTest : public QObject
 {
     Q_OBJECT
-    QProcess bus;
+    TestSessionBus bus;
     QTemporaryDir tmp;
     FakeFileManager manager;
     FolderOpener opener;
@@ -42,34 +41,23 @@ class FolderRevealTest : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        bus.start(QStringLiteral("dbus-daemon"), {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
-        if (!bus.waitForStarted(5000) || !bus.waitForReadyRead(5000))
+        if (!bus.start())
             QSKIP("no dbus-daemon on this computer");
-        qputenv("DBUS_SESSION_BUS_ADDRESS", bus.readLine().trimmed());
-        QVERIFY(QDBusConnection::sessionBus().isConnected());
         QVERIFY(QDir().mkpath(folder));
         QDesktopServices::setUrlHandler(QStringLiteral("file"), &opener, "open");
     }
-    void cleanupTestCase()
-    {
-        QDesktopServices::unsetUrlHandler(QStringLiteral("file"));
-        bus.kill();
-        bus.waitForFinished();
-    }
+    void cleanupTestCase() { QDesktopServices::unsetUrlHandler(QStringLiteral("file")); }
 
     // With a file manager on the bus the folder is selected in it, its URI fully encoded.
     void theFileManagerShowsTheFolder()
     {
-        QDBusConnection own = QDBusConnection::connectToBus(QString::fromUtf8(qgetenv("DBUS_SESSION_BUS_ADDRESS")), QStringLiteral("manager"));
-        QVERIFY(own.registerObject(QStringLiteral("/org/freedesktop/FileManager1"), &manager, QDBusConnection::ExportAllSlots));
-        QVERIFY(own.registerService(QStringLiteral("org.freedesktop.FileManager1")));
+        QDBusConnection own = bus.serve(QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"), &manager);
         FolderReveal::show(folder);
         QTRY_COMPARE(manager.shown, QStringList({QUrl::fromLocalFile(folder).toString(QUrl::FullyEncoded), QString()}));
         QVERIFY(manager.shown.first().endsWith(QStringLiteral("/Brava%20Recorder%202.1%20%235%20100%25")));
         QTest::qWait(200); // the answer has come: nothing else opens
         QVERIFY(opener.opened.isEmpty());
         QVERIFY(own.unregisterService(QStringLiteral("org.freedesktop.FileManager1")));
-        QDBusConnection::disconnectFromBus(QStringLiteral("manager"));
     }
 
     // No file manager answers: the folder (for a file, the folder holding it) opens instead.

@@ -1,0 +1,100 @@
+// The sale's screen snapshot on a Wayland session: the desktop portal's Screenshot interface,
+// played by the test on a session bus of its own, answering each way it can.
+#include "ScreenSnapper.h"
+#include "TestSessionBus.h"
+
+#include <QDBusContext>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QImage>
+#include <QtTest>
+
+// The portal's side: answers Screenshot with its request object, then that object's Response.
+class FakePortal : public QObject, protected QDBusContext
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.portal.Screenshot")
+public:
+    uint response = 0;
+    QString uri;
+    QVariantMap options;
+public Q_SLOTS:
+    QDBusObjectPath Screenshot(const QString &, const QVariantMap &asked)
+    {
+        options = asked;
+        QString sender = message().service().mid(1);
+        sender.replace(QLatin1Char('.'), QLatin1Char('_'));
+        const QString path = QStringLiteral("/org/freedesktop/portal/desktop/request/") + sender + QLatin1Char('/') + asked.value(QStringLiteral("handle_token")).toString();
+        QDBusMessage answer = QDBusMessage::createSignal(path, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
+        answer << response << QVariantMap{{QStringLiteral("uri"), uri}};
+        QTimer::singleShot(50, this, [bus = connection(), answer] { bus.send(answer); }); // after the call's own answer, as portals do
+        return QDBusObjectPath(path);
+    }
+};
+
+Q_DECLARE_METATYPE(ScreenSnapper::Outcome)
+
+class ScreenPortalTest : public QObject
+{
+    Q_OBJECT
+    TestSessionBus bus;
+    FakePortal portal;
+    QTemporaryDir tmp;
+    bool serving = false;
+
+    ScreenSnapper::Outcome snap(QByteArray *png = nullptr)
+    {
+        ScreenSnapper snapper(true);
+        QSignalSpy done(&snapper, &ScreenSnapper::done);
+        snapper.snap();
+        if (!done.wait(5000))
+            return ScreenSnapper::Outcome(-1);
+        if (png)
+            *png = done.first().at(1).toByteArray();
+        return done.first().first().value<ScreenSnapper::Outcome>();
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        if (!bus.start())
+            QSKIP("no dbus-daemon on this computer");
+        QImage picture(64, 40, QImage::Format_RGB32);
+        picture.fill(Qt::darkCyan);
+        QVERIFY(picture.save(tmp.filePath(QStringLiteral("screen.jpg"))));
+    }
+
+    void noPortalFails() { QCOMPARE(snap(), ScreenSnapper::Outcome::Failed); }
+
+    void answers_data()
+    {
+        QTest::addColumn<uint>("response");
+        QTest::addColumn<QString>("uri");
+        QTest::addColumn<ScreenSnapper::Outcome>("outcome");
+        const QString file = QUrl::fromLocalFile(tmp.filePath(QStringLiteral("screen.jpg"))).toString();
+        QTest::newRow("taken") << 0u << file << ScreenSnapper::Outcome::Snapped;
+        QTest::newRow("the person said no") << 1u << file << ScreenSnapper::Outcome::NotAllowed;
+        QTest::newRow("it failed") << 2u << file << ScreenSnapper::Outcome::Failed;
+        QTest::newRow("not a local file") << 0u << QStringLiteral("https://127.0.0.1/screen.jpg") << ScreenSnapper::Outcome::Failed;
+        QTest::newRow("gone") << 0u << QUrl::fromLocalFile(tmp.filePath(QStringLiteral("gone.png"))).toString() << ScreenSnapper::Outcome::Failed;
+        QTest::newRow("not a picture") << 0u << QUrl::fromLocalFile(tmp.path()).toString() << ScreenSnapper::Outcome::Failed;
+    }
+    void answers()
+    {
+        QFETCH(uint, response);
+        QFETCH(QString, uri);
+        if (!std::exchange(serving, true))
+            bus.serve(QStringLiteral("org.freedesktop.portal.Desktop"), QStringLiteral("/org/freedesktop/portal/desktop"), &portal);
+        portal.response = response;
+        portal.uri = uri;
+        QByteArray png;
+        QTEST(snap(&png), "outcome");
+        QCOMPARE(portal.options.value(QStringLiteral("interactive")), QVariant(false));
+        if (!png.isEmpty()) // the picture comes as PNG, whatever the portal wrote
+            QCOMPARE(QImage::fromData(png, "PNG").size(), QSize(64, 40));
+        QCOMPARE(png.isEmpty(), response != 0 || !QFileInfo(QUrl(uri).toLocalFile()).isFile());
+    }
+};
+
+QTEST_MAIN(ScreenPortalTest)
+#include "tst_screen_portal.moc"
