@@ -4,6 +4,7 @@
 #include <QDBusConnection>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
+#include <QFutureWatcher>
 #include <QDBusObjectPath>
 #include <QFile>
 #include <QGuiApplication>
@@ -13,6 +14,7 @@
 #include <QRandomGenerator>
 #include <QScreen>
 #include <QUrl>
+#include <QtConcurrent/QtConcurrentRun>
 
 namespace {
 
@@ -55,9 +57,18 @@ void ScreenSnapper::snap()
         askPortal();
         return;
     }
-    const QByteArray bytes = png(grabScreens());
-    // Answered later, like the portal, so that callers have one way to hear of it.
-    QTimer::singleShot(0, this, [this, bytes] { end(bytes.isEmpty() ? Outcome::Failed : Outcome::Snapped, bytes); });
+    finishOffThread([shot = grabScreens()] { return png(shot); });
+}
+
+void ScreenSnapper::finishOffThread(std::function<QByteArray()> work)
+{
+    auto *watcher = new QFutureWatcher<QByteArray>(this);
+    connect(watcher, &QFutureWatcher<QByteArray>::finished, this, [this, watcher] {
+        watcher->deleteLater();
+        const QByteArray bytes = watcher->result();
+        end(bytes.isEmpty() ? Outcome::Failed : Outcome::Snapped, bytes);
+    });
+    watcher->setFuture(QtConcurrent::run(std::move(work)));
 }
 
 QImage ScreenSnapper::grabScreens()
@@ -115,14 +126,16 @@ void ScreenSnapper::portalResponse(uint response, const QVariantMap &results)
         return;
     }
     const QUrl uri(results.value(QStringLiteral("uri")).toString());
-    QFile file(uri.toLocalFile());
-    if (response != 0 || !uri.isLocalFile() || file.size() > kMaxPictureBytes || !file.open(QIODevice::ReadOnly)) {
+    if (response != 0 || !uri.isLocalFile()) {
         end(Outcome::Failed);
         return;
     }
-    const QByteArray bytes = png(QImage::fromData(file.readAll()));
-    file.close();
-    end(bytes.isEmpty() ? Outcome::Failed : Outcome::Snapped, bytes);
+    finishOffThread([path = uri.toLocalFile()] {
+        QFile file(path);
+        if (file.size() > kMaxPictureBytes || !file.open(QIODevice::ReadOnly))
+            return QByteArray();
+        return png(QImage::fromData(file.read(kMaxPictureBytes)));
+    });
 }
 
 void ScreenSnapper::end(Outcome outcome, const QByteArray &bytes)

@@ -5,12 +5,15 @@
 #include <QTimer>
 #include <QVariantMap>
 
+#include <functional>
+
 class QImage;
 
 // Takes a picture of the whole desktop as one PNG for a sale's confirmation. On an X11 session it
 // grabs every screen and puts them together as they are arranged; on a Wayland session it asks the
 // desktop portal (org.freedesktop.portal.Screenshot over D-Bus), which may ask the person first.
-// The answer comes later, through done(). Main thread only.
+// The answer comes later, through done(). The screens are grabbed on the main thread (only there
+// can they be); reading the portal's file and making the PNG run on a pool thread. Main thread only.
 class ScreenSnapper : public QObject
 {
     Q_OBJECT
@@ -42,6 +45,7 @@ private Q_SLOTS:
 
 private:
     void askPortal();
+    void finishOffThread(std::function<QByteArray()> work);
     void end(Outcome outcome, const QByteArray &png = QByteArray());
 
     bool m_portal;
