@@ -3,7 +3,6 @@
 #include "TrayView.h"
 
 #include <QMenu>
-#include <QPainter>
 #include <QScreen>
 #include <QSystemTrayIcon>
 #include <QToolTip>
@@ -30,26 +29,29 @@ struct Case {
     TrayTip::Facts facts;
     TrayTip::Look look;
     QString tip;
+    QColor mark = {}; // the colour that tells the icon apart (none: white bars on the dark plate)
 };
+
+const QColor kOrange(0xff, 0x95, 0x00), kRed(0xff, 0x2d, 0x2d), kGreen(0x34, 0xc7, 0x59), kBlue(0x0a, 0x7a, 0xff), kYellow(0xff, 0xcc, 0x00);
 
 QList<Case> cases()
 {
     const QString room = QStringLiteral("192.168.1.20:8080");
     return {
         {"not connected", S{.agentID = 7}, {room, QStringLiteral("connection refused")}, TrayTip::Look::NotConnected,
-         QStringLiteral("Brava Recorder\nLink down: not connected to the control room at 192.168.1.20:8080 (connection refused)\nNot recording")},
+         QStringLiteral("Brava Recorder\nLink down: not connected to the control room at 192.168.1.20:8080 (connection refused)\nNot recording"), kOrange},
         {"connected", connected(), {room}, TrayTip::Look::Connected,
          QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording")},
         {"recording", connected([](S &s) { s.isRecording = true; }), {room, {}, QStringLiteral("Day 2 <b>"), true}, TrayTip::Look::Recording,
-         QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nRecording session “Day 2 <b>”\nCamera preview on")},
+         QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nRecording session “Day 2 <b>”\nCamera preview on"), kRed},
         {"listening", connected([](S &s) { s.live = true; }), {room}, TrayTip::Look::Listening,
-         QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording\nListening live")},
+         QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording\nListening live"), kGreen},
         {"on a call", connected([](S &s) { s.onCall = true; }), {room, {}, {}, false, 65}, TrayTip::Look::OnCall,
-         QStringLiteral("On a Call\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording\nOn a call 1:05")},
+         QStringLiteral("On a Call\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording\nOn a call 1:05"), kBlue},
         {"error", connected([](S &s) { s.isRecording = true, s.lastError = QStringLiteral("Microphone stopped: device unplugged"); }),
          {room, {}, QStringLiteral("S1"), false, -1, QStringLiteral("Help sent — coaches alerted")}, TrayTip::Look::Error,
          QStringLiteral("Help sent — coaches alerted\nBrava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\n"
-                        "Recording session “S1”\nError: Microphone stopped: device unplugged")},
+                        "Recording session “S1”\nError: Microphone stopped: device unplugged"), kYellow},
     };
 }
 
@@ -75,6 +77,37 @@ QPoint iconCentre()
     return found;
 }
 
+// Whether two colours are within `tolerance` of each other in every channel.
+bool near(QColor a, QColor b, int tolerance = 8)
+{
+    return qAbs(a.red() - b.red()) <= tolerance && qAbs(a.green() - b.green()) <= tolerance && qAbs(a.blue() - b.blue()) <= tolerance;
+}
+
+// Whether the 22x22 icon centred on `at` shows this colour.
+bool shows(const QImage &shot, QPoint at, QColor colour)
+{
+    int n = 0;
+    for (int y = -11; y < 11; ++y)
+        for (int x = -11; x < 11; ++x)
+            n += near(shot.pixelColor(at + QPoint(x, y)), colour, 24);
+    return n >= 6;
+}
+
+// Whether the tooltip is on the screen shot taken at `origin` (its colour inside its lower right corner).
+bool tipDrawn(const QImage &shot, QPoint origin)
+{
+    for (const QWidget *w : QApplication::topLevelWidgets())
+        if (w->objectName() == QLatin1String("qtooltip_label") && w->isVisible())
+            return near(shot.pixelColor(w->geometry().bottomRight() - origin - QPoint(2, 2)), w->palette().color(QPalette::ToolTipBase));
+    return false;
+}
+
+// Moves the pointer (xdotool mousemove --sync followed by these words); 0 when it did.
+int xdotool(const QStringList &moveTo)
+{
+    return QProcess::execute(QStringLiteral("xdotool"), QStringList{QStringLiteral("mousemove"), QStringLiteral("--sync")} + moveTo);
+}
+
 } // namespace
 
 // The tray as a person sees it: the icon per state, its tooltip in words, the menu on a left click.
@@ -95,53 +128,44 @@ private Q_SLOTS:
         QVERIFY(TrayTip::text(S{}, {}).contains(QStringLiteral("Link down: no control room set")));
     }
 
-    // Each state's icon on a light and a dark panel, and on the test tray with its tooltip.
+    // Each state's icon on the test tray with the tooltip the pointer brings up, on a light and a
+    // dark panel: the tray host's panel shows the desktop behind it, painted each colour in turn.
     void screenshots()
     {
         BRAVA_REQUIRE_X();
         QTRY_VERIFY_WITH_TIMEOUT(QSystemTrayIcon::isSystemTrayAvailable(), 5000);
-        QImage idle;
-        for (const Case &c : cases()) {
-            const QString name = QString::fromLatin1(c.name).replace(QLatin1Char(' '), QLatin1Char('-'));
-            // On both panels: the icon is drawn at the tray's size on a light and a dark strip.
-            QImage panels(2 * 48, 32, QImage::Format_RGB32);
-            panels.fill(QColor(0x20, 0x22, 0x26));
-            const QPixmap icon = QIcon(TrayTip::iconPath(c.look)).pixmap(22, 22);
-            QVERIFY2(!icon.isNull(), c.name);
-            QPainter p(&panels);
-            p.fillRect(0, 0, 48, 32, QColor(0xee, 0xee, 0xee));
-            for (int x : {13, 48 + 13})
-                p.drawPixmap(x, 5, icon);
-            p.end();
-            QVERIFY(panels.save(screens() + QLatin1Char('/') + name + QStringLiteral("-panels.png")));
-            if (c.look == TrayTip::Look::Connected)
-                idle = icon.toImage();
-            else if (c.look == TrayTip::Look::Recording || c.look == TrayTip::Look::OnCall)
-                QVERIFY2(icon.toImage() != idle, c.name);
-
-            // On the tray, with the tooltip up (a new icon each time: the tray host shows a
-            // tooltip once per icon window).
-            TrayView tray;
-            tray.draw(c.state);
-            tray.setTip(c.tip);
-            QTRY_VERIFY(!iconCentre().isNull());
-            const QPoint at = iconCentre();
-            if (c.look == TrayTip::Look::NotConnected) {
-                // The pointer resting on the icon brings the tooltip up.
-                QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("mousemove"), QStringLiteral("0"), QStringLiteral("400")});
-                QTest::qWait(200);
-                QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("mousemove"), QString::number(at.x()), QString::number(at.y())});
-                QTRY_COMPARE_WITH_TIMEOUT(QToolTip::isVisible() ? QToolTip::text() : QString(), c.tip, 5000);
-            } else {
-                // Under Xvfb the tray host passes a second hover on no more: the same tooltip, shown
-                // where the hover shows it.
-                QToolTip::showText(at + QPoint(0, 16), c.tip);
-                QTRY_VERIFY(QToolTip::isVisible());
+        const auto paint = [](QColor c) { return QProcess::execute(QStringLiteral("hsetroot"), {QStringLiteral("-solid"), c.name()}); };
+        const auto light = qScopeGuard([&] { paint(QColor(0xee, 0xee, 0xee)); });
+        const QRect screen = QGuiApplication::primaryScreen()->geometry();
+        const QRect area(screen.width() - 640, 0, 640, 200);
+        const auto grab = [&] { return QGuiApplication::primaryScreen()->grabWindow(0, area.x(), 0, area.width(), area.height()).toImage(); };
+        int side = 1;
+        for (const QColor panel : {QColor(0xee, 0xee, 0xee), QColor(0x20, 0x22, 0x26)}) {
+            QCOMPARE(paint(panel), 0);
+            QTRY_VERIFY(near(grab().pixelColor(area.width() - 195, 12), panel));
+            for (const Case &c : cases()) {
+                TrayView tray;
+                tray.draw(c.state);
+                tray.setTip(TrayTip::text(c.state, c.facts));
+                QTRY_VERIFY(!iconCentre().isNull());
+                const QPoint at = iconCentre();
+                // Off the icon until its tooltip is gone, then onto it 2 px left or right of its centre
+                // in turn: Qt sees no pointer motion on the desktop, and a pointer back at the point
+                // where Qt last saw it brings the icon no move, so no tooltip.
+                QToolTip::hideText();
+                QCOMPARE(xdotool({QStringLiteral("0"), QStringLiteral("400")}), 0);
+                QTRY_VERIFY(!QToolTip::isVisible());
+                side = -side;
+                QCOMPARE(xdotool({QString::number(at.x() + 2 * side), QString::number(at.y())}), 0);
+                QString seen; // the tooltip last up
+                QTRY_COMPARE_WITH_TIMEOUT(seen = QToolTip::isVisible() ? QToolTip::text() : seen, c.tip, 5000);
+                QImage shot;
+                QTRY_VERIFY((shot = grab(), tipDrawn(shot, area.topLeft())));
+                for (const QColor mark : {kOrange, kRed, kGreen, kBlue, kYellow})
+                    QVERIFY2(shows(shot, at - area.topLeft(), mark) == (mark == c.mark), c.name);
+                const QString name = QString::fromLatin1(c.name).replace(QLatin1Char(' '), QLatin1Char('-'));
+                QVERIFY(shot.save(screens() + QLatin1Char('/') + name + (panel.lightness() > 128 ? QStringLiteral("-light.png") : QStringLiteral("-dark.png"))));
             }
-            QTest::qWait(300);
-            const QRect screen = QGuiApplication::primaryScreen()->geometry();
-            QVERIFY(QGuiApplication::primaryScreen()->grabWindow(0, screen.width() - 640, 0, 640, 200).save(screens() + QLatin1Char('/') + name + QStringLiteral(".png")));
-            QToolTip::hideText();
         }
     }
 
