@@ -6,6 +6,7 @@
 #include "SetupRoute.h"
 #include "Reconciler.h"
 #include "SyntheticAudioBackend.h"
+#include "TestLiterals.h"
 #include "TrayView.h"
 
 #include <QApplication>
@@ -17,8 +18,6 @@
 
 #include <sys/inotify.h>
 #include <unistd.h>
-
-using J = QJsonObject;
 
 // The agent as main() builds it, driven by a control room on loopback over its real link.
 class AgentTest : public QObject
@@ -85,8 +84,8 @@ private Q_SLOTS:
         // The heartbeat's live values (its bytes are heartbeatBytes').
         QVERIFY(heartbeats(1));
         const QJsonObject o = f->room.statuses().last();
-        QVERIFY(o.value("mic").isDouble() && o.value("camError").isNull() && o.value("rate") == QJsonValue(48000));
-        QCOMPARE(o.value("cams").toArray().size(), 1);
+        QVERIFY(o.value(QLatin1String("mic")).isDouble() && o.value(QLatin1String("camError")).isNull() && o.value(QLatin1String("rate")) == QJsonValue(48000));
+        QCOMPARE(o.value(QLatin1String("cams")).toArray().size(), 1);
         // The menu is drawn again only when what it shows changed.
         const int before = f->app->status().tray()->drawCount();
         for (int i = 0; i < 3; ++i)
@@ -117,7 +116,7 @@ private Q_SLOTS:
         QCOMPARE(::read(fd, events, sizeof events), ssize_t(-1)); // nothing to read: no file was touched
         QSettings(home.settings().path(), QSettings::IniFormat).setValue(QStringLiteral("camUID"), QStringLiteral("by-hand"));
         QTRY_COMPARE_WITH_TIMEOUT(home.settings().camUID(), QStringLiteral("by-hand"), 1000);
-        QTRY_COMPARE_WITH_TIMEOUT(f->room.statuses().last().value("camUID").toString(), QStringLiteral("by-hand"), 1000);
+        QTRY_COMPARE_WITH_TIMEOUT(f->room.statuses().last().value(QLatin1String("camUID")).toString(), QStringLiteral("by-hand"), 1000);
     }
 
     // The heartbeat's bytes, written out by hand: order, escapes, numbers, null and lists (no raw
@@ -144,7 +143,7 @@ private Q_SLOTS:
         for (const auto &[reason, step] : {std::pair{R::MicRefused, std::optional(SetupStep::Mic)}, {R::ComputerAudioRefused, std::optional(SetupStep::Audio)},
                                            {R::CameraRefused, std::optional(SetupStep::Camera)}, {R::NotSetUp, std::optional<SetupStep::Step>()}, {R::Released, std::optional<SetupStep::Step>()}})
             QCOMPARE(SetupRoute::stepFor(reason), step);
-        QCOMPARE(WizardModel::stepNames(), QStringList({"Welcome", "Number", "Mic", "Audio", "Camera", "Test", "Done"}));
+        QCOMPARE(WizardModel::stepNames(), strings({"Welcome", "Number", "Mic", "Audio", "Camera", "Test", "Done"}));
         home.settings().setWizardStep(SetupStep::Test);
         QSignalSpy announced(&f->app->state(), &AgentState::setupNeeded);
         f->app->setupRoute().need(R::Released);
@@ -232,7 +231,7 @@ private Q_SLOTS:
         QVERIFY(!wishes().wantListen && !rec().listening && !f->app->commands().live() && rec().session() == QStringLiteral("take-2"));
         QTRY_VERIFY(f->app->connection().connected());
         QVERIFY(down.elapsed() >= f->app->connection().retryMs - 50 && heartbeats(1)); // a new link after the retry delay
-        QVERIFY(f->room.statuses().last().value("recording").toBool() && !f->room.statuses().last().value("live").toBool());
+        QVERIFY(f->room.statuses().last().value(QLatin1String("recording")).toBool() && !f->room.statuses().last().value(QLatin1String("live")).toBool());
         const QString writing = DataFolder::dir(QStringLiteral("writing/take-2"));
         QTRY_VERIFY_WITH_TIMEOUT(QDir(writing).entryList(QDir::Files).size() >= 2, 5000);
         QVERIFY(heartbeats(2));
@@ -242,10 +241,10 @@ private Q_SLOTS:
         for (int i = 0; i < f->room.uploads.size(); ++i) {
             QFile file(f->room.uploadPaths[i]);
             QVERIFY(file.open(QIODevice::ReadOnly) && file.read(8).mid(4) == "ftyp"); // a whole MP4 file from its first byte
-            tracks.append(f->room.uploads[i].queryItemValue("track") + QLatin1Char(' ') + f->room.uploads[i].queryItemValue("session")
-                          + QLatin1Char(' ') + f->room.uploads[i].queryItemValue("final"));
+            tracks.append(f->room.uploads[i].queryItemValue(QLatin1String("track")) + QLatin1Char(' ') + f->room.uploads[i].queryItemValue(QLatin1String("session"))
+                          + QLatin1Char(' ') + f->room.uploads[i].queryItemValue(QLatin1String("final")));
         }
-        QVERIFY2(tracks.contains("mic take-2 1") && tracks.contains("sys take-2 1") && tracks.filter(" 1").size() == tracks.size(), qPrintable(tracks.join(',')));
+        QVERIFY2(tracks.contains(QLatin1String("mic take-2 1")) && tracks.contains(QLatin1String("sys take-2 1")) && tracks.filter(QStringLiteral(" 1")).size() == tracks.size(), qPrintable(tracks.join(QLatin1Char(','))));
         QVERIFY(QDir(writing).entryList(QDir::Files).isEmpty());
         QCOMPARE(home.log().count(QRegularExpression(QStringLiteral("upload: \\w+_\\d+_\\d+(_final)?\\.m[p4][4a] done\n"))), f->room.uploads.size());
     }
@@ -267,8 +266,8 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(f->room.uploads.size() == 4 && f->app->connection().connected(), 10000);
         QStringList order;
         for (const QUrlQuery &q : f->room.uploads)
-            order.append(q.queryItemValue("idx") + q.queryItemValue("track") + q.queryItemValue("final") + q.queryItemValue("id"));
-        QCOMPARE(order, QStringList({"2mic07", "0sys07", "1sys07", "3sys17"}));
+            order.append(q.queryItemValue(QLatin1String("idx")) + q.queryItemValue(QLatin1String("track")) + q.queryItemValue(QLatin1String("final")) + q.queryItemValue(QLatin1String("id")));
+        QCOMPARE(order, strings({"2mic07", "0sys07", "1sys07", "3sys17"}));
         QTRY_COMPARE(f->app->status().menuState().pendingCount, 0);
     }
 
@@ -330,9 +329,9 @@ private Q_SLOTS:
         // A refused start is the heartbeat's error until the next command is taken.
         f->room.send(commands.first().first);
         QTRY_VERIFY(!f->room.statuses().isEmpty()
-                    && f->room.statuses().last().value("error").toString().startsWith(QStringLiteral("command start: \"session\" of 101")));
+                    && f->room.statuses().last().value(QLatin1String("error")).toString().startsWith(QStringLiteral("command start: \"session\" of 101")));
         QVERIFY(f->command(J{{"type", "stop"}}) && heartbeats(2));
-        QVERIFY(f->room.statuses().last().value("error").isNull());
+        QVERIFY(f->room.statuses().last().value(QLatin1String("error")).isNull());
         home.settings().setMicUID(QStringLiteral("keep"));
         for (const auto &[command, line] : commands) {
             QVERIFY(f->command(command));

@@ -42,7 +42,7 @@ struct RecorderFixture {
         CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override
         {
             if (isUnplugged(uid))
-                return {nullptr, "No usable webcam found"};
+                return {nullptr, QStringLiteral("No usable webcam found")};
             CameraOpen o = synthetic.open(uid, wanted, [this, uid, sink](TimedSample f) {
                 if (!isUnplugged(uid))
                     sink(std::move(f));
@@ -52,13 +52,13 @@ struct RecorderFixture {
         }
     };
 
-    static inline const QString kMonitor = "out.monitor";
+    static inline const QString kMonitor = QStringLiteral("out.monitor");
     std::unique_ptr<ManualClock> manual;
     Clock *clock = &Clock::monotonic();
     std::unique_ptr<SyntheticAudioBackend> audio;
     Cameras cameras;
     std::unique_ptr<Recorder> rec;
-    WriterSetup setup{DataFolder::pathOf("writing")}; // what each take's writers are given
+    WriterSetup setup{DataFolder::pathOf(QStringLiteral("writing"))}; // what each take's writers are given
     std::mutex mutex;
     QList<QPair<QString, QString>> done; // (path, session)
     QList<QByteArray> jpegs;
@@ -69,7 +69,7 @@ struct RecorderFixture {
         if (manualClock)
             clock = (manual = std::make_unique<ManualClock>(100000000000LL)).get();
         audio = std::make_unique<SyntheticAudioBackend>(*clock);
-        audio->devices = {Device{"laptop", "Laptop Mic", true, true}, Device{"usbmic", "USB Mic", false, false}};
+        audio->devices = {Device{QStringLiteral("laptop"), QStringLiteral("Laptop Mic"), true, true}, Device{QStringLiteral("usbmic"), QStringLiteral("USB Mic"), false, false}};
         audio->monitor = kMonitor;
         rec = std::make_unique<Recorder>(real ? *real : *audio, cameras, *clock);
         rec->onSegmentDone = [this](const QString &path, const QString &s) { std::lock_guard l(mutex); done.append({path, s}); };
@@ -89,7 +89,7 @@ struct RecorderFixture {
     bool stop() { return waitFor([&](auto cb) { rec->stop(cb); }); }
     QString take() const { return QString::number(rec->currentTake()); }
     /// The last segment's name of `track` in the current take: "<track>_<take>_<index>_final.<ext>".
-    QString finalName(const QString &track, const QString &ext = "m4a", const QString &index = "00000") const { return track + '_' + take() + '_' + index + "_final." + ext; }
+    QString finalName(const QString &track, const QString &ext = QStringLiteral("m4a"), const QString &index = QStringLiteral("00000")) const { return track + QLatin1Char('_') + take() + QLatin1Char('_') + index + QLatin1String("_final.") + ext; }
     QStringList doneNames(const QString &prefix = QString())
     {
         std::lock_guard lock(mutex);
@@ -100,7 +100,7 @@ struct RecorderFixture {
         names.sort();
         return names;
     }
-    static QString path(const QString &session, const QString &name) { return DataFolder::dir("writing") + '/' + session + '/' + name; }
+    static QString path(const QString &session, const QString &name) { return DataFolder::dir(QStringLiteral("writing")) + QLatin1Char('/') + session + QLatin1Char('/') + name; }
     QList<QByteArray> takeJpegs() { std::lock_guard lock(mutex); return std::exchange(jpegs, {}); }
 
     // 10 ms of a 440 Hz tone at 0.3 (or of `level` when set), first frame `first`.
@@ -143,7 +143,7 @@ struct AudioFeed {
                 for (int i = 0; i < 480 && clickNs; ++i)
                     if (const int64_t since = at + int64_t(i) * 1000000000 / 48000 - clickNs; since >= 0 && since < 1000000)
                         p[i] = 0.9f;
-                backend.deliver("usbmic", mono, at);
+                backend.deliver(QStringLiteral("usbmic"), mono, at);
                 backend.deliver(RecorderFixture::kMonitor, RecorderFixture::tone(2, 0, 0), at);
             }
         })

@@ -5,6 +5,7 @@
 #include "RecorderFixture.h"
 #include "SyntheticCamera.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 #include "TestPattern.h"
 
 #include <linux/videodev2.h>
@@ -44,7 +45,7 @@ class CameraTakeTest : public QObject
             QTRY_VERIFY(f->rec->camRunning());
         }
     }
-    QString cam(const QString &track, const QString &index = "00000") const { return f->finalName(track, "mp4", index); }
+    QString cam(const QString &track, const QString &index = QStringLiteral("00000")) const { return f->finalName(track, QStringLiteral("mp4"), index); }
 
 private Q_SLOTS:
     void init() { home.wipe(); }
@@ -57,19 +58,19 @@ private Q_SLOTS:
         make(1);
         const int64_t click = Clock::monotonic().nowNs() + 1513000000; // off the frame grid
         SyntheticCamera::flashAt(click);
-        QVERIFY(f->start("CAM"));
+        QVERIFY(f->start(QStringLiteral("CAM")));
         {
             AudioFeed feed(*f->audio, click);
             QTest::qWait(2800);
         }
         QVERIFY(f->stop());
-        QVERIFY(home.log().contains("sync: all tracks locked to one start"));
-        QCOMPARE(f->doneNames("cam"), QStringList({cam("cam")}));
-        const QJsonObject s = MediaProbe::video(f->path("CAM", cam("cam")));
-        QCOMPARE(s.value("codec_name").toString(), "h264");
-        QVERIFY(s.value("width").toInt() == 320 && s.value("height").toInt() == 180);
-        const double flashAt = MediaProbe::firstBrightFrame(f->path("CAM", cam("cam")));
-        const double clickAt = double(MediaProbe::firstAbove(MediaProbe::decode(f->path("CAM", f->finalName("mic"))), 0.3f)) / 48000.0;
+        QVERIFY(home.log().contains(QStringLiteral("sync: all tracks locked to one start")));
+        QCOMPARE(f->doneNames(QStringLiteral("cam")), QStringList({cam(QStringLiteral("cam"))}));
+        const QJsonObject s = MediaProbe::video(f->path(QStringLiteral("CAM"), cam(QStringLiteral("cam"))));
+        QCOMPARE(s.value(QStringLiteral("codec_name")).toString(), QStringLiteral("h264"));
+        QVERIFY(s.value(QStringLiteral("width")).toInt() == 320 && s.value(QStringLiteral("height")).toInt() == 180);
+        const double flashAt = MediaProbe::firstBrightFrame(f->path(QStringLiteral("CAM"), cam(QStringLiteral("cam"))));
+        const double clickAt = double(MediaProbe::firstAbove(MediaProbe::decode(f->path(QStringLiteral("CAM"), f->finalName(QStringLiteral("mic")))), 0.3f)) / 48000.0;
         const double captured = double(SyntheticCamera::lastFlashNs() - click) / 1e9;
         QVERIFY(flashAt > 0 && clickAt > 0 && captured >= 0 && captured < 0.5);
         QVERIFY(std::fabs((flashAt - clickAt) - captured) <= 0.002);
@@ -82,17 +83,17 @@ private Q_SLOTS:
     {
         make(2);
         f->cameras.unplugged = 1;
-        QVERIFY(f->start("WAIT"));
+        QVERIFY(f->start(QStringLiteral("WAIT")));
         QElapsedTimer waited;
         waited.start();
         {
             AudioFeed feed(*f->audio);
-            QTRY_VERIFY_WITH_TIMEOUT(home.log().contains("sync: started without cam (timed out)"), 5000);
+            QTRY_VERIFY_WITH_TIMEOUT(home.log().contains(QStringLiteral("sync: started without cam (timed out)")), 5000);
             QVERIFY2(waited.elapsed() >= 1900, qPrintable(QString::number(waited.elapsed())));
             QTest::qWait(1000);
         }
         QVERIFY(f->stop());
-        const int frames = number(MediaProbe::video(f->path("WAIT", cam("cam2"))), "nb_read_frames");
+        const int frames = number(MediaProbe::video(f->path(QStringLiteral("WAIT"), cam(QStringLiteral("cam2")))), "nb_read_frames");
         QVERIFY2(frames >= 20 && frames <= 45, qPrintable(QString::number(frames)));
     }
 
@@ -102,17 +103,17 @@ private Q_SLOTS:
     void fiveCamerasPreviewAndSwitchOff()
     {
         make(5);
-        QTRY_COMPARE(f->rec->cameraManager().extraTracks(), QStringList({"cam2", "cam3", "cam4"}));
+        QTRY_COMPARE(f->rec->cameraManager().extraTracks(), strings({"cam2", "cam3", "cam4"}));
         f->rec->previewing = true;
         QTest::qWait(1000);
         QList<QByteArray> got = f->takeJpegs();
         QVERIFY2(got.size() >= 10 && got.size() <= 25, qPrintable(QString::number(got.size())));
         for (const QByteArray &j : got)
             QCOMPARE(cameraOf(j), 1);
-        f->rec->setPreviewCamUID("synthetic-3");
+        f->rec->setPreviewCamUID(QStringLiteral("synthetic-3"));
         f->rec->videoQueue().sync([] {});
         f->takeJpegs();
-        QVERIFY(f->start("FIVE"));
+        QVERIFY(f->start(QStringLiteral("FIVE")));
         {
             AudioFeed feed(*f->audio);
             QTest::qWait(1200);
@@ -125,15 +126,15 @@ private Q_SLOTS:
         QVERIFY(!f->rec->previewing);
         f->rec->videoQueue().sync([] {});
         QVERIFY(!f->rec->camRunning() && f->rec->isRecording());
-        const QStringList ended{cam("cam2"), cam("cam3"), cam("cam4"), cam("cam")};
-        QCOMPARE(f->doneNames("cam"), ended);
+        const QStringList ended{cam(QStringLiteral("cam2")), cam(QStringLiteral("cam3")), cam(QStringLiteral("cam4")), cam(QStringLiteral("cam"))};
+        QCOMPARE(f->doneNames(QStringLiteral("cam")), ended);
         QVERIFY(f->stop());
-        QCOMPARE(f->doneNames("cam"), ended);
-        QCOMPARE(f->doneNames("mic").size(), 1);
-        QVERIFY(home.log().contains("Go Live OFF by control"));
+        QCOMPARE(f->doneNames(QStringLiteral("cam")), ended);
+        QCOMPARE(f->doneNames(QStringLiteral("mic")).size(), 1);
+        QVERIFY(home.log().contains(QStringLiteral("Go Live OFF by control")));
         for (const auto &[path, session] : f->done) {
-            QCOMPARE(session, "FIVE");
-            QVERIFY2(!path.endsWith(".mp4") || number(MediaProbe::video(path), "nb_read_frames") >= 5, qPrintable(path));
+            QCOMPARE(session, QStringLiteral("FIVE"));
+            QVERIFY2(!path.endsWith(QStringLiteral(".mp4")) || number(MediaProbe::video(path), "nb_read_frames") >= 5, qPrintable(path));
         }
     }
 
@@ -144,12 +145,12 @@ private Q_SLOTS:
     void camerasJoinLateAndComeBack()
     {
         make(2, false);
-        QVERIFY(f->start("LATE"));
+        QVERIFY(f->start(QStringLiteral("LATE")));
         AudioFeed feed(*f->audio);
-        QTRY_VERIFY(home.log().contains("sync: all tracks locked to one start"));
+        QTRY_VERIFY(home.log().contains(QStringLiteral("sync: all tracks locked to one start")));
         QTest::qWait(500);
         f->rec->setCamerasEnabled(true);
-        QTRY_COMPARE(f->rec->cameraManager().extraTracks(), QStringList({"cam2"}));
+        QTRY_COMPARE(f->rec->cameraManager().extraTracks(), strings({"cam2"}));
         QTest::qWait(600);
         f->rec->restartCamera();
         QTest::qWait(600);
@@ -159,13 +160,13 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(f->rec->camRunning(), 5000);
         QTest::qWait(800);
         QVERIFY(f->stop());
-        QCOMPARE(f->doneNames("cam_"), QStringList({cam("cam")}));
-        QCOMPARE(f->doneNames("cam2").mid(0, 2), QStringList({cam("cam2"), cam("cam2", "00001")})); // (the main camera coming back may open it again)
-        const QJsonObject main = MediaProbe::video(f->path("LATE", cam("cam")));
-        QVERIFY2(number(main, "start_time") > 0.4, qPrintable(main["start_time"].toString()));
-        QVERIFY(std::fabs(number(main, "start_time") - number(MediaProbe::video(f->path("LATE", cam("cam2"))), "start_time")) < 0.1);
-        QVERIFY2(number(main, "format_duration") - number(main, "start_time") > 2.0, qPrintable(main["format_duration"].toString()));
-        QVERIFY(number(MediaProbe::video(f->path("LATE", cam("cam2", "00001"))), "nb_read_frames") >= 5);
+        QCOMPARE(f->doneNames(QStringLiteral("cam_")), QStringList({cam(QStringLiteral("cam"))}));
+        QCOMPARE(f->doneNames(QStringLiteral("cam2")).mid(0, 2), QStringList({cam(QStringLiteral("cam2")), cam(QStringLiteral("cam2"), QStringLiteral("00001"))})); // (the main camera coming back may open it again)
+        const QJsonObject main = MediaProbe::video(f->path(QStringLiteral("LATE"), cam(QStringLiteral("cam"))));
+        QVERIFY2(number(main, "start_time") > 0.4, qPrintable(main[QLatin1String("start_time")].toString()));
+        QVERIFY(std::fabs(number(main, "start_time") - number(MediaProbe::video(f->path(QStringLiteral("LATE"), cam(QStringLiteral("cam2")))), "start_time")) < 0.1);
+        QVERIFY2(number(main, "format_duration") - number(main, "start_time") > 2.0, qPrintable(main[QLatin1String("format_duration")].toString()));
+        QVERIFY(number(MediaProbe::video(f->path(QStringLiteral("LATE"), cam(QStringLiteral("cam2"), QStringLiteral("00001")))), "nb_read_frames") >= 5);
     }
 };
 

@@ -2,6 +2,7 @@
 #include "OrphanRecovery.h"
 #include "RecorderFixture.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 
 #include <cstdio>
 #include <csignal>
@@ -26,7 +27,7 @@ private Q_SLOTS:
         QFETCH(int, killMs);
         home.wipe();
         QProcess p;
-        p.start(QCoreApplication::applicationFilePath(), {"record"});
+        p.start(QCoreApplication::applicationFilePath(), {QStringLiteral("record")});
         QTRY_VERIFY_WITH_TIMEOUT(p.canReadLine(), 10000);
         QElapsedTimer ran;
         ran.start();
@@ -35,12 +36,12 @@ private Q_SLOTS:
         ::kill(pid_t(p.processId()), SIGKILL);
         const double seconds = double(ran.elapsed()) / 1000;
         QVERIFY(p.waitForFinished(5000));
-        const auto found = OrphanRecovery(DataFolder::dir("writing"), DataFolder::dir("unrecognized")).run();
-        for (const QString track : {"mic", "sys", "cam"}) {
+        const auto found = OrphanRecovery(DataFolder::dir(QStringLiteral("writing")), DataFolder::dir(QStringLiteral("unrecognized"))).run();
+        for (const QString &track : strings({"mic", "sys", "cam"})) {
             double kept = 0;
             for (const OrphanRecovery::Found &file : found)
-                if (QFileInfo(file.path).fileName().startsWith(track + '_') && file.session == "killed")
-                    kept = MediaProbe::number(track == "cam" ? MediaProbe::video(file.path) : MediaProbe::stream(file.path), "format_duration");
+                if (QFileInfo(file.path).fileName().startsWith(track + QLatin1Char('_')) && file.session == QStringLiteral("killed"))
+                    kept = MediaProbe::number(track == QStringLiteral("cam") ? MediaProbe::video(file.path) : MediaProbe::stream(file.path), "format_duration");
             qInfo("%s: %.2f s recovered of %.2f s, lost %.2f s", qPrintable(track), kept, seconds, seconds - kept);
             QVERIFY2(seconds - kept <= 2.5, qPrintable(track));
             QVERIFY2(killMs < 1500 || kept > 0, qPrintable(track)); // the header and a first fragment are on disk

@@ -5,6 +5,7 @@
 #include "RecorderFixture.h"
 #include "SessionFolder.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 #include "Uploader.h"
 
 #include <QProcess>
@@ -35,25 +36,25 @@ private Q_SLOTS:
     // lines are placed, keeps all its audio.
     void takeWritesEveryTrack()
     {
-        QVERIFY(f->start("S1"));
+        QVERIFY(f->start(QStringLiteral("S1")));
         QVERIFY(!f->rec->lastError() && f->rec->isRecording());
-        QCOMPARE(f->rec->micName() + ", " + f->rec->roomName(), "USB Mic, Laptop Mic");
+        QCOMPARE(f->rec->micName() + QLatin1String(", ") + f->rec->roomName(), QStringLiteral("USB Mic, Laptop Mic"));
         const int64_t t = f->clock->nowNs();
         f->feed({usb, laptop}, t, 0.3); // sys not yet there
         f->feed({usb, laptop, mon}, t + 300000000, 1.5);
-        const QStringList first = {f->finalName("mic"), f->finalName("room"), f->finalName("sys")};
-        QVERIFY(f->start("S2"));
+        const QStringList first = {f->finalName(QStringLiteral("mic")), f->finalName(QStringLiteral("room")), f->finalName(QStringLiteral("sys"))};
+        QVERIFY(f->start(QStringLiteral("S2")));
         QCOMPARE(f->doneNames(), first);
         for (const auto &[path, session] : f->done) {
-            QCOMPARE(session, "S1");
+            QCOMPARE(session, QStringLiteral("S1"));
             QVERIFY2(std::fabs(seconds(path) - 1.5) < 0.03, qPrintable(path));
         }
         f->feed({usb, mon}, f->clock->nowNs(), 0.4, 4000000); // too unsteady to place the time line early
         QVERIFY(f->stop());
-        QVERIFY(!f->rec->running() && !first.contains(f->finalName("mic")));
-        QCOMPARE(f->doneNames("mic"), QStringList({first[0], f->finalName("mic")}));
+        QVERIFY(!f->rec->running() && !first.contains(f->finalName(QStringLiteral("mic"))));
+        QCOMPARE(f->doneNames(QStringLiteral("mic")), QStringList({first[0], f->finalName(QStringLiteral("mic"))}));
         for (const auto &[path, session] : f->done.mid(3)) // a take stopped while its time lines are placed keeps that audio whole
-            QVERIFY2(session == "S2" && std::fabs(seconds(path) - 0.4) < 0.01, qPrintable(path));
+            QVERIFY2(session == QStringLiteral("S2") && std::fabs(seconds(path) - 0.4) < 0.01, qPrintable(path));
         for (const char *line : {"capture started session=S1", "mic: USB Mic", "computer mic: Laptop Mic",
                                  "sync: all tracks locked to one start", "capture stopped"})
             QVERIFY2(home.log().contains(QLatin1String(line)), line);
@@ -82,7 +83,7 @@ private Q_SLOTS:
         QCOMPARE(f->rec->roomName(), QString());
         QVERIFY(f->audio->openChannels(usb) == 0 && f->audio->openChannels(laptop) == 1);
         QVERIFY(f->stop());
-        QVERIFY(QDir(DataFolder::dir("writing")).isEmpty());
+        QVERIFY(QDir(DataFolder::dir(QStringLiteral("writing"))).isEmpty());
     }
 
     // Computer audio that never arrives: the sync starts without it 2 s after the first sample,
@@ -90,11 +91,11 @@ private Q_SLOTS:
     void missingOutputTimesOut()
     {
         f->audio->monitor.reset();
-        QVERIFY(f->start("S2"));
-        QCOMPARE(f->rec->lastError().value_or(QString()), "No audio output found");
+        QVERIFY(f->start(QStringLiteral("S2")));
+        QCOMPARE(f->rec->lastError().value_or(QString()), QStringLiteral("No audio output found"));
         f->feed({usb}, f->clock->nowNs(), 2.5 + DriftCorrector::kHoldSeconds); // output waits kHoldSeconds
         QVERIFY(f->stop());
-        QVERIFY(home.log().contains("sync: started without sys (timed out)"));
+        QVERIFY(home.log().contains(QStringLiteral("sync: started without sys (timed out)")));
         QCOMPARE(f->done.size(), 1);
         const QVector<float> pcm = MediaProbe::decode(f->done[0].first);
         // The gate's wait starts with the first block out of the hold, kHoldSeconds after its
@@ -120,11 +121,11 @@ private Q_SLOTS:
     {
         QFETCH(QString, refused);
         f->audio->refused = {refused};
-        if (refused == "server")
+        if (refused == QStringLiteral("server"))
             f->audio->accessAnswer = AudioBackend::Access::Refused;
-        if (refused == "no mics")
+        if (refused == QStringLiteral("no mics"))
             f->audio->devices.clear();
-        QVERIFY(f->start("S3"));
+        QVERIFY(f->start(QStringLiteral("S3")));
         QTEST(f->rec->lastError().value_or(QString()), "error");
         QTEST(int(f->rec->blocked()), "blocked");
         QTEST(f->audio->openChannels(usb), "micChannels");
@@ -136,23 +137,23 @@ private Q_SLOTS:
     // once; when it answers again the error clears and a stream that ended meanwhile is opened again.
     void sourcesFailAndComeBack()
     {
-        QVERIFY(f->start("S6"));
-        QVERIFY(f->audio->fail(mon, "device vanished"));
-        QTRY_COMPARE(f->rec->lastError().value_or(QString()), "Computer audio stopped");
-        QVERIFY(home.log().contains("computer audio stopped: device vanished"));
+        QVERIFY(f->start(QStringLiteral("S6")));
+        QVERIFY(f->audio->fail(mon, QStringLiteral("device vanished")));
+        QTRY_COMPARE(f->rec->lastError().value_or(QString()), QStringLiteral("Computer audio stopped"));
+        QVERIFY(home.log().contains(QStringLiteral("computer audio stopped: device vanished")));
         QVERIFY(f->audio->openChannels(mon) == 0 && f->scheduled.size() == 1);
         f->scheduled.takeFirst()();
         QCOMPARE(f->audio->openChannels(mon), 2);
         f->audio->setAnswering(false); // the backend's watcher hears of it
-        QTRY_COMPARE(f->rec->lastError().value_or(QString()), "Sound server not answering");
-        QVERIFY(f->audio->fail(usb, "server gone"));
+        QTRY_COMPARE(f->rec->lastError().value_or(QString()), QStringLiteral("Sound server not answering"));
+        QVERIFY(f->audio->fail(usb, QStringLiteral("server gone")));
         f->audio->changeOutput(mon);
         QTRY_COMPARE(f->audio->openChannels(usb), 0);
         f->audio->setAnswering(true);
         QTRY_COMPARE(f->audio->openChannels(usb), 1);
         QVERIFY(!f->rec->lastError());
-        QCOMPARE(home.log().count("Sound server not answering"), 1);
-        QVERIFY(f->audio->fail(mon, "again"));
+        QCOMPARE(home.log().count(QStringLiteral("Sound server not answering")), 1);
+        QVERIFY(f->audio->fail(mon, QStringLiteral("again")));
         QTRY_COMPARE(f->scheduled.size(), 1);
         QVERIFY(f->stop());
         f->scheduled.takeFirst()();
@@ -163,7 +164,7 @@ private Q_SLOTS:
     // once when the take ends. The main thread's level reading does not wait for the queue.
     void fullQueueDropsAndSays()
     {
-        QVERIFY(f->start("S10"));
+        QVERIFY(f->start(QStringLiteral("S10")));
         std::mutex stuck;
         stuck.lock();
         f->rec->audioQueue().async([&stuck] { std::lock_guard hold(stuck); });
@@ -174,7 +175,7 @@ private Q_SLOTS:
         stuck.unlock();
         QCOMPARE(f->rec->audioPath().dropped(AudioPath::Mic), 100LL);
         QVERIFY(f->stop());
-        QCOMPARE(home.log().count("audio queue full: dropped 100 blocks of mic"), 1);
+        QCOMPARE(home.log().count(QStringLiteral("audio queue full: dropped 100 blocks of mic")), 1);
     }
 
     // A disk that fills mid-take: the error shows and is logged once until it clears, what
@@ -182,21 +183,21 @@ private Q_SLOTS:
     // Every file queued reads. Needs the right to mount a tmpfs (CI runs as root).
     void fullDiskShowsAndRecovers()
     {
-        const QString writing = DataFolder::dir("writing");
-        const auto mount = [&](const char *o) { return QProcess::execute("mount", {"-t", "tmpfs", "-o", o, "tmpfs", writing}) == 0; };
+        const QString writing = DataFolder::dir(QStringLiteral("writing"));
+        const auto mount = [&](const char *o) { return QProcess::execute(QStringLiteral("mount"), strings({"-t", "tmpfs", "-o", o, "tmpfs"}) << writing) == 0; };
         if (!mount("size=300k"))
             QSKIP("no right to mount a tmpfs here");
-        const auto unmount = qScopeGuard([&] { QProcess::execute("umount", {"-l", writing}); }); // lazy: files may be open
-        QVERIFY(f->start("D1"));
+        const auto unmount = qScopeGuard([&] { QProcess::execute(QStringLiteral("umount"), {QStringLiteral("-l"), writing}); }); // lazy: files may be open
+        QVERIFY(f->start(QStringLiteral("D1")));
         f->feed({usb, mon}, f->clock->nowNs(), 20); // 24 kB/s of AAC: full after about 12 s
-        QVERIFY(f->rec->lastError().value_or(QString()).contains("No space left"));
+        QVERIFY(f->rec->lastError().value_or(QString()).contains(QStringLiteral("No space left")));
         QVERIFY(f->doneNames().size() >= 2);
-        for (const QString track : {"mic", "sys"})
-            QVERIFY(home.log().count("writer error " + track) <= 1 + home.log().count("writer " + track + ": writing again"));
+        for (const QString &track : strings({"mic", "sys"}))
+            QVERIFY(home.log().count(QLatin1String("writer error ") + track) <= 1 + home.log().count(QLatin1String("writer ") + track + QLatin1String(": writing again")));
         QVERIFY(mount("remount,size=20m"));
         f->feed({usb, mon}, f->clock->nowNs(), 6);
         QVERIFY(!f->rec->lastError());
-        QVERIFY(f->stop() && f->doneNames("mic").last().contains("_final"));
+        QVERIFY(f->stop() && f->doneNames(QStringLiteral("mic")).last().contains(QStringLiteral("_final")));
         for (const auto &[path, session] : f->done)
             QVERIFY2(MediaProbe::number(MediaProbe::stream(path), "format_duration") > 0, qPrintable(path));
     }
@@ -210,15 +211,15 @@ private Q_SLOTS:
         QVERIFY(f->start(session));
         f->feed({usb, mon}, f->clock->nowNs(), 1);
         QVERIFY(f->stop() && !f->rec->lastError() && f->done.size() == 2);
-        QVERIFY(SessionFolder::name(session + "s") != QFileInfo(QFileInfo(f->done[0].first).path()).fileName());
-        const auto found = OrphanRecovery(DataFolder::dir("writing"), DataFolder::dir(QStringLiteral("unrecognized"))).run();
+        QVERIFY(SessionFolder::name(session + QLatin1String("s")) != QFileInfo(QFileInfo(f->done[0].first).path()).fileName());
+        const auto found = OrphanRecovery(DataFolder::dir(QStringLiteral("writing")), DataFolder::dir(QStringLiteral("unrecognized"))).run();
         QCOMPARE(found.value(0).session, session);
-        QVERIFY(QFile::rename(found[0].path, SessionFolder::make(DataFolder::dir(QStringLiteral("pending")), session) + "/mic_1_00000.m4a"));
+        QVERIFY(QFile::rename(found[0].path, SessionFolder::make(DataFolder::dir(QStringLiteral("pending")), session) + QLatin1String("/mic_1_00000.m4a")));
         QCOMPARE(Uploader::pendingFiles(DataFolder::dir(QStringLiteral("pending"))).value(0).session, session);
-        QVERIFY(!home.log().contains("\nline two") && home.log().contains("first\\x0aline two"));
-        QVERIFY(QFile(DataFolder::dir("writing") + "/blocked").open(QIODevice::WriteOnly) && f->start(QStringLiteral("blocked")));
+        QVERIFY(!home.log().contains(QStringLiteral("\nline two")) && home.log().contains(QStringLiteral("first\\x0aline two")));
+        QVERIFY(QFile(DataFolder::dir(QStringLiteral("writing")) + QLatin1String("/blocked")).open(QIODevice::WriteOnly) && f->start(QStringLiteral("blocked")));
         f->feed({usb, mon}, f->clock->nowNs(), 0.5 + DriftCorrector::kHoldSeconds);
-        QVERIFY(f->rec->lastError().value_or(QString()).startsWith("writer error"));
+        QVERIFY(f->rec->lastError().value_or(QString()).startsWith(QStringLiteral("writer error")));
     }
 };
 

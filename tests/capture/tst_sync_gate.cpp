@@ -1,6 +1,7 @@
 #include "ManualClock.h"
 #include "SyncGate.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 
 #include <QtTest>
 
@@ -23,12 +24,12 @@ private Q_SLOTS:
         QTest::addColumn<QList<int>>("times");   // their times (ms)
         QTest::addColumn<int>("waitMs");         // clock moved after them, then "mic" at 5000 ms
         QTest::addColumn<int>("t0");             // -1: not locked
-        QTest::newRow("latest start") << false << QStringList{"room", "mic", "sys"} << QList<int>{50, 100, 250} << 0 << 250;
-        QTest::newRow("camera waited for") << true << QStringList{"mic", "sys"} << QList<int>{100, 250} << 1900 << -1;
-        QTest::newRow("camera last") << true << QStringList{"mic", "cam", "sys"} << QList<int>{100, 400, 250} << 0 << 400;
-        QTest::newRow("2 s is still waiting") << false << QStringList{"mic"} << QList<int>{100} << 1990 << -1;
-        QTest::newRow("sys given up") << false << QStringList{"mic"} << QList<int>{100} << 1991 << 100;
-        QTest::newRow("cam given up") << true << QStringList{"sys", "mic"} << QList<int>{300, 100} << 1991 << 300;
+        QTest::newRow("latest start") << false << strings({"room", "mic", "sys"}) << QList<int>{50, 100, 250} << 0 << 250;
+        QTest::newRow("camera waited for") << true << strings({"mic", "sys"}) << QList<int>{100, 250} << 1900 << -1;
+        QTest::newRow("camera last") << true << strings({"mic", "cam", "sys"}) << QList<int>{100, 400, 250} << 0 << 400;
+        QTest::newRow("2 s is still waiting") << false << strings({"mic"}) << QList<int>{100} << 1990 << -1;
+        QTest::newRow("sys given up") << false << strings({"mic"}) << QList<int>{100} << 1991 << 100;
+        QTest::newRow("cam given up") << true << strings({"sys", "mic"}) << QList<int>{300, 100} << 1991 << 300;
     }
     void locks()
     {
@@ -47,11 +48,11 @@ private Q_SLOTS:
             clock.advance(10000000);
         }
         clock.advance(int64_t(waitMs) * 1000000);
-        QCOMPARE(gate.pass("mic", ms(5000)), t0 >= 0);
+        QCOMPARE(gate.pass(QStringLiteral("mic"), ms(5000)), t0 >= 0);
         QCOMPARE(gate.t0().value_or(ms(-1)), ms(t0));
         QCOMPARE(locks, t0 >= 0 ? 1 : 0);
         if (t0 >= 0)
-            QVERIFY(!gate.pass("sys", ms(t0 - 1)) && gate.pass("room", ms(t0)) && locks == 1);
+            QVERIFY(!gate.pass(QStringLiteral("sys"), ms(t0 - 1)) && gate.pass(QStringLiteral("room"), ms(t0)) && locks == 1);
     }
 };
 

@@ -67,7 +67,7 @@ class WriterTest : public QObject
     QStringList done;
 
     void attach(SegmentWriter &w) { w.onSegmentDone = [this](const QString &p) { done.append(p); }; }
-    static QString writing() { return DataFolder::pathOf("writing"); }
+    static QString writing() { return DataFolder::pathOf(QStringLiteral("writing")); }
 
 private Q_SLOTS:
     void init()
@@ -95,17 +95,17 @@ private Q_SLOTS:
         QFETCH(int, bitRate);
         const WriterSetup setup{writing(), bitRate};
         std::unique_ptr<SegmentWriter> w = channels ? std::unique_ptr<SegmentWriter>(new TrackWriter(name.left(3), setup))
-                                                    : std::make_unique<VideoWriter>("cam", setup);
+                                                    : std::make_unique<VideoWriter>(QStringLiteral("cam"), setup);
         attach(*w);
-        w->begin("S1", 1);
+        w->begin(QStringLiteral("S1"), 1);
         for (int i = 0; i < (channels ? 300 : 90); ++i)
             w->append(channels ? block(i * 480, channels, [](int64_t) { return noise(); }) : frameAt(i));
         w->close(true);
-        QCOMPARE(done, QStringList({writing() + "/S1/" + name}));
+        QCOMPARE(done, QStringList({writing() + QLatin1String("/S1/") + name}));
         const QJsonObject s = channels ? MediaProbe::stream(done[0]) : MediaProbe::video(done[0]);
         const auto field = [&](const char *key) { return QString::number(MediaProbe::number(s, key)); };
-        QTEST(channels ? QString(s["codec_name"].toString() + ' ' + field("sample_rate") + " Hz " + field("channels") + " ch")
-                       : QString(s["codec_name"].toString() + ' ' + field("width") + 'x' + field("height") + ' ' + s["pix_fmt"].toString() + ' ' + field("nb_read_frames") + " frames"),
+        QTEST(channels ? QString(s[QLatin1String("codec_name")].toString() + QLatin1Char(' ') + field("sample_rate") + QLatin1String(" Hz ") + field("channels") + QLatin1String(" ch"))
+                       : QString(s[QLatin1String("codec_name")].toString() + QLatin1Char(' ') + field("width") + QLatin1Char('x') + field("height") + QLatin1Char(' ') + s[QLatin1String("pix_fmt")].toString() + QLatin1Char(' ') + field("nb_read_frames") + QLatin1String(" frames")),
               "probed");
         QVERIFY(!channels || MediaProbe::decode(done[0]).size() == 300 * 480);
         QVERIFY2(std::abs(MediaProbe::number(s, "bit_rate") - bitRate) < 0.2 * bitRate, qPrintable(field("bit_rate")));
@@ -116,9 +116,9 @@ private Q_SLOTS:
     // index. Ending again with nothing open, or a segment that holds no media yet, hands over no file.
     void rollOverFromTheCommonStart()
     {
-        TrackWriter w("mic", {writing(), 8000000, 2.0});
+        TrackWriter w(QStringLiteral("mic"), {writing(), 8000000, 2.0});
         attach(w);
-        w.begin("S2", 42);
+        w.begin(QStringLiteral("S2"), 42);
         w.setOpenAt(MediaTime::fromNanoseconds(kBase + ns(4800)));
         const int blocks = 5 * 100 + 17;
         for (int b = 0; b < blocks; ++b)
@@ -128,8 +128,8 @@ private Q_SLOTS:
         w.close(false);
         w.close(true);
         QCOMPARE(done.size(), 3);
-        QVERIFY(done[0].endsWith("/S2/mic_42_00000.m4a") && done[1].endsWith("/S2/mic_42_00001.m4a") && done[2].endsWith("/S2/mic_42_00002.m4a"));
-        w.begin("S3", 7); // a segment whose audio the encoder still holds when another format fails it
+        QVERIFY(done[0].endsWith(QLatin1String("/S2/mic_42_00000.m4a")) && done[1].endsWith(QLatin1String("/S2/mic_42_00001.m4a")) && done[2].endsWith(QLatin1String("/S2/mic_42_00002.m4a")));
+        w.begin(QStringLiteral("S3"), 7); // a segment whose audio the encoder still holds when another format fails it
         w.append(block(0, 1, [](int64_t) { return 0.f; }));
         w.append(block(480, 2, [](int64_t) { return 0.f; }));
         w.close(true);

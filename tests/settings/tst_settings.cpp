@@ -29,7 +29,7 @@ private Q_SLOTS:
         QFile::remove(settings.path());
         QTRY_VERIFY(settings.reads() > 0 && !QFile::exists(settings.path()));
         settings.reload();
-        QSettings(settings.path(), QSettings::IniFormat).setValue("micUID", "m1");
+        QSettings(settings.path(), QSettings::IniFormat).setValue("micUID", QStringLiteral("m1"));
         QTRY_COMPARE_WITH_TIMEOUT(settings.micUID(), QStringLiteral("m1"), 1000);
         QSignalSpy idChanged(&settings, &Settings::agentIDChanged);
         settings.setAgentID(7);

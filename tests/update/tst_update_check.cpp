@@ -1,6 +1,7 @@
 // The release check: the feed over HTTPS, the decision and its alerts, version order, the download
 // URL policy and the digest's form.
 #include "TestHome.h"
+#include "TestLiterals.h"
 #include "UpdateKit.h"
 #include "UpdatePolicy.h"
 
@@ -42,21 +43,21 @@ class UpdateCheckTest : public QObject
     QStringList runCheck(AppUpdates &u, const HttpsStub::Answer &answer, bool manual)
     {
         static const QHash<QString, QString> texts{
-            {"You’re up to date", "Brava Recorder 1.9 is the latest published Linux release."},
-            {"Update available", "Version 2.0 is ready. Finish recording, calls, and uploads first. We’ll remind you when it’s safe."},
-            {"Couldn’t check for updates", "Your recorder will keep working. Try again when you have internet access."},
-            {kOffer, "Download and verify the update now? Your agent number and settings are kept. Installation is prompted; nothing restarts automatically."}};
+            {QStringLiteral("You’re up to date"), QStringLiteral("Brava Recorder 1.9 is the latest published Linux release.")},
+            {QStringLiteral("Update available"), QStringLiteral("Version 2.0 is ready. Finish recording, calls, and uploads first. We’ll remind you when it’s safe.")},
+            {QStringLiteral("Couldn’t check for updates"), QStringLiteral("Your recorder will keep working. Try again when you have internet access.")},
+            {kOffer, QStringLiteral("Download and verify the update now? Your agent number and settings are kept. Installation is prompted; nothing restarts automatically.")}};
         kit.alerts.clear();
         kit.server->route(kFeedPath, answer);
         QSignalSpy done(&u, &AppUpdates::checkFinished);
         u.check(manual);
         if (!done.wait(20000))
-            return {"no end"};
+            return {QStringLiteral("no end")};
         QStringList messages;
         for (const Alert &a : std::as_const(kit.alerts)) {
             messages.append(a.message);
             if (texts.value(a.message) != a.informative)
-                messages.append("unexpected text: " + a.informative);
+                messages.append(QLatin1String("unexpected text: ") + a.informative);
         }
         return messages;
     }
@@ -98,13 +99,13 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("alerts");
         QTest::addColumn<QString>("pending");
         QTest::addColumn<QString>("error");
-        const QStringList none, upToDate{"You’re up to date"}, failed{"Couldn’t check for updates"}, offer{kOffer};
-        const QString unexpected = "Unexpected update feed", down = "Update service unavailable", invalid = "Invalid update release";
+        const QStringList none, upToDate{QStringLiteral("You’re up to date")}, failed{QStringLiteral("Couldn’t check for updates")}, offer{kOffer};
+        const QString unexpected = QStringLiteral("Unexpected update feed"), down = QStringLiteral("Update service unavailable"), invalid = QStringLiteral("Invalid update release");
         QTest::newRow("up to date, manual") << offering("1.9") << false << true << upToDate << "" << "";
         QTest::newRow("up to date, automatic") << offering("1.9") << false << false << none << "" << "";
         QTest::newRow("newer, manual") << offering("2.0") << false << true << offer << "2.0" << "";
         QTest::newRow("newer, automatic") << offering("2.0") << false << false << offer << "2.0" << "";
-        QTest::newRow("busy, manual") << offering("2.0") << true << true << QStringList{"Update available"} << "2.0" << "";
+        QTest::newRow("busy, manual") << offering("2.0") << true << true << strings({"Update available"}) << "2.0" << "";
         QTest::newRow("busy, automatic") << offering("2.0") << true << false << none << "2.0" << "";
         QTest::newRow("only entry disabled") << offering("2.0", ", \"enabled\": false") << false << true << upToDate << "" << "";
         QTest::newRow("first match counts, older")
@@ -156,7 +157,7 @@ private Q_SLOTS:
         u->offerPending();
         u->offerPending();
         QCOMPARE(kit.alerts.size(), 1);
-        QCOMPARE(kit.alerts[0].buttons, (QStringList{"Download Update", "Later"}));
+        QCOMPARE(kit.alerts[0].buttons, (strings({"Download Update", "Later"})));
         QCOMPARE(runCheck(*u, offering("2.0"), false), QStringList{});
         QCOMPARE(runCheck(*u, offering("2.0"), true), QStringList{kOffer});
     }

@@ -3,6 +3,7 @@
 // archives the unpacker refuses.
 #include "ArchiveUnpacker.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 #include "UpdateKit.h"
 
 #include <QJsonDocument>
@@ -76,40 +77,40 @@ class UpdateDownloadTest : public QObject
 
     // A release folder of `version` signed with `key` after `beforeSigning`, zipped by sign-release
     // or, after `afterSigning`, by zip again; served under /wp-content/uploads/.
-    Release publish(const QString &version = "2.0", const Tweak &beforeSigning = {}, const Tweak &afterSigning = {},
-                    const QString &key = "test-private.pem")
+    Release publish(const QString &version = QStringLiteral("2.0"), const Tweak &beforeSigning = {}, const Tweak &afterSigning = {},
+                    const QString &key = QStringLiteral("test-private.pem"))
     {
-        const QString root = kit.dir.filePath(QString::number(++m_serial)), folder = root + "/Brava Recorder";
-        const QString path = "/wp-content/uploads/" + QString::number(m_serial) + ".zip";
-        QDir().mkpath(folder + "/lib");
-        QFile::copy("/bin/true", folder + "/brava-recorder");
-        writeFile(folder + "/Info.ini", "[General]\nCFBundleShortVersionString=" + version.toUtf8() + "\nCFBundleIdentifier=com.vantorra.brava-recorder\n");
-        writeFile(folder + "/lib/data.txt", "release data\n");
-        QFile::link("lib/data.txt", folder + "/data-link");
+        const QString root = kit.dir.filePath(QString::number(++m_serial)), folder = root + QLatin1String("/Brava Recorder");
+        const QString path = QLatin1String("/wp-content/uploads/") + QString::number(m_serial) + QLatin1String(".zip");
+        QDir().mkpath(folder + QLatin1String("/lib"));
+        QFile::copy(QStringLiteral("/bin/true"), folder + QLatin1String("/brava-recorder"));
+        writeFile(folder + QLatin1String("/Info.ini"), "[General]\nCFBundleShortVersionString=" + version.toUtf8() + "\nCFBundleIdentifier=com.vantorra.brava-recorder\n");
+        writeFile(folder + QLatin1String("/lib/data.txt"), "release data\n");
+        QFile::link(QStringLiteral("lib/data.txt"), folder + QLatin1String("/data-link"));
         if (beforeSigning)
             beforeSigning(folder);
-        const QByteArray entry = UpdateKit::run(root, {BRAVA_SOURCE_DIR "/scripts/sign-release", folder, UpdateKit::key(key), kit.base() + path});
-        QString zip = root + "/Brava Recorder-" + version + "-linux.zip";
+        const QByteArray entry = UpdateKit::run(root, {QStringLiteral(BRAVA_SOURCE_DIR "/scripts/sign-release"), folder, UpdateKit::key(key), kit.base() + path});
+        QString zip = root + QLatin1String("/Brava Recorder-") + version + QLatin1String("-linux.zip");
         if (afterSigning) {
             QFile::remove(zip);
             afterSigning(folder);
-            UpdateKit::run(root, {"zip", "-qry", zip = root + ".zip", "."});
+            UpdateKit::run(root, {QStringLiteral("zip"), QStringLiteral("-qry"), zip = root + QLatin1String(".zip"), QStringLiteral(".")});
         }
         Release r = serve(path, {200, UpdateKit::readAll(zip)}, version);
         if (!afterSigning) // the digest sign-release printed
             r.sha256 = QJsonDocument::fromJson(entry).object().value(QLatin1String("sha256")).toString();
         return r;
     }
-    Release serve(const QString &path, const HttpsStub::Answer &answer, const QString &version = "2.0")
+    Release serve(const QString &path, const HttpsStub::Answer &answer, const QString &version = QStringLiteral("2.0"))
     {
         kit.server->route(path.toUtf8(), answer);
         m_zip = answer.body;
-        return {"recorder", "linux", version, QUrl(kit.base() + path), QCryptographicHash::hash(m_zip, QCryptographicHash::Sha256).toHex(), true};
+        return {QStringLiteral("recorder"), QStringLiteral("linux"), version, QUrl(kit.base() + path), QString::fromLatin1(QCryptographicHash::hash(m_zip, QCryptographicHash::Sha256).toHex()), true};
     }
     void installedUntouched()
     {
-        QCOMPARE(QDir(kit.installed).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList{"brava-recorder"});
-        QCOMPARE(UpdateKit::readAll(kit.installed + "/brava-recorder"), UpdateKit::readAll("/bin/true"));
+        QCOMPARE(QDir(kit.installed).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), strings({"brava-recorder"}));
+        QCOMPARE(UpdateKit::readAll(kit.installed + QLatin1String("/brava-recorder")), UpdateKit::readAll(QStringLiteral("/bin/true")));
     }
 
 private Q_SLOTS:
@@ -152,19 +153,19 @@ private Q_SLOTS:
         const QString folder = u->verifiedFolder();
         QTRY_COMPARE(kit.alerts.size(), alerts);
         QTRY_COMPARE(kit.revealed, busyAtClick ? QStringList() : QStringList{folder});
-        QCOMPARE(kit.alerts.last().message, "Update verified");
+        QCOMPARE(kit.alerts.last().message, QStringLiteral("Update verified"));
         installedUntouched();
         if (busyAtClick) {
-            QCOMPARE(kit.alerts.last().informative, "The update is ready, but recording or uploads have started. Use Check for Updates when they finish.");
+            QCOMPARE(kit.alerts.last().informative, QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
             return;
         }
         QVERIFY(kit.alerts[0].informative.contains(kit.installed));
-        QCOMPARE(kit.alerts[0].buttons.value(0), "Show Verified App");
-        QVERIFY2(folder.startsWith(kit.dir.path() + "/brava-update-") && folder.endsWith("/verified/Brava Recorder"), qPrintable(folder));
+        QCOMPARE(kit.alerts[0].buttons.value(0), QStringLiteral("Show Verified App"));
+        QVERIFY2(folder.startsWith(kit.dir.path() + QLatin1String("/brava-update-")) && folder.endsWith(QLatin1String("/verified/Brava Recorder")), qPrintable(folder));
         QCOMPARE(QFile::permissions(QFileInfo(folder).path()) & 0x0077, QFile::Permissions());
-        QVERIFY(QFileInfo(folder + "/brava-recorder").isExecutable());
-        QCOMPARE(QFileInfo(folder + "/data-link").symLinkTarget(), folder + "/lib/data.txt");
-        QVERIFY(QFile::exists(folder + "/../../Brava Recorder-2.0-linux.zip"));
+        QVERIFY(QFileInfo(folder + QLatin1String("/brava-recorder")).isExecutable());
+        QCOMPARE(QFileInfo(folder + QLatin1String("/data-link")).symLinkTarget(), folder + QLatin1String("/lib/data.txt"));
+        QVERIFY(QFile::exists(folder + QLatin1String("/../../Brava Recorder-2.0-linux.zip")));
     }
 
     void forged_data()
@@ -172,34 +173,34 @@ private Q_SLOTS:
         QTest::addColumn<Forge>("forge");
         QTest::addColumn<QString>("error");
         QTest::addColumn<QString>("detail"); // in the log line
-        const auto row = [](const char *name, const Forge &forge, const QString &error, const QString &detail) {
-            QTest::newRow(name) << forge << error << detail;
+        const auto row = [](const char *name, const Forge &forge, const QString &error, const char *detail) {
+            QTest::newRow(name) << forge << error << QString::fromUtf8(detail);
         };
-        const auto before = [this](const Tweak &t) { return [this, t] { return publish("2.0", t); }; };
-        const auto after = [this](const Tweak &t) { return [this, t] { return publish("2.0", {}, t); }; };
-        const auto answered = [this](const HttpsStub::Answer &a) { return [this, a] { return serve("/wp-content/uploads/x.zip", a); }; };
-        row("wrong digest", [this] { Release r = publish(); r.sha256 = QString(64, '0'); return r; }, kIntegrity, "(digest ");
-        row("signed by another key", [this] { return publish("2.0", {}, {}, "other-private.pem"); }, kSignature, "signature does not verify");
-        row("manifest omits a file", after([](const QString &f) { QFile::remove(f + "/lib/data.txt"); }), kSignature, "manifest lists files");
-        row("manifest misses an added file", after([](const QString &f) { writeFile(f + "/lib/extra.so", "payload"); }), kSignature,
+        const auto before = [this](const Tweak &t) { return [this, t] { return publish(QStringLiteral("2.0"), t); }; };
+        const auto after = [this](const Tweak &t) { return [this, t] { return publish(QStringLiteral("2.0"), {}, t); }; };
+        const auto answered = [this](const HttpsStub::Answer &a) { return [this, a] { return serve(QStringLiteral("/wp-content/uploads/x.zip"), a); }; };
+        row("wrong digest", [this] { Release r = publish(); r.sha256 = QString(64, QLatin1Char('0')); return r; }, kIntegrity, "(digest ");
+        row("signed by another key", [this] { return publish(QStringLiteral("2.0"), {}, {}, QStringLiteral("other-private.pem")); }, kSignature, "signature does not verify");
+        row("manifest omits a file", after([](const QString &f) { QFile::remove(f + QLatin1String("/lib/data.txt")); }), kSignature, "manifest lists files");
+        row("manifest misses an added file", after([](const QString &f) { writeFile(f + QLatin1String("/lib/extra.so"), "payload"); }), kSignature,
             "not in the manifest: lib/extra.so");
-        row("file changed after signing", after([](const QString &f) { writeFile(f + "/lib/data.txt", "Release data\n"); }), kSignature, // same size
+        row("file changed after signing", after([](const QString &f) { writeFile(f + QLatin1String("/lib/data.txt"), "Release data\n"); }), kSignature, // same size
             "differs from the manifest: lib/data.txt");
-        row("no app folder", after([](const QString &f) { QDir().rename(f, f + "/../Other"); }), kIntegrity, "outside the app folder");
-        row("version mismatch", [this] { Release r = publish("2.1"); r.version = "2.0"; return r; }, kMismatch, "holds version 2.1");
+        row("no app folder", after([](const QString &f) { QDir().rename(f, f + QLatin1String("/../Other")); }), kIntegrity, "outside the app folder");
+        row("version mismatch", [this] { Release r = publish(QStringLiteral("2.1")); r.version = QStringLiteral("2.0"); return r; }, kMismatch, "holds version 2.1");
         row("another program's identifier", before([](const QString &f) {
-                writeFile(f + "/Info.ini", "[General]\nCFBundleShortVersionString=2.0\nCFBundleIdentifier=com.other.app\n");
+                writeFile(f + QLatin1String("/Info.ini"), "[General]\nCFBundleShortVersionString=2.0\nCFBundleIdentifier=com.other.app\n");
             }), kSignature, "another program");
-        row("set-uid file", before([](const QString &f) { ::chmod(QFile::encodeName(f + "/brava-recorder").constData(), 04755); }), kSignature,
+        row("set-uid file", before([](const QString &f) { ::chmod(QFile::encodeName(f + QLatin1String("/brava-recorder")).constData(), 04755); }), kSignature,
             "set-uid or set-gid entry: brava-recorder");
         row("executable for another machine", before([](const QString &f) {
-                QFile exe(f + "/brava-recorder");
+                QFile exe(f + QLatin1String("/brava-recorder"));
                 QVERIFY(exe.open(QIODevice::ReadWrite) && exe.seek(18) && exe.write(QByteArray(2, '\0')) == 2); // no machine
             }), kSignature, "not a program for this computer");
-        row("truncated archive", [this] { publish(); return serve("/wp-content/uploads/t.zip", {200, m_zip.left(m_zip.size() / 2)}); }, kSignature,
+        row("truncated archive", [this] { publish(); return serve(QStringLiteral("/wp-content/uploads/t.zip"), {200, m_zip.left(m_zip.size() / 2)}); }, kSignature,
             "archive is damaged");
-        row("redirect to http", answered({302, {}, "http://" + kit.host.toLatin1() + "/wp-content/uploads/x.zip"}), "Invalid download", "");
-        row("over the cap, no length", answered({200, QByteArray(2 * UpdateKit::kCap, 'z'), {}, false}), "Download larger than 1048576 bytes", "");
+        row("redirect to http", answered({302, {}, "http://" + kit.host.toLatin1() + "/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
+        row("over the cap, no length", answered({200, QByteArray(2 * UpdateKit::kCap, 'z'), {}, false}), QStringLiteral("Download larger than 1048576 bytes"), "");
     }
     void forged()
     {
@@ -225,12 +226,12 @@ private Q_SLOTS:
     // A release not newer than the running version is never downloaded (rollback), nor is any while busy.
     void olderOrBusyNeverDownloads()
     {
-        const Release r{"recorder", "linux", "1.5", QUrl(kit.base() + "/wp-content/uploads/o.zip"), QString(64, 'a'), true};
-        auto u = kit.updater("1.9");
+        const Release r{QStringLiteral("recorder"), QStringLiteral("linux"), QStringLiteral("1.5"), QUrl(kit.base() + QLatin1String("/wp-content/uploads/o.zip")), QString(64, QLatin1Char('a')), true};
+        auto u = kit.updater(QStringLiteral("1.9"));
         u->download(r);
         QVERIFY(!u->checking());
         kit.busy = true;
-        u = kit.updater("1.0");
+        u = kit.updater(QStringLiteral("1.0"));
         u->download(r);
         QVERIFY(!u->checking());
     }

@@ -40,15 +40,15 @@ class UpkeepTest : public QObject
 {
     Q_OBJECT
     QTemporaryDir tmp;
-    const QString home = tmp.path() + "/home";
+    const QString home = tmp.path() + QLatin1String("/home");
 
 public:
     UpkeepTest()
     {
         // A home of its own before anything logs.
         qputenv("HOME", QFile::encodeName(home));
-        qputenv("XDG_CONFIG_HOME", QFile::encodeName(home + "/.config"));
-        qputenv("XDG_DATA_HOME", QFile::encodeName(home + "/.local/share"));
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(home + QLatin1String("/.config")));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(home + QLatin1String("/.local/share")));
         QDir().mkpath(home);
     }
 
@@ -64,7 +64,7 @@ private Q_SLOTS:
     // A newer build on disk relaunches only once the agent is idle (no take, no pending upload).
     void newBuildWaitsForIdle()
     {
-        const QString info = tmp.path() + "/Info.ini";
+        const QString info = tmp.path() + QLatin1String("/Info.ini");
         writeFile(info, "[General]\nCFBundleVersion=7\n");
         const BuildInfo running = BuildInfo::read(info);
         bool busy = true;
@@ -89,22 +89,22 @@ private Q_SLOTS:
     // space, quotes and a command substitution, and runs nothing else.
     void relaunchWaitsThenStartsTheRightFile()
     {
-        const QString work = tmp.path() + "/relaunch", folder = work + "/it's \"a\" $(touch PWNED) `touch PWNED2` dir", exe = folder + "/brava-recorder";
+        const QString work = tmp.path() + QLatin1String("/relaunch"), folder = work + QLatin1String("/it's \"a\" $(touch PWNED) `touch PWNED2` dir"), exe = folder + QLatin1String("/brava-recorder");
         writeFile(exe, "#!/bin/sh\necho \"$0\" > \"$(dirname \"$0\")/started\"\n");
         QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         QVERIFY(QDir::setCurrent(work));
 
         QProcess old;
-        old.start("sleep", {"60"});
+        old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
         QVERIFY(old.waitForStarted());
         QVERIFY(Relaunch::start(old.processId(), exe));
         // The shell polls every 0.2 s: give it a few rounds to show that it waits.
         QTest::qWait(600);
-        QVERIFY(!QFile::exists(folder + "/started"));
+        QVERIFY(!QFile::exists(folder + QLatin1String("/started")));
         old.kill();
         old.waitForFinished();
-        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + "/started"), 10000);
-        QFile started(folder + "/started");
+        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QLatin1String("/started")), 10000);
+        QFile started(folder + QLatin1String("/started"));
         QVERIFY(started.open(QIODevice::ReadOnly));
         QCOMPARE(QString::fromUtf8(started.readAll()).trimmed(), exe);
         QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
@@ -118,14 +118,14 @@ private Q_SLOTS:
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("button");
         QTest::addColumn<bool>("critical");
-        const QString none = "This removes Brava Recorder and its settings from this computer. Recordings already sent to the control room aren't affected.";
-        const QString waiting = " recording file(s) haven't uploaded to the control room yet. Connect to the event Wi-Fi and wait for them to finish, "
-                                "or they'll be lost.";
+        const QString none = QStringLiteral("This removes Brava Recorder and its settings from this computer. Recordings already sent to the control room aren't affected.");
+        const QString waiting = QStringLiteral(" recording file(s) haven't uploaded to the control room yet. Connect to the event Wi-Fi and wait for them to finish, "
+                                "or they'll be lost.");
         QTest::newRow("nothing pending") << 0 << R::Trash << none << "Uninstall" << false;
-        QTest::newRow("pending") << 3 << R::Trash << QString("3" + waiting) << "Uninstall Anyway" << true;
-        QTest::newRow("package") << 0 << R::Package << QString(none + "\n\nThe program itself was installed with the system's packages: remove the "
-                                                                       "brava-recorder package afterwards.") << "Uninstall" << false;
-        QTest::newRow("by hand") << 1 << R::ByHand << QString("1" + waiting + "\n\nThe program's folder stays where it is: /opt/b") << "Uninstall Anyway" << true;
+        QTest::newRow("pending") << 3 << R::Trash << QString(QLatin1String("3") + waiting) << "Uninstall Anyway" << true;
+        QTest::newRow("package") << 0 << R::Package << QString(none + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the "
+                                                                       "brava-recorder package afterwards.")) << "Uninstall" << false;
+        QTest::newRow("by hand") << 1 << R::ByHand << QString(QLatin1String("1") + waiting + QLatin1String("\n\nThe program's folder stays where it is: /opt/b")) << "Uninstall Anyway" << true;
     }
     void confirmation()
     {
@@ -134,22 +134,22 @@ private Q_SLOTS:
         QFETCH(QString, text);
         QFETCH(QString, button);
         QFETCH(bool, critical);
-        const Alert a = Uninstaller::confirmation(pending, removal, "/opt/b");
-        QCOMPARE(a.message, "Uninstall Brava Recorder?");
+        const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
+        QCOMPARE(a.message, QStringLiteral("Uninstall Brava Recorder?"));
         QCOMPARE(a.informative, text);
-        QCOMPARE(a.buttons, (QStringList{button, "Cancel"}));
+        QCOMPARE(a.buttons, (QStringList{button, QStringLiteral("Cancel")}));
         QCOMPARE(a.critical, critical);
     }
 
     void removalOfTheProgram()
     {
-        const QString release = home + "/Apps/Brava Recorder";
-        writeFile(release + "/RELEASE-MANIFEST");
+        const QString release = home + QLatin1String("/Apps/Brava Recorder");
+        writeFile(release + QLatin1String("/RELEASE-MANIFEST"));
         QCOMPARE(Uninstaller::removalOf(release), Uninstaller::AppRemoval::Trash);
         QCOMPARE(Uninstaller::removalOf(home), Uninstaller::AppRemoval::ByHand); // no release in it
-        writeFile(tmp.path() + "/elsewhere/RELEASE-MANIFEST"); // outside the home folder
-        QCOMPARE(Uninstaller::removalOf(tmp.path() + "/elsewhere"), Uninstaller::AppRemoval::ByHand);
-        QCOMPARE(Uninstaller::removalOf("/usr/bin"), ::geteuid() == 0 ? Uninstaller::AppRemoval::ByHand : Uninstaller::AppRemoval::Package);
+        writeFile(tmp.path() + QLatin1String("/elsewhere/RELEASE-MANIFEST")); // outside the home folder
+        QCOMPARE(Uninstaller::removalOf(tmp.path() + QLatin1String("/elsewhere")), Uninstaller::AppRemoval::ByHand);
+        QCOMPARE(Uninstaller::removalOf(QStringLiteral("/usr/bin")), ::geteuid() == 0 ? Uninstaller::AppRemoval::ByHand : Uninstaller::AppRemoval::Package);
         if (::geteuid() == 0) {
             QVERIFY(::chown(QFile::encodeName(release).constData(), 65534, 65534) == 0);
             QCOMPARE(Uninstaller::removalOf(release), Uninstaller::AppRemoval::Package);
@@ -166,10 +166,10 @@ private Q_SLOTS:
     void uninstall()
     {
         QFETCH(int, answer);
-        const QString app = home + "/Apps/Brava Recorder", trash = home + "/.local/share/Trash";
-        const Uninstaller::Paths paths{app, home + "/.local/share/Brava Recorder", home + "/.config/Brava Recorder/settings.ini",
-                                       home + "/.config/autostart/brava-recorder.desktop"};
-        for (const QString &file : QStringList{app + "/brava-recorder", app + "/RELEASE-MANIFEST", paths.dataFolder + "/pending/s1/mic_1_00000_final.m4a",
+        const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
+        const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
+                                       home + QLatin1String("/.config/autostart/brava-recorder.desktop")};
+        for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
                                     paths.settingsFile, paths.autostartEntry})
             writeFile(file);
         Uninstaller u(paths);
@@ -201,16 +201,16 @@ private Q_SLOTS:
         QVERIFY(cleared);
         // Nothing of the agent outside the Trash; in the Trash the two folders with notes of where they were.
         QCOMPARE(filesBelow(home, trash), QStringList());
-        QVERIFY(!QFileInfo::exists(home + "/.config/Brava Recorder"));
-        QCOMPARE(QDir(trash + "/files").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
+        QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
+        QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
         QString notes;
-        for (const QFileInfo &note : QDir(trash + "/info").entryInfoList({"*.trashinfo"})) {
+        for (const QFileInfo &note : QDir(trash + QLatin1String("/info")).entryInfoList({QStringLiteral("*.trashinfo")})) {
             QFile f(note.filePath());
             QVERIFY(f.open(QIODevice::ReadOnly));
             notes += QUrl::fromPercentEncoding(f.readAll());
         }
-        QCOMPARE(notes.count("[Trash Info]\nPath="), 2);
-        QVERIFY2(notes.contains(QString("Path=" + app + "\n")) && notes.contains(QString("Path=" + paths.dataFolder + "\n")), qPrintable(notes));
+        QCOMPARE(notes.count(QStringLiteral("[Trash Info]\nPath=")), 2);
+        QVERIFY2(notes.contains(QString(QLatin1String("Path=") + app + QLatin1String("\n"))) && notes.contains(QString(QLatin1String("Path=") + paths.dataFolder + QLatin1String("\n"))), qPrintable(notes));
     }
 };
 

@@ -3,6 +3,7 @@
 #include "SegmentSalvage.h"
 #include "SessionFolder.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 #include "Uploader.h"
 
 #include <QtTest>
@@ -79,7 +80,8 @@ private Q_SLOTS:
         QTest::addColumn<QString>("session");
         QTest::addColumn<QString>("file");
         QTest::addColumn<QString>("query");
-        const char *mic = "mic_1_00000.m4a", *micItems = "mic&take=1&idx=0&final=0&ext=m4a";
+        const char *mic = "mic_1_00000.m4a";
+        const QString micItems = QStringLiteral("mic&take=1&idx=0&final=0&ext=m4a");
         QTest::newRow("final piece") << "Show 1 A&B=?" << "mic_1700000000000_00012_final.m4a" << "Show%201%20A%26B%3D%3F&track=mic&take=1700000000000&idx=12&final=1&ext=m4a";
         QTest::newRow("not a number") << "s" << "mic_3_x1.m4a" << "s&track=mic&take=3&idx=0&final=0&ext=m4a";
         QTest::newRow("overflow") << "s" << "cam_3_99999999999999999999.mp4" << "s&track=cam&take=3&idx=0&final=0&ext=mp4";
@@ -132,11 +134,11 @@ private Q_SLOTS:
         up->enqueue(file, QStringLiteral("../../x"));
         QVERIFY(!QFile::exists(file));
         QVERIFY(QFile::exists(folder("pending") + QLatin1Char('/') + SessionFolder::name(QStringLiteral("../../x")) + QStringLiteral("/sys_1_00000.m4a")));
-        QTRY_COMPARE(sent("session"), QStringList({"../../x"}));
+        QTRY_COMPARE(sent("session"), strings({"../../x"}));
         const QString aside = folder("unrecognized") + QStringLiteral("/MIC_3_00001.m4a");
         QVERIFY(QFile::exists(aside) && QFile::exists(aside + QStringLiteral(".1")) && home.log().count(QStringLiteral("MIC_3_00001.m4a")) == 2);
         QTRY_COMPARE(up->pendingCount(), 0);
-        QCOMPARE(QDir(folder("pending") + QStringLiteral("/s")).entryList(QDir::Files), QStringList({"mic_1_00003.m4a.part", "notes.txt"}));
+        QCOMPARE(QDir(folder("pending") + QStringLiteral("/s")).entryList(QDir::Files), strings({"mic_1_00003.m4a.part", "notes.txt"}));
     }
 
     void onlyStatus200Succeeds_data()
@@ -213,7 +215,7 @@ private Q_SLOTS:
         QTRY_VERIFY(up->pendingCount() == 5 && server->requests.size() == 1);
         server->release(HttpStub::status(200));
         QTRY_COMPARE(server->requests.size(), 5);
-        QCOMPARE(sent(), QStringList({"mic_1_00000.m4a", "mic_1_00001.m4a", "mic_1_00002.m4a", "mic_1_00003.m4a", "mic_1_00004.m4a"}));
+        QCOMPARE(sent(), strings({"mic_1_00000.m4a", "mic_1_00001.m4a", "mic_1_00002.m4a", "mic_1_00003.m4a", "mic_1_00004.m4a"}));
     }
 
     void orphansAreRecoveredAtStartAndBadAddressesWait()
@@ -241,9 +243,9 @@ private Q_SLOTS:
         QVERIFY(QFile::exists(folder("pending") + QStringLiteral("/s/mic_3_00000_final.m4a")) && QFile::exists(inner));
         QVERIFY(QFile::exists(folder("writing") + QStringLiteral("/t/mic_3_00000_final.m4a")) && home.log().contains(QLatin1String("writing/t")));
         const QString sent = folder("pending") + QLatin1Char('/') + SessionFolder::name(QStringLiteral("s/1"));
-        QCOMPARE(QDir(sent).entryList(QDir::Files), QStringList({"mic_7_00000.m4a", "mic_7_00001_final.m4a", "sys_7_00000_final.m4a"}));
+        QCOMPARE(QDir(sent).entryList(QDir::Files), strings({"mic_7_00000.m4a", "mic_7_00001_final.m4a", "sys_7_00000_final.m4a"}));
         QCOMPARE(QFileInfo(sent + QStringLiteral("/mic_7_00001_final.m4a")).size(), qint64(fragmented(1).size())); // trimmed
-        QCOMPARE(QDir(folder("unrecognized")).entryList(QDir::Files), QStringList({"cam_7_00000.mp4", "mic_7_00002.m4a"}));
+        QCOMPARE(QDir(folder("unrecognized")).entryList(QDir::Files), strings({"cam_7_00000.mp4", "mic_7_00002.m4a"}));
         QVERIFY(home.log().contains(QStringLiteral("recovery: mic_7_00002.m4a holds no whole fragment")));
         QVERIFY(up->pendingCount() == 6 && !up->busy());
         QCOMPARE(up->fault(), Uploader::Fault::NoAddress); // nothing goes out without a usable address

@@ -2,6 +2,7 @@
 #include "HttpStub.h"
 #include "MentorRoster.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 
 #include <QNetworkAccessManager>
 #include <QtTest>
@@ -78,7 +79,7 @@ private Q_SLOTS:
         const HttpStub::Request &r = service.requests.first();
         QCOMPARE(r.method + ' ' + r.url.path().toUtf8() + ' ' + r.headers.value("content-type"),
                  QByteArray("POST /wp-json/brava/v1/checkin application/json"));
-        QCOMPARE(QJsonDocument::fromJson(r.body).object(), QJsonObject({{"token", QString::fromLatin1(CheckIn::token)}, {"agent", 42}, {"name", "Zoë \"Z\" Park"},
+        QCOMPARE(QJsonDocument::fromJson(r.body).object(), QJsonObject(J{{"token", QString::fromLatin1(CheckIn::token)}, {"agent", 42}, {"name", "Zoë \"Z\" Park"},
                                  {"os", "linux"}, {"version", "3.1"}, {"mic", true}, {"cam", false}, {"screen", true}}));
         QVERIFY(r.body.startsWith("{\"token\":") && r.body.indexOf("\"os\"") < r.body.indexOf("\"screen\""));
         clockMs += 3000;
@@ -107,7 +108,7 @@ private Q_SLOTS:
     {
         const auto parsed = MentorRoster::parse(
             R"({"12":"Ann","x":"Bob","7":5,"+3":"Cy","-2":"Di"," 4":"Ed","99999999999":"Fa","8":null,"010":"Hu","":"Io","+":"Jo"})");
-        QCOMPARE(parsed.value_or(QMap<int, QString>()), (QMap<int, QString>{{12, "Ann"}, {3, "Cy"}, {-2, "Di"}, {10, "Hu"}}));
+        QCOMPARE(parsed.value_or(QMap<int, QString>()), (QMap<int, QString>{{12, QStringLiteral("Ann")}, {3, QStringLiteral("Cy")}, {-2, QStringLiteral("Di")}, {10, QStringLiteral("Hu")}}));
         const qint64 before = QDateTime::currentSecsSinceEpoch();
         fetch(R"({"1":"Ann","2":"Bo"})");
         const HttpStub::Request &r = service.requests.first();
@@ -115,7 +116,7 @@ private Q_SLOTS:
         const qint64 t = QUrlQuery(r.url).queryItemValue(QStringLiteral("t")).toLongLong(); // a cache buster
         QVERIFY(t >= before && t <= QDateTime::currentSecsSinceEpoch());
         fetch(R"({"2":"Cy"})"); // each answer replaces the roster whole
-        QCOMPARE(roster.map(), (QMap<int, QString>{{2, "Cy"}}));
+        QCOMPARE(roster.map(), (QMap<int, QString>{{2, QStringLiteral("Cy")}}));
         // Bad answers keep the roster as it was.
         QList<MentorRoster::Fault> faults;
         for (const HttpStub::Answer &bad : {HttpStub::status(200, "<html>busy</html>"), HttpStub::status(500, "[\"Ann\"]"), HttpStub::Answer{HttpStub::Answer::Reset}})

@@ -6,6 +6,7 @@
 #include "ReviewWindow.h"
 #include "SaleForm.h"
 #include "SaleWidget.h"
+#include "TestLiterals.h"
 #include "TrayView.h"
 
 #include <QLineEdit>
@@ -49,7 +50,7 @@ private Q_SLOTS:
         actions.needHelp(); // without an agent number nothing goes out
         home.settings().setAgentID(7);
         actions.toggleCall();
-        QTRY_COMPARE(events(), QStringList{"/event?id=7&type=call_start"});
+        QTRY_COMPARE(events(), strings({"/event?id=7&type=call_start"}));
         QVERIFY(actions.onCall() && reviews.isEmpty());
         nowMs += 59900; // 59.9 s: whole seconds, cut
         actions.toggleCall();
@@ -76,14 +77,14 @@ private Q_SLOTS:
         const auto open = [&] { w.open([&](const QString &o, const QString &t, const QString &why) { saved = {o, t, why}; }); };
         open();
         w.saveTapped();
-        QCOMPARE(saved, (QStringList{"", "", ""}));
+        QCOMPARE(saved, (strings({"", "", ""})));
         open();
         w.pick(0, QStringLiteral("Bad"));
         w.pick(0, QStringLiteral("Neutral"));
         w.faces(1).at(3)->click();
         w.whyField()->setText(QStringLiteral("   "));
         w.saveTapped();
-        QCOMPARE(saved, (QStringList{"Neutral", "Other", ""}));
+        QCOMPARE(saved, (strings({"Neutral", "Other", ""})));
         QVERIFY(!w.isVisible());
         saved.clear();
         open();
@@ -102,7 +103,7 @@ private Q_SLOTS:
         AgentFixture f(home, nullptr, QStringLiteral("http://") + web.address());
         QVERIFY(!QSystemTrayIcon::isSystemTrayAvailable());
         QVERIFY(!f.app->windows().widget()); // cameras are off
-        QVERIFY(f.command({{"type", "cameras"}, {"on", true}}));
+        QVERIFY(f.command(J{{"type", "cameras"}, {"on", true}}));
         QTRY_VERIFY(f.app->windows().widget() && f.app->windows().widget()->isShown());
         SaleWidget *w = f.app->windows().widget();
         QVERIFY(w->saleButton()); // a build locked to its control room sells
@@ -143,12 +144,12 @@ private Q_SLOTS:
         QCOMPARE(f.room.events.last().queryItemValue(QStringLiteral("secs")), QStringLiteral("0"));
 
         // Cameras off: the widget goes.
-        QVERIFY(f.command({{"type", "cameras"}, {"on", false}}));
+        QVERIFY(f.command(J{{"type", "cameras"}, {"on", false}}));
         QTRY_VERIFY(!w->isShown());
         // With no X server there is no widget, and the agent says why, once in the log and in every status.
         const QString note = DisplayPlatform::choose(QByteArray(), false).note;
         f.app->windows().disableFloating(note);
-        QVERIFY(f.command({{"type", "cameras"}, {"on", true}}));
+        QVERIFY(f.command(J{{"type", "cameras"}, {"on", true}}));
         QTRY_COMPARE(f.room.statuses().value(f.room.statuses().size() - 1).value(QStringLiteral("error")).toString(), note);
         QVERIFY(!f.app->windows().widget());
         QCOMPARE(home.log().count(note), 1);

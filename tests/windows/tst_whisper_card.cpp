@@ -1,6 +1,7 @@
 #include "AgentFixture.h"
 #include "HttpStub.h"
 #include "TestDisplay.h"
+#include "TestLiterals.h"
 #include "WhisperCard.h"
 #include "WhisperPage.h"
 
@@ -9,8 +10,6 @@
 #include <QWebEngineScript>
 #include <QWebEngineView>
 #include <QtTest>
-
-using J = QJsonObject;
 
 // A window that counts the mouse presses it receives.
 struct ClickCounter : QWidget {

@@ -6,14 +6,13 @@
 #include "Recorder.h"
 #include "ScriptedBrowser.h"
 #include "SyntheticAudioBackend.h"
+#include "TestLiterals.h"
 #include "WizardModel.h"
 #include "WizardWindow.h"
 
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QtTest>
-
-using J = QJsonObject;
 
 // The parts a wizard model works with, on a synthetic sound system and camera.
 struct WizardParts
@@ -109,7 +108,7 @@ private Q_SLOTS:
     {
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
         QVERIFY(web.listen() && room.listen());
-        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + "/wizard-screens";
+        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + QLatin1String("/wizard-screens");
         QVERIFY(QDir().mkpath(shots));
     }
     void init()
@@ -243,7 +242,7 @@ private Q_SLOTS:
         QFETCH(QString, error);
         QFETCH(QString, name);
         if (!answer.isEmpty()) // a build with a preset control room and this web service
-            home.useInfo("127.0.0.1:1", "2.5", "http://" + web.address());
+            home.useInfo(QStringLiteral("127.0.0.1:1"), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
         make();
         m->setStep(1);
         for (const auto &[name, number] : {std::pair{"Ana", "0"}, {" \t", "17"}}) { // an incomplete identity does nothing
@@ -252,8 +251,8 @@ private Q_SLOTS:
             m->verifyAndSave();
             QVERIFY(m->step() == 1 && !m->verifying());
         }
-        m->setNameText("Ana Lee");
-        m->setAgentText("+17");
+        m->setNameText(QStringLiteral("Ana Lee"));
+        m->setAgentText(QStringLiteral("+17"));
         // The status code does not matter; only the body does.
         if (!answer.isEmpty())
             web.script({answer == "hang" ? HttpStub::hang() : HttpStub::status(500, answer)});
@@ -272,7 +271,7 @@ private Q_SLOTS:
         QVERIFY(r.method == "POST" && r.url.path() == QLatin1String(WizardModel::kVerifyPath));
         QCOMPARE(r.headers.value("content-type"), QByteArray("application/json"));
         const QJsonObject sent = QJsonDocument::fromJson(r.body).object();
-        QVERIFY(sent.value("number") == QJsonValue(17) && sent.value("name") == QJsonValue("Ana Lee") && sent.value("token").isString());
+        QVERIFY(sent.value(QStringLiteral("number")) == QJsonValue(17) && sent.value(QStringLiteral("name")) == QJsonValue(QStringLiteral("Ana Lee")) && sent.value(QStringLiteral("token")).isString());
         web.release(HttpStub::status(200));
     }
 
@@ -281,27 +280,27 @@ private Q_SLOTS:
         // setup: words that put the model into the state (see below); shows: texts on screen.
         QTest::addColumn<QString>("setup");
         QTest::addColumn<QStringList>("shows");
-        QTest::newRow("0-welcome") << "step=0" << QStringList{"Welcome, Agent.", "Records only when the control room starts recording"};
-        QTest::newRow("0-welcome-agreed") << "step=0 agree" << QStringList{"Get Started"};
-        QTest::newRow("1-number-searching") << "step=1" << QStringList{"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"};
-        QTest::newRow("1-number-room-found") << "step=1 room identity" << QStringList{"Using control room: 127.0.0.1:", "Enter address manually"};
-        QTest::newRow("1-number-preset") << "step=1 locked identity" << QStringList{"Connects to your control room automatically.", "Your name, and the agent number you got at check-in (1–110)."};
-        QTest::newRow("1-number-verifying") << "step=1 locked identity verifying" << QStringList{"CHECKING…"};
-        QTest::newRow("1-number-error") << "step=1 locked identity refused" << QStringList{"That name and number don't match our list. Double-check your agent number."};
-        QTest::newRow("2-mic-allowed") << "step=2" << QStringList{"Allow Your Microphone", "Microphone allowed", "Next"};
-        QTest::newRow("2-mic-not-allowed") << "step=2 access=unknown" << QStringList{"Not allowed yet", "Allow Microphone"};
-        QTest::newRow("2-mic-no-server") << "step=2 access=unknown askMic" << QStringList{"No sound server answers on this computer", "pulseaudio --start", "Ask Again"};
-        QTest::newRow("2-mic-blocked") << "step=2 access=refused" << QStringList{"The microphone was blocked. To fix it:", "Restart App", "Ask Again"};
-        QTest::newRow("3-audio-allowed") << "step=3" << QStringList{"Allow Computer Audio", "Computer audio allowed"};
-        QTest::newRow("3-audio-not-asked") << "step=3 monitor=none" << QStringList{"Not allowed yet", "Allow Computer Audio"};
-        QTest::newRow("3-audio-asked") << "step=3 monitor=none asked" << QStringList{"Check Again", "Restart App"};
-        QTest::newRow("3-audio-blocked") << "step=3 access=refused" << QStringList{"Ask Again"};
-        QTest::newRow("4-camera-allowed") << "step=4" << QStringList{"Allow Your Webcam", "Webcam allowed", "Automatic (best guess)", "Skip — no camera"};
-        QTest::newRow("4-camera-blocked") << "step=4 camera=denied" << QStringList{"The webcam was blocked. To fix it:", "Allow Webcam"};
-        QTest::newRow("4-camera-none") << "step=4 camera=none" << QStringList{"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."};
-        QTest::newRow("5-test-connected") << "step=5 identity levels connected" << QStringList{"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"};
-        QTest::newRow("5-test-not-connected") << "step=5" << QStringList{"Not connected to control room — check Wi-Fi", "Skip test", "Finish"};
-        QTest::newRow("6-done") << "step=6" << QStringList{"You're In.", "round icon with sound bars", "Done"};
+        QTest::newRow("0-welcome") << "step=0" << strings({"Welcome, Agent.", "Records only when the control room starts recording"});
+        QTest::newRow("0-welcome-agreed") << "step=0 agree" << strings({"Get Started"});
+        QTest::newRow("1-number-searching") << "step=1" << strings({"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"});
+        QTest::newRow("1-number-room-found") << "step=1 room identity" << strings({"Using control room: 127.0.0.1:", "Enter address manually"});
+        QTest::newRow("1-number-preset") << "step=1 locked identity" << strings({"Connects to your control room automatically.", "Your name, and the agent number you got at check-in (1–110)."});
+        QTest::newRow("1-number-verifying") << "step=1 locked identity verifying" << strings({"CHECKING…"});
+        QTest::newRow("1-number-error") << "step=1 locked identity refused" << strings({"That name and number don't match our list. Double-check your agent number."});
+        QTest::newRow("2-mic-allowed") << "step=2" << strings({"Allow Your Microphone", "Microphone allowed", "Next"});
+        QTest::newRow("2-mic-not-allowed") << "step=2 access=unknown" << strings({"Not allowed yet", "Allow Microphone"});
+        QTest::newRow("2-mic-no-server") << "step=2 access=unknown askMic" << strings({"No sound server answers on this computer", "pulseaudio --start", "Ask Again"});
+        QTest::newRow("2-mic-blocked") << "step=2 access=refused" << strings({"The microphone was blocked. To fix it:", "Restart App", "Ask Again"});
+        QTest::newRow("3-audio-allowed") << "step=3" << strings({"Allow Computer Audio", "Computer audio allowed"});
+        QTest::newRow("3-audio-not-asked") << "step=3 monitor=none" << strings({"Not allowed yet", "Allow Computer Audio"});
+        QTest::newRow("3-audio-asked") << "step=3 monitor=none asked" << strings({"Check Again", "Restart App"});
+        QTest::newRow("3-audio-blocked") << "step=3 access=refused" << strings({"Ask Again"});
+        QTest::newRow("4-camera-allowed") << "step=4" << strings({"Allow Your Webcam", "Webcam allowed", "Automatic (best guess)", "Skip — no camera"});
+        QTest::newRow("4-camera-blocked") << "step=4 camera=denied" << strings({"The webcam was blocked. To fix it:", "Allow Webcam"});
+        QTest::newRow("4-camera-none") << "step=4 camera=none" << strings({"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."});
+        QTest::newRow("5-test-connected") << "step=5 identity levels connected" << strings({"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"});
+        QTest::newRow("5-test-not-connected") << "step=5" << strings({"Not connected to control room — check Wi-Fi", "Skip test", "Finish"});
+        QTest::newRow("6-done") << "step=6" << strings({"You're In.", "round icon with sound bars", "Done"});
     }
     void screen()
     {
@@ -311,13 +310,13 @@ private Q_SLOTS:
         const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
         cleanup(); // each state on its own parts
         home.wipe();
-        home.useInfo(has("locked") ? "127.0.0.1:1" : QString(), "2.5", "http://" + web.address());
+        home.useInfo(has("locked") ? QStringLiteral("127.0.0.1:1") : QString(), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
         const int step = words.first().section(QLatin1Char('='), 1).toInt();
         home.settings().setWizardStep(step);
         home.settings().setWizardFurthest(step);
         if (has("identity")) {
             home.settings().setAgentID(17);
-            home.settings().setAgentName("Ana Lee");
+            home.settings().setAgentName(QStringLiteral("Ana Lee"));
         }
         WizardParts parts(home, has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
         parts.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
@@ -332,7 +331,7 @@ private Q_SLOTS:
         if (has("askMic"))
             model.askMic();
         if (has("room"))
-            parts.browser->announce("Room One", room.port());
+            parts.browser->announce(QStringLiteral("Room One"), room.port());
         if (has("verifying") || has("refused")) {
             web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});
             model.verifyAndSave();
@@ -349,8 +348,8 @@ private Q_SLOTS:
             QTRY_VERIFY(model.hasVerifyError());
         QTRY_VERIFY(!has("room") || !model.server().isEmpty());
         for (const QString &text : shows)
-            QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + " in " + texts(w.rootObject()).join(QLatin1Char('|'))));
-        QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + ".png"));
+            QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
+        QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + QLatin1String(".png")));
         QTRY_COMPARE(web.hanging(), has("verifying") ? 1 : 0); // its check arrived, to be let go
         web.release(HttpStub::status(200));
     }
@@ -362,29 +361,29 @@ private Q_SLOTS:
         cleanup();
         qputenv("BRAVA_FAKE_CAMERAS", "1:320x180@15");
         web.setDefault(HttpStub::status(200, "{\"ok\":true,\"name\":\"Ana LEE\"}")); // check-ins ignore it
-        f = std::make_unique<AgentFixture>(home, nullptr, "http://" + web.address(), Clock::monotonic(), true);
+        f = std::make_unique<AgentFixture>(home, nullptr, QLatin1String("http://") + web.address(), Clock::monotonic(), true);
 
         // A fresh home: no link, the wizard at its first screen.
         QVERIFY(f->app->wizardOpen() && window() && f->app->wizardModel()->step() == 0 && f->room.urls.isEmpty());
         QVERIFY(QTest::qWaitForWindowExposed(window()));
         WizardModel &m = *f->app->wizardModel();
-        QVERIFY(click("agree") && click("Get Started", 1));
-        m.setNameText("Ana Lee");
-        m.setAgentText("17");
+        QVERIFY(click(QStringLiteral("agree")) && click(QStringLiteral("Get Started"), 1));
+        m.setNameText(QStringLiteral("Ana Lee"));
+        m.setAgentText(QStringLiteral("17"));
         QCOMPARE(m.server(), f->room.address());
-        QVERIFY(click("Next", 2));
-        const auto verifies = std::count_if(web.requests.cbegin(), web.requests.cend(), [](const HttpStub::Request &r) { return r.url.path().endsWith("/verify"); });
+        QVERIFY(click(QStringLiteral("Next"), 2));
+        const auto verifies = std::count_if(web.requests.cbegin(), web.requests.cend(), [](const HttpStub::Request &r) { return r.url.path().endsWith(QStringLiteral("/verify")); });
         QCOMPARE(verifies, 1);
         QCOMPARE(home.settings().agentName(), QStringLiteral("Ana LEE"));
         // Microphone, computer audio and webcam are allowed here.
-        QVERIFY(click("Next", 3) && click("Next", 4) && click("Next", 5));
+        QVERIFY(click(QStringLiteral("Next"), 3) && click(QStringLiteral("Next"), 4) && click(QStringLiteral("Next"), 5));
         // The sound check runs through the recorder; the link came up with the new identity.
         QTRY_VERIFY(m.testing() && f->app->recorder().running() && !f->app->recorder().isRecording());
         QTRY_VERIFY(m.connected());
-        QVERIFY(f->room.urls.first().query().startsWith("id=17&"));
-        QVERIFY(click("Finish", 6));
+        QVERIFY(f->room.urls.first().query().startsWith(QStringLiteral("id=17&")));
+        QVERIFY(click(QStringLiteral("Finish"), 6));
         const qsizetype links = f->room.urls.size();
-        QVERIFY(click("Done"));
+        QVERIFY(click(QStringLiteral("Done")));
         QTRY_VERIFY(!f->app->wizardOpen() && !f->app->wizardModel());
         QVERIFY(home.settings().setupDone() && home.settings().wizardStep() == 0 && home.settings().agentID() == 17);
         QTRY_VERIFY(f->room.urls.size() > links && f->app->connection().connected()); // connected anew
@@ -393,10 +392,10 @@ private Q_SLOTS:
         f->room.send(J{{"type", "cameras"}, {"on", true}});
         f->room.send(J{{"type", "start"}, {"session", "w1"}});
         QTRY_VERIFY_WITH_TIMEOUT(f->app->recorder().isRecording(), 10000);
-        QTRY_VERIFY(QDir(DataFolder::dir("writing") + "/w1").entryList(QDir::Files).size() >= 2); // tracks are writing
+        QTRY_VERIFY(QDir(DataFolder::dir(QStringLiteral("writing")) + QLatin1String("/w1")).entryList(QDir::Files).size() >= 2); // tracks are writing
         f->room.send(J{{"type", "stop"}});
-        QTRY_VERIFY_WITH_TIMEOUT(f->room.uploadPaths.filter("_final").size() >= 2, 20000);
-        QVERIFY(f->room.uploads.first().queryItemValue("session") == "w1");
+        QTRY_VERIFY_WITH_TIMEOUT(f->room.uploadPaths.filter(QStringLiteral("_final")).size() >= 2, 20000);
+        QVERIFY(f->room.uploads.first().queryItemValue(QStringLiteral("session")) == QStringLiteral("w1"));
     }
 };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "TestLiterals.h"
+
 #include <QFile>
 #include <QProcess>
 #include <QVector>
@@ -33,7 +35,7 @@ inline bool available() { return qEnvironmentVariableIntValue("BRAVA_TEST_PULSE"
 inline bool restart()
 {
     const QString script = qEnvironmentVariable("BRAVA_TEST_SOUND_SERVER_SCRIPT"), dir = qEnvironmentVariable("BRAVA_TEST_SOUND_DIR");
-    return !script.isEmpty() && !dir.isEmpty() && QProcess::execute(script, {"restart", dir}) == 0;
+    return !script.isEmpty() && !dir.isEmpty() && QProcess::execute(script, {QStringLiteral("restart"), dir}) == 0;
 }
 
 /// Plays 0.5 s of silence, one 1 kHz cycle at 0.9 (it reaches 0.3 three samples in) and 0.5 s of
@@ -47,7 +49,7 @@ inline bool playClick(const QString &sink, const QString &file)
     const bool written = f.open(QIODevice::WriteOnly) && f.write(reinterpret_cast<const char *>(s.constData()), 48000 * 4) == 48000 * 4;
     f.close();
     QProcess p;
-    p.start("paplay", {"--raw", "--format=float32le", "--rate=48000", "--channels=1", "-d", sink, file});
+    p.start(QStringLiteral("paplay"), strings({"--raw", "--format=float32le", "--rate=48000", "--channels=1", "-d"}) << sink << file);
     return written && p.waitForFinished(30000) && p.exitCode() == 0;
 }
 

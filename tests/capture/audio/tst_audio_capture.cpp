@@ -2,6 +2,7 @@
 #include "PulseBackend.h"
 #include "RecorderFixture.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 #include "TestSoundServer.h"
 
 #include <QProcess>
@@ -19,15 +20,15 @@ class AudioCaptureTest : public QObject
     PulseBackend pulse;
     std::unique_ptr<RecorderFixture> f;
 
-    static bool pactl(const QString &args) { return QProcess::execute("pactl", args.split(' ')) == 0; }
+    static bool pactl(const QString &args) { return QProcess::execute(QStringLiteral("pactl"), args.split(QLatin1Char(' '))) == 0; }
     bool startTake()
     {
         f.reset(); // the backend has one watcher: the old recorder lets go of it first
         f = std::make_unique<RecorderFixture>(0, false, &pulse);
-        f->rec->setMicChoice("brava_mic");
-        return f->start("s1") && !f->rec->lastError();
+        f->rec->setMicChoice(QStringLiteral("brava_mic"));
+        return f->start(QStringLiteral("s1")) && !f->rec->lastError();
     }
-    bool playClick(const QString &sink) { return TestSoundServer::playClick(sink, home.root() + "/click.raw"); }
+    bool playClick(const QString &sink) { return TestSoundServer::playClick(sink, home.root() + QLatin1String("/click.raw")); }
     bool bothHear(const Recorder::Levels &levels) { return levels.mic > 0.01f && levels.sys > 0.01f; }
 
 private Q_SLOTS:
@@ -57,23 +58,23 @@ private Q_SLOTS:
         for (const Device &d : pulse.inputs())
             seen.append(QStringLiteral("%1 %2 %3%4").arg(d.uid, d.name).arg(d.builtIn).arg(d.isDefault));
         seen.sort();
-        QCOMPARE(seen, QStringList({"brava_mic BravaBuiltinMic 11", "brava_usbmic BravaUSBMic 00"}));
-        QCOMPARE(pulse.outputMonitor(nullptr).value_or(QString()), "brava_out.monitor");
+        QCOMPARE(seen, strings({"brava_mic BravaBuiltinMic 11", "brava_usbmic BravaUSBMic 00"}));
+        QCOMPARE(pulse.outputMonitor(nullptr).value_or(QString()), QStringLiteral("brava_out.monitor"));
         std::atomic<int> changes{0}, ended{0};
         std::atomic<bool> flowing{false};
         pulse.watch([&] { ++changes; });
-        const auto restore = qScopeGuard([this] { pulse.watch(nullptr), pactl("set-default-sink brava_out"); });
+        const auto restore = qScopeGuard([this] { pulse.watch(nullptr), pactl(QStringLiteral("set-default-sink brava_out")); });
         QProcess load;
-        load.start("pactl", {"load-module", "module-null-sink", "sink_name=brava_headset"});
-        QVERIFY(load.waitForFinished(5000) && load.exitCode() == 0 && pactl("set-default-sink brava_headset"));
-        QTRY_VERIFY(pulse.outputMonitor(nullptr) == "brava_headset.monitor" && changes > 0);
+        load.start(QStringLiteral("pactl"), strings({"load-module", "module-null-sink", "sink_name=brava_headset"}));
+        QVERIFY(load.waitForFinished(5000) && load.exitCode() == 0 && pactl(QStringLiteral("set-default-sink brava_headset")));
+        QTRY_VERIFY(pulse.outputMonitor(nullptr) == QStringLiteral("brava_headset.monitor") && changes > 0);
         const AudioBackend::Handlers handlers{[&](AudioBuffer &&) { flowing = true; }, [&](const QString &) { ++ended; }};
-        const auto headset = pulse.open("brava_headset.monitor", 48000, 2, handlers, nullptr);
+        const auto headset = pulse.open(QStringLiteral("brava_headset.monitor"), 48000, 2, handlers, nullptr);
         QTRY_VERIFY(headset && flowing);
-        QVERIFY(pactl("unload-module " + QString::fromUtf8(load.readAllStandardOutput()).trimmed()));
+        QVERIFY(pactl(QLatin1String("unload-module ") + QString::fromUtf8(load.readAllStandardOutput()).trimmed()));
         QTRY_COMPARE(ended.load(), 1);
-        QTRY_VERIFY(pulse.outputMonitor(nullptr) != "brava_headset.monitor");
-        const auto missing = pulse.open("brava_nothing", 48000, 1, handlers, nullptr);
+        QTRY_VERIFY(pulse.outputMonitor(nullptr) != QStringLiteral("brava_headset.monitor"));
+        const auto missing = pulse.open(QStringLiteral("brava_nothing"), 48000, 1, handlers, nullptr);
         QTRY_VERIFY(missing && ended == 2);
     }
 
@@ -90,34 +91,34 @@ private Q_SLOTS:
         for (int take = 1; take <= takes; ++take) {
             const qsizetype logFrom = home.log().size();
             if (const QString burst = qEnvironmentVariable("BRAVA_TEST_CLICK_BEFORE_TAKE"); !burst.isEmpty())
-                QProcess::startDetached("sh", {"-c", burst}); // load of the soak
+                QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"), burst}); // load of the soak
             QVERIFY(startTake());
             // Other clients come and go meanwhile (a server may lose a quantum of a stream then).
-            QTRY_VERIFY_WITH_TIMEOUT(playClick("brava_feed"), 5000);
+            QTRY_VERIFY_WITH_TIMEOUT(playClick(QStringLiteral("brava_feed")), 5000);
             QTest::qWait(1500); // a take of a few seconds before the click
-            QVERIFY(playClick("brava_out"));
+            QVERIFY(playClick(QStringLiteral("brava_out")));
             const Recorder::Levels levels = f->rec->takeLevels();
             QVERIFY2(bothHear(levels), qPrintable(QStringLiteral("%1 %2").arg(levels.mic).arg(levels.sys)));
             QVERIFY(f->stop());
-            const qsizetype ca = MediaProbe::firstAbove(MediaProbe::decode(f->path("s1", f->finalName("mic"))), 0.25f);
-            const qsizetype cb = MediaProbe::firstAbove(MediaProbe::decode(f->path("s1", f->finalName("sys"))), 0.25f);
+            const qsizetype ca = MediaProbe::firstAbove(MediaProbe::decode(f->path(QStringLiteral("s1"), f->finalName(QStringLiteral("mic")))), 0.25f);
+            const qsizetype cb = MediaProbe::firstAbove(MediaProbe::decode(f->path(QStringLiteral("s1"), f->finalName(QStringLiteral("sys")))), 0.25f);
             const double offsetMs = double(ca - cb) / 48.0;
             const QString line = QStringLiteral("take %1: ").arg(take)
                 + (ca > 0 && cb > 0 ? QStringLiteral("click offset mic - sys %1 ms").arg(offsetMs, 0, 'f', 3)
                                     : QStringLiteral("click missing (mic at %1, sys at %2)").arg(ca).arg(cb));
             // The microphone here is the output's monitor remapped: it hears each chunk the output
             // renders when it is rendered, the monitor stamps it when it is heard.
-            QStringList steps = home.log().mid(logFrom).split('\n').filter(QRegularExpression("^\\S+ (mic|sys): .*(filled|dropped)"));
+            QStringList steps = home.log().mid(logFrom).split(QLatin1Char('\n')).filter(QRegularExpression(QStringLiteral("^\\S+ (mic|sys): .*(filled|dropped)")));
             qInfo("%s, levels mic %.3f sys %.3f", qPrintable(line), levels.mic, levels.sys);
             for (QString &step : steps)
-                qInfo("take %d: %s", take, qPrintable(step = step.section(' ', 1)));
+                qInfo("take %d: %s", take, qPrintable(step = step.section(QLatin1Char(' '), 1)));
             if (ca > 0 && cb > 0)
                 offsets.append(QString::number(offsetMs, 'f', 3));
             if (ca <= 0 || cb <= 0 || std::fabs(offsetMs) > 1.0)
-                failed.append(line + (steps.isEmpty() ? QString(", no step filled or set aside") : ":\n  " + steps.join("\n  ")));
+                failed.append(line + (steps.isEmpty() ? QStringLiteral(", no step filled or set aside") : QLatin1String(":\n  ") + steps.join(QStringLiteral("\n  "))));
         }
-        qInfo("click offsets (ms): %s", qPrintable(offsets.join(' ')));
-        QVERIFY2(failed.isEmpty(), qPrintable("takes beyond 1 ms:\n" + failed.join('\n')));
+        qInfo("click offsets (ms): %s", qPrintable(offsets.join(QLatin1Char(' '))));
+        QVERIFY2(failed.isEmpty(), qPrintable(QLatin1String("takes beyond 1 ms:\n") + failed.join(QLatin1Char('\n'))));
     }
 
     // The sound server hangs (stopped) for 10 s in the middle of a take: the main thread keeps
@@ -140,10 +141,10 @@ private Q_SLOTS:
         const auto resume = qScopeGuard([daemon] { ::kill(daemon, SIGCONT); });
         QCOMPARE(::kill(daemon, SIGSTOP), 0);
         hung.start();
-        QVERIFY(pulse.open("brava_mic", 48000, 1, {}, nullptr)); // asked, not awaited; closed at once
+        QVERIFY(pulse.open(QStringLiteral("brava_mic"), 48000, 1, {}, nullptr)); // asked, not awaited; closed at once
         QTRY_VERIFY_WITH_TIMEOUT(!pulse.answering(), 3000);
         qInfo("the hang was noticed after %lld ms", hung.elapsed());
-        QTRY_COMPARE_WITH_TIMEOUT(f->rec->lastError().value_or(QString()), "Sound server not answering", 3000);
+        QTRY_COMPARE_WITH_TIMEOUT(f->rec->lastError().value_or(QString()), QStringLiteral("Sound server not answering"), 3000);
         QTRY_VERIFY_WITH_TIMEOUT(hung.hasExpired(10000), 12000); // the hang lasts 10 s
         QCOMPARE(::kill(daemon, SIGCONT), 0);
         QTRY_VERIFY_WITH_TIMEOUT(pulse.answering() && !f->rec->lastError(), 10000);
@@ -151,7 +152,7 @@ private Q_SLOTS:
         qInfo("longest gap between ticks of the main thread: %lld ms", longestGap);
         QVERIFY2(longestGap < 300, qPrintable(QString::number(longestGap)));
         f->rec->takeLevels();
-        QTRY_VERIFY_WITH_TIMEOUT(playClick("brava_out") && f->rec->takeLevels().mic > 0.01f, 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(playClick(QStringLiteral("brava_out")) && f->rec->takeLevels().mic > 0.01f, 15000);
         QVERIFY(f->stop());
     }
 
@@ -161,17 +162,17 @@ private Q_SLOTS:
     {
         QVERIFY(startTake());
         QVERIFY(TestSoundServer::restart());
-        QTRY_VERIFY_WITH_TIMEOUT(pulse.answering() && pulse.outputMonitor(nullptr) == "brava_out.monitor", 15000);
+        QTRY_VERIFY_WITH_TIMEOUT(pulse.answering() && pulse.outputMonitor(nullptr) == QStringLiteral("brava_out.monitor"), 15000);
         f->rec->takeLevels();
-        QTRY_VERIFY2_WITH_TIMEOUT(playClick("brava_out") && bothHear(f->rec->takeLevels()), qPrintable(home.log()), 20000); // each try plays for a second
+        QTRY_VERIFY2_WITH_TIMEOUT(playClick(QStringLiteral("brava_out")) && bothHear(f->rec->takeLevels()), qPrintable(home.log()), 20000); // each try plays for a second
         QTRY_VERIFY_WITH_TIMEOUT(!f->rec->lastError(), 10000);
         QVERIFY(f->stop());
         // Either the server was seen gone and back, or its streams ended and opened again.
         const QString log = home.log();
-        const bool seenAway = log.contains("Sound server not answering") && log.contains("sound server answering again");
-        const bool reopened = log.indexOf("mic stopped") < log.lastIndexOf("mic: BravaBuiltinMic")
-            && log.indexOf("computer audio stopped") < log.lastIndexOf("computer audio: following the output to brava_out.monitor");
-        QVERIFY2(log.contains("mic stopped") && (seenAway || reopened), qPrintable(log));
+        const bool seenAway = log.contains(QStringLiteral("Sound server not answering")) && log.contains(QStringLiteral("sound server answering again"));
+        const bool reopened = log.indexOf(QStringLiteral("mic stopped")) < log.lastIndexOf(QStringLiteral("mic: BravaBuiltinMic"))
+            && log.indexOf(QStringLiteral("computer audio stopped")) < log.lastIndexOf(QStringLiteral("computer audio: following the output to brava_out.monitor"));
+        QVERIFY2(log.contains(QStringLiteral("mic stopped")) && (seenAway || reopened), qPrintable(log));
     }
 };
 

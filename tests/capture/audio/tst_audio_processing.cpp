@@ -5,6 +5,7 @@
 #include "RecorderFixture.h"
 #include "StreamTimeLine.h"
 #include "TestHome.h"
+#include "TestLiterals.h"
 
 #include <QtTest>
 
@@ -28,7 +29,7 @@ float clickAt(const QVector<int64_t> &clicks, int64_t frame)
 // Where the clicks lie in a track's file of take "S1" (frames), at most one per 100 ms.
 QVector<qsizetype> clicksIn(const RecorderFixture &f, const QString &track)
 {
-    const QVector<float> pcm = MediaProbe::decode(f.path("S1", f.finalName(track)));
+    const QVector<float> pcm = MediaProbe::decode(f.path(QStringLiteral("S1"), f.finalName(track)));
     QVector<qsizetype> at;
     for (qsizetype a = MediaProbe::firstAbove(pcm, 0.25f); a >= 0; a = MediaProbe::firstAbove(pcm, 0.25f, a + 4800))
         at.append(a);
@@ -96,13 +97,13 @@ private Q_SLOTS:
             clicks = skip ? QVector<int64_t>{260 * kBlock + 100, 420 * kBlock + 7} : QVector<int64_t>{320 * kBlock + 100, 380 * kBlock + 7, 470 * kBlock + 300};
         const auto lostBy = [&](int b) { return 256 * std::count_if(lossBlocks.begin(), lossBlocks.end(), [b](int l) { return l <= b; }); };
         const int lateFrom = losses ? lossBlocks[2] : 360, lateTo = lateFrom + (losses ? 20 : 50);
-        QVERIFY(f.start("S1"));
+        QVERIFY(f.start(QStringLiteral("S1")));
         const int64_t startNs = f.clock->nowNs();
         for (int b = 0; b < (losses ? 620 : 500); ++b) {
             f.manual->set(startNs + (b + 1) * 10000000LL);
-            for (const QString &source : witnesses ? QStringList{"usbmic", "laptop", RecorderFixture::kMonitor} : QStringList{"usbmic"}) {
+            for (const QString &source : witnesses ? QStringList{QStringLiteral("usbmic"), QStringLiteral("laptop"), RecorderFixture::kMonitor} : strings({"usbmic"})) {
                 const int channels = f.audio->openChannels(source);
-                const bool mic = source == "usbmic";
+                const bool mic = source == QStringLiteral("usbmic");
                 const int64_t lost = skip ? 256 * (b >= 200) + (mic && b >= 215 ? own : 0) : mic ? lostBy(b) : 0;
                 const int64_t shown = skip ? 256 * (b >= 230) + (mic && b >= ownShown ? own : 0) : lost; // in the stamps
                 const int64_t first = b * kBlock + lost; // its first device frame
@@ -119,7 +120,7 @@ private Q_SLOTS:
             f.rec->audioQueue().sync([] {});
         }
         QVERIFY(f.stop());
-        const QVector<qsizetype> mic = clicksIn(f, "mic"), sys = witnesses ? clicksIn(f, "sys") : mic;
+        const QVector<qsizetype> mic = clicksIn(f, QStringLiteral("mic")), sys = witnesses ? clicksIn(f, QStringLiteral("sys")) : mic;
         QVERIFY(mic.size() == clicks.size() && sys.size() == clicks.size());
         for (int k = 0; k < clicks.size(); ++k) {
             const qsizetype off = mic[k] - sys[0] - (clicks[k] - clicks[0]);
@@ -128,23 +129,23 @@ private Q_SLOTS:
         }
         const QString log = home.log();
         if (skip) {
-            const QRegularExpressionMatch m = QRegularExpression("mic: in this take 2 gaps filled with silence, (\\d+) frames .* in all, (\\d) confirmed").match(log);
+            const QRegularExpressionMatch m = QRegularExpression(QStringLiteral("mic: in this take 2 gaps filled with silence, (\\d+) frames .* in all, (\\d) confirmed")).match(log);
             QVERIFY2(m.hasMatch() && std::abs(m.captured(1).toInt() - 256 - own) <= 24 && m.captured(2).toInt() == (skip == 2 ? 1 : 2)
-                         && log.contains("sys: in this take 1 gaps filled with silence, 256 frames (5.3 ms) in all, 1 confirmed"),
+                         && log.contains(QStringLiteral("sys: in this take 1 gaps filled with silence, 256 frames (5.3 ms) in all, 1 confirmed")),
                      qPrintable(log));
             return;
         }
-        QVERIFY2(!log.contains(QRegularExpression("(sys|room): (in this take [1-9]|the sound server)")), qPrintable(log));
+        QVERIFY2(!log.contains(QRegularExpression(QStringLiteral("(sys|room): (in this take [1-9]|the sound server)"))), qPrintable(log));
         if (!losses) {
-            QVERIFY2((!log.contains("filled with silence,") || log.contains("in this take 0 gaps filled")) && log.contains("mic: its time stamps moved")
-                         && log.contains(witnesses ? "moved too" : "no other track to compare with")
-                         && !log.contains("the sound server lost") && !log.contains("the sound server repeated"),
+            QVERIFY2((!log.contains(QStringLiteral("filled with silence,")) || log.contains(QStringLiteral("in this take 0 gaps filled"))) && log.contains(QStringLiteral("mic: its time stamps moved"))
+                         && log.contains(witnesses ? QStringLiteral("moved too") : QStringLiteral("no other track to compare with"))
+                         && !log.contains(QStringLiteral("the sound server lost")) && !log.contains(QStringLiteral("the sound server repeated")),
                      qPrintable(log));
             return;
         }
-        const QRegularExpressionMatch one = QRegularExpression("mic: the sound server lost (\\d+) frames .* filled with silence").match(log);
+        const QRegularExpressionMatch one = QRegularExpression(QStringLiteral("mic: the sound server lost (\\d+) frames .* filled with silence")).match(log);
         const QRegularExpressionMatch all = QRegularExpression(QStringLiteral("mic: in this take %1 gaps filled with silence, (\\d+) frames").arg(lossBlocks.size())).match(log);
-        QVERIFY2(log.count("the sound server lost") == 1 && one.hasMatch() && all.hasMatch(), qPrintable(log));
+        QVERIFY2(log.count(QStringLiteral("the sound server lost")) == 1 && one.hasMatch() && all.hasMatch(), qPrintable(log));
         QVERIFY2(std::abs(one.captured(1).toInt() - 256) <= 24 && std::abs(all.captured(1).toInt() - lostBy(620)) <= 48, qPrintable(log));
     }
 
@@ -365,14 +366,14 @@ private Q_SLOTS:
     // microphone is the built-in one unless it is already the main microphone.
     void choosingMicrophones_data()
     {
-        const QList<Device> both = {{"builtin", "", true, true}, {"headset", "", false, false}, {"usb2", "", false, false}};
+        const QList<Device> both = {{QStringLiteral("builtin"), QStringLiteral(""), true, true}, {QStringLiteral("headset"), QStringLiteral(""), false, false}, {QStringLiteral("usb2"), QStringLiteral(""), false, false}};
         QTest::addColumn<QList<Device>>("devices");
         QTest::addColumn<QString>("saved");
         QTest::addColumn<QString>("micAndRoom");
         QTest::newRow("attached wins") << both << QString() << "headset builtin";
         QTest::newRow("saved") << both << "usb2" << "usb2 builtin";
         QTest::newRow("unplugged") << both << "gone" << "builtin ";
-        QTest::newRow("no default") << QList<Device>{{"a", "", true, false}, {"b", "", true, false}} << QString() << "a b";
+        QTest::newRow("no default") << QList<Device>{{QStringLiteral("a"), QStringLiteral(""), true, false}, {QStringLiteral("b"), QStringLiteral(""), true, false}} << QString() << "a b";
     }
     void choosingMicrophones()
     {
@@ -380,7 +381,7 @@ private Q_SLOTS:
         QFETCH(QString, saved);
         QFETCH(QString, micAndRoom);
         const QString mic = DeviceChoice::pickMic(devices, saved).value_or(Device{}).uid;
-        QCOMPARE(mic + ' ' + DeviceChoice::pickRoomMic(devices, mic).value_or(Device{}).uid, micAndRoom);
+        QCOMPARE(mic + QLatin1Char(' ') + DeviceChoice::pickRoomMic(devices, mic).value_or(Device{}).uid, micAndRoom);
     }
 };
 
