@@ -92,21 +92,23 @@ private Q_SLOTS:
     {
         if (qEnvironmentVariableIntValue("BRAVA_TEST_AVAHI") != 1)
             QSKIP("no Avahi daemon for tests (run through scripts/test)");
-        const QString name = QStringLiteral("Room %1").arg(QCoreApplication::applicationPid()); // runs do not meet
+        // Runs do not meet; a name past DNS-SD's 63 bytes is announced cut after its last whole character.
+        const QString prefix = QStringLiteral("Room %1 ").arg(QCoreApplication::applicationPid());
+        const QString name = prefix + QString((63 - prefix.size()) / 2, QChar(0xe9));
         const quint16 first = room(), second = room();
         RoomDiscovery d(net);
         d.start();
         QVERIFY(d.searching());
         QString why;
         auto one = std::make_unique<RoomAnnouncer>(), two = std::make_unique<RoomAnnouncer>();
-        QVERIFY2(one->announce(name, first, &why), qPrintable(why));
+        QVERIFY2(one->announce(name + QChar(0xe9) + QStringLiteral("tail"), first, &why), qPrintable(why));
         QTRY_COMPARE_WITH_TIMEOUT(d.rooms().size(), 1, 15000);
         QVERIFY(two->announce(name, second, &why));
         QProcess dead;
-        dead.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), name + QStringLiteral(" dead"), QStringLiteral("_bravacontrol._tcp"), QStringLiteral("1")});
+        dead.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), prefix + QStringLiteral("dead"), QStringLiteral("_bravacontrol._tcp"), QStringLiteral("1")});
         QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 2 && d.resolving() == 0, 15000);
         QCOMPARE(d.rooms().at(0).name + QLatin1Char('@') + d.rooms().at(0).address(), name + QStringLiteral("@127.0.0.1:%1").arg(first));
-        QCOMPARE(d.rooms().at(1).name + QLatin1Char('@') + d.rooms().at(1).address(), name + QStringLiteral(" #2@127.0.0.1:%1").arg(second));
+        QVERIFY(d.rooms().at(1).name.endsWith(QStringLiteral(" #2")) && d.rooms().at(1).address().endsWith(QString::number(second)));
         one.reset();
         QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 1, 10000);
         QCOMPARE(d.rooms().first().port, second);
