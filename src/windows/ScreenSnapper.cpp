@@ -4,9 +4,9 @@
 #include <QDBusConnection>
 #include <QDBusPendingCallWatcher>
 #include <QDBusPendingReply>
-#include <QFutureWatcher>
 #include <QDBusObjectPath>
 #include <QFile>
+#include <QFutureWatcher>
 #include <QGuiApplication>
 #include <QImage>
 #include <QPainter>
