@@ -13,6 +13,7 @@ class RoomDiscoveryTest : public QObject
     std::vector<std::unique_ptr<HttpStub>> servers;
     ScriptedBrowser *browser = nullptr;
     std::unique_ptr<RoomDiscovery> discovery;
+    QStringList said; // what the announcers told the operator
 
     quint16 room(const HttpStub::Answer &answer = HttpStub::status(200))
     {
@@ -103,15 +104,34 @@ private Q_SLOTS:
         auto one = std::make_unique<RoomAnnouncer>(), two = std::make_unique<RoomAnnouncer>();
         QVERIFY2(one->announce(name + QChar(0xe9) + QStringLiteral("tail"), first, &why), qPrintable(why));
         QTRY_COMPARE_WITH_TIMEOUT(d.rooms().size(), 1, 15000);
+        two->onReport = [this](const QString &line) { QMetaObject::invokeMethod(this, [this, line] { said << line; }); };
         QVERIFY(two->announce(name, second, &why));
         QProcess dead;
         dead.start(QStringLiteral("avahi-publish"), {QStringLiteral("-s"), prefix + QStringLiteral("dead"), QStringLiteral("_bravacontrol._tcp"), QStringLiteral("1")});
         QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 2 && d.resolving() == 0, 15000);
         QCOMPARE(d.rooms().at(0).name + QLatin1Char('@') + d.rooms().at(0).address(), name + QStringLiteral("@127.0.0.1:%1").arg(first));
         QVERIFY(d.rooms().at(1).name.endsWith(QStringLiteral(" #2")) && d.rooms().at(1).address().endsWith(QString::number(second)));
+        // The operator is told the name the network took.
+        const QString taken = QStringLiteral("announced as \"") + d.rooms().at(1).name + QStringLiteral("\" (_bravacontrol._tcp)");
+        QTRY_VERIFY2(said.contains(taken), qPrintable(said.join(u'|')));
         one.reset();
         QTRY_VERIFY_WITH_TIMEOUT(d.rooms().size() == 1, 10000);
         QCOMPARE(d.rooms().first().port, second);
+
+        // A restarted daemon gets the announcement again (only with the daemon scripts/test started).
+        const QString conf = qEnvironmentVariable("BRAVA_TEST_AVAHI_CONF");
+        if (conf.isEmpty())
+            return;
+        said.clear();
+        QCOMPARE(QProcess::execute(QStringLiteral("avahi-daemon"), {QStringLiteral("--kill")}), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(said, QStringList({QStringLiteral("the Avahi daemon went away: announced again when it is back")}), 10000);
+        QCOMPARE(QProcess::execute(QStringLiteral("avahi-daemon"), {QStringLiteral("-D"), QStringLiteral("--no-drop-root"), QStringLiteral("--no-chroot"),
+                                                                     QStringLiteral("--no-rlimits"), QStringLiteral("-f"), conf}), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(said.contains(taken), 15000);
+        RoomDiscovery again(net);
+        again.livenessIntervalMs = 500;
+        again.start();
+        QTRY_VERIFY_WITH_TIMEOUT(again.rooms().size() == 1 && again.rooms().first().port == second, 15000);
     }
 };
 

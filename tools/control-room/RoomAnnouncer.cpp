@@ -13,16 +13,37 @@ struct AnnouncerEvents
 {
     static void client(AvahiClient *c, AvahiClientState state, void *self)
     {
-        if (state == AVAHI_CLIENT_S_RUNNING)
-            static_cast<RoomAnnouncer *>(self)->publish(c);
+        auto *a = static_cast<RoomAnnouncer *>(self);
+        switch (state) {
+        case AVAHI_CLIENT_S_RUNNING:
+            a->publish(c);
+            break;
+        case AVAHI_CLIENT_S_COLLISION:
+        case AVAHI_CLIENT_S_REGISTERING: // the host's own name changes: announced again once it runs
+            if (a->m_group)
+                avahi_entry_group_reset(a->m_group);
+            break;
+        case AVAHI_CLIENT_FAILURE:
+            if (avahi_client_errno(c) == AVAHI_ERR_DISCONNECTED)
+                a->reconnect(c);
+            else
+                a->report(QStringLiteral("not announced any more (") + QString::fromUtf8(avahi_strerror(avahi_client_errno(c))) + u')');
+            break;
+        case AVAHI_CLIENT_CONNECTING:
+            break;
+        }
     }
     static void group(AvahiEntryGroup *g, AvahiEntryGroupState state, void *self)
     {
-        if (state != AVAHI_ENTRY_GROUP_COLLISION)
-            return;
         auto *a = static_cast<RoomAnnouncer *>(self);
-        a->takeNextName();
-        a->publish(avahi_entry_group_get_client(g));
+        if (state == AVAHI_ENTRY_GROUP_ESTABLISHED) {
+            a->report(QStringLiteral("announced as \"") + QString::fromUtf8(a->m_name) + QStringLiteral("\" (") + QLatin1String(Protocol::serviceType) + u')');
+        } else if (state == AVAHI_ENTRY_GROUP_COLLISION) {
+            a->takeNextName();
+            a->publish(avahi_entry_group_get_client(g));
+        } else if (state == AVAHI_ENTRY_GROUP_FAILURE) {
+            a->report(QStringLiteral("not announced (") + QString::fromUtf8(avahi_strerror(avahi_client_errno(avahi_entry_group_get_client(g)))) + u')');
+        }
     }
 };
 
@@ -48,14 +69,37 @@ bool RoomAnnouncer::announce(const QString &name, quint16 port, QString *why)
     m_port = port;
     m_poll = avahi_threaded_poll_new();
     int error = 0;
+    // Without a daemon yet the client waits for one; without a system bus it fails here.
     if (m_poll)
-        m_client = avahi_client_new(avahi_threaded_poll_get(m_poll), AvahiClientFlags(0), &AnnouncerEvents::client, this, &error);
+        m_client = avahi_client_new(avahi_threaded_poll_get(m_poll), AVAHI_CLIENT_NO_FAIL, &AnnouncerEvents::client, this, &error);
     if (!m_client) {
         *why = QString::fromUtf8(avahi_strerror(error));
         return false;
     }
+    if (avahi_client_get_state(m_client) == AVAHI_CLIENT_CONNECTING)
+        report(QStringLiteral("not announced yet (no Avahi daemon): agents type this computer's address in their setup; "
+                              "announced as soon as the daemon runs"));
     avahi_threaded_poll_start(m_poll);
     return true;
+}
+
+void RoomAnnouncer::reconnect(AvahiClient *gone)
+{
+    // Everything made with the old client (the entry group too) goes with it; the new one waits
+    // for the daemon and announces the same name again once the daemon runs.
+    report(QStringLiteral("the Avahi daemon went away: announced again when it is back"));
+    avahi_client_free(gone);
+    m_group = nullptr;
+    int error = 0;
+    m_client = avahi_client_new(avahi_threaded_poll_get(m_poll), AVAHI_CLIENT_NO_FAIL, &AnnouncerEvents::client, this, &error);
+    if (!m_client)
+        report(QStringLiteral("not announced any more (") + QString::fromUtf8(avahi_strerror(error)) + u')');
+}
+
+void RoomAnnouncer::report(const QString &line) const
+{
+    if (onReport)
+        onReport(line);
 }
 
 void RoomAnnouncer::publish(AvahiClient *client)

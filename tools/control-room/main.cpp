@@ -79,10 +79,11 @@ int main(int argc, char *argv[])
     out << "control room \"" << name << "\" on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
     out << "http://" << reachableHost() << ':' << bound << "/?token=" << room.token() << Qt::endl;
     RoomAnnouncer announcer;
+    announcer.onReport = [&app, &out](const QString &line) {
+        QMetaObject::invokeMethod(&app, [&out, line] { out << line << Qt::endl; }, Qt::QueuedConnection);
+    };
     QString why;
-    if (announcer.announce(name, bound, &why))
-        out << "announced as \"" << name << "\" (" << "_bravacontrol._tcp" << ")" << Qt::endl;
-    else
+    if (!announcer.announce(name, bound, &why))
         out << "not announced (" << why << "): agents type this computer's address in their setup" << Qt::endl;
     out << "type \"help\" for the commands" << Qt::endl;
 
