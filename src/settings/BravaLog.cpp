@@ -3,6 +3,7 @@
 #include "DataFolder.h"
 
 #include <QDateTime>
+#include <QFile>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -36,7 +37,9 @@ QString bravaLogLine(const QString &message, const QDateTime &utc)
 void bravaLog(const QString &message)
 {
     const QByteArray bytes = (bravaLogLine(message, QDateTime::currentDateTimeUtc()) + QLatin1Char('\n')).toUtf8();
-    const QByteArray path = QString(DataFolder::dataDir() + QStringLiteral("/log.txt")).toLocal8Bit();
+    // The data folder is made at launch; a line after an uninstall moved it to the Trash goes nowhere
+    // rather than bringing the folder back.
+    const QByteArray path = QFile::encodeName(DataFolder::pathOf(QStringLiteral("log.txt")));
     // O_APPEND makes each line land whole at the end, even with writers in other threads.
     const int fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0)

@@ -11,12 +11,14 @@ TestHome::TestHome()
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_dir.path() + QStringLiteral("/config")));
     qputenv("XDG_DATA_HOME", QFile::encodeName(m_dir.path() + QStringLiteral("/data")));
     useInfo(QString());
+    DataFolder::dataDir(); // made at launch, as main() does
 }
 
 void TestHome::wipe()
 {
     m_settings->removeAll();
     QDir(DataFolder::dataDir()).removeRecursively();
+    DataFolder::dataDir();
 }
 
 void TestHome::useInfo(const QString &bravaServer, const QString &version, const QString &webBase)

@@ -1,12 +1,14 @@
 // The controller's side: a locked build offers "Check for Updates…" and "Uninstall Brava
 // Recorder…", both answer with their alerts, and a build with the test key says so.
 #include "AgentFixture.h"
+#include "BravaLog.h"
 #include "SyntheticAudioBackend.h"
 #include "TrayView.h"
 
 #include <QAbstractButton>
 #include <QAction>
 #include <QApplication>
+#include <QDirIterator>
 #include <QMenu>
 #include <QMessageBox>
 #include <QtTest>
@@ -56,6 +58,22 @@ private Q_SLOTS:
                 b->click();
         QTRY_VERIFY(!QApplication::activeModalWidget());
         QVERIFY(QFile::exists(home.settings().path())); // cancelled: nothing removed
+
+        // Confirmed: the agent stops, and nothing of it is left in the home outside the Trash,
+        // not even after it has quit (its last log line has nowhere to go).
+        bool quit = false;
+        f.app->maintenance().uninstaller().quit = [&quit] { quit = true; };
+        uninstall->trigger();
+        QTRY_COMPARE(modalText(), QStringLiteral("Uninstall Brava Recorder?"));
+        qobject_cast<QMessageBox *>(QApplication::activeModalWidget())->buttons().constFirst()->click();
+        QTRY_VERIFY(quit);
+        f.app.reset();
+        bravaLog(QStringLiteral("quit"));
+        QStringList left;
+        for (QDirIterator it(home.root(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories); it.hasNext();)
+            if (const QString file = it.next(); !file.contains(QStringLiteral("/Trash/")) && !file.endsWith(QStringLiteral("/Info.ini")))
+                left << file;
+        QVERIFY2(left.isEmpty(), qPrintable(left.join(u' ')));
     }
 };
 
