@@ -36,8 +36,9 @@ AppDelegate::AppDelegate(Settings &settings, const BuildInfo &build, AudioBacken
     , m_upkeep(build, [this] { return updateBusy(); })
     , m_maintenance(maintenanceParts(),
                     {build.serverLocked(), build.webServiceURL(), build.version(), build.bundleIdentifier(),
-                     QCoreApplication::applicationDirPath(), {}, {}},
-                    {QCoreApplication::applicationDirPath(), DataFolder::dataDir(), settings.path(), LoginItem::entryPath()})
+                     QCoreApplication::applicationDirPath(), build.packageManaged(), {}, {}},
+                    {QCoreApplication::applicationDirPath(), DataFolder::dataDir(), settings.path(), LoginItem::entryPath(),
+                     build.packageManaged()})
 {
     m_commands.onChanged = [this] { publish(); };
     m_commands.onReplaced = [this] { showReplacedAlert(); };

@@ -9,6 +9,26 @@
 
 namespace LoginItem {
 
+QString execQuoted(const QString &path)
+{
+    // The desktop entry rules, in their order: the argument in double quotes with \ " ` $ escaped
+    // by a backslash and % doubled; then the string's own escapes, which double every backslash
+    // (so a $ is written \\$) and spell out line breaks and tabs.
+    QString arg;
+    for (const QChar c : path) {
+        if (c == u'\\' || c == u'"' || c == u'`' || c == u'$')
+            arg += u'\\';
+        else if (c == u'%')
+            arg += u'%';
+        arg += c;
+    }
+    QString out = QStringLiteral("\"");
+    for (const QChar c : arg)
+        out += c == u'\\' ? QStringLiteral("\\\\") : c == u'\n' ? QStringLiteral("\\n") : c == u'\t' ? QStringLiteral("\\t")
+            : c == u'\r' ? QStringLiteral("\\r") : QString(c);
+    return out + u'"';
+}
+
 QString entryPath()
 {
     return xdgFolder(XdgFolder::Autostart) + QStringLiteral("/brava-recorder.desktop");
@@ -20,15 +40,12 @@ void registerCurrentUser()
     if (exe.isEmpty())
         return;
     QDir().mkpath(QFileInfo(entryPath()).absolutePath());
-    // Exec quoting per the desktop entry rules: the path in double quotes, with \ " ` $ escaped.
-    QString quoted = exe;
-    for (const char *c : {"\\", "\"", "`", "$"})
-        quoted.replace(QLatin1String(c), QLatin1String("\\") + QLatin1String(c));
+    QString quoted = execQuoted(exe);
     const QByteArray text = "[Desktop Entry]\n"
                             "Type=Application\n"
                             "Name=Brava Recorder\n"
                             "Comment=Records this computer's calls for the event's control room\n"
-                            "Exec=\"" + quoted.toUtf8() + "\"\n"
+                            "Exec=" + quoted.toUtf8() + "\n"
                             "Terminal=false\n"
                             "X-GNOME-Autostart-enabled=true\n";
     QFile existing(entryPath());

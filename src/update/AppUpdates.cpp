@@ -86,10 +86,11 @@ void AppUpdates::feedArrived(QNetworkReply *reply, bool manual)
 {
     reply->deleteLater();
     const QNetworkReply::NetworkError error = reply->error();
-    // Transport errors keep their own text; an answer that is not a 200 over https, or a body that
-    // reached the limit (the transfer was cut off: OperationCanceledError), is the service's fault.
+    // Transport errors keep their own text; an answer that is not a 200 over https (a redirect to
+    // http included), or a body that reached the limit (the transfer was cut off:
+    // OperationCanceledError), is the service's fault.
     if (error != QNetworkReply::NoError && error != QNetworkReply::OperationCanceledError
-        && error < QNetworkReply::ContentAccessDenied) {
+        && error != QNetworkReply::InsecureRedirectError && error < QNetworkReply::ContentAccessDenied) {
         checkFailed(reply->errorString(), manual);
         return;
     }
@@ -123,7 +124,8 @@ void AppUpdates::decide(const QByteArray &body, bool manual)
         endCheck();
         return;
     }
-    if (!UpdatePolicy::allowed(chosen->url, host()) || !UpdatePolicy::digestWellFormed(chosen->sha256)) {
+    if (!UpdatePolicy::allowed(chosen->url, host()) || !UpdatePolicy::digestWellFormed(chosen->sha256)
+        || !UpdatePolicy::versionWellFormed(chosen->version)) {
         checkFailed(QStringLiteral("Invalid update release"), manual);
         return;
     }
@@ -246,7 +248,7 @@ void AppUpdates::handOver()
         show(UpdateAlerts::verifiedButBusy());
         return;
     }
-    show(UpdateAlerts::verified(m_options.installedFolder), [this, folder = m_verified](int button) {
+    show(UpdateAlerts::verified(m_options.installedFolder, m_options.packageManaged), [this, folder = m_verified](int button) {
         if (button != 0)
             return;
         if (isBusy())

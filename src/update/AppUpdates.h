@@ -31,6 +31,7 @@ public:
         QString runningVersion;     ///< CFBundleShortVersionString of the running agent
         QString identifier;         ///< CFBundleIdentifier a release must carry
         QString installedFolder;    ///< the running agent's folder, named in the instructions
+        bool packageManaged = false; ///< installed by the system's package manager
         QByteArray publicKeyPem;    ///< key the release manifest must be signed with
         QString tempRoot;           ///< where work folders go; the system's temporary folder when empty
         qint64 maxDownloadBytes = BRAVA_UPDATE_MAX_BYTES;

@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,10 +21,10 @@ Uninstaller::Uninstaller(Paths paths, QObject *parent)
     quit = [] { QCoreApplication::quit(); };
 }
 
-Uninstaller::AppRemoval Uninstaller::removalOf(const QString &folder)
+Uninstaller::AppRemoval Uninstaller::removalOf(const QString &folder, bool packageManaged)
 {
     struct stat st;
-    if (::stat(QFile::encodeName(folder).constData(), &st) != 0 || st.st_uid != ::geteuid())
+    if (packageManaged || ::stat(QFile::encodeName(folder).constData(), &st) != 0 || st.st_uid != ::geteuid())
         return AppRemoval::Package;
     // Only a folder that is plainly an unpacked release, inside the home folder, goes to the Trash:
     // never a shared folder of programs or a build tree.
@@ -60,7 +61,7 @@ void Uninstaller::start()
 {
     if (m_running)
         return;
-    const Alert question = confirmation(pendingCount(), removalOf(m_paths.appFolder), m_paths.appFolder);
+    const Alert question = confirmation(pendingCount(), removalOf(m_paths.appFolder, m_paths.packageManaged), m_paths.appFolder);
     m_running = true;
     ask(question, [this](int button) {
         if (button != 0) {
@@ -78,11 +79,20 @@ void Uninstaller::remove()
         beforeRemoving();
     QFile::remove(m_paths.settingsFile);
     QDir().rmdir(QFileInfo(m_paths.settingsFile).path()); // only when empty
+    const AppRemoval removal = removalOf(m_paths.appFolder, m_paths.packageManaged);
     QFile::remove(m_paths.autostartEntry);
+    if (removal == AppRemoval::Package) {
+        // The package starts the agent at login for every user; this user's hidden copy says no.
+        QSaveFile hidden(m_paths.autostartEntry);
+        QDir().mkpath(QFileInfo(m_paths.autostartEntry).path());
+        if (!hidden.open(QIODevice::WriteOnly) || hidden.write("[Desktop Entry]\nType=Application\nName=Brava Recorder\nHidden=true\n") < 0
+            || !hidden.commit())
+            bravaLog(QStringLiteral("uninstall: cannot switch off the start at login in ") + m_paths.autostartEntry);
+    }
     // Failures to reach the Trash do not stop the uninstall; nothing is deleted outright.
-    if (removalOf(m_paths.appFolder) == AppRemoval::Trash)
-        QFile::moveToTrash(m_paths.appFolder);
-    QFile::moveToTrash(m_paths.dataFolder);
+    for (const QString &folder : {removal == AppRemoval::Trash ? m_paths.appFolder : QString(), m_paths.dataFolder})
+        if (!folder.isEmpty() && QFileInfo::exists(folder) && !QFile::moveToTrash(folder))
+            bravaLog(QStringLiteral("uninstall: cannot move to the Trash, left in place: ") + folder);
     Q_EMIT removed();
     if (quit)
         quit();

@@ -10,7 +10,8 @@
 // Removes the agent from this computer after asking: stops the recorder, then moves the
 // program's folder (only an unpacked release in a folder this user owns under the home folder; a
 // package-managed install is left to the package manager and the alert says so) and the data
-// folder to the freedesktop Trash, removes the settings file and the autostart entry, and quits.
+// folder to the freedesktop Trash, removes the settings file and the autostart entry (a package's
+// entry for every user is switched off with this user's own hidden copy), and quits.
 // Pending uploads are named in the alert, whose button then reads "Uninstall Anyway".
 class Uninstaller : public QObject
 {
@@ -22,6 +23,7 @@ public:
         QString dataFolder;
         QString settingsFile;
         QString autostartEntry;
+        bool packageManaged = false; ///< installed by the system's package manager
     };
     /// How the program itself is removed.
     enum class AppRemoval { Trash, Package, ByHand };
@@ -44,7 +46,7 @@ public:
     /// The question for this many pending files and this way of removing the program.
     static Alert confirmation(int pending, AppRemoval removal, const QString &appFolder);
     /// How the program in `folder` can be removed by this user.
-    static AppRemoval removalOf(const QString &folder);
+    static AppRemoval removalOf(const QString &folder, bool packageManaged = false);
 
 Q_SIGNALS:
     /// Everything has been removed (just before quit).

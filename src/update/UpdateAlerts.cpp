@@ -29,12 +29,17 @@ Alert offer(const QString &version)
             {QStringLiteral("Download Update"), QStringLiteral("Later")}};
 }
 
-Alert verified(const QString &installedFolder)
+Alert verified(const QString &installedFolder, bool packageManaged)
 {
-    return {QStringLiteral("Update verified"),
-            QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + installedFolder
-                + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number "
-                                 "and settings stay saved."),
+    // A package's folder belongs to the package manager: the new version comes as a package, or
+    // runs from the verified folder.
+    const QString how = packageManaged
+        ? QStringLiteral("This copy was installed with the system's packages (") + installedFolder
+            + QStringLiteral("): install the brava-recorder package of the new version, or quit Brava Recorder and "
+                             "start the verified one from the folder shown in the file manager.")
+        : QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + installedFolder
+            + QStringLiteral(") with the verified one shown in the file manager. Open it again.");
+    return {QStringLiteral("Update verified"), how + QStringLiteral(" Your agent number and settings stay saved."),
             {QStringLiteral("Show Verified App"), QStringLiteral("Later")}};
 }
 

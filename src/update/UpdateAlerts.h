@@ -14,7 +14,7 @@ Alert checkFailed();
 /// The offer of a newer release: "Download Update" or "Later".
 Alert offer(const QString &version);
 /// The verified release with the instructions: "Show Verified App" or "Later".
-Alert verified(const QString &installedFolder);
+Alert verified(const QString &installedFolder, bool packageManaged);
 /// Verified, but recording or uploads have started.
 Alert verifiedButBusy();
 /// The download or its verification failed.

@@ -77,4 +77,10 @@ bool digestWellFormed(const QString &sha256)
     return pattern.match(sha256).hasMatch();
 }
 
+bool versionWellFormed(const QString &version)
+{
+    static const QRegularExpression pattern(QStringLiteral("^[0-9A-Za-z._+-]{1,32}$"));
+    return pattern.match(version).hasMatch();
+}
+
 } // namespace UpdatePolicy

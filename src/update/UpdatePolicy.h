@@ -18,5 +18,8 @@ bool newer(const QString &a, const QString &b);
 bool allowed(const QUrl &url, const QString &host);
 /// True for exactly 64 lower-case hexadecimal digits.
 bool digestWellFormed(const QString &sha256);
+/// True for 1 to 32 of the characters a release's version is made of: letters, digits, ". _ + -"
+/// (it names the archive and is shown in alerts).
+bool versionWellFormed(const QString &version);
 
 } // namespace UpdatePolicy

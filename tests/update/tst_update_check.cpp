@@ -120,11 +120,14 @@ private Q_SLOTS:
         QTest::newRow("feed of 70 kB") << offering("2.0", ", \"enabled\": true, \"pad\": \"" + QByteArray(70000, 'x') + "\"") << false << true
                                        << failed << "" << down;
         QTest::newRow("feed of 70 kB without a length") << A{200, QByteArray(70000, ' ') + feed({}), {}, false} << false << true << failed << "" << down;
-        QTest::newRow("redirect to http") << A{302, {}, "http://" + kit.host.toLatin1() + kFeedPath} << false << true << failed << "" << "Insecure redirect";
+        QTest::newRow("redirect to http") << A{302, {}, "http://" + kit.host.toLatin1() + kFeedPath} << false << true << failed << "" << down;
         // Newer releases that break the rules.
         QTest::newRow("release with a port") << offering("2.0", ", \"enabled\": true", kit.base().toUtf8() + ":443/wp-content/uploads/r.zip")
                                              << false << true << failed << "" << invalid;
         QTest::newRow("digest in upper case") << offering("2.0", ", \"enabled\": true", {}, QByteArray(64, 'A')) << false << true << failed << "" << invalid;
+        QTest::newRow("version with a slash") << offering("2.0/x") << false << true << failed << "" << invalid;
+        QTest::newRow("version of 33 characters") << offering("2." + QByteArray(31, '1')) << false << true << failed << "" << invalid;
+        QTest::newRow("version of 32 characters") << offering("2.0-rc_1+b." + QByteArray(21, 'x')) << true << false << none << QString(QLatin1String("2.0-rc_1+b.") + QString(21, u'x')) << "";
         QTest::newRow("digest of 63 digits") << offering("2.0", ", \"enabled\": true", {}, kDigest.left(63)) << false << true << failed << "" << invalid;
     }
     void outcome()

@@ -32,7 +32,7 @@ private Q_SLOTS:
         QTest::newRow("update-available-busy") << UpdateAlerts::availableButBusy(QStringLiteral("2.0"));
         QTest::newRow("update-check-failed") << UpdateAlerts::checkFailed();
         QTest::newRow("update-offer") << UpdateAlerts::offer(QStringLiteral("2.0"));
-        QTest::newRow("update-verified") << UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"));
+        QTest::newRow("update-verified") << UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"), false);
         QTest::newRow("update-verified-busy") << UpdateAlerts::verifiedButBusy();
         QTest::newRow("update-not-opened") << UpdateAlerts::notOpened();
         QTest::newRow("uninstall") << U::confirmation(0, U::AppRemoval::Trash, QString());

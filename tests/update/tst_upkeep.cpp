@@ -1,6 +1,7 @@
 // Upkeep: relaunching into a newer build once the old process has gone, and uninstalling to the
 // Trash with nothing of the agent left outside it.
 #include "BuildInfo.h"
+#include "LoginItem.h"
 #include "Relaunch.h"
 #include "Upkeep.h"
 #include "Uninstaller.h"
@@ -30,6 +31,20 @@ QStringList filesBelow(const QString &root, const QString &except)
         if (const QString path = it.next(); !path.startsWith(except))
             files.append(path);
     return files;
+}
+
+// Starts the relaunch of `exe` for a running process and shows that it waits for the process to end.
+void relaunchWaits(const QString &exe)
+{
+    QProcess old;
+    old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
+    QVERIFY(old.waitForStarted());
+    QVERIFY(Relaunch::start(old.processId(), exe));
+    // The shell polls every 0.2 s: give it a few rounds to show that it waits.
+    QTest::qWait(600);
+    QVERIFY(!QFile::exists(QFileInfo(exe).path() + QLatin1String("/started")));
+    old.kill();
+    old.waitForFinished();
 }
 
 } // namespace
@@ -87,22 +102,30 @@ private Q_SLOTS:
 
     // The script waits for the old process, then starts the file in a folder whose name holds a
     // space, quotes and a command substitution, and runs nothing else.
-    void relaunchWaitsThenStartsTheRightFile()
+    // The relaunch script, and the start-at-login entry as GLib's desktop-entry reader runs it, start
+    // exactly the program in a folder whose name holds shell syntax.
+    void startsTheRightFile_data()
     {
+        QTest::addColumn<bool>("atLogin");
+        QTest::newRow("relaunch once the old process has gone") << false;
+        QTest::newRow("start at login") << true;
+    }
+    void startsTheRightFile()
+    {
+        QFETCH(bool, atLogin);
         const QString work = tmp.path() + QLatin1String("/relaunch"), folder = work + QLatin1String("/it's \"a\" $(touch PWNED) `touch PWNED2` dir"), exe = folder + QLatin1String("/brava-recorder");
+        QDir(work).removeRecursively();
         writeFile(exe, "#!/bin/sh\necho \"$0\" > \"$(dirname \"$0\")/started\"\n");
         QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         QVERIFY(QDir::setCurrent(work));
-
-        QProcess old;
-        old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
-        QVERIFY(old.waitForStarted());
-        QVERIFY(Relaunch::start(old.processId(), exe));
-        // The shell polls every 0.2 s: give it a few rounds to show that it waits.
-        QTest::qWait(600);
-        QVERIFY(!QFile::exists(folder + QLatin1String("/started")));
-        old.kill();
-        old.waitForFinished();
+        if (atLogin) {
+            if (QStandardPaths::findExecutable(QStringLiteral("gio")).isEmpty())
+                QSKIP("no gio (libglib2.0-bin) to read the entry");
+            writeFile(folder + QLatin1String("/entry.desktop"), "[Desktop Entry]\nType=Application\nName=B\nExec=" + LoginItem::execQuoted(exe).toUtf8() + "\n");
+            QCOMPARE(QProcess::execute(QStringLiteral("gio"), {QStringLiteral("launch"), folder + QLatin1String("/entry.desktop")}), 0);
+        } else {
+            relaunchWaits(exe);
+        }
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QLatin1String("/started")), 10000);
         QFile started(folder + QLatin1String("/started"));
         QVERIFY(started.open(QIODevice::ReadOnly));
@@ -160,15 +183,19 @@ private Q_SLOTS:
     void uninstall_data()
     {
         QTest::addColumn<int>("answer");
-        QTest::newRow("cancel") << 1;
-        QTest::newRow("uninstall anyway") << 0;
+        QTest::addColumn<bool>("package");
+        QTest::newRow("cancel") << 1 << false;
+        QTest::newRow("uninstall anyway") << 0 << false;
+        QTest::newRow("package install") << 0 << true;
     }
     void uninstall()
     {
         QFETCH(int, answer);
+        QFETCH(bool, package);
+        QDir(home).removeRecursively();
         const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
         const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
-                                       home + QLatin1String("/.config/autostart/brava-recorder.desktop")};
+                                       home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package};
         for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
                                     paths.settingsFile, paths.autostartEntry})
             writeFile(file);
@@ -199,9 +226,20 @@ private Q_SLOTS:
         }
         QTRY_VERIFY(quit);
         QVERIFY(cleared);
+        QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
+        if (package) {
+            // The package's folder is the package manager's; the package's start at login for
+            // every user is switched off by this user's hidden copy.
+            QStringList left = filesBelow(home, trash);
+            left.sort();
+            QCOMPARE(left, (QStringList{paths.autostartEntry, app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
+            QFile entry(paths.autostartEntry);
+            QVERIFY(entry.open(QIODevice::ReadOnly) && entry.readAll().contains("\nHidden=true\n"));
+            QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
+            return;
+        }
         // Nothing of the agent outside the Trash; in the Trash the two folders with notes of where they were.
         QCOMPARE(filesBelow(home, trash), QStringList());
-        QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
         QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
         QString notes;
         for (const QFileInfo &note : QDir(trash + QLatin1String("/info")).entryInfoList({QStringLiteral("*.trashinfo")})) {
