@@ -199,6 +199,12 @@ private Q_SLOTS:
             }), kSignature, "not a program for this computer");
         row("truncated archive", [this] { publish(); return serve(QStringLiteral("/wp-content/uploads/t.zip"), {200, m_zip.left(m_zip.size() / 2)}); }, kSignature,
             "archive is damaged");
+        row("link leaving the app folder", before([](const QString &f) { QFile::link(QStringLiteral("../../Other"), f + QLatin1String("/lib/up")); }), kSignature,
+            "link leaves the app folder: lib/up");
+        row("zip-slip entry", [this] { return serve(QStringLiteral("/wp-content/uploads/s.zip"), {200, zipOf({{"Brava Recorder/a"}, {"Brava Recorder/../../x"}})}); },
+            kSignature, "leaves the folder");
+        row("redirect to another host", answered({302, {}, "https://127.0.0.1/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
+        row("redirect with a port", answered({302, {}, "https://" + kit.host.toLatin1() + ":443/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
         row("redirect to http", answered({302, {}, "http://" + kit.host.toLatin1() + "/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
         row("over the cap, no length", answered({200, QByteArray(2 * UpdateKit::kCap, 'z'), {}, false}), QStringLiteral("Download larger than 1048576 bytes"), "");
     }
@@ -217,7 +223,7 @@ private Q_SLOTS:
         QCOMPARE(kit.alerts[0].message, QStringLiteral("Update wasn’t opened"));
         QCOMPARE(kit.alerts[0].informative, QStringLiteral("The download or its signature could not be verified. Your installed app is "
                                                            "unchanged. Try Check for Updates again later."));
-        QVERIFY(kit.revealed.isEmpty() && !u->checking());
+        QVERIFY2(kit.revealed.isEmpty() && !u->checking(), qPrintable(kit.revealed.join(u' ')));
         installedUntouched();
         const QString line = home.log().split(QLatin1Char('\n')).filter(QStringLiteral("update refused: ")).last();
         QVERIFY2(line.contains(QStringLiteral("update refused: ") + error) && line.contains(detail), qPrintable(line));
@@ -230,6 +236,10 @@ private Q_SLOTS:
         auto u = kit.updater(QStringLiteral("1.9"));
         u->download(r);
         QVERIFY(!u->checking());
+        u = kit.updater(QStringLiteral("1.0")); // an address the policy refuses is not even asked
+        const qsizetype asked = kit.server->heads.size();
+        u->download({r.product, r.platform, r.version, QUrl(QStringLiteral("http://") + kit.host + QLatin1String("/wp-content/uploads/o.zip")), r.sha256, true});
+        QVERIFY(!u->checking() && kit.server->heads.size() == asked);
         kit.busy = true;
         u = kit.updater(QStringLiteral("1.0"));
         u->download(r);
