@@ -159,7 +159,8 @@ private Q_SLOTS:
             QCOMPARE(kit.alerts.last().informative, QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
             return;
         }
-        QVERIFY(kit.alerts[0].informative.contains(kit.installed));
+        QCOMPARE(kit.alerts[0].informative, QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + kit.installed
+                                                + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number and settings stay saved."));
         QCOMPARE(kit.alerts[0].buttons.value(0), QStringLiteral("Show Verified App"));
         QVERIFY2(folder.startsWith(kit.dir.path() + QLatin1String("/brava-update-")) && folder.endsWith(QLatin1String("/verified/Brava Recorder")), qPrintable(folder));
         QCOMPARE(QFile::permissions(QFileInfo(folder).path()) & 0x0077, QFile::Permissions());

@@ -33,11 +33,13 @@ private Q_SLOTS:
         QTest::newRow("update-check-failed") << UpdateAlerts::checkFailed();
         QTest::newRow("update-offer") << UpdateAlerts::offer(QStringLiteral("2.0"));
         QTest::newRow("update-verified") << UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"), false);
+        QTest::newRow("update-verified-package") << UpdateAlerts::verified(QStringLiteral("/usr/lib/brava-recorder"), true);
         QTest::newRow("update-verified-busy") << UpdateAlerts::verifiedButBusy();
         QTest::newRow("update-not-opened") << UpdateAlerts::notOpened();
         QTest::newRow("uninstall") << U::confirmation(0, U::AppRemoval::Trash, QString());
         QTest::newRow("uninstall-pending") << U::confirmation(3, U::AppRemoval::Trash, QString());
         QTest::newRow("uninstall-package") << U::confirmation(0, U::AppRemoval::Package, QString());
+        QTest::newRow("uninstall-by-hand") << U::confirmation(0, U::AppRemoval::ByHand, QStringLiteral("/opt/brava"));
     }
     void alert()
     {
