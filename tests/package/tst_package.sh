@@ -31,7 +31,7 @@ for icon in "$src"/src/app/icons/*.svg; do
   [ -e "$icon" ] && check "holds the tray icon $(basename "$icon")" has "$files" "hicolor/scalable/status/.*$(basename "$icon")"
 done
 # Library relations come from dpkg-shlibdeps (with versions), plugins loaded by name are listed.
-for rel in 'libqt6core6 (>=' 'libpulse0 (>=' 'libavcodec59 (>=' 'libc6 (>=' qml6-module-qtquick-controls qt6-qpa-plugins; do
+for rel in 'libqt6core6 (>=' 'libpulse0 (>=' 'libavcodec59 (>=' 'libc6 (>=' qml6-module-qtquick-controls libqt6svg6; do
   check "depends on $rel" has "$depends" "$rel"
 done
 check "the autostart entry is a conffile" has "$(dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles)" '^/etc/xdg/autostart/brava-recorder.desktop$'
@@ -49,6 +49,9 @@ fi
 root=$work/root
 mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
 touch "$root/var/lib/dpkg/status"
+# A user's recording still waiting for its upload, inside the root where a maintainer script reaches.
+take="$root/home/u/.local/share/Brava Recorder/pending/s1/mic_1_0_final.m4a"
+mkdir -p "${take%/*}" && echo take >"$take"
 # The root holds no other package, so the relations checked above cannot be met there.
 dpkg=(quietly dpkg --root="$root" --log="$work/dpkg.log" --force-not-root --force-depends --force-script-chrootless)
 quietly() { "$@" >"$work/out.txt" 2>&1 || { cat "$work/out.txt"; return 1; }; }
@@ -91,11 +94,12 @@ for pid in $first $(agents_here); do kill "$pid" 2>/dev/null; done
 wait "$first" 2>/dev/null
 until_ok 10 test -z "$(agents_here)" || for pid in $(agents_here); do kill -KILL "$pid"; done
 
-# Removing the package leaves the user's data folder alone (and the edited conffile until purge).
+# Removing and purging the package leave the user's recordings alone.
 check "dpkg --root removes it" "${dpkg[@]}" --remove brava-recorder
 check "the programs are gone" test ! -e "$root/usr/lib/brava-recorder/brava-recorder" -a ! -L "$root/usr/bin/brava-recorder"
-check "the user's data folder stays" test -s "$demo/agent1/data/Brava Recorder/log.txt"
+check "the user's pending recording stays after the removal" test -s "$take"
 check "dpkg --root purges it" "${dpkg[@]}" --purge brava-recorder
+check "and after the purge" test -s "$take"
 check "the autostart entry goes with the purge" test ! -e "$root/etc/xdg/autostart/brava-recorder.desktop"
 
 echo "$fails check(s) failed"

@@ -1,6 +1,6 @@
 // brava-control-room: a control room for an event, on one port, with the operator's page.
 //
-//   brava-control-room [--port P] [--uploads DIR] [--name NAME]
+//   brava-control-room [--port P] [--uploads DIR] [--name NAME] [--listen ADDRESS]
 //
 // Prints the page's address with its operator token on one line starting with "http://", then
 // takes commands on standard input (see --help).
@@ -50,7 +50,11 @@ int main(int argc, char *argv[])
                                            QStringLiteral("folder"), QStringLiteral("uploads"));
     const QCommandLineOption nameOption(QStringLiteral("name"), QStringLiteral("Name announced to agents' setup (default: Control room on <host>)."),
                                         QStringLiteral("name"));
-    options.addOptions({portOption, uploadsOption, nameOption});
+    const QCommandLineOption listenOption(QStringLiteral("listen"),
+                                          QStringLiteral("Address to listen on (default: every IPv4 address). A loopback address keeps the room on "
+                                                         "this computer: it is not announced."),
+                                          QStringLiteral("address"));
+    options.addOptions({portOption, uploadsOption, nameOption, listenOption});
     options.addPositionalArgument(QStringLiteral("[port [uploads]]"), QStringLiteral("The same as --port and --uploads."));
     options.process(app);
 
@@ -62,6 +66,11 @@ int main(int argc, char *argv[])
         QTextStream(stderr) << "not a port: " << portText << " (see --help)" << Qt::endl;
         return 2;
     }
+    QHostAddress address(QHostAddress::AnyIPv4);
+    if (options.isSet(listenOption) && !address.setAddress(options.value(listenOption))) {
+        QTextStream(stderr) << "not an address: " << options.value(listenOption) << " (see --help)" << Qt::endl;
+        return 2;
+    }
     const QDir uploads(rest.value(1, options.value(uploadsOption)));
     if (!QDir().mkpath(uploads.path())) {
         QTextStream(stderr) << "cannot make the uploads folder " << uploads.path() << Qt::endl;
@@ -71,19 +80,26 @@ int main(int argc, char *argv[])
 
     ControlRoomServer room(uploads);
     room.setName(name);
-    const quint16 bound = room.listen(quint16(*port));
+    const quint16 bound = room.listen(quint16(*port), address);
     if (!bound) {
-        QTextStream(stderr) << "cannot listen on port " << *port << Qt::endl;
+        QTextStream(stderr) << "cannot listen on " << address.toString() << " port " << *port << Qt::endl;
         return 1;
     }
     out << "control room \"" << name << "\" on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
-    out << "http://" << reachableHost() << ':' << bound << "/?token=" << room.token() << Qt::endl;
+    QString host = address.toString();
+    if (address == QHostAddress(QHostAddress::AnyIPv4))
+        host = reachableHost();
+    else if (address.protocol() == QAbstractSocket::IPv6Protocol)
+        host = QLatin1Char('[') + host + QLatin1Char(']');
+    out << "http://" << host << ':' << bound << "/?token=" << room.token() << Qt::endl;
     RoomAnnouncer announcer;
     announcer.onReport = [&app, &out](const QString &line) {
         QMetaObject::invokeMethod(&app, [&out, line] { out << line << Qt::endl; }, Qt::QueuedConnection);
     };
     QString why;
-    if (!announcer.announce(name, bound, &why))
+    if (address.isLoopback())
+        out << "not announced: listening on " << address.toString() << " only" << Qt::endl;
+    else if (!announcer.announce(name, bound, &why))
         out << "not announced (" << why << "): agents type this computer's address in their setup" << Qt::endl;
     out << "type \"help\" for the commands" << Qt::endl;
 

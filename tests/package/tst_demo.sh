@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# scripts/demo: its own check with two agents; the check failing, with the process named, when an
+# agent leaves one behind; --agents from 1 to 110.   tst_demo.sh BUILD_DIR SOURCE_DIR
+set -uo pipefail
+build=$1 demo=$2/scripts/demo
+export BRAVA_BUILD_DIR=$build BRAVA_TEST_NO_BUILD=1
+work=$(mktemp -d /tmp/brava-demo-test.XXXXXX)
+trap '[ -s "$work/stray" ] && kill "$(cat "$work/stray")" 2>/dev/null; rm -rf "$work"' EXIT
+fails=0
+check() { if "${@:2}"; then echo "PASS: $1"; else echo "FAIL: $1"; fails=$((fails + 1)); fi; }
+
+check "two agents record, upload and stop" "$demo" --check --agents 2
+# An agent that starts a child of its own and leaves it running.
+printf '#!/bin/sh\nsleep 300 &\necho $! >"%s"\nexec "%s" "$@"\n' "$work/stray" "$build/brava-recorder" >"$work/agent"
+chmod +x "$work/agent"
+"$demo" --check --agent "$work/agent" 2>"$work/err"; failed=$?
+sed 's/^/  stderr: /' "$work/err"
+check "a process left running fails the check and is named" \
+  test $failed -ne 0 -a "$(sed -n 's/^demo: left running: //p' "$work/err")" = "$(cat "$work/stray")"
+for case in "110 1" "111 2" "0 2"; do # 1: past the arguments, stopped by the missing build; 2: refused
+  read -r n code <<<"$case"
+  BRAVA_BUILD_DIR=$work/none "$demo" --agents "$n" 2>/dev/null
+  check "--agents $n ends with $code" test $? -eq "$code"
+done
+echo "$fails check(s) failed"
+[ "$fails" -eq 0 ]
