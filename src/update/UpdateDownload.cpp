@@ -13,9 +13,10 @@ UpdateDownload::UpdateDownload(QNetworkAccessManager &net, const QUrl &url, cons
     , m_url(url)
     , m_host(host)
     , m_file(file)
-    , m_max(maxBytes)
     , m_sha(std::make_unique<Sha256>())
+    , m_max(maxBytes)
 {
+    m_disk.setMaxThreadCount(1);
 }
 
 UpdateDownload::~UpdateDownload()
@@ -25,18 +26,19 @@ UpdateDownload::~UpdateDownload()
         m_reply->abort();
         m_reply->deleteLater();
     }
+    // At most kMaxPiecesInFlight writes of 64 kB are still queued: their jobs use this object.
+    m_disk.waitForDone();
 }
 
 void UpdateDownload::start()
 {
-    if (!m_file.open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
-        QMetaObject::invokeMethod(this, [this] { Q_EMIT finished(m_file.errorString(), QString()); }, Qt::QueuedConnection);
-        return;
-    }
+    toDisk([this] { return m_file.open(QIODevice::WriteOnly | QIODevice::NewOnly) ? QString() : m_file.errorString(); });
     QNetworkRequest request(m_url);
     request.setTransferTimeout(kTimeoutMs);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::UserVerifiedRedirectPolicy);
     m_reply = m_net.get(request);
+    // The reply buffers little: while the disk is behind, the socket is not read.
+    m_reply->setReadBufferSize(qint64(kMaxPiecesInFlight) << 16);
     connect(m_reply, &QNetworkReply::redirected, this, [this](const QUrl &to) {
         if (UpdatePolicy::allowed(to, m_host))
             Q_EMIT m_reply->redirectAllowed();
@@ -52,34 +54,63 @@ void UpdateDownload::start()
     connect(m_reply, &QNetworkReply::finished, this, &UpdateDownload::done);
 }
 
+void UpdateDownload::toDisk(std::function<QString()> job)
+{
+    ++m_inFlight;
+    m_disk.start([this, job = std::move(job)] {
+        const QString error = job();
+        QMetaObject::invokeMethod(this, [this, error] { written(error); }, Qt::QueuedConnection);
+    });
+}
+
 void UpdateDownload::receive()
 {
-    while (m_error.isEmpty() && m_reply->bytesAvailable() > 0) {
+    while (m_error.isEmpty() && m_reply && m_inFlight < kMaxPiecesInFlight && m_reply->bytesAvailable() > 0) {
         const QByteArray piece = m_reply->read(1 << 16);
         m_received += piece.size();
         if (m_received > m_max) {
             fail(QStringLiteral("Download larger than %1 bytes").arg(m_max));
             return;
         }
-        m_sha->add(piece.constData(), piece.size());
-        if (m_file.write(piece) != piece.size()) {
-            fail(m_file.errorString());
-            return;
-        }
+        toDisk([this, piece] {
+            m_sha->add(piece.constData(), piece.size());
+            return m_file.write(piece) == piece.size() ? QString() : m_file.errorString();
+        });
     }
+}
+
+void UpdateDownload::written(const QString &error)
+{
+    --m_inFlight;
+    if (!error.isEmpty())
+        fail(error);
+    receive();
+    endIfDrained();
 }
 
 void UpdateDownload::fail(const QString &error)
 {
     if (m_error.isEmpty())
         m_error = error;
-    m_reply->abort(); // finished() follows, and reports m_error
+    if (m_reply && !m_ended)
+        m_reply->abort(); // finished() follows
+    endIfDrained();
 }
 
 void UpdateDownload::done()
 {
-    if (m_error.isEmpty())
-        receive();
+    m_ended = true;
+    receive();
+    endIfDrained();
+}
+
+// Once the reply has ended and every piece is on the disk (or a fault stopped the transfer), the
+// outcome is decided; the file is flushed and closed on the disk thread before finished().
+void UpdateDownload::endIfDrained()
+{
+    if (!m_ended || m_closing || m_inFlight > 0 || (m_error.isEmpty() && m_reply->bytesAvailable() > 0))
+        return;
+    m_closing = true;
     QString error = m_error;
     if (error.isEmpty() && m_reply->error() != QNetworkReply::NoError)
         error = m_reply->errorString();
@@ -87,10 +118,14 @@ void UpdateDownload::done()
         && (m_reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() != 200
             || !UpdatePolicy::allowed(m_reply->url(), m_host)))
         error = QStringLiteral("Invalid download");
-    if (error.isEmpty() && !m_file.flush())
-        error = m_file.errorString();
-    m_file.close();
     m_reply->deleteLater();
     m_reply = nullptr;
-    Q_EMIT finished(error, error.isEmpty() ? m_sha->hex() : QString());
+    m_disk.start([this, error] {
+        QString outcome = error;
+        if (outcome.isEmpty() && !m_file.flush())
+            outcome = m_file.errorString();
+        m_file.close();
+        const QString sha256 = outcome.isEmpty() ? m_sha->hex() : QString();
+        QMetaObject::invokeMethod(this, [this, outcome, sha256] { Q_EMIT finished(outcome, sha256); }, Qt::QueuedConnection);
+    });
 }
