@@ -35,6 +35,11 @@ Choice applyAtStartup()
     const Choice choice = choose(user, user.isEmpty() && xServerReachable());
     if (!choice.platform.isEmpty())
         qputenv("QT_QPA_PLATFORM", choice.platform);
+    // File choosers are the desktop's own, through the desktop portal: this theme asks the portal
+    // for them and keeps the desktop's usual theme for the rest (and Qt's own dialog where no
+    // portal answers). A theme the user chose stays.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORMTHEME"))
+        qputenv("QT_QPA_PLATFORMTHEME", kPortalTheme);
     return choice;
 }
 

@@ -20,7 +20,10 @@ struct Choice {
 Choice choose(const QByteArray &userPlatform, bool xReachable);
 /// Whether an X server answers at $DISPLAY.
 bool xServerReachable();
-/// Decides and sets QT_QPA_PLATFORM for the application about to be made.
+/// The platform theme through which file choosers are the desktop portal's.
+inline constexpr char kPortalTheme[] = "xdgdesktopportal";
+/// Decides and sets QT_QPA_PLATFORM (and, unless set, QT_QPA_PLATFORMTHEME) for the application
+/// about to be made.
 Choice applyAtStartup();
 
 } // namespace DisplayPlatform

@@ -34,7 +34,7 @@ done
 for rel in 'libqt6core6 (>=' 'libpulse0 (>=' 'libavcodec59 (>=' 'libc6 (>=' qml6-module-qtquick-controls libqt6svg6; do
   check "depends on $rel" has "$depends" "$rel"
 done
-check "recommends the emoji font" has "$(dpkg-deb --field "$deb" Recommends)" '^fonts-noto-color-emoji$'
+check "recommends the emoji font" has "$(dpkg-deb --field "$deb" Recommends)" '^fonts-noto-color-emoji, qt6-xdgdesktopportal-platformtheme$'
 check "the autostart entry is a conffile" has "$(dpkg-deb --ctrl-tarfile "$deb" | tar -xO ./conffiles)" '^/etc/xdg/autostart/brava-recorder.desktop$'
 
 # --- lintian ----------------------------------------------------------------------------------
