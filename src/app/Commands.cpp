@@ -165,6 +165,7 @@ void Commands::dispatch(const QString &type, const QJsonObject &command)
         if (TextTools::trimSpacesAndTabs(text).isEmpty() || tooLong(type, C::text, text, kMaxWhisper))
             return;
         const int seat = seatArg(command);
+        bravaLog(QStringLiteral("whisper from seat %1: %2").arg(seat).arg(text));
         const QString from = m_roster.name(seat);
         if (from.isEmpty())
             m_roster.fetch(); // the card shows now, without a name

@@ -11,6 +11,9 @@
 #include <QtTest>
 #include <QWebSocket>
 
+#include <csignal>
+#include <sys/resource.h>
+
 namespace {
 const QString kToken = QStringLiteral("0123456789abcdef0123456789abcdef");
 }
@@ -31,7 +34,7 @@ class ControlRoomTest : public QObject
     {
         QNetworkRequest r(url(pathAndQuery));
         if (!auth.isEmpty())
-            r.setRawHeader("Authorization", auth);
+            r.setRawHeader(auth.startsWith("brava_token=") ? "Cookie" : "Authorization", auth);
         r.setTransferTimeout(10000);
         net.setCookieJar(new QNetworkCookieJar(&net)); // each request on its own, without the cookie of the one before
         QNetworkReply *reply = net.sendCustomRequest(r, verb, body);
@@ -47,6 +50,15 @@ class ControlRoomTest : public QObject
         while (it.hasNext())
             out.append(QDir(dir).relativeFilePath(it.next()));
         return out;
+    }
+    // An open WebSocket of the room at `path`.
+    std::unique_ptr<QWebSocket> open(const QString &path) const
+    {
+        auto s = std::make_unique<QWebSocket>();
+        s->open(QUrl(QStringLiteral("ws://127.0.0.1:%1%2").arg(port).arg(path)));
+        if (!QTest::qWaitFor([&] { return s->state() == QAbstractSocket::ConnectedState; }, 5000))
+            qWarning("no link to %s", qPrintable(path));
+        return s;
     }
     static QString q(const QString &session, const QString &rest = QStringLiteral("&track=mic&take=123&idx=12&final=1&ext=m4a"))
     {
@@ -142,7 +154,79 @@ private Q_SLOTS:
         const QJsonObject start{{QStringLiteral("type"), QStringLiteral("start")}, {QStringLiteral("session"), QStringLiteral("s1")}};
         QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
         room->command(2, QJsonObject{{QStringLiteral("type"), QStringLiteral("cameras")}, {QStringLiteral("on"), true}});
+        const auto dropAndBack = [&](bool live) { // what the operator asks while it is away holds when it is back
+            good.close();
+            QTRY_COMPARE(room->agentCount(), 0);
+            room->command(0, QJsonObject{{QStringLiteral("type"), QStringLiteral("cameras")}, {QStringLiteral("on"), live}});
+            good.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=2").arg(port)));
+            QTRY_COMPARE(room->agentCount(), 1);
+        };
+        QSignalSpy again(&good, &QWebSocket::textMessageReceived);
+        dropAndBack(true);
+        QTRY_VERIFY(!again.isEmpty());
+        QCOMPARE(again.first().first().toString(), QStringLiteral(R"({"on":true,"type":"cameras"})"));
         QVERIFY(!room->command(0, start).contains(QStringLiteral("not live")));
+        QCOMPARE(room->state()[QStringLiteral("agents")][1][QStringLiteral("session")].toString(), QStringLiteral("s1"));
+        dropAndBack(false);
+        QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
+    }
+
+    // A whisper, listen and preview name one agent; an agent streams while any page still wants it.
+    void pagesShareWhatAnAgentStreams()
+    {
+        const auto agent = open(QStringLiteral("/agent?id=3"));
+        QStringList got, feed;
+        connect(agent.get(), &QWebSocket::textMessageReceived, this, [&](const QString &m) { got.append(m); });
+        auto one = open(QStringLiteral("/page?token=") + kToken), two = open(QStringLiteral("/page?token=") + kToken);
+        connect(one.get(), &QWebSocket::textMessageReceived, this, [&](const QString &m) { feed.append(m); });
+        one->sendTextMessage(QStringLiteral(R"({"to":0,"command":{"type":"whisper","seat":1,"text":"hi"}})"));
+        QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral("a whisper goes to one agent")));
+        const auto to3 = [](QWebSocket &page, const char *command) {
+            page.sendTextMessage(QStringLiteral(R"({"to":3,"command":%1})").arg(QLatin1String(command)));
+        };
+        to3(*one, R"({"type":"listen","on":true})");
+        to3(*two, R"({"type":"listen","on":true})");
+        QTRY_COMPARE(got.size(), 2);
+        to3(*one, R"({"type":"listen","on":false})");
+        QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral("listen stays on")));
+        to3(*two, R"({"type":"preview","on":true})");
+        two->close(); // it had listen and preview: both stop, and nothing reached every agent
+        QTRY_COMPARE(got.size(), 5);
+        QCOMPARE(got.join(QLatin1Char(' ')), QStringLiteral(R"({"on":true,"type":"listen"} {"on":true,"type":"listen"} )"
+                                                            R"({"hd":false,"on":true,"type":"preview"} {"on":false,"type":"listen"} {"on":false,"type":"preview"})"));
+    }
+
+    // The disk refusing a write (here a file-size limit) is answered 500 and said once.
+    void aDiskFaultIsAnsweredAndSaidOnce()
+    {
+        QSignalSpy said(room.get(), &ControlRoomServer::said);
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit normal{};
+        getrlimit(RLIMIT_FSIZE, &normal);
+        const rlimit small{100000, normal.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &small);
+        const int status = request("POST", q(QStringLiteral("full")), QByteArray(100001, 'f')).first;
+        setrlimit(RLIMIT_FSIZE, &normal);
+        QCOMPARE(status, 500);
+        QTRY_COMPARE(said.size(), 1);
+        QVERIFY(said.first().first().toString().startsWith(QStringLiteral("upload agent7/full/mic_123_12_final.m4a not stored: cannot write")));
+    }
+
+    // A call gives up on a network thread that does not answer, and the room serves on once it does.
+    void callsGiveUpOnAStuckNetworkThread()
+    {
+        std::atomic<bool> in{false}, stuck{true};
+        connect(room.get(), &ControlRoomServer::textReceived, this, [&] { for (in = true; stuck;) QThread::msleep(10); }, Qt::DirectConnection);
+        const auto agent = open(QStringLiteral("/agent?id=4"));
+        agent->sendTextMessage(QStringLiteral("{}")); // the network thread waits in the slot above
+        QTRY_VERIFY(in);
+        room->waitMs = 200;
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(room->agentCount(), 0);
+        QVERIFY(clock.elapsed() < 2000);
+        stuck = false;
+        QTRY_COMPARE(room->agentCount(), 1);
     }
 
     void aThousandTokenlessPageConnectionsAreRefused()
@@ -178,6 +262,8 @@ private Q_SLOTS:
         QTest::newRow("state without") << QStringLiteral("/api/state") << QByteArray() << 401;
         QTest::newRow("state with bearer") << QStringLiteral("/api/state") << bearer << 200;
         QTest::newRow("state with short bearer") << QStringLiteral("/api/state") << bearer.left(20) << 401;
+        QTest::newRow("state with cookie") << QStringLiteral("/api/state") << "brava_token=" + kToken.toLatin1() << 200;
+        QTest::newRow("state with wrong cookie") << QStringLiteral("/api/state") << QByteArray("brava_token=" + QByteArray(32, '0')) << 401;
         QTest::newRow("worklet with bearer") << QStringLiteral("/worklet.js") << bearer << 200;
         QTest::newRow("file not stored") << QStringLiteral("/files/../../etc/passwd") << bearer << 404;
     }

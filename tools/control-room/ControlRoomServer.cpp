@@ -52,7 +52,7 @@ ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent, const
 
 ControlRoomServer::~ControlRoomServer()
 {
-    call([this] { m_room->close(); });
+    ask<bool>([this] { return m_room->close(), true; }, false);
     m_io->stop();
     m_thread.join();
     m_io.reset(); // ends what was still suspended; nothing of it touches the room
@@ -66,26 +66,25 @@ void ControlRoomServer::connectNotify(const QMetaMethod &signal)
         m_binaryWanted = true;
 }
 
-void ControlRoomServer::call(const std::function<void()> &work) const
+template<class T>
+T ControlRoomServer::ask(std::function<T()> work, T otherwise) const
 {
     if (m_thread.get_id() == std::this_thread::get_id())
         return work();
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> f = done->get_future();
-    asio::post(*m_io, [work, done] {
-        work();
-        done->set_value();
-    });
-    if (f.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
-        // The work holds the caller's variables: it cannot be left behind.
-        say(QStringLiteral("the room's network thread has not answered for 5 s; still waiting"));
-        f.wait();
-    }
+    // The work holds copies only, so that it may still run after the caller has given up on it.
+    auto result = std::make_shared<std::promise<T>>();
+    std::future<T> f = result->get_future();
+    asio::post(*m_io, [work = std::move(work), result] { result->set_value(work()); });
+    if (f.wait_for(std::chrono::milliseconds(waitMs)) == std::future_status::ready)
+        return f.get();
+    say(QStringLiteral("the room's network thread has not answered for %1 ms: gave up").arg(waitMs));
+    return otherwise;
 }
 
 void ControlRoomServer::say(const QString &line) const
 {
     static std::mutex mutex;
+    Q_EMIT said(line);
     if (quiet)
         return;
     std::lock_guard lock(mutex);
@@ -94,29 +93,23 @@ void ControlRoomServer::say(const QString &line) const
 
 quint16 ControlRoomServer::listen(quint16 port, const QHostAddress &address)
 {
-    quint16 bound = 0;
     const auto ip = asio::ip::make_address(address.toString().toStdString());
-    call([&] { bound = m_room->listen(tcp::endpoint(ip, port)); });
-    return bound;
+    return ask<quint16>([this, ip, port] { return m_room->listen(tcp::endpoint(ip, port)); }, 0);
 }
 
 void ControlRoomServer::goDown()
 {
-    call([this] { m_room->goDown(); });
+    ask<bool>([this] { return m_room->goDown(), true; }, false);
 }
 
 bool ControlRoomServer::comeBack()
 {
-    bool ok = false;
-    call([&] { ok = m_room->comeBack(); });
-    return ok;
+    return ask<bool>([this] { return m_room->comeBack(); }, false);
 }
 
 int ControlRoomServer::agentCount() const
 {
-    int n = 0;
-    call([&] { n = m_room->agentCount(); });
-    return n;
+    return ask<int>([this] { return m_room->agentCount(); }, 0);
 }
 
 void ControlRoomServer::sendText(const QString &text)
@@ -126,14 +119,12 @@ void ControlRoomServer::sendText(const QString &text)
 
 void ControlRoomServer::dropAgents()
 {
-    call([this] { m_room->dropAgents(); });
+    ask<bool>([this] { return m_room->dropAgents(), true; }, false);
 }
 
 int ControlRoomServer::send(int agentId, const QByteArray &json)
 {
-    int n = 0;
-    call([&] { n = m_room->sendRaw(agentId, json.toStdString()); });
-    return n;
+    return ask<int>([this, agentId, text = json.toStdString()] { return m_room->sendRaw(agentId, text); }, 0);
 }
 
 QString ControlRoomServer::command(int agentId, const QJsonObject &command)
@@ -142,15 +133,13 @@ QString ControlRoomServer::command(int agentId, const QJsonObject &command)
     const auto checked = CommandWords::checked(command, &why);
     if (!checked)
         return QStringLiteral("refused: ") + why;
-    QString line;
-    call([&] { line = m_room->command(agentId, *checked); });
-    return line;
+    return ask<QString>([this, agentId, c = *checked] { return m_room->command(agentId, c); },
+                        QStringLiteral("not sent: the room's network thread does not answer"));
 }
 
 void ControlRoomServer::list() const
 {
-    QStringList lines;
-    call([&] { lines = m_room->list(); });
+    const QStringList lines = ask<QStringList>([this] { return m_room->list(); }, {});
     for (const QString &line : lines)
         say(line);
 }
@@ -162,12 +151,10 @@ QString ControlRoomServer::token() const
 
 void ControlRoomServer::setName(const QString &name)
 {
-    call([&] { m_room->setName(name); });
+    ask<bool>([this, name] { return m_room->setName(name), true; }, false);
 }
 
 QJsonObject ControlRoomServer::state() const
 {
-    QJsonObject s;
-    call([&] { s = m_room->state(true); });
-    return s;
+    return ask<QJsonObject>([this] { return m_room->state(true); }, {});
 }

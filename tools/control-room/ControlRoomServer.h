@@ -19,8 +19,8 @@ class io_context;
 
 // The control room: agents on ws://host:port/agent, their uploads, events and sales over HTTP,
 // and the operator's page with its own WebSocket, all on one port. The network runs on a thread
-// of its own; the calls below hand work to it and wait (a few seconds at most) where they
-// return an answer. Every arrival is also signalled (queued to the receiver's thread), so that
+// of its own; the calls below hand work to it and wait for it (waitMs at most: then they give up,
+// say so, and answer as if nothing happened: port 0, no agents, an empty state). Every arrival is also signalled (queued to the receiver's thread), so that
 // other programs (the agent's tests among them) can build on it.
 class ControlRoomServer : public QObject
 {
@@ -44,6 +44,8 @@ public:
     void dropAgents();
     /// Prints nothing when set.
     bool quiet = false;
+    /// How long a call waits for the network thread, in milliseconds.
+    int waitMs = 5000;
     /// Sends a JSON text as it is to the agent with this number, or to every agent when id is 0.
     int send(int agentId, const QByteArray &json);
     /// Sends a command after checking it; the line that says what happened (refusal, count, warning).
@@ -68,13 +70,16 @@ Q_SIGNALS:
     void uploaded(const QUrlQuery &query, const QString &path);
     /// An agent posted this event.
     void eventReceived(const QUrlQuery &query);
+    /// The room printed this line (even when quiet).
+    void said(const QString &line) const;
 
 protected:
     void connectNotify(const QMetaMethod &signal) override;
 
 private:
-    /// Runs `work` on the network thread and waits for it (5 s at most).
-    void call(const std::function<void()> &work) const;
+    /// Runs `work` on the network thread and waits for its result; `otherwise` when that takes longer than waitMs.
+    template<class T>
+    T ask(std::function<T()> work, T otherwise) const;
     void say(const QString &line) const;
 
     std::unique_ptr<boost::asio::io_context> m_io;

@@ -9,6 +9,7 @@
 #include <QRandomGenerator>
 #include <QUrlQuery>
 
+#include <cerrno>
 #include <filesystem>
 
 namespace {
@@ -18,6 +19,13 @@ constexpr size_t kSmallBody = 64 << 10;
 bool is(std::string_view path, const char *word)
 {
     return path == std::string_view(word);
+}
+
+// The disk refused a write (full, over quota or a size limit, an I/O error): the room's fault, not a cut-off.
+bool diskFault(const beast::error_code &ec)
+{
+    return ec.category() == beast::system_category()
+           && (ec.value() == ENOSPC || ec.value() == EDQUOT || ec.value() == EFBIG || ec.value() == EIO || ec.value() == EROFS);
 }
 } // namespace
 
@@ -103,8 +111,10 @@ asio::awaitable<bool> HttpSession::serve(Head &head)
         m_room.uploadBegun(place->agent, -1);
         if (!whole && why.isEmpty())
             co_return false;
-        if (!whole)
+        if (!whole) {
+            m_room.fault(place->agent, QStringLiteral("upload %1 not stored: %2").arg(name, why));
             co_return co_await answer(http::status::internal_server_error, why.toStdString() + '\n', "text/plain", false);
+        }
         m_room.stored(*place, query, name, why == QLatin1String("duplicate"));
         co_return co_await answer(http::status::ok, "ok");
     }
@@ -119,8 +129,10 @@ asio::awaitable<bool> HttpSession::serve(Head &head)
         const bool whole = co_await receiveFile(head, *name, uploadLimit, &why);
         if (!whole && why.isEmpty())
             co_return false;
-        if (!whole)
+        if (!whole) {
+            m_room.fault(m_room.sales().agentOf(token), QStringLiteral("sale file %1 not stored: %2").arg(*name, why));
             co_return co_await answer(http::status::internal_server_error, why.toStdString() + '\n', "text/plain", false);
+        }
         m_room.saleFileStored(token, *name);
         co_return co_await answer(http::status::ok, "ok");
     }
@@ -225,7 +237,7 @@ asio::awaitable<bool> HttpSession::receiveFile(Head &head, const QString &name, 
     std::error_code fs;
     if (!parser.is_done()) { // cut off, too large, or the disk refused: nothing is kept
         std::filesystem::remove(tempPath, fs);
-        why->clear();
+        *why = diskFault(ec) ? QStringLiteral("cannot write ") + temp + QStringLiteral(": ") + QString::fromStdString(ec.message()) : QString();
         co_return false;
     }
     // The same piece again (its answer was lost): the copy already stored stays.

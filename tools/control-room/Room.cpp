@@ -33,7 +33,8 @@ struct Room::Agent
     QJsonObject status;
     QString summary; // the status without its levels, to print changes only
     bool connected = false;
-    bool camerasOn = false; // as this room last asked
+    bool camerasOn = false; // as this room last asked, kept while the agent is away
+    QString session;        // of the last "start" sent to it
     int uploading = 0;
     int stored = 0;
     QJsonObject lastEvent;
@@ -196,7 +197,8 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
         m_agents[&l] = Link{l.shared_from_this(), id};
         Agent &a = record(id);
         a.connected = true;
-        a.camerasOn = false;
+        if (a.camerasOn && id > 0) // back after a drop or a restart: still live as the operator asked
+            l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::cameras)}, {L(Protocol::Command::on), true}}));
         a.name = q.queryItemValue(L(name), QUrl::FullyDecoded).left(200);
         a.os = q.queryItemValue(L(os), QUrl::FullyDecoded).left(20);
         a.version = q.queryItemValue(L(version), QUrl::FullyDecoded).left(40);
@@ -295,37 +297,78 @@ void Room::acceptPage(beast::tcp_stream &&stream, http::request<http::empty_body
     };
     h.closed = [this](WsLink &l) {
         const auto it = m_pages.find(&l);
-        if (it != m_pages.end())
-            asio::post(m_io, [this, ptr = &l, keep = it->second.link] { m_pages.erase(ptr); });
+        if (it == m_pages.end())
+            return;
+        letGo(it->second, false);
+        letGo(it->second, true);
+        asio::post(m_io, [this, ptr = &l, keep = it->second.link] { m_pages.erase(ptr); });
     };
     link->start(std::move(upgrade), std::move(h));
 }
 
 void Room::pageMessage(WsLink &l, std::string &&message)
 {
-    // {"to": N (0: every agent), "command": {...}}
+    // {"to": N (0: every agent), "command": {...}}; a whisper, listen and preview name one agent.
+    namespace C = Protocol::Command;
     const QJsonObject o = QJsonDocument::fromJson(QByteArray::fromStdString(message)).object();
     const double to = o.value(QStringLiteral("to")).toDouble(-1);
     QString why;
     const auto c = CommandWords::checked(o.value(QStringLiteral("command")).toObject(), &why);
-    if (to < 0 || to > 110 || to != int(to) || !c) {
-        feed(QStringLiteral("refused"), int(qMax(0.0, to)), why.isEmpty() ? QStringLiteral("\"to\" is 0 to 110") : why);
+    const QString type = c ? c->value(L(Protocol::type)).toString() : QString();
+    const bool one = type == L(C::whisper) || type == L(C::listen) || type == L(C::preview);
+    if (c && (to < 0 || to > 110 || to != int(to)))
+        why = QStringLiteral("\"to\" is 0 to 110");
+    else if (c && one && to == 0)
+        why = QStringLiteral("a %1 goes to one agent: its number, 1 to 110").arg(type);
+    if (!why.isEmpty()) {
+        feed(QStringLiteral("refused"), int(qBound(0.0, to, 110.0)), why);
         return;
     }
     const int id = int(to);
-    Link &page = m_pages[&l];
-    const QString type = c->value(L(Protocol::type)).toString();
-    const bool on = c->value(L(Protocol::Command::on)).toBool();
-    if (type == L(Protocol::Command::listen))
-        page.listen = on ? id : (page.listen == id || id == 0 ? 0 : page.listen);
-    if (type == L(Protocol::Command::preview))
-        page.preview = on ? id : (page.preview == id || id == 0 ? 0 : page.preview);
+    if (type == L(C::listen) || type == L(C::preview)) {
+        const bool seeing = type == L(C::preview);
+        const bool on = c->value(L(C::on)).toBool();
+        Link &page = m_pages[&l];
+        if (on && (seeing ? page.preview : page.listen) != id)
+            letGo(page, seeing);
+        int &mine = seeing ? page.preview : page.listen;
+        if (on)
+            mine = id;
+        else if (mine == id)
+            mine = 0;
+        if (!on && wanting(id, seeing) > 0) {
+            feed(QStringLiteral("kept"), id, QStringLiteral("%1 stays on: another page still has it").arg(type));
+            return;
+        }
+    }
     feed(QStringLiteral("sent"), id, command(id, *c));
+}
+
+int Room::wanting(int id, bool seeing) const
+{
+    int n = 0;
+    for (const auto &[_, page] : m_pages)
+        n += (seeing ? page.preview : page.listen) == id;
+    return n;
+}
+
+void Room::letGo(Link &page, bool seeing)
+{
+    // The agent streams on while another page still wants it.
+    const int id = std::exchange(seeing ? page.preview : page.listen, 0);
+    if (id > 0 && wanting(id, seeing) == 0)
+        sendRaw(id, bytes({{L(Protocol::type), seeing ? L(Protocol::Command::preview) : L(Protocol::Command::listen)},
+                           {L(Protocol::Command::on), false}}));
 }
 
 QString Room::command(int id, const QJsonObject &c)
 {
     const QString type = c.value(L(Protocol::type)).toString();
+    // The wish holds for agents away now too: they are asked again when they come back.
+    if (type == L(Protocol::Command::cameras))
+        for (auto &[n, a] : m_records)
+            if (id == 0 || n == id)
+                a.camerasOn = c.value(L(Protocol::Command::on)).toBool();
     int notLive = 0;
     std::set<int> targets;
     for (auto &[_, l] : m_agents)
@@ -333,10 +376,10 @@ QString Room::command(int id, const QJsonObject &c)
             targets.insert(l.id);
     for (int t : targets) {
         Agent &a = record(t);
-        if (type == L(Protocol::Command::cameras))
-            a.camerasOn = c.value(L(Protocol::Command::on)).toBool();
-        if (type == L(Protocol::Command::start) && !a.camerasOn)
-            ++notLive;
+        if (type == L(Protocol::Command::start)) {
+            a.session = c.value(L(Protocol::Command::session)).toString();
+            notLive += !a.camerasOn;
+        }
     }
     const int sent = sendRaw(id, bytes(c));
     QString line = QStringLiteral("%1 sent to %2 agent(s)").arg(QString::fromStdString(bytes(c))).arg(sent);
@@ -445,6 +488,12 @@ void Room::saleFileStored(const QString &token, const QString &path)
     feed(QStringLiteral("sale-file"), m_sales.agentOf(token), path, path);
 }
 
+void Room::fault(int agent, const QString &line)
+{
+    say(line);
+    feed(QStringLiteral("error"), agent, line);
+}
+
 void Room::feed(const QString &kind, int agent, const QString &text, const QString &link)
 {
     QJsonObject item{{QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
@@ -471,7 +520,7 @@ QJsonObject Room::state(bool withFiles) const
         if (id == 0)
             continue;
         agents.append(QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("name"), a.name}, {QStringLiteral("connected"), a.connected},
-                                  {QStringLiteral("live"), a.camerasOn}, {QStringLiteral("status"), a.status},
+                                  {QStringLiteral("live"), a.camerasOn}, {QStringLiteral("session"), a.session}, {QStringLiteral("status"), a.status},
                                   {QStringLiteral("uploading"), a.uploading}, {QStringLiteral("stored"), a.stored},
                                   {QStringLiteral("lastEvent"), a.lastEvent}, {QStringLiteral("onCall"), a.onCall},
                                   {QStringLiteral("os"), a.os}, {QStringLiteral("version"), a.version}});

@@ -93,6 +93,8 @@ public:
     QStringList list() const;
     /// Keeps track of an HTTP connection so that going down ends it.
     void track(const std::shared_ptr<HttpSession> &session);
+    /// A fault of the room's own (a full disk): on its terminal and in the page's feed.
+    void fault(int agent, const QString &line);
 
 private:
     struct Agent; // one agent number's record, kept while it is away too
@@ -107,6 +109,8 @@ private:
     asio::awaitable<void> tickLoop();
     void agentMessage(WsLink &link, std::string &&message, bool binary);
     void pageMessage(WsLink &link, std::string &&message);
+    int wanting(int id, bool seeing) const;
+    void letGo(Link &page, bool seeing);
     void feed(const QString &kind, int agent, const QString &text, const QString &link = QString());
     void toPages(const QByteArray &json);
     void say(const QString &line) const;

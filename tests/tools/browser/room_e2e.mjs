@@ -93,19 +93,22 @@ try {
   await page.fill('#session', 'e2e-1');
   await page.click('#all-start');
   await until('both agents recording', async () => (await state()).agents.every((a) => a.status.recording === true));
-  const widths = async () => page.$$eval('td.mic .meter > div', (ds) => ds.map((d) => d.style.width));
-  // The tone swells and fades, so a meter that follows the levels shows several widths.
-  const seen = new Set();
+  const widths = async () => page.$$eval('td.mic .meter > div, td.sys .meter > div', (ds) => ds.map((d) => d.style.width));
+  // The tone swells and fades, so each meter that follows the levels (both agents, both columns) shows several widths.
+  const seen = [0, 1, 2, 3].map(() => new Set());
   await until('moving meters', async () => {
     const now = await widths();
-    if (now.length !== 2 || now.some((w) => !w || w === '0%')) return false;
-    seen.add(now[0]);
-    return seen.size >= 3;
+    if (now.length !== 4 || now.some((w) => !w || w === '0%')) return false;
+    now.forEach((w, i) => seen[i].add(w));
+    return seen.every((x) => x.size >= 3);
   }).catch(async (e) => {
-    console.log('meters', JSON.stringify(await widths()), 'seen', JSON.stringify([...seen]), 'levels',
+    console.log('meters', JSON.stringify(await widths()), 'seen', JSON.stringify(seen.map((x) => [...x])), 'levels',
       JSON.stringify((await state()).agents.map((a) => [a.status.mic, a.status.sys])));
     throw e;
   });
+  const row = (id, cell) => page.textContent(`#agent-${id} td.${cell}`);
+  await until('rows with the session and the camera', async () => (await row(1, 'recording')) === 'recording · e2e-1'
+    && (await row(2, 'recording')) === 'recording · e2e-1' && (await row(2, 'devices')).includes('Synthetic Camera 1 on'));
   await page.screenshot({ path: path.join(screens, '02-recording.png') });
 
   step('preview of agent 1');
@@ -140,15 +143,23 @@ try {
   step('listen to agent 2');
   await page.click('#agent-2 button:text-is("Listen")');
   await page.waitForFunction(() => window.__room.audioSamples > 48000 / 2, null, { timeout: 20000 });
+  const before = await page.evaluate(() => { window.__room.link.close(); return window.__room.audioSamples; });
+  await page.waitForFunction((n) => window.__room.audioSamples > n + 48000, before, { timeout: 20000 }); // heard again after a reconnect
   await page.screenshot({ path: path.join(screens, '04-listening.png') });
 
   step('whisper to agent 1');
+  await page.fill('#whisper-text', 'To nobody in particular');
+  await page.click('#whisper-send');
+  if (!(await page.textContent('#whisper-note')).includes('1 to 110')) throw new Error('a whisper without an agent was not refused');
   await page.fill('#whisper-to', '1');
   await page.fill('#whisper-seat', '3');
   await page.fill('#whisper-text', 'Slow down and ask about the budget');
   await page.click('#whisper-send');
   await page.waitForFunction(() => [...document.querySelectorAll('#feed li.sent')].some((li) => li.textContent.includes('whisper') && li.textContent.includes('to 1 agent')),
     null, { timeout: 10000 });
+  const log = (id) => fs.readFileSync(path.join(work, `agent${id}`, 'data', 'Brava Recorder', 'log.txt'), 'utf8');
+  await until('the whisper in agent 1\'s log', () => log(1).includes('whisper from seat 3: Slow down and ask about the budget'));
+  if (log(2).includes('whisper') || log(1).includes('To nobody')) throw new Error('a whisper reached the wrong agent');
   await page.screenshot({ path: path.join(screens, '05-whisper.png') });
 
   step('stop; the files arrive and play');

@@ -15,7 +15,12 @@ function send(to, command) {
 function connect() {
   const ws = new WebSocket(`ws://${location.host}/page`);
   ws.binaryType = 'arraybuffer';
-  ws.onopen = () => { $('link-state').textContent = 'connected'; $('link-state').className = 'good'; };
+  ws.onopen = () => {
+    $('link-state').textContent = 'connected'; $('link-state').className = 'good';
+    // A new link starts with nothing on: ask again for what this page shows as on.
+    if (room.listen) send(room.listen, { type: 'listen', on: true });
+    if (room.preview) send(room.preview, { type: 'preview', on: true, hd: $('hd').checked });
+  };
   ws.onclose = () => {
     $('link-state').textContent = 'not connected — retrying'; $('link-state').className = 'bad';
     setTimeout(connect, 2000);
@@ -72,11 +77,13 @@ function render(a) {
   c.id.textContent = a.id;
   c.name.textContent = a.name + (a.onCall ? ' · on a call' : '');
   c.link.textContent = a.connected ? 'connected' : 'away';
-  c.recording.textContent = s.recording ? 'recording' : 'no';
+  c.recording.textContent = s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'no';
   c.live.textContent = (a.live ? 'live' : 'not live') + (s.live ? ' · heard' : '');
   c.mic.firstChild.firstChild.style.width = level(s.mic);
   c.sys.firstChild.firstChild.style.width = level(s.sys);
-  c.devices.textContent = `${s.micName || 'no microphone'} · ${s.cam ? (s.camActive ? 'camera on' : 'camera off') : 'no camera'}`;
+  const cams = s.cams || [];
+  const cam = cams.find((x) => x.uid === s.camUID) || cams[0];
+  c.devices.textContent = `${s.micName || 'no microphone'} · ${s.cam ? `${cam ? cam.name : 'camera'} ${s.camActive ? 'on' : 'off'}` : 'no camera'}`;
   c.errors.textContent = [s.camError && `camera: ${s.camError}`, s.error].filter(Boolean).join(' · ');
   c.errors.className = 'errors err';
   c.uploads.textContent = `${a.stored} stored` + (a.uploading ? `, ${a.uploading} arriving` : '');
@@ -187,7 +194,9 @@ $('hd').onchange = () => { if (room.preview) send(room.preview, { type: 'preview
 $('camera').onchange = () => { if (room.preview) send(room.preview, { type: 'setCam', uid: $('camera').value }); };
 $('whisper-send').onclick = () => {
   const to = Number($('whisper-to').value);
-  send(to, { type: 'whisper', seat: Number($('whisper-seat').value), text: $('whisper-text').value });
+  const ok = Number.isInteger(to) && to >= 1 && to <= 110;
+  $('whisper-note').textContent = ok ? '' : 'Name the agent: a number from 1 to 110.';
+  if (ok) send(to, { type: 'whisper', seat: Number($('whisper-seat').value), text: $('whisper-text').value });
 };
 
 connect();
