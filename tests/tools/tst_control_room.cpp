@@ -194,6 +194,14 @@ private Q_SLOTS:
         QTRY_COMPARE(got.size(), 5);
         QCOMPARE(got.join(QLatin1Char(' ')), QStringLiteral(R"({"on":true,"type":"listen"} {"on":true,"type":"listen"} )"
                                                             R"({"hd":false,"on":true,"type":"preview"} {"on":false,"type":"listen"} {"on":false,"type":"preview"})"));
+        // An agent stops live audio when its link drops: back while a page listens, it is asked again.
+        to3(*one, R"({"type":"listen","on":true})");
+        QTRY_COMPARE(got.size(), 6);
+        agent->close();
+        QTRY_COMPARE(room->agentCount(), 0);
+        agent->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=3").arg(port)));
+        QTRY_COMPARE(got.size(), 7);
+        QCOMPARE(got.last(), QStringLiteral(R"({"on":true,"type":"listen"})"));
     }
 
     // The disk refusing a write (here a file-size limit) is answered 500 and said once.

@@ -199,6 +199,8 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
         a.connected = true;
         if (a.camerasOn && id > 0) // back after a drop or a restart: still live as the operator asked
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::cameras)}, {L(Protocol::Command::on), true}}));
+        if (id > 0 && wanting(id, false) > 0) // it stopped live audio when its link dropped; a page still listens
+            l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::listen)}, {L(Protocol::Command::on), true}}));
         a.name = q.queryItemValue(L(name), QUrl::FullyDecoded).left(200);
         a.os = q.queryItemValue(L(os), QUrl::FullyDecoded).left(20);
         a.version = q.queryItemValue(L(version), QUrl::FullyDecoded).left(40);
