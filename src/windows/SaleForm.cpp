@@ -195,7 +195,8 @@ void SaleForm::build()
 
 void SaleForm::open()
 {
-    reset();
+    if (!m_busy) // a sale on its way keeps what it sends, and the form shows how it ends
+        reset();
     m_placement.place(*this, QSize(kWidth, kHeight));
     show();
     fitToScreen();

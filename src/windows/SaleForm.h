@@ -34,7 +34,7 @@ public:
     ~SaleForm() override;
 
     /// Opens the form with no attachments (typed texts and choices of the last use stay), in
-    /// front, inside the screen.
+    /// front, inside the screen; while a submission runs, as it is.
     void open();
     /// Forgets every attachment.
     void reset();

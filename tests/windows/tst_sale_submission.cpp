@@ -177,7 +177,7 @@ private Q_SLOTS:
         QCOMPARE(form->methodGroup()->checkedId(), phone ? 0 : 1);
     }
 
-    // Presses while a sale is submitting change nothing; a press after a failure sends a new record.
+    // Presses and reopening while a sale is submitting change nothing; a press after a failure sends a new record.
     void pressWhileSubmittingAndAfterAFailure()
     {
         fill(false);
@@ -187,7 +187,9 @@ private Q_SLOTS:
         QVERIFY(form->isUploading() && !form->submitButton()->isEnabled());
         QCOMPARE(form->statusLine()->text(), QStringLiteral("Submitting…"));
         form->submitTapped();
+        form->open(); // the widget's or the menu's "Submit a Sale" meanwhile
         QVERIFY(!submission->submit(server, SaleSubmission::Sale{}));
+        QVERIFY(form->isUploading() && form->confirmLabel()->text().startsWith(QStringLiteral("✓")));
         QCOMPARE(form->statusLine()->text(), QStringLiteral("Submitting…"));
         stub->script({HttpStub::status(500)});
         stub->release(token());
