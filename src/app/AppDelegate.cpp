@@ -229,6 +229,8 @@ std::optional<QString> AppDelegate::error() const
         return e;
     if (!m_windows.note().isEmpty())
         return m_windows.note(); // no floating windows on this desktop
+    if (!m_whisper.note().isEmpty())
+        return m_whisper.note(); // the coach's last whisper did not reach the screen
     return m_commands.refusal();
 }
 

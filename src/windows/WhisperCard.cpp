@@ -1,5 +1,6 @@
 #include "WhisperCard.h"
 
+#include "BravaLog.h"
 #include "CardPicture.h"
 #include "WhisperPage.h"
 
@@ -52,7 +53,13 @@ void WhisperCard::build()
                            | Qt::WindowDoesNotAcceptFocus | Qt::NoDropShadowWindowHint | Qt::X11BypassWindowManagerHint);
     m_view->setWindowTitle(QStringLiteral("Brava Recorder whisper"));
     m_view->resize(812, 320);
-    connect(m_view->page(), &QWebEnginePage::loadFinished, this, [this] {
+    connect(m_view->page(), &QWebEnginePage::renderProcessTerminated, this, [this](QWebEnginePage::RenderProcessTerminationStatus status) {
+        if (status != QWebEnginePage::NormalTerminationStatus && !m_release.isActive()) // a card loading or up
+            failed(QStringLiteral("its renderer stopped"));
+    });
+    connect(m_view->page(), &QWebEnginePage::loadFinished, this, [this](bool ok) {
+        if (!ok)
+            return failed(QStringLiteral("its page did not load"));
         const quint64 generation = m_generation;
         m_view->page()->runJavaScript(WhisperPage::measureScript(), QWebEngineScript::ApplicationWorld,
                                       [this, generation](const QVariant &answer) { measured(generation, answer); });
@@ -79,16 +86,29 @@ void WhisperCard::measured(quint64 generation, const QVariant &answer)
     m_view->show();
     m_view->raise();
     m_hide.start(hideMs);
+    m_note.clear();
     Q_EMIT placed(m_frame);
+}
+
+void WhisperCard::failed(const QString &why)
+{
+    if (m_failed == m_generation)
+        return; // told already
+    m_failed = ++m_generation; // an answer still on its way places nothing
+    m_note = QStringLiteral("whisper card not shown: ") + why;
+    bravaLog(m_note);
+    dismiss();
 }
 
 void WhisperCard::dismiss()
 {
     m_hide.stop();
-    if (!m_view || !m_view->isVisible())
+    if (!m_view)
+        return;
+    m_release.start(releaseMs);
+    if (!m_view->isVisible())
         return;
     m_view->hide();
-    m_release.start(releaseMs);
     Q_EMIT hidden();
 }
 
@@ -103,6 +123,7 @@ void WhisperCard::release()
     m_release.stop();
     if (!m_view)
         return;
+    m_view->page()->disconnect(this);
     delete m_view; // its page first, then the profile the page used
     m_view = nullptr;
     delete m_profile;
