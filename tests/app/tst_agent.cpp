@@ -159,6 +159,8 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(frames(0) > 3 && frames(1) > 3 && frames(2) > 3, 10000); // live audio and preview reach the room
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}}));
         QVERIFY(rec().session() == QStringLiteral("s1") && rec().isRecording() && rec().listening);
+        for (const char *fact : {"Recording session “s1”", "Listening live", "Camera preview on"}) // the tray says so
+            QTRY_VERIFY2(f->app->status().tray()->tip().contains(QString::fromUtf8(fact)), fact);
         const int calls = wishes().recorderCalls();
         QVERIFY(f->command(J{{"type", "start"}, {"session", "s1"}})); // the same session again: no restart
         QVERIFY(f->command(J{{"type", "stop"}}));                      // stopping the session keeps the listen-only run
