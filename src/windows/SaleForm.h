@@ -48,7 +48,8 @@ public:
     void setCallFile(const QString &path);
     /// The submit button: checks, then sends; ignored while a submission runs.
     void submitTapped();
-    /// Keeps the window inside its screen's usable area, less 16 points on every side.
+    /// Keeps the window, title bar and borders included, inside its screen's usable area, less 16
+    /// points on every side.
     void fitToScreen();
     /// Whether a submission runs.
     bool isUploading() const { return m_busy; }
