@@ -173,7 +173,7 @@ private Q_SLOTS:
         }
     }
 
-    // A left click on the icon opens the menu.
+    // A left click on the icon opens the menu; a confirmation shows as a tray message too.
     void leftClickOpensTheMenu()
     {
         BRAVA_REQUIRE_X();
@@ -186,6 +186,10 @@ private Q_SLOTS:
         QTRY_VERIFY(tray.menu()->isVisible());
         QTest::qWait(300);
         QVERIFY(QGuiApplication::primaryScreen()->grabWindow(0).save(screens() + QStringLiteral("/menu.png")));
+        tray.menu()->hide();
+        tray.flash(QStringLiteral("Help sent — coaches alerted"));
+        const auto balloon = [] { const QWidgetList all = QApplication::topLevelWidgets(); return std::any_of(all.cbegin(), all.cend(), [](QWidget *w) { return w->inherits("QBalloonTip") && w->isVisible(); }); };
+        QTRY_VERIFY(balloon());
     }
 };
 
