@@ -3,14 +3,25 @@
 #include "BravaLog.h"
 #include "CardPicture.h"
 #include "WhisperPage.h"
+#include "X11Desktop.h"
 
 #include <QGuiApplication>
+#include <QPainterPath>
+#include <QRegion>
 #include <QScreen>
 #include <QWebEnginePage>
 #include <QWebEngineProfile>
 #include <QWebEngineScript>
 #include <QWebEngineSettings>
 #include <QWebEngineView>
+
+namespace {
+
+// The margin of the page around the card (its glow) and the card's corner radius.
+constexpr int kGlow = 46;
+constexpr int kRadius = 18;
+
+} // namespace
 
 WhisperCard::WhisperCard(QObject *parent)
     : QObject(parent)
@@ -83,6 +94,14 @@ void WhisperCard::measured(quint64 generation, const QVariant &answer)
     const QScreen *screen = QGuiApplication::primaryScreen();
     m_frame = WhisperPage::place(screen ? screen->availableGeometry() : QRect(0, 0, 1280, 800), WhisperPage::parseSize(answer));
     m_view->setGeometry(m_frame);
+    // Without a compositor the see-through glow around the card shows black: only the card is shown.
+    if (!X11Desktop::compositing()) {
+        QPainterPath card;
+        card.addRoundedRect(QRectF(QPointF(0, 0), m_frame.size()).adjusted(kGlow, kGlow, -kGlow, -kGlow), kRadius, kRadius);
+        m_view->setMask(QRegion(card.toFillPolygon().toPolygon()));
+    } else {
+        m_view->clearMask();
+    }
     m_view->show();
     m_view->raise();
     m_hide.start(hideMs);

@@ -12,7 +12,8 @@ class QWebEngineView;
 // window kept above the others on every workspace, at the top centre of the primary screen for
 // hideMs after the latest whisper. The browser engine is costly, so the view is made at the first
 // whisper and released releaseMs after the last card went away. Page scripts never run; the page
-// is measured from an isolated script world. A page that does not render is logged, kept as
+// is measured from an isolated script world. Without a compositor the window is cut to the card's
+// shape. A page that does not render is logged, kept as
 // note() and its card taken away. Main thread only.
 class WhisperCard : public QObject
 {
