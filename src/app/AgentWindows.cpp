@@ -7,28 +7,10 @@
 #include "SaleForm.h"
 #include "SaleSubmission.h"
 #include "SaleWidget.h"
-#include "SaleWidgetModel.h"
 #include "ScreenSnapper.h"
 #include "Settings.h"
 
-#include <QSettings>
-
-namespace {
-
-// The widget's frame lives beside the other settings, under its own key.
-SaleWidget::FrameStore settingsStore(const QString &path)
-{
-    const QString key = QString::fromLatin1(SaleWidgetModel::kFrameKey);
-    return {[path, key] { return QSettings(path, QSettings::IniFormat).value(key).toString(); },
-            [path, key](const QString &text) {
-                QSettings s(path, QSettings::IniFormat);
-                s.setValue(key, text);
-            }};
-}
-
-} // namespace
-
-AgentWindows::AgentWindows(AgentActions &actions, QNetworkAccessManager &net, const Settings &settings,
+AgentWindows::AgentWindows(AgentActions &actions, QNetworkAccessManager &net, Settings &settings,
                            const AgentState &state, QObject *parent)
     : QObject(parent)
     , m_actions(actions)
@@ -59,7 +41,9 @@ void AgentWindows::update()
         return;
     }
     if (!m_widget) {
-        m_widget = std::make_unique<SaleWidget>(settingsStore(m_settings.path()));
+        // The widget's frame lives beside the other settings, under its own key.
+        m_widget = std::make_unique<SaleWidget>(SaleWidget::FrameStore{[this] { return m_settings.saleWidgetFrame(); },
+                                                                       [this](const QString &text) { m_settings.setSaleWidgetFrame(text); }});
         connect(m_widget.get(), &SaleWidget::callPressed, this, [this] {
             m_actions.toggleCall();
             if (m_widget)

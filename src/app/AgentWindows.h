@@ -27,7 +27,7 @@ class AgentWindows : public QObject
 public:
     /// Windows that act through `actions`, send sales over `net` as the agent and to the control
     /// room of `settings` (whose file also keeps the widget's place), and follow `state`.
-    AgentWindows(AgentActions &actions, QNetworkAccessManager &net, const Settings &settings, const AgentState &state,
+    AgentWindows(AgentActions &actions, QNetworkAccessManager &net, Settings &settings, const AgentState &state,
                  QObject *parent = nullptr);
     ~AgentWindows() override;
 
@@ -53,7 +53,7 @@ public:
 private:
     AgentActions &m_actions;
     QNetworkAccessManager &m_net;
-    const Settings &m_settings;
+    Settings &m_settings;
     const AgentState &m_state;
     bool m_floating = true;
     QString m_note;

@@ -10,6 +10,7 @@
 #include "LoginItem.h"
 #include "Reconciler.h"
 #include "Settings.h"
+#include "TrayView.h"
 
 #include <QCoreApplication>
 #include <QMessageBox>
@@ -230,7 +231,13 @@ std::optional<QString> AppDelegate::error() const
         return e;
     if (!m_windows.note().isEmpty())
         return m_windows.note(); // no floating windows on this desktop
-    return m_commands.refusal();
+    if (!m_whisper.note().isEmpty())
+        return m_whisper.note(); // the coach's last whisper did not reach the screen
+    if (const std::optional<QString> refusal = m_commands.refusal())
+        return refusal;
+    if (m_status.tray() && !m_status.tray()->note().isEmpty())
+        return m_status.tray()->note(); // nothing on this desktop shows the agent's state
+    return std::nullopt;
 }
 
 bool AppDelegate::updateBusy() const

@@ -74,7 +74,6 @@ bool Commands::tooLong(const QString &type, const char *key, const QString &valu
     m_refusal = QStringLiteral("command %1: \"%2\" of %3 characters refused (at most %4)")
                     .arg(type, QLatin1String(key)).arg(value.size()).arg(limit);
     bravaLog(*m_refusal);
-    m_refused = true;
     return true;
 }
 
@@ -123,13 +122,11 @@ void Commands::handle(const QJsonObject &command)
     if (!typeValue.isString())
         return;
     const QString type = typeValue.toString();
-    m_refused = false;
-    dispatch(type, command);
-    if (!m_refused)
+    if (dispatch(type, command))
         m_refusal.reset(); // an accepted command ends the refusal shown in the heartbeat
 }
 
-void Commands::dispatch(const QString &type, const QJsonObject &command)
+bool Commands::dispatch(const QString &type, const QJsonObject &command)
 {
     namespace C = Protocol::Command;
     Reconciler &r = *m_reconciler;
@@ -137,7 +134,7 @@ void Commands::dispatch(const QString &type, const QJsonObject &command)
     if (type == QLatin1String(C::start)) {
         const std::optional<QString> session = optionalString(command, C::session);
         if (session && tooLong(type, C::session, *session, kMaxSession))
-            return;
+            return false;
         r.desiredSession = session;
         apply();
     } else if (type == QLatin1String(C::stop)) {
@@ -163,7 +160,7 @@ void Commands::dispatch(const QString &type, const QJsonObject &command)
     } else if (type == QLatin1String(C::whisper)) {
         const QString text = stringArg(command, C::text);
         if (TextTools::trimSpacesAndTabs(text).isEmpty() || tooLong(type, C::text, text, kMaxWhisper))
-            return;
+            return false;
         const int seat = seatArg(command);
         bravaLog(QStringLiteral("whisper from seat %1: %2").arg(seat).arg(text));
         const QString from = m_roster.name(seat);
@@ -173,16 +170,19 @@ void Commands::dispatch(const QString &type, const QJsonObject &command)
     } else if (type == QLatin1String(C::setMic)) {
         const std::optional<QString> uid = optionalString(command, C::uid);
         if (!uid || tooLong(type, C::uid, *uid, kMaxUid))
-            return;
+            return false;
         m_settings.setMicUID(*uid);
         m_rec.restartMic();
     } else if (type == QLatin1String(C::setCam)) {
         const QString uid = stringArg(command, C::uid);
-        if (!tooLong(type, C::uid, uid, kMaxUid))
-            m_rec.setPreviewCamUID(uid);
+        if (tooLong(type, C::uid, uid, kMaxUid))
+            return false;
+        m_rec.setPreviewCamUID(uid);
     } else if (type == QLatin1String(C::quality)) {
         const QString q = stringArg(command, C::q, QLatin1String(Protocol::Quality::full));
-        if (!tooLong(type, C::q, q, kMaxQuality) && q != m_settings.uploadQuality()) {
+        if (tooLong(type, C::q, q, kMaxQuality))
+            return false;
+        if (q != m_settings.uploadQuality()) {
             m_settings.setUploadQuality(q);
             bravaLog(QStringLiteral("upload quality set to ") + q);
         }
@@ -192,7 +192,10 @@ void Commands::dispatch(const QString &type, const QJsonObject &command)
         changed();
         if (onReplaced)
             onReplaced();
+    } else {
+        return false; // unknown: not taken
     }
+    return true;
 }
 
 void Commands::release()

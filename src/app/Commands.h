@@ -65,7 +65,8 @@ Q_SIGNALS:
     void whisper(const QString &text, int seat, const QString &from);
 
 private:
-    void dispatch(const QString &type, const QJsonObject &command);
+    /// Carries out a command; false when it was refused or is unknown.
+    bool dispatch(const QString &type, const QJsonObject &command);
     /// Refuses (logs and keeps as refusal()) a text argument longer than its limit.
     bool tooLong(const QString &type, const char *key, const QString &value, qsizetype limit);
     void applyFinished();
@@ -80,5 +81,4 @@ private:
     const std::atomic<bool> &m_wizardOpen;
     Reconciler *m_reconciler;
     std::optional<QString> m_refusal;
-    bool m_refused = false; // by the command being handled
 };

@@ -53,7 +53,10 @@ QString text(const StatusMenu::State &s, const Facts &f)
     else
         lines.append(QStringLiteral("Link down: not connected to the control room at ") + f.address
                      + (f.linkFailure.isEmpty() ? QString() : QStringLiteral(" (") + f.linkFailure + QLatin1Char(')')));
-    lines.append(s.isRecording && f.session ? QStringLiteral("Recording session “%1”").arg(*f.session) : QStringLiteral("Not recording"));
+    if (!s.isRecording)
+        lines.append(QStringLiteral("Not recording"));
+    else
+        lines.append(f.session ? QStringLiteral("Recording session “%1”").arg(*f.session) : QStringLiteral("Recording"));
     if (s.live)
         lines.append(QStringLiteral("Listening live"));
     if (f.previewing)

@@ -18,8 +18,13 @@ TrayView::TrayView(QObject *parent)
     m_icon->setContextMenu(m_menu);
     opensOnLeftClick(m_icon, m_menu);
     m_icon->show();
-    if (!QSystemTrayIcon::isSystemTrayAvailable())
-        bravaLog(QStringLiteral("no system tray on this desktop: running without a menu"));
+    if (!note().isEmpty())
+        bravaLog(note());
+}
+
+QString TrayView::note() const
+{
+    return QSystemTrayIcon::isSystemTrayAvailable() ? QString() : QStringLiteral("no system tray on this desktop: running without a menu");
 }
 
 TrayView::~TrayView()

@@ -32,6 +32,8 @@ public:
     QString tip() const { return m_tip; }
     /// The icon last drawn.
     TrayTip::Look look() const { return m_look; }
+    /// Why nothing shows the agent's state here ("" while a tray shows the icon).
+    QString note() const;
     /// The status icon (its geometry places it on the screen).
     QSystemTrayIcon *icon() const { return m_icon; }
     /// Sets the on-call item's title (the running call timer).

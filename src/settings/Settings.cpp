@@ -104,6 +104,7 @@ Settings::Values Settings::read(QSettings &file)
     v.micUID = stringOf(file, "micUID", QString());
     v.camUID = stringOf(file, "camUID", QString());
     v.uploadQuality = stringOf(file, "uploadQuality", QLatin1String(Protocol::Quality::full));
+    v.saleWidgetFrame = bounded(file, "saleWidgetFrame", QString(), kMaxFrameLength);
     return v;
 }
 
@@ -121,6 +122,7 @@ void Settings::take(const Values &v)
     announce(this, old.micUID, v.micUID, &Settings::micUIDChanged);
     announce(this, old.camUID, v.camUID, &Settings::camUIDChanged);
     announce(this, old.uploadQuality, v.uploadQuality, &Settings::uploadQualityChanged);
+    announce(this, old.saleWidgetFrame, v.saleWidgetFrame, &Settings::saleWidgetFrameChanged);
 }
 
 void Settings::reload()
@@ -165,6 +167,7 @@ void Settings::setWizardFurthest(int step) { write("wizardFurthest", step); }
 void Settings::setMicUID(const QString &uid) { write("micUID", uid); }
 void Settings::setCamUID(const QString &uid) { write("camUID", uid); }
 void Settings::setUploadQuality(const QString &quality) { write("uploadQuality", quality); }
+void Settings::setSaleWidgetFrame(const QString &frame) { write("saleWidgetFrame", frame); }
 
 int Settings::videoBitrate(const QString &quality)
 {

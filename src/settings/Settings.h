@@ -29,6 +29,7 @@ class Settings : public QObject
     Q_PROPERTY(QString micUID READ micUID WRITE setMicUID NOTIFY micUIDChanged)
     Q_PROPERTY(QString camUID READ camUID WRITE setCamUID NOTIFY camUIDChanged)
     Q_PROPERTY(QString uploadQuality READ uploadQuality WRITE setUploadQuality NOTIFY uploadQualityChanged)
+    Q_PROPERTY(QString saleWidgetFrame READ saleWidgetFrame WRITE setSaleWidgetFrame NOTIFY saleWidgetFrameChanged)
 
 public:
     /// The settings of the INI file at `path` (read now; the folder is created); the address is
@@ -42,6 +43,8 @@ public:
     static constexpr int kMaxNameLength = 100;
     /// Longest control-room address, in characters.
     static constexpr int kMaxServerLength = 255;
+    /// Longest saved widget frame text, in characters.
+    static constexpr int kMaxFrameLength = 64;
     /// Time after a change of the file before it is read, so that a burst of writes is read once.
     static constexpr int kSettleMs = 100;
 
@@ -87,6 +90,11 @@ public:
     QString uploadQuality() const { return m_v.uploadQuality; }
     /// Stores the upload quality word as given.
     void setUploadQuality(const QString &quality);
+    /// Where the sale widget was last left ("{{x, y}, {w, h}}"); "" when none or longer than
+    /// kMaxFrameLength.
+    QString saleWidgetFrame() const { return m_v.saleWidgetFrame; }
+    /// Stores the sale widget's frame text.
+    void setSaleWidgetFrame(const QString &frame);
 
     /// Video bit rate in bits per second for an upload quality word (exact, case-sensitive words;
     /// anything else is full quality).
@@ -111,6 +119,7 @@ Q_SIGNALS:
     void micUIDChanged(const QString &uid);
     void camUIDChanged(const QString &uid);
     void uploadQualityChanged(const QString &quality);
+    void saleWidgetFrameChanged(const QString &frame);
 
 private:
     struct Values
@@ -124,6 +133,7 @@ private:
         QString micUID;
         QString camUID;
         QString uploadQuality;
+        QString saleWidgetFrame;
     };
     Values read(QSettings &file);
     void take(const Values &v);

@@ -12,10 +12,20 @@
 #include <QThread>
 
 #include <limits>
+#include <utility>
 
 namespace {
 
 constexpr int kTimeoutMs = 12000;
+
+// At most kMaxNameLength characters, never half of a surrogate pair.
+QString capped(const QString &name)
+{
+    const qsizetype max = MentorRoster::kMaxNameLength;
+    if (name.size() <= max)
+        return name;
+    return name.left(name.at(max - 1).isHighSurrogate() ? max - 1 : max);
+}
 
 } // namespace
 
@@ -38,7 +48,7 @@ std::optional<QMap<int, QString>> MentorRoster::parse(const QByteArray &data)
         const std::optional<int> seat =
             parseStrictInt(it.key(), std::numeric_limits<int>::min(), std::numeric_limits<int>::max());
         if (seat && it.value().isString())
-            roster.insert(*seat, it.value().toString());
+            roster.insert(*seat, capped(it.value().toString()));
     }
     return roster;
 }
@@ -53,10 +63,15 @@ void MentorRoster::fetch()
     if (!url.isValid())
         return;
     m_fetching = true;
+    m_tooLarge = false;
     QNetworkRequest request(url);
     request.setTransferTimeout(kTimeoutMs);
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     QNetworkReply *reply = m_net.get(request);
+    connect(reply, &QNetworkReply::downloadProgress, this, [this, reply](qint64 received) {
+        if (received > kMaxAnswerBytes && !std::exchange(m_tooLarge, true))
+            reply->abort();
+    });
     connect(reply, &QNetworkReply::finished, this, [this, reply] { finished(reply); });
 }
 
@@ -64,6 +79,11 @@ void MentorRoster::finished(QNetworkReply *reply)
 {
     reply->deleteLater();
     m_fetching = false;
+    if (m_tooLarge) {
+        m_fault = Fault::TooLarge;
+        m_lastError = QStringLiteral("roster answer over %1 bytes refused").arg(kMaxAnswerBytes);
+        return;
+    }
     if (!reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).isValid()) {
         m_fault = Fault::NoAnswer;
         m_lastError = QStringLiteral("roster not fetched: ") + reply->errorString();

@@ -19,7 +19,11 @@ class MentorRoster : public QObject
     Q_OBJECT
 public:
     /// Why the last download left the roster as it was.
-    enum class Fault { None, NoAnswer, NotAnObject };
+    enum class Fault { None, NoAnswer, NotAnObject, TooLarge };
+    /// Longest name kept, in characters (a longer one is cut after its last whole character).
+    static constexpr qsizetype kMaxNameLength = 80;
+    /// Largest answer read, in bytes; a larger one is cut off and leaves the roster as it was.
+    static constexpr qint64 kMaxAnswerBytes = 64 * 1024;
 
     /// A roster fetched over `net`.
     /// A roster fetched over `net` from this build's event web service.
@@ -38,8 +42,8 @@ public:
     /// Why the last download left the roster as it was; "" after a success.
     QString lastError() const { return m_lastError; }
 
-    /// Reads an answer: members with a decimal integer key and a string value; nothing when the
-    /// answer is not a JSON object.
+    /// Reads an answer: members with a decimal integer key and a string value (cut to
+    /// kMaxNameLength); nothing when the answer is not a JSON object.
     static std::optional<QMap<int, QString>> parse(const QByteArray &data);
 
 private:
@@ -49,6 +53,7 @@ private:
     const BuildInfo &m_build;
     QMap<int, QString> m_map;
     bool m_fetching = false;
+    bool m_tooLarge = false; // the answer in flight passed kMaxAnswerBytes
     Fault m_fault = Fault::None;
     QString m_lastError;
 };

@@ -195,7 +195,8 @@ void SaleForm::build()
 
 void SaleForm::open()
 {
-    reset();
+    if (!m_busy) // a sale on its way keeps what it sends, and the form shows how it ends
+        reset();
     m_placement.place(*this, QSize(kWidth, kHeight));
     show();
     fitToScreen();
@@ -352,10 +353,13 @@ void SaleForm::fitToScreen()
     if (!s)
         return;
     const QRect room = s->availableGeometry().adjusted(kScreenInset, kScreenInset, -kScreenInset, -kScreenInset);
-    QRect frame = geometry();
+    // The window as the screen shows it, title bar and borders included.
+    const QRect inner = geometry();
+    QRect frame = frameGeometry();
+    const QMargins borders(inner.left() - frame.left(), inner.top() - frame.top(), frame.right() - inner.right(), frame.bottom() - inner.bottom());
     frame.setSize(frame.size().boundedTo(room.size()));
     frame.moveLeft(std::clamp(frame.left(), room.left(), room.right() - frame.width() + 1));
     frame.moveTop(std::clamp(frame.top(), room.top(), room.bottom() - frame.height() + 1));
-    if (frame != geometry())
-        setGeometry(frame);
+    if (frame.marginsRemoved(borders) != inner)
+        setGeometry(frame.marginsRemoved(borders));
 }

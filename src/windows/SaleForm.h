@@ -34,7 +34,7 @@ public:
     ~SaleForm() override;
 
     /// Opens the form with no attachments (typed texts and choices of the last use stay), in
-    /// front, inside the screen.
+    /// front, inside the screen; while a submission runs, as it is.
     void open();
     /// Forgets every attachment.
     void reset();
@@ -48,7 +48,8 @@ public:
     void setCallFile(const QString &path);
     /// The submit button: checks, then sends; ignored while a submission runs.
     void submitTapped();
-    /// Keeps the window inside its screen's usable area, less 16 points on every side.
+    /// Keeps the window, title bar and borders included, inside its screen's usable area, less 16
+    /// points on every side.
     void fitToScreen();
     /// Whether a submission runs.
     bool isUploading() const { return m_busy; }

@@ -30,6 +30,18 @@ QString buttonStyle(const QColor &colour, int pixelSize)
         .arg(pixelSize);
 }
 
+// The screens, the main one first: it is also the snap's fallback.
+QList<M::Screen> screens()
+{
+    QList<M::Screen> out;
+    if (QScreen *main = QGuiApplication::primaryScreen())
+        out.append({main->geometry(), main->availableGeometry()});
+    for (QScreen *s : QGuiApplication::screens())
+        if (s != QGuiApplication::primaryScreen())
+            out.append({s->geometry(), s->availableGeometry()});
+    return out;
+}
+
 } // namespace
 
 SaleWidget::SaleWidget(FrameStore store, QObject *parent)
@@ -113,10 +125,11 @@ void SaleWidget::build(bool withSale)
         }
     }
 
-    // The saved frame keeps its place; its size is always the panel's own.
+    // The saved frame keeps its place, brought onto a screen (one may have gone since); its size
+    // is always the panel's own.
     QRect frame;
     if (const std::optional<QRect> saved = M::parseFrame(m_store.load()))
-        frame = QRect(saved->topLeft(), QSize(M::kWidth, h));
+        frame = M::snap(QRect(saved->topLeft(), QSize(M::kWidth, h)), screens()).value_or(QRect(saved->topLeft(), QSize(M::kWidth, h)));
     else if (const QScreen *main = QGuiApplication::primaryScreen())
         frame = M::firstFrame(main->availableGeometry(), withSale);
     w->setGeometry(frame);
@@ -162,7 +175,7 @@ void SaleWidget::snap()
 bool SaleWidget::eventFilter(QObject *watched, QEvent *event)
 {
     if (watched == m_window && event->type() == QEvent::Move) {
-        saveFrame();
+        moved();
     } else if (m_window && watched != m_window) {
         // Dragging the background moves the panel: by the window manager when it can, else here.
         auto *mouse = static_cast<QMouseEvent *>(event);
@@ -182,34 +195,21 @@ bool SaleWidget::eventFilter(QObject *watched, QEvent *event)
     return QObject::eventFilter(watched, event);
 }
 
-void SaleWidget::saveFrame()
+void SaleWidget::moved()
 {
-    if (!m_window || m_snapping)
-        return;
-    const QString text = M::frameText(m_window->geometry());
-    if (text == m_store.load())
-        return; // where it was put, not a move of the agent's
-    m_store.save(text);
-    m_snapJob.start(); // restarted by every move: one snap after the last
+    if (!m_window || m_snapping || M::frameText(m_window->geometry()) == m_store.load())
+        return; // the snap's own move, or where it was put: not a move of the agent's
+    m_snapJob.start(); // restarted by every move: one snap, and one save, after the last
 }
 
 void SaleWidget::snapToEdge()
 {
     if (!m_window)
         return;
-    QList<M::Screen> screens;
-    if (QScreen *main = QGuiApplication::primaryScreen())
-        screens.append({main->geometry(), main->availableGeometry()});
-    for (QScreen *s : QGuiApplication::screens())
-        if (s != QGuiApplication::primaryScreen())
-            screens.append({s->geometry(), s->availableGeometry()});
-    // The main screen is first in the list, so that it is also the fallback; the rule takes the
-    // first screen holding the centre, and screens do not overlap.
-    const std::optional<QRect> to = M::snap(m_window->geometry(), screens);
-    if (!to)
-        return;
+    // The rule takes the first screen holding the centre (screens do not overlap).
+    const QRect to = M::snap(m_window->geometry(), screens()).value_or(m_window->geometry());
     m_snapping = true;
-    m_window->setGeometry(*to);
-    m_store.save(M::frameText(*to));
+    m_window->setGeometry(to);
+    m_store.save(M::frameText(to));
     m_snapEnd.start();
 }

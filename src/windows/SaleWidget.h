@@ -12,8 +12,8 @@ class QWidget;
 
 // The floating call/help widget: a small frameless panel that stays above other windows on every
 // workspace, never takes the focus from the dialer, and offers three large buttons (call, sale,
-// help). It remembers where the agent dragged it and snaps to the nearest screen edge after every
-// move. Its owner decides the call state (setCall) and what the buttons do (the signals). Main
+// help). It snaps to the nearest screen edge after every move and then saves where it ended (once
+// per move, not while dragging); a saved place off every screen is brought back onto one. Its owner decides the call state (setCall) and what the buttons do (the signals). Main
 // thread only.
 class SaleWidget : public QObject
 {
@@ -63,7 +63,7 @@ protected:
 private:
     void build(bool withSale);
     void drawCall(bool helpFlash);
-    void saveFrame();
+    void moved();
     void snapToEdge();
 
     FrameStore m_store;

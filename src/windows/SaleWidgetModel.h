@@ -32,8 +32,6 @@ constexpr int kSnapDelayMs = 180;
 constexpr int kSnappingMs = 350;
 /// How long "Help sent ✓" stays on the call button.
 constexpr int kHelpFlashMs = 1400;
-/// Settings key of the saved frame.
-inline constexpr char kFrameKey[] = "saleWidgetFrame";
 
 /// Panel background.
 QColor navy();

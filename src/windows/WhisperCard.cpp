@@ -1,15 +1,27 @@
 #include "WhisperCard.h"
 
+#include "BravaLog.h"
 #include "CardPicture.h"
 #include "WhisperPage.h"
+#include "X11Desktop.h"
 
 #include <QGuiApplication>
+#include <QPainterPath>
+#include <QRegion>
 #include <QScreen>
 #include <QWebEnginePage>
 #include <QWebEngineProfile>
 #include <QWebEngineScript>
 #include <QWebEngineSettings>
 #include <QWebEngineView>
+
+namespace {
+
+// The margin of the page around the card (its glow) and the card's corner radius.
+constexpr int kGlow = 46;
+constexpr int kRadius = 18;
+
+} // namespace
 
 WhisperCard::WhisperCard(QObject *parent)
     : QObject(parent)
@@ -52,7 +64,13 @@ void WhisperCard::build()
                            | Qt::WindowDoesNotAcceptFocus | Qt::NoDropShadowWindowHint | Qt::X11BypassWindowManagerHint);
     m_view->setWindowTitle(QStringLiteral("Brava Recorder whisper"));
     m_view->resize(812, 320);
-    connect(m_view->page(), &QWebEnginePage::loadFinished, this, [this] {
+    connect(m_view->page(), &QWebEnginePage::renderProcessTerminated, this, [this](QWebEnginePage::RenderProcessTerminationStatus status) {
+        if (status != QWebEnginePage::NormalTerminationStatus && !m_release.isActive()) // a card loading or up
+            failed(QStringLiteral("its renderer stopped"));
+    });
+    connect(m_view->page(), &QWebEnginePage::loadFinished, this, [this](bool ok) {
+        if (!ok)
+            return failed(QStringLiteral("its page did not load"));
         const quint64 generation = m_generation;
         m_view->page()->runJavaScript(WhisperPage::measureScript(), QWebEngineScript::ApplicationWorld,
                                       [this, generation](const QVariant &answer) { measured(generation, answer); });
@@ -76,19 +94,40 @@ void WhisperCard::measured(quint64 generation, const QVariant &answer)
     const QScreen *screen = QGuiApplication::primaryScreen();
     m_frame = WhisperPage::place(screen ? screen->availableGeometry() : QRect(0, 0, 1280, 800), WhisperPage::parseSize(answer));
     m_view->setGeometry(m_frame);
+    // Without a compositor the see-through glow around the card shows black: only the card is shown.
+    if (!X11Desktop::compositing()) {
+        QPainterPath card;
+        card.addRoundedRect(QRectF(QPointF(0, 0), m_frame.size()).adjusted(kGlow, kGlow, -kGlow, -kGlow), kRadius, kRadius);
+        m_view->setMask(QRegion(card.toFillPolygon().toPolygon()));
+    } else {
+        m_view->clearMask();
+    }
     m_view->show();
     m_view->raise();
     m_hide.start(hideMs);
+    m_note.clear();
     Q_EMIT placed(m_frame);
+}
+
+void WhisperCard::failed(const QString &why)
+{
+    if (m_failed == m_generation)
+        return; // told already
+    m_failed = ++m_generation; // an answer still on its way places nothing
+    m_note = QStringLiteral("whisper card not shown: ") + why;
+    bravaLog(m_note);
+    dismiss();
 }
 
 void WhisperCard::dismiss()
 {
     m_hide.stop();
-    if (!m_view || !m_view->isVisible())
+    if (!m_view)
+        return;
+    m_release.start(releaseMs);
+    if (!m_view->isVisible())
         return;
     m_view->hide();
-    m_release.start(releaseMs);
     Q_EMIT hidden();
 }
 
@@ -103,6 +142,7 @@ void WhisperCard::release()
     m_release.stop();
     if (!m_view)
         return;
+    m_view->page()->disconnect(this);
     delete m_view; // its page first, then the profile the page used
     m_view = nullptr;
     delete m_profile;

@@ -12,7 +12,9 @@ class QWebEngineView;
 // window kept above the others on every workspace, at the top centre of the primary screen for
 // hideMs after the latest whisper. The browser engine is costly, so the view is made at the first
 // whisper and released releaseMs after the last card went away. Page scripts never run; the page
-// is measured from an isolated script world. Main thread only.
+// is measured from an isolated script world. Without a compositor the window is cut to the card's
+// shape. A page that does not render is logged, kept as
+// note() and its card taken away. Main thread only.
 class WhisperCard : public QObject
 {
     Q_OBJECT
@@ -31,6 +33,8 @@ public:
     QWebEngineView *view() const { return m_view; }
     /// Where the card was last placed.
     QRect frame() const { return m_frame; }
+    /// Why the last card could not be shown, until a card is shown again ("" when none).
+    QString note() const { return m_note; }
 
     /// How long a card stays, in milliseconds (9 s).
     int hideMs = 9000;
@@ -49,6 +53,7 @@ private:
     void build();
     void release();
     void measured(quint64 generation, const QVariant &answer);
+    void failed(const QString &why);
 
     QWebEngineProfile *m_profile = nullptr;
     QWebEngineView *m_view = nullptr;
@@ -57,4 +62,6 @@ private:
     QTimer m_release;
     QRect m_frame;
     quint64 m_generation = 0;
+    quint64 m_failed = 0; // the generation whose failure was told
+    QString m_note;
 };

@@ -73,4 +73,17 @@ std::optional<quint32> desktopOf(QWidget *window)
     return out;
 }
 
+bool compositing()
+{
+    xcb_connection_t *c = connection();
+    if (!c)
+        return true;
+    // A compositing manager owns this selection (for the first screen, as above).
+    const xcb_atom_t selection = atom(c, "_NET_WM_CM_S0");
+    xcb_get_selection_owner_reply_t *reply = xcb_get_selection_owner_reply(c, xcb_get_selection_owner(c, selection), nullptr);
+    const bool owned = reply && reply->owner != XCB_NONE;
+    std::free(reply);
+    return owned;
+}
+
 } // namespace X11Desktop

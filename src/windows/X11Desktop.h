@@ -7,7 +7,8 @@
 class QWidget;
 
 // Puts a window on every workspace of an X11 desktop (the EWMH "all desktops" number), which Qt's
-// window flags do not ask for. Does nothing on other platforms.
+// window flags do not ask for, and tells whether see-through windows are drawn. Does nothing on
+// other platforms.
 namespace X11Desktop {
 
 /// The number of "every workspace" in _NET_WM_DESKTOP.
@@ -17,5 +18,7 @@ constexpr quint32 kAllDesktops = 0xFFFFFFFF;
 void showOnAllDesktops(QWidget *window);
 /// The window's _NET_WM_DESKTOP as set on the X server; nothing off X11 or when unset.
 std::optional<quint32> desktopOf(QWidget *window);
+/// Whether a compositing manager draws see-through windows (false on X11 without one, true off X11).
+bool compositing();
 
 } // namespace X11Desktop

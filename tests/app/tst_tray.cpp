@@ -126,6 +126,10 @@ private Q_SLOTS:
         QVERIFY(TrayTip::text(replaced, {}).contains(QStringLiteral("Link down: agent number in use on another computer")));
         QCOMPARE(TrayTip::look(replaced), TrayTip::Look::NotConnected);
         QVERIFY(TrayTip::text(S{}, {}).contains(QStringLiteral("Link down: no control room set")));
+        QCOMPARE(TrayTip::text(connected([](S &s) { s.isRecording = true; }), {}).section(QLatin1Char('\n'), 2), QStringLiteral("Recording")); // no session known
+        // The call item's running time.
+        for (const auto &[seconds, title] : {std::pair{59, " 🔵 On a Call  0:59"}, {60, " 🔵 On a Call  1:00"}, {3600, " 🔵 On a Call  60:00"}})
+            QCOMPARE(StatusMenu::callTimer(seconds), QString::fromUtf8(title));
     }
 
     // Each state's icon on the test tray with the tooltip the pointer brings up, on a light and a
@@ -169,7 +173,7 @@ private Q_SLOTS:
         }
     }
 
-    // A left click on the icon opens the menu.
+    // A left click on the icon opens the menu; a confirmation shows as a tray message too.
     void leftClickOpensTheMenu()
     {
         BRAVA_REQUIRE_X();
@@ -186,6 +190,10 @@ private Q_SLOTS:
         QImage shown;
         QTRY_VERIFY((shown = QGuiApplication::primaryScreen()->grabWindow(0).toImage().convertToFormat(QImage::Format_RGB32)).copy(where) == drawn);
         QVERIFY(shown.save(screens() + QStringLiteral("/menu.png")));
+        tray.menu()->hide();
+        tray.flash(QStringLiteral("Help sent — coaches alerted"));
+        const auto balloon = [] { const QWidgetList all = QApplication::topLevelWidgets(); return std::any_of(all.cbegin(), all.cend(), [](QWidget *w) { return w->inherits("QBalloonTip") && w->isVisible(); }); };
+        QTRY_VERIFY(balloon());
     }
 };
 

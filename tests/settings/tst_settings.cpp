@@ -46,12 +46,12 @@ private Q_SLOTS:
         QFile f(settings.path() + QStringLiteral(".new"));
         QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
         f.write("[General]\nagentID=12\nsetupDone=true\nagentName=\\nBo\\n\nwizardStep=oops\nuploadQuality=low\nserver=10.0.0.7:1\n"
-                "wizardFurthest=4\nmicUID=m2\ncamUID=c2\n");
+                "wizardFurthest=4\nmicUID=m2\ncamUID=c2\nsaleWidgetFrame=\"{{12, 300}, {196, 182}}\"\n");
         f.close();
         QVERIFY(QFile::remove(settings.path()) && f.rename(settings.path()));
         QTRY_VERIFY_WITH_TIMEOUT(settings.agentID() == 12, 1000);
-        QVERIFY(settings.setupDone());
-        QCOMPARE(announced.size(), size_t(9)); // one signal per setting
+        QVERIFY(settings.setupDone() && settings.saleWidgetFrame() == QStringLiteral("{{12, 300}, {196, 182}}"));
+        QCOMPARE(announced.size(), size_t(10)); // one signal per setting
         for (const auto &spy : announced)
             QVERIFY2(spy->size() == 1, spy->signal().constData());
         QCOMPARE(settings.agentName(), QStringLiteral("\nBo\n")); // only spaces and tabs are trimmed

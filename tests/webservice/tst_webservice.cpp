@@ -109,6 +109,8 @@ private Q_SLOTS:
         const auto parsed = MentorRoster::parse(
             R"({"12":"Ann","x":"Bob","7":5,"+3":"Cy","-2":"Di"," 4":"Ed","99999999999":"Fa","8":null,"010":"Hu","":"Io","+":"Jo"})");
         QCOMPARE(parsed.value_or(QMap<int, QString>()), (QMap<int, QString>{{12, QStringLiteral("Ann")}, {3, QStringLiteral("Cy")}, {-2, QStringLiteral("Di")}, {10, QStringLiteral("Hu")}}));
+        // A long name is cut to 80 characters, never inside a character: here before an emoji at 80.
+        QCOMPARE(MentorRoster::parse("{\"1\":\"" + QByteArray(79, 'n') + "\xF0\x9F\x98\x80z\"}")->value(1), QString(79, QLatin1Char('n')));
         const qint64 before = QDateTime::currentSecsSinceEpoch();
         fetch(R"({"1":"Ann","2":"Bo"})");
         const HttpStub::Request &r = service.requests.first();
@@ -119,9 +121,10 @@ private Q_SLOTS:
         QCOMPARE(roster.map(), (QMap<int, QString>{{2, QStringLiteral("Cy")}}));
         // Bad answers keep the roster as it was.
         QList<MentorRoster::Fault> faults;
-        for (const HttpStub::Answer &bad : {HttpStub::status(200, "<html>busy</html>"), HttpStub::status(500, "[\"Ann\"]"), HttpStub::Answer{HttpStub::Answer::Reset}})
+        for (const HttpStub::Answer &bad : {HttpStub::status(200, "<html>busy</html>"), HttpStub::status(500, "[\"Ann\"]"), HttpStub::Answer{HttpStub::Answer::Reset},
+                                            HttpStub::status(200, QByteArray(MentorRoster::kMaxAnswerBytes, ' ') + "{}")})
             fetch(bad.body, bad.status, bad.kind), faults.append(roster.fault());
-        QCOMPARE(faults, QList<MentorRoster::Fault>({MentorRoster::Fault::NotAnObject, MentorRoster::Fault::NotAnObject, MentorRoster::Fault::NoAnswer}));
+        QCOMPARE(faults, QList<MentorRoster::Fault>({MentorRoster::Fault::NotAnObject, MentorRoster::Fault::NotAnObject, MentorRoster::Fault::NoAnswer, MentorRoster::Fault::TooLarge}));
         QCOMPARE(roster.name(2), QStringLiteral("Cy"));
         // One download at a time, and none without a web service.
         net.made = 0;

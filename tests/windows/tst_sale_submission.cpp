@@ -15,13 +15,23 @@
 using Answers = QList<HttpStub::Answer>;
 Q_DECLARE_METATYPE(Answers)
 
+// A network manager that notes the time-out of every request made through it.
+struct TimedNet : QNetworkAccessManager {
+    QList<int> timeouts;
+    QNetworkReply *createRequest(Operation op, const QNetworkRequest &request, QIODevice *body) override
+    {
+        timeouts.append(request.transferTimeout());
+        return QNetworkAccessManager::createRequest(op, request, body);
+    }
+};
+
 // A sale from the form to a control room on loopback: the requests in order with their query
 // items, content types and bodies; the message of every failure; and what the agent entered
 // surviving each of them.
 class SaleSubmissionTest : public QObject
 {
     Q_OBJECT
-    QNetworkAccessManager net;
+    TimedNet net;
     std::unique_ptr<QTemporaryDir> dir; // a new one for each test
     std::unique_ptr<HttpStub> stub;
     std::unique_ptr<SaleSubmission> submission;
@@ -65,6 +75,7 @@ private Q_SLOTS:
         QVERIFY(stub->listen());
         server = stub->address();
         agent = 7;
+        net.timeouts.clear();
         submission = std::make_unique<SaleSubmission>(net);
         snapper = std::make_unique<ScreenSnapper>(false);
         form = std::make_unique<SaleForm>(*submission, *snapper, [this] { return agent; }, [this] { return server; });
@@ -95,6 +106,7 @@ private Q_SLOTS:
         QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
         QCOMPARE(form->statusColour(), SaleForm::green());
         QCOMPARE(stub->requests.size(), phone ? 3 : 2);
+        QCOMPARE(net.timeouts, phone ? QList<int>({20000, 120000, 600000}) : QList<int>({20000, 600000})); // record, snapshot, file
         const HttpStub::Request &record = stub->requests[0];
         QCOMPARE(record.url.path(), QStringLiteral("/sale"));
         QCOMPARE(record.headers.value("content-type"), QByteArray("application/json"));
@@ -177,7 +189,7 @@ private Q_SLOTS:
         QCOMPARE(form->methodGroup()->checkedId(), phone ? 0 : 1);
     }
 
-    // Presses while a sale is submitting change nothing; a press after a failure sends a new record.
+    // Presses and reopening while a sale is submitting change nothing; a press after a failure sends a new record.
     void pressWhileSubmittingAndAfterAFailure()
     {
         fill(false);
@@ -187,7 +199,9 @@ private Q_SLOTS:
         QVERIFY(form->isUploading() && !form->submitButton()->isEnabled());
         QCOMPARE(form->statusLine()->text(), QStringLiteral("Submitting…"));
         form->submitTapped();
+        form->open(); // the widget's or the menu's "Submit a Sale" meanwhile
         QVERIFY(!submission->submit(server, SaleSubmission::Sale{}));
+        QVERIFY(form->isUploading() && form->confirmLabel()->text().startsWith(QStringLiteral("✓")));
         QCOMPARE(form->statusLine()->text(), QStringLiteral("Submitting…"));
         stub->script({HttpStub::status(500)});
         stub->release(token());

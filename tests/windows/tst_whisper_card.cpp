@@ -11,6 +11,8 @@
 #include <QWebEngineView>
 #include <QtTest>
 
+#include <csignal>
+
 // A window that counts the mouse presses it receives.
 struct ClickCounter : QWidget {
     int presses = 0;
@@ -40,7 +42,9 @@ class WhisperCardTest : public QObject
             QStringLiteral("JSON.stringify([document.querySelector('.t').textContent, document.querySelector('.lbl').textContent,"
                            "document.title, document.getElementById('b').dataset.hit || '',"
                            "document.querySelectorAll('script,style,img,iframe,b,svg').length,"
-                           "getComputedStyle(document.getElementById('b')).display])"),
+                           "getComputedStyle(document.getElementById('b')).display,"
+                           "Math.ceil(document.getElementById('w').getBoundingClientRect().width),"
+                           "Math.ceil(document.getElementById('w').getBoundingClientRect().height)])"),
             QWebEngineScript::ApplicationWorld, [&](const QVariant &v) { answer = v; done = true; });
         (void)QTest::qWaitFor([&] { return done; }, 10000);
         return QJsonDocument::fromJson(answer.toString().toUtf8()).array();
@@ -87,6 +91,8 @@ private Q_SLOTS:
             QCOMPARE(WhisperPage::parseSize(answer), QSize(812, 300));
         QCOMPARE(WhisperPage::place(QRect(0, 24, 1280, 776), QSize(812, 300)), QRect(234, 32, 812, 300));
         QCOMPARE(WhisperPage::place(QRect(100, 0, 1000, 700), QSize(812, 9000)), QRect(194, 8, 812, 692)); // no taller than the screen
+        QCOMPARE(WhisperCard().hideMs, 9000); // the real times, shortened in the tests below
+        QCOMPARE(WhisperCard().releaseMs, 60000);
     }
 
     // A second whisper restarts the time the card stays (a 9 s stay scaled down to 4 s, the
@@ -132,15 +138,19 @@ private Q_SLOTS:
         QTest::qWait(1500); // the first frames on the screen
 
         const QRect f = card.frame();
+        const QJsonArray measured = page(card);
+        QCOMPARE(f.size(), QSize(measured.at(6).toInt(), measured.at(7).toInt())); // the page's own size
         QCOMPARE(f.y(), QGuiApplication::primaryScreen()->availableGeometry().y() + WhisperPage::kTopGap);
         QCOMPARE(f.center().x(), QGuiApplication::primaryScreen()->availableGeometry().center().x());
         const QImage shot = QGuiApplication::primaryScreen()->grabWindow(0, f.x(), f.y(), f.width(), f.height()).toImage();
         const QString dir = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QStringLiteral(".")) + QStringLiteral("/whisper-screens");
         QDir().mkpath(dir);
         QVERIFY(shot.save(dir + QStringLiteral("/card.png")));
-        // The title bar's blue is on the screen.
+        // The title bar's blue is on the screen; without a compositor (here) the window below shows
+        // around the card, not black.
         const QColor bar = shot.pixelColor(f.width() / 2, 46 + 6);
         QVERIFY2(bar.blue() > 200 && bar.red() < 90, qPrintable(bar.name()));
+        QCOMPARE(shot.pixelColor(5, 5), below.palette().color(QPalette::Window));
 
         QProcess info;
         info.start(QStringLiteral("xwininfo"), {QStringLiteral("-id"), QString::number(card.view()->winId())});
@@ -156,19 +166,13 @@ private Q_SLOTS:
 
     void hostileTextIsShownLiterally_data()
     {
-        QTest::addColumn<QString>("text");
-        const QString pad = QStringLiteral("<b onclick=\"document.title='hit'\">&amp;</b> ");
-        QString big;
-        while (big.size() + pad.size() <= 10 * 1024)
-            big += pad;
-        big += QString(10 * 1024 - big.size(), QLatin1Char('z'));
+        QTest::addColumn<QString>("text"); // (10 kB of it: whisperOverTheLink)
         QTest::newRow("script") << "<script>document.title='hit';document.getElementById('b').dataset.hit='1'</script>";
         QTest::newRow("style") << "<style>#b{display:none}</style>hidden?";
         QTest::newRow("onerror") << "<img src=x onerror=\"document.getElementById('b').dataset.hit='1'\">";
         QTest::newRow("entities") << "&lt;script&gt; &amp;amp; &#60;b&#62; &nbsp;";
         QTest::newRow("quotes") << "\"'` </div></div><svg onload=alert(1)>";
         QTest::newRow("right-to-left") << "\u202Egnp.exe\u202C \u200F\u05E9\u05DC\u05D5\u05DD\u200E ok";
-        QTest::newRow("10 kB") << big;
     }
     void hostileTextIsShownLiterally()
     {
@@ -186,8 +190,8 @@ private Q_SLOTS:
         QVERIFY(card.frame().height() <= QGuiApplication::primaryScreen()->availableGeometry().height());
     }
 
-    // Over the agent's link: blank whispers show nothing; a whisper names its sender from the
-    // event web service's roster of mentors.
+    // Over the agent's link: blank whispers show nothing; a hostile whisper is shown literally and
+    // names its sender from the event web service's roster of mentors.
     void whisperOverTheLink()
     {
         BRAVA_REQUIRE_X();
@@ -202,9 +206,21 @@ private Q_SLOTS:
         QVERIFY(f.command(J{{"type", "whisper"}, {"seat", 5}}));
         QVERIFY(!f.app->whisper().view());
         QSignalSpy placed(&f.app->whisper(), &WhisperCard::placed);
-        f.room.send(J{{"type", "whisper"}, {"text", "Slow down"}, {"seat", 5}});
+        QString hostile = QStringLiteral("  \u200F<script>document.title='hit'</script><b>&amp;</b>\n");
+        hostile += QStringLiteral("wait ").repeated((10 * 1024 - hostile.size()) / 5);
+        hostile += QString(10 * 1024 - hostile.size(), QLatin1Char('w')); // at the limit
+        f.room.send(J{{"type", "whisper"}, {"text", hostile}, {"seat", 5}});
         QVERIFY(placed.wait(20000));
-        QCOMPARE(page(f.app->whisper()).at(1).toString(), QStringLiteral("LIVE MESSAGE FROM ANN LEE"));
+        const QJsonArray shows = page(f.app->whisper());
+        QVERIFY(shows.at(0).toString() == hostile && shows.at(2).toString().isEmpty()); // shown as sent, nothing run
+        QVERIFY(f.app->whisper().frame().height() <= QGuiApplication::primaryScreen()->availableGeometry().height());
+        QCOMPARE(shows.at(1).toString(), QStringLiteral("LIVE MESSAGE FROM ANN LEE"));
+        // A card whose renderer dies goes away, said once in the log and the heartbeat's error.
+        f.app->whisper().releaseMs = 300;
+        QVERIFY(::kill(f.app->whisper().view()->page()->renderProcessPid(), SIGKILL) == 0);
+        QTRY_VERIFY(!f.app->whisper().view());
+        QTRY_VERIFY(!f.room.statuses().isEmpty() && f.room.statuses().last().value(QLatin1String("error")).toString().startsWith(QStringLiteral("whisper card not shown")));
+        QCOMPARE(home.log().count(QStringLiteral("whisper card not shown")), 1);
     }
 };
 

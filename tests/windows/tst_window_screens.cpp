@@ -88,6 +88,7 @@ private Q_SLOTS:
         QTest::newRow("tie bottom-top goes bottom") << two << r(500, 289) << to(500, 566);
         QTest::newRow("partly off the top") << two << r(600, -80) << to(600, 12);
         QTest::newRow("centre off every screen: main one") << two << r(-100, 300) << to(12, 300);
+        QTest::newRow("saved far right of every screen") << two << r(5000, 300) << to(1072, 300);
         QTest::newRow("second screen, right") << two << r(1700, 600) << to(1672, 600);
         QTest::newRow("centre decides the screen") << two << r(1250, 700) << to(1292, 700);
         QTest::newRow("bottom of the second screen") << two << r(1300, 1000) << to(1300, 1006);
@@ -107,6 +108,7 @@ private Q_SLOTS:
     {
         QCOMPARE(SaleWidgetModel::firstFrame(QRect(0, 0, 1280, 760), true), QRect(1060, 554, 196, 182));
         QCOMPARE(SaleWidgetModel::firstFrame(QRect(0, 0, 1280, 760), false), QRect(1060, 602, 196, 134));
+        QVERIFY(M::kSnapDelayMs == 180 && M::kHelpFlashMs == 1400); // the real times
     }
 
     void frameText_data()
@@ -228,7 +230,8 @@ private Q_SLOTS:
     {
         BRAVA_REQUIRE_X();
         savedFrame.clear();
-        SaleWidget widget({[this] { return savedFrame; }, [this](const QString &t) { savedFrame = t; }});
+        int saves = 0;
+        SaleWidget widget({[this] { return savedFrame; }, [&](const QString &t) { savedFrame = t, ++saves; }});
         QSignalSpy help(&widget, &SaleWidget::helpPressed);
         widget.show(true);
         QWidget *w = widget.window();
@@ -264,10 +267,13 @@ private Q_SLOTS:
         QVERIFY(at(shoot(w, QStringLiteral("widget-help-sent")), 16, 40, M::green()));
         QTRY_COMPARE_WITH_TIMEOUT(widget.callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
 
-        // Dragged 30 from the left edge: snaps to 12 from it, keeping its height; the frame is saved.
+        // Dragged 30 from the left edge: snaps to 12 from it, keeping its height; the frame is saved
+        // once, where it ends.
+        saves = 0;
         w->move(30, 300);
         QTRY_COMPARE(w->pos(), QPoint(12, 300));
         QCOMPARE(savedFrame, QStringLiteral("{{12, 300}, {196, 182}}"));
+        QCOMPARE(saves, 1);
         widget.hide();
         QVERIFY(!widget.window());
 
@@ -284,6 +290,11 @@ private Q_SLOTS:
         widget.show(true);
         widget.show(false);
         QVERIFY(widget.saleButton());
+        // A saved place off every screen (a monitor since unplugged) is built on the main one.
+        widget.hide();
+        savedFrame = QStringLiteral("{{5000, 300}, {196, 182}}");
+        widget.show(true);
+        QCOMPARE(widget.window()->geometry(), M::snap(QRect(5000, 300, 196, 182), {{QRect(), avail}}).value());
     }
 
     void form_data()
@@ -342,10 +353,11 @@ private Q_SLOTS:
         QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
         QCOMPARE(form.callChoose()->isEnabled(), !computer);
         QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), words.contains(QStringLiteral("call")));
-        // Taller than the screen: it fits itself in, 16 from the edges.
+        // Taller than the screen: it fits itself in, title bar included, 16 from the edges.
         form.resize(468, 2000);
         form.fitToScreen();
-        QVERIFY(form.screen()->availableGeometry().adjusted(16, 16, -16, -16).contains(form.geometry()));
+        QVERIFY(form.frameGeometry().height() > form.height()); // the window manager's frame is known
+        QVERIFY(form.screen()->availableGeometry().adjusted(16, 16, -16, -16).contains(form.frameGeometry()));
     }
 
     void review_data()

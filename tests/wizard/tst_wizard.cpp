@@ -300,7 +300,7 @@ private Q_SLOTS:
         QTest::newRow("4-camera-none") << "step=4 camera=none" << strings({"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."});
         QTest::newRow("5-test-connected") << "step=5 identity levels connected" << strings({"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"});
         QTest::newRow("5-test-not-connected") << "step=5" << strings({"Not connected to control room — check Wi-Fi", "Skip test", "Finish"});
-        QTest::newRow("6-done") << "step=6" << strings({"You're In.", "round icon with sound bars", "Done"});
+        QTest::newRow("6-done") << "step=6" << strings({"You're In.", "a red dot while you are recorded", "Done"});
     }
     void screen()
     {

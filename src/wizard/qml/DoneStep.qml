@@ -10,7 +10,7 @@ ColumnLayout {
         text: "You can close this window. Brava Recorder runs quietly in your system tray and starts automatically when you log in."
     }
     Bullets {
-        items: [ "Look for the round icon with sound bars in your system tray; hover it to see whether you are connected and recorded, click it for the menu",
+        items: [ "Look for the dark round icon in your system tray: white sound bars when connected, green bars while the control room listens, a red dot while you are recorded, blue during a call, an orange ring when not connected, a yellow triangle when something is wrong. Hover it to see the details, click it for the menu",
                  "It runs quietly and records only when the control room starts",
                  "Your webcam light stays on while the app is running",
                  "Keep using your dialer and Zoom like normal" ]
