@@ -133,6 +133,7 @@ void SaleWidget::build(bool withSale)
     else if (const QScreen *main = QGuiApplication::primaryScreen())
         frame = M::firstFrame(main->availableGeometry(), withSale);
     w->setGeometry(frame);
+    m_placed = frame;
     w->installEventFilter(this);
     m_window = w;
     setCall(m_callActive);
@@ -204,7 +205,9 @@ void SaleWidget::moved()
 
 void SaleWidget::snapToEdge()
 {
-    if (!m_window)
+    // Back where it was built (the window manager moves a window it maps, then puts it where
+    // asked): no move of the agent's.
+    if (!m_window || m_window->geometry() == std::exchange(m_placed, QRect()))
         return;
     // The rule takes the first screen holding the centre (screens do not overlap).
     const QRect to = M::snap(m_window->geometry(), screens()).value_or(m_window->geometry());

@@ -73,6 +73,7 @@ private:
     bool m_callActive = false;
     bool m_showSale = true;
     bool m_snapping = false;
+    QRect m_placed; // where the panel was put when built: reaching it is no move of the agent's
     QPoint m_dragOffset;
     bool m_dragging = false;
     QTimer m_snapJob;

@@ -267,9 +267,10 @@ private Q_SLOTS:
         QVERIFY(at(shoot(w, QStringLiteral("widget-help-sent")), 16, 40, M::green()));
         QTRY_COMPARE_WITH_TIMEOUT(widget.callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
 
+        // Being shown and placed is no move of the agent's: nothing snapped or saved meanwhile.
+        QVERIFY2(saves == 0 && w->geometry() == M::firstFrame(avail, true), qPrintable(savedFrame));
         // Dragged 30 from the left edge: snaps to 12 from it, keeping its height; the frame is saved
         // once, where it ends.
-        saves = 0;
         w->move(30, 300);
         QTRY_COMPARE(w->pos(), QPoint(12, 300));
         QCOMPARE(savedFrame, QStringLiteral("{{12, 300}, {196, 182}}"));
