@@ -1,5 +1,4 @@
 #include "CameraManager.h"
-#include "DriftCorrector.h"
 #include "FrameDecoder.h"
 #include "MediaProbe.h"
 #include "RecorderFixture.h"

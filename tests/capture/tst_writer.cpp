@@ -5,7 +5,6 @@
 #include "TrackWriter.h"
 #include "VideoWriter.h"
 
-#include <QFileInfo>
 #include <QtTest>
 
 extern "C" {
@@ -28,13 +27,8 @@ float noise()
 template<typename Gen>
 TimedSample block(int64_t first, int channels, Gen gen)
 {
-    TimedSample s;
-    s.kind = TimedSample::Kind::Audio;
-    s.pts = MediaTime::fromNanoseconds(kBase + ns(first));
-    s.duration = MediaTime::make(480, 48000);
-    s.sampleRate = 48000;
-    s.channels = channels;
-    s.pcm.resize(480 * channels * qsizetype(sizeof(float)));
+    TimedSample s{TimedSample::Kind::Audio, MediaTime::fromNanoseconds(kBase + ns(first)), MediaTime::make(480, 48000), 48000, channels,
+                  QByteArray(480 * channels * qsizetype(sizeof(float)), Qt::Uninitialized)};
     auto *out = reinterpret_cast<float *>(s.pcm.data());
     for (int i = 0; i < 480 * channels; ++i)
         out[i] = gen(first + i / channels);
@@ -44,10 +38,7 @@ TimedSample block(int64_t first, int channels, Gen gen)
 // A grainy camera frame: the counted test pattern under noise.
 TimedSample frameAt(int64_t index)
 {
-    TimedSample s;
-    s.kind = TimedSample::Kind::Video;
-    s.pts = MediaTime::fromNanoseconds(kBase + index * 1000000000 / 30);
-    s.duration = MediaTime::make(1, 30);
+    TimedSample s{TimedSample::Kind::Video, MediaTime::fromNanoseconds(kBase + index * 1000000000 / 30), MediaTime::make(1, 30)};
     s.frame = TestPattern::draw(640, 360, index, false);
     for (int y = 0; y < 360; ++y)
         for (int x = 0; x < 640; ++x) {

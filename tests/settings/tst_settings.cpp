@@ -70,22 +70,13 @@ private Q_SLOTS:
     }
 
     // Every upload quality word has its own bit rate; anything else is full quality.
-    void qualityWordsMapToBitRates_data()
-    {
-        QTest::addColumn<QString>("word");
-        QTest::addColumn<int>("bitRate");
-        QTest::newRow("low") << "low" << 2000000;
-        QTest::newRow("med") << "med" << 4000000;
-        QTest::newRow("full") << "full" << 8000000;
-        QTest::newRow("case matters") << "LOW" << 8000000;
-        QTest::newRow("unknown") << "medium" << 8000000;
-    }
     void qualityWordsMapToBitRates()
     {
-        QFETCH(QString, word);
-        QFETCH(int, bitRate);
-        home.settings().setUploadQuality(word);
-        QCOMPARE(home.settings().videoBitrate(), bitRate);
+        const struct { const char *word; int bitRate; } rows[] = {{"low", 2000000}, {"med", 4000000}, {"full", 8000000}, {"LOW", 8000000}, {"medium", 8000000}};
+        for (const auto &r : rows) {
+            home.settings().setUploadQuality(QString::fromUtf8(r.word));
+            QVERIFY2(home.settings().videoBitrate() == r.bitRate, r.word);
+        }
     }
 
     // A stored value outside its bounds reads as unset and is logged once, however often it is read.
@@ -138,32 +129,8 @@ private Q_SLOTS:
         QCOMPARE(DataFolder::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
         QCOMPARE(home.settings().path(), home.root() + QStringLiteral("/config/Brava Recorder/settings.ini"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
-    }
-
-    // A control-room address is a host and a port and nothing else; the query is fully encoded.
-    void serverAddressesMakeUrlsOnlyAsHostAndPort_data()
-    {
-        QTest::addColumn<QString>("server");
-        QTest::addColumn<QString>("url"); // "" when refused
-        QTest::newRow("host:port") << "10.0.0.5:8080" << "ws://10.0.0.5:8080/agent?n=a%2Fb%20c";
-        QTest::newRow("name, no port") << "Room.local" << "ws://room.local/agent?n=a%2Fb%20c";
-        QTest::newRow("IPv6") << "[::1]:80" << "ws://[::1]:80/agent?n=a%2Fb%20c";
-        QTest::newRow("path") << "h:1/x" << "";
-        QTest::newRow("query") << "h:1?y=" << "";
-        QTest::newRow("user") << "u@h:1" << "";
-        QTest::newRow("empty") << "" << "";
-    }
-    void serverAddressesMakeUrlsOnlyAsHostAndPort()
-    {
-        QFETCH(QString, server);
-        QFETCH(QString, url);
-        QCOMPARE(QueryString::at(QStringLiteral("ws"), server, QStringLiteral("/agent"), {{QStringLiteral("n"), QStringLiteral("a/b c")}}).toString(QUrl::FullyEncoded), url);
-    }
-
-    // A session names exactly one folder inside writing/ and pending/, whatever its text, and
-    // the folder gives the session back.
-    void sessionFoldersStayInsideAndReadBack()
-    {
+        // A session names exactly one folder inside writing/ and pending/, whatever its text, and
+        // the folder gives the session back.
         const QStringList sessions = {QString(), QStringLiteral(".."), QStringLiteral("../../x"), QStringLiteral("%"),
                                       QStringLiteral("%2F"), QString(QChar(0)) + QStringLiteral("x"), QStringLiteral("Zoë ☕")};
         QSet<QString> folders;
@@ -173,6 +140,17 @@ private Q_SLOTS:
             QCOMPARE(SessionFolder::sessionOf(folder), session);
         }
         QCOMPARE(folders.size(), sessions.size());
+    }
+
+    // A control-room address is a host and a port and nothing else; the query is fully encoded.
+    void serverAddressesMakeUrlsOnlyAsHostAndPort()
+    {
+        const struct { const char *server, *url; } rows[] = { // "" when refused
+            {"10.0.0.5:8080", "ws://10.0.0.5:8080/agent?n=a%2Fb%20c"}, {"Room.local", "ws://room.local/agent?n=a%2Fb%20c"},
+            {"[::1]:80", "ws://[::1]:80/agent?n=a%2Fb%20c"}, {"h:1/x", ""}, {"h:1?y=", ""}, {"u@h:1", ""}, {"", ""}};
+        for (const auto &r : rows)
+            QCOMPARE(QueryString::at(QStringLiteral("ws"), QString::fromUtf8(r.server), QStringLiteral("/agent"), {{QStringLiteral("n"), QStringLiteral("a/b c")}}).toString(QUrl::FullyEncoded),
+                     QString::fromUtf8(r.url));
     }
 
     void logLinesStayWholeFromManyThreads()

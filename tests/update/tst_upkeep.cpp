@@ -10,7 +10,6 @@
 #include <QProcess>
 #include <QtTest>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -23,6 +22,12 @@ void writeFile(const QString &path, const QByteArray &data = "x")
     f.write(data);
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
 // Every file (not folder) below `root`, leaving out `except`.
 QStringList filesBelow(const QString &root, const QString &except)
 {
@@ -33,23 +38,7 @@ QStringList filesBelow(const QString &root, const QString &except)
     return files;
 }
 
-// Starts the relaunch of `exe` for a running process and shows that it waits for the process to end.
-void relaunchWaits(const QString &exe)
-{
-    QProcess old;
-    old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
-    QVERIFY(old.waitForStarted());
-    QVERIFY(Relaunch::start(old.processId(), exe));
-    // The shell polls every 0.2 s: give it a few rounds to show that it waits.
-    QTest::qWait(600);
-    QVERIFY(!QFile::exists(QFileInfo(exe).path() + QLatin1String("/started")));
-    old.kill();
-    old.waitForFinished();
-}
-
 } // namespace
-
-Q_DECLARE_METATYPE(Uninstaller::AppRemoval)
 
 class UpkeepTest : public QObject
 {
@@ -68,17 +57,14 @@ public:
     }
 
 private Q_SLOTS:
-    void newBuild()
+    // A newer build (in number order) on disk relaunches only once the agent is idle (no take, no
+    // pending upload).
+    void newBuildWaitsForIdle()
     {
         const struct { const char *onDisk, *running; bool relaunch; } rows[] = {
             {"8", "7", true}, {"10", "9", true}, {"7", "7", false}, {"6", "7", false}, {"", "7", false}};
         for (const auto &r : rows)
             QVERIFY2(Relaunch::newBuild(QString::fromUtf8(r.onDisk), QString::fromUtf8(r.running)) == r.relaunch, r.onDisk);
-    }
-
-    // A newer build on disk relaunches only once the agent is idle (no take, no pending upload).
-    void newBuildWaitsForIdle()
-    {
         const QString info = tmp.path() + QLatin1String("/Info.ini");
         writeFile(info, "[General]\nCFBundleVersion=7\n");
         const BuildInfo running = BuildInfo::read(info);
@@ -100,8 +86,6 @@ private Q_SLOTS:
         QCOMPARE(relaunched, 1);
     }
 
-    // The script waits for the old process, then starts the file in a folder whose name holds a
-    // space, quotes and a command substitution, and runs nothing else.
     // The relaunch script, and the start-at-login entry as GLib's desktop-entry reader runs it, start
     // exactly the program in a folder whose name holds shell syntax.
     void startsTheRightFile_data()
@@ -123,45 +107,38 @@ private Q_SLOTS:
                 QSKIP("no gio (libglib2.0-bin) to read the entry");
             writeFile(folder + QLatin1String("/entry.desktop"), "[Desktop Entry]\nType=Application\nName=B\nExec=" + LoginItem::execQuoted(exe).toUtf8() + "\n");
             QCOMPARE(QProcess::execute(QStringLiteral("gio"), {QStringLiteral("launch"), folder + QLatin1String("/entry.desktop")}), 0);
-        } else {
-            relaunchWaits(exe);
+        } else { // the relaunch waits for the old process to end; the shell polls every 0.2 s
+            QProcess old;
+            old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
+            QVERIFY(old.waitForStarted() && Relaunch::start(old.processId(), exe));
+            QTest::qWait(600);
+            QVERIFY(!QFile::exists(folder + QLatin1String("/started")));
+            old.kill();
+            old.waitForFinished();
         }
         QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QLatin1String("/started")), 10000);
-        QFile started(folder + QLatin1String("/started"));
-        QVERIFY(started.open(QIODevice::ReadOnly));
-        QCOMPARE(QString::fromUtf8(started.readAll()).trimmed(), exe);
+        QCOMPARE(QString::fromUtf8(readFile(folder + QLatin1String("/started"))).trimmed(), exe);
         QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
     }
 
-    void confirmation_data()
+    void confirmation()
     {
         using R = Uninstaller::AppRemoval;
-        QTest::addColumn<int>("pending");
-        QTest::addColumn<Uninstaller::AppRemoval>("removal");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("button");
-        QTest::addColumn<bool>("critical");
         const QString none = QStringLiteral("This removes Brava Recorder and its settings from this computer. Recordings already sent to the control room aren't affected.");
         const QString waiting = QStringLiteral(" recording file(s) haven't uploaded to the control room yet. Connect to the event Wi-Fi and wait for them to finish, "
                                 "or they'll be lost.");
-        QTest::newRow("nothing pending") << 0 << R::Trash << none << "Uninstall" << false;
-        QTest::newRow("pending") << 3 << R::Trash << QString(QLatin1String("3") + waiting) << "Uninstall Anyway" << true;
-        QTest::newRow("package") << 0 << R::Package << QString(none + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the "
-                                                                       "brava-recorder package afterwards.")) << "Uninstall" << false;
-        QTest::newRow("by hand") << 1 << R::ByHand << QString(QLatin1String("1") + waiting + QLatin1String("\n\nThe program's folder stays where it is: /opt/b")) << "Uninstall Anyway" << true;
-    }
-    void confirmation()
-    {
-        QFETCH(int, pending);
-        QFETCH(Uninstaller::AppRemoval, removal);
-        QFETCH(QString, text);
-        QFETCH(QString, button);
-        QFETCH(bool, critical);
-        const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
-        QCOMPARE(a.message, QStringLiteral("Uninstall Brava Recorder?"));
-        QCOMPARE(a.informative, text);
-        QCOMPARE(a.buttons, (QStringList{button, QStringLiteral("Cancel")}));
-        QCOMPARE(a.critical, critical);
+        const QList<std::tuple<int, R, QString, QString>> rows = { // pending, removal: text, first button; critical while files wait
+            {0, R::Trash, none, QStringLiteral("Uninstall")},
+            {3, R::Trash, QLatin1String("3") + waiting, QStringLiteral("Uninstall Anyway")},
+            {0, R::Package, none + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the brava-recorder package afterwards."), QStringLiteral("Uninstall")},
+            {1, R::ByHand, QLatin1String("1") + waiting + QLatin1String("\n\nThe program's folder stays where it is: /opt/b"), QStringLiteral("Uninstall Anyway")}};
+        for (const auto &[pending, removal, text, button] : rows) {
+            const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
+            QCOMPARE(a.message, QStringLiteral("Uninstall Brava Recorder?"));
+            QCOMPARE(a.informative, text);
+            QCOMPARE(a.buttons, (QStringList{button, QStringLiteral("Cancel")}));
+            QCOMPARE(a.critical, pending > 0);
+        }
     }
 
     void removalOfTheProgram()
@@ -233,8 +210,7 @@ private Q_SLOTS:
             QStringList left = filesBelow(home, trash);
             left.sort();
             QCOMPARE(left, (QStringList{paths.autostartEntry, app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
-            QFile entry(paths.autostartEntry);
-            QVERIFY(entry.open(QIODevice::ReadOnly) && entry.readAll().contains("\nHidden=true\n"));
+            QVERIFY(readFile(paths.autostartEntry).contains("\nHidden=true\n"));
             QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
             return;
         }
@@ -242,11 +218,8 @@ private Q_SLOTS:
         QCOMPARE(filesBelow(home, trash), QStringList());
         QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
         QString notes;
-        for (const QFileInfo &note : QDir(trash + QLatin1String("/info")).entryInfoList({QStringLiteral("*.trashinfo")})) {
-            QFile f(note.filePath());
-            QVERIFY(f.open(QIODevice::ReadOnly));
-            notes += QUrl::fromPercentEncoding(f.readAll());
-        }
+        for (const QFileInfo &note : QDir(trash + QLatin1String("/info")).entryInfoList({QStringLiteral("*.trashinfo")}))
+            notes += QUrl::fromPercentEncoding(readFile(note.filePath()));
         QCOMPARE(notes.count(QStringLiteral("[Trash Info]\nPath=")), 2);
         QVERIFY2(notes.contains(QString(QLatin1String("Path=") + app + QLatin1String("\n"))) && notes.contains(QString(QLatin1String("Path=") + paths.dataFolder + QLatin1String("\n"))), qPrintable(notes));
     }

@@ -109,18 +109,6 @@ private Q_SLOTS:
         QVERIFY(QDir(folder("pending") + QLatin1Char('/') + SessionFolder::name(session)).isEmpty());
     }
 
-    void aBodyOfManyBlocksArrivesWhole()
-    {
-        QByteArray bytes(int(SegmentPost::kBlockBytes * 5 / 2 + 7), '\0');
-        for (qsizetype i = 0; i < bytes.size(); ++i)
-            bytes[i] = char(i * 7 + i / 4093);
-        server->keepBodyBytes = bytes.size();
-        put(folder("pending") + QStringLiteral("/s"), QStringLiteral("cam_1_00000.mp4"), bytes);
-        start();
-        QTRY_COMPARE(up->pendingCount(), 0);
-        QVERIFY(server->requests.size() == 1 && server->requests.first().body == bytes);
-    }
-
     void oddNamesAreSetAsideAndOddSessionsStayInside()
     {
         // The odd name sorts first, twice; the good file behind them follows. What is not media in
@@ -171,36 +159,31 @@ private Q_SLOTS:
     }
 
     // The status line as each HTTP version writes it; anything else is a malformed answer.
-    void statusLines_data()
-    {
-        QTest::addColumn<QByteArray>("head");
-        QTest::addColumn<int>("status");
-        QTest::newRow("1.1") << QByteArray("HTTP/1.1 200 OK\r\n") << 200;
-        QTest::newRow("1.0") << QByteArray("HTTP/1.0 200 OK\r\n") << 200;
-        QTest::newRow("no reason") << QByteArray("HTTP/1.1 404\r\n") << 404;
-        QTest::newRow("2") << QByteArray("HTTP/2 200\r\n") << 0;
-        QTest::newRow("four digits") << QByteArray("HTTP/1.1 2000 OK\r\n") << 0;
-        QTest::newRow("two digits") << QByteArray("HTTP/1.1 20 OK\r\n") << 0;
-        QTest::newRow("lower case") << QByteArray("http/1.1 200 OK\r\n") << 0;
-    }
     void statusLines()
     {
-        QFETCH(QByteArray, head);
-        QFETCH(int, status);
-        QCOMPARE(SegmentPost::statusOf(head), status);
+        const struct { const char *head; int status; } rows[] = {
+            {"HTTP/1.1 200 OK\r\n", 200}, {"HTTP/1.0 200 OK\r\n", 200}, {"HTTP/1.1 404\r\n", 404}, {"HTTP/2 200\r\n", 0},
+            {"HTTP/1.1 2000 OK\r\n", 0}, {"HTTP/1.1 20 OK\r\n", 0}, {"http/1.1 200 OK\r\n", 0}};
+        for (const auto &r : rows)
+            QVERIFY2(SegmentPost::statusOf(r.head) == r.status, r.head);
     }
 
     // A room that answers slowly, but within the limit, and in the older HTTP version, is a room
-    // that works; the limits are the real ones unless a test shortens them.
-    void aSlowOldRoomStillTakesTheFile()
+    // that works, and a body of many blocks arrives whole; the limits are the real ones unless a
+    // test shortens them.
+    void aSlowOldRoomTakesABodyOfManyBlocks()
     {
         const Uploader plain(home.settings());
         QVERIFY(plain.requestTimeoutMs == 60000 && plain.tickIntervalMs == 3000);
         server->script({HttpStub::Answer{HttpStub::Answer::Reply, 200, {}, "text/plain", 600, "HTTP/1.0"}});
-        pending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
+        QByteArray bytes(int(SegmentPost::kBlockBytes * 5 / 2 + 7), '\0');
+        for (qsizetype i = 0; i < bytes.size(); ++i)
+            bytes[i] = char(i * 7 + i / 4093);
+        server->keepBodyBytes = bytes.size();
+        put(folder("pending") + QStringLiteral("/s"), QStringLiteral("cam_1_00000.mp4"), bytes);
         start(150, 1000);
         QTRY_COMPARE(up->pendingCount(), 0);
-        QVERIFY(up->fault() == Uploader::Fault::None && server->requests.size() == 1);
+        QVERIFY(up->fault() == Uploader::Fault::None && server->requests.size() == 1 && server->requests.first().body == bytes);
     }
 
     void backlogDrainsBackToBackAndArrivalsWait()
@@ -252,28 +235,21 @@ private Q_SLOTS:
         QCOMPARE(home.log().count(QStringLiteral("file(s) left by an earlier run queued for upload")), 1);
     }
 
-    void mediaEnd_data()
-    {
-        QTest::addColumn<QByteArray>("data");
-        QTest::addColumn<qint64>("end");
-        const QByteArray two = fragmented(2);
-        QTest::newRow("empty") << QByteArray() << qint64(0);
-        QTest::newRow("header only") << fragmented(0) << qint64(0);
-        QTest::newRow("cut in the movie box") << fragmented(1).left(30) << qint64(0);
-        QTest::newRow("no movie box") << box("ftyp", 12) + box("moof", 24) + box("mdat", 100) << qint64(0);
-        QTest::newRow("fragment without media") << fragmented(0) + box("moof", 24) << qint64(0);
-        QTest::newRow("whole") << two << qint64(two.size());
-        QTest::newRow("cut in media") << two.left(two.size() - 1) << qint64(fragmented(1).size());
-        QTest::newRow("cut after a fragment header") << two + box("moof", 24) << qint64(two.size());
-        QTest::newRow("index after the fragments") << two + box("mfra", 16) << qint64(two.size() + 24);
-        QTest::newRow("impossible size") << two + QByteArray("\0\0\0\3mdat", 8) << qint64(two.size());
-    }
+    // Where the media of a file ends: empty, header only, cut in the movie box, no movie box, a
+    // fragment without media, whole, cut in media, cut after a fragment header, an index after the
+    // fragments, an impossible size.
     void mediaEnd()
     {
-        QFETCH(QByteArray, data);
-        QBuffer buffer(&data);
-        QVERIFY(buffer.open(QIODevice::ReadOnly));
-        QTEST(SegmentSalvage::mediaEnd(buffer), "end");
+        const QByteArray two = fragmented(2);
+        const QList<std::pair<QByteArray, qsizetype>> rows = {
+            {{}, 0}, {fragmented(0), 0}, {fragmented(1).left(30), 0}, {box("ftyp", 12) + box("moof", 24) + box("mdat", 100), 0},
+            {fragmented(0) + box("moof", 24), 0}, {two, two.size()}, {two.left(two.size() - 1), fragmented(1).size()},
+            {two + box("moof", 24), two.size()}, {two + box("mfra", 16), two.size() + 24}, {two + QByteArray("\0\0\0\3mdat", 8), two.size()}};
+        for (auto [data, end] : rows) {
+            QBuffer buffer(&data);
+            QVERIFY(buffer.open(QIODevice::ReadOnly));
+            QCOMPARE(SegmentSalvage::mediaEnd(buffer), qint64(end));
+        }
     }
 
     // A real segment cut by a crash inside its last fragment reads cleanly once trimmed.

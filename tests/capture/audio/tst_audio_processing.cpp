@@ -7,9 +7,6 @@
 #include "TestHome.h"
 #include "TestLiterals.h"
 
-#include <QtTest>
-
-#include <cmath>
 #include <random>
 
 namespace {
@@ -36,8 +33,6 @@ QVector<qsizetype> clicksIn(const RecorderFixture &f, const QString &track)
     return at;
 }
 } // namespace
-
-Q_DECLARE_METATYPE(QList<Device>)
 
 // What happens to captured audio on its way to the files and the control room: the drift
 // corrector, the live-audio converter, and the choice of microphones.
@@ -364,24 +359,16 @@ private Q_SLOTS:
     // Headset over the laptop's microphone with no saved choice; an unplugged saved choice goes
     // to the system default, not to another attached device; then the first one. The room
     // microphone is the built-in one unless it is already the main microphone.
-    void choosingMicrophones_data()
-    {
-        const QList<Device> both = {{QStringLiteral("builtin"), QStringLiteral(""), true, true}, {QStringLiteral("headset"), QStringLiteral(""), false, false}, {QStringLiteral("usb2"), QStringLiteral(""), false, false}};
-        QTest::addColumn<QList<Device>>("devices");
-        QTest::addColumn<QString>("saved");
-        QTest::addColumn<QString>("micAndRoom");
-        QTest::newRow("attached wins") << both << QString() << "headset builtin";
-        QTest::newRow("saved") << both << "usb2" << "usb2 builtin";
-        QTest::newRow("unplugged") << both << "gone" << "builtin ";
-        QTest::newRow("no default") << QList<Device>{{QStringLiteral("a"), QStringLiteral(""), true, false}, {QStringLiteral("b"), QStringLiteral(""), true, false}} << QString() << "a b";
-    }
     void choosingMicrophones()
     {
-        QFETCH(QList<Device>, devices);
-        QFETCH(QString, saved);
-        QFETCH(QString, micAndRoom);
-        const QString mic = DeviceChoice::pickMic(devices, saved).value_or(Device{}).uid;
-        QCOMPARE(mic + QLatin1Char(' ') + DeviceChoice::pickRoomMic(devices, mic).value_or(Device{}).uid, micAndRoom);
+        const QList<Device> both = {{QStringLiteral("builtin"), QString(), true, true}, {QStringLiteral("headset"), QString(), false, false}, {QStringLiteral("usb2"), QString(), false, false}};
+        const QList<Device> noDefault = {{QStringLiteral("a"), QString(), true, false}, {QStringLiteral("b"), QString(), true, false}};
+        const QList<std::tuple<QList<Device>, const char *, const char *>> rows = { // devices, saved choice: mic and room mic
+            {both, "", "headset builtin"}, {both, "usb2", "usb2 builtin"}, {both, "gone", "builtin "}, {noDefault, "", "a b"}};
+        for (const auto &[devices, saved, micAndRoom] : rows) {
+            const QString mic = DeviceChoice::pickMic(devices, QString::fromUtf8(saved)).value_or(Device{}).uid;
+            QCOMPARE(mic + QLatin1Char(' ') + DeviceChoice::pickRoomMic(devices, mic).value_or(Device{}).uid, QString::fromUtf8(micAndRoom));
+        }
     }
 };
 
