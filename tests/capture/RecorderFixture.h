@@ -87,9 +87,8 @@ struct RecorderFixture {
     }
     bool start(const std::optional<QString> &s) { return waitFor([&](auto cb) { rec->start(s, setup, cb); }); }
     bool stop() { return waitFor([&](auto cb) { rec->stop(cb); }); }
-    QString take() const { return QString::number(rec->currentTake()); }
     /// The last segment's name of `track` in the current take: "<track>_<take>_<index>_final.<ext>".
-    QString finalName(const QString &track, const QString &ext = QStringLiteral("m4a"), const QString &index = QStringLiteral("00000")) const { return track + QLatin1Char('_') + take() + QLatin1Char('_') + index + QLatin1String("_final.") + ext; }
+    QString finalName(const QString &track, const QString &ext = QStringLiteral("m4a"), const QString &index = QStringLiteral("00000")) const { return QStringLiteral("%1_%2_%3_final.%4").arg(track).arg(rec->currentTake()).arg(index, ext); }
     QStringList doneNames(const QString &prefix = QString())
     {
         std::lock_guard lock(mutex);

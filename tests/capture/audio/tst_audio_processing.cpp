@@ -147,56 +147,51 @@ private Q_SLOTS:
     // A device 0.1 % fast for 30 minutes (1.8 s of extra samples) stays on the monotonic time
     // line with contiguous stamps and exactly 48000 frames per second of monotonic time; blocks
     // lost after 10 s re-anchor the time line once, and what follows keeps its place.
-    void staysOnTheTimeline_data()
-    {
-        QTest::addColumn<int>("lostBlocks");
-        QTest::newRow("none lost") << 0;
-        QTest::newRow("0.5 s lost") << 50;
-    }
     void staysOnTheTimeline()
     {
-        QFETCH(int, lostBlocks);
-        // A device whose crystal runs 0.1 % fast: blocks stamped with the monotonic time of their
-        // first frame plus the jitter a real sound server shows (uniform ±1.5 ms), clicks at 50 and 99 %.
-        const int seconds = 1800;
-        const double rate = kRate * 1.001;
-        const QVector<int64_t> clicks = {int64_t(seconds * kRate * 0.5), int64_t(seconds * kRate * 0.99)};
-        const auto timeOf = [rate](int64_t f) { return kStartNs + int64_t(double(f) * 1e9 / rate); };
-        std::mt19937 random(7);
-        DriftCorrector corrector;
-        int64_t nextNs = -1, frames = 0, gaps = 0, b = 0;
-        QVector<int64_t> clicksNs; // where the written clicks reach 0.3
-        for (; b < int64_t(seconds * rate) / kBlock; ++b) {
-            AudioBuffer block{QByteArray(kBlock * int(sizeof(float)), 0), kRate, 1, timeOf(b * kBlock), false};
-            for (int i = 0; i < kBlock; ++i)
-                reinterpret_cast<float *>(block.pcm.data())[i] = clickAt(clicks, b * kBlock + i);
-            block.captureNs += std::uniform_int_distribution<int64_t>(-1500000, 1500000)(random);
-            for (const TimedSample &s : b < 1000 || b >= 1000 + lostBlocks ? corrector.process(block) : std::vector<TimedSample>()) {
-                const int64_t pts = s.pts.in(1000000000);
-                gaps += nextNs >= 0 && std::llabs(pts - nextNs) > 1;
-                const auto *p = reinterpret_cast<const float *>(s.pcm.constData());
-                for (int i = 0; i < s.frameCount(); ++i)
-                    if (std::fabs(p[i]) >= 0.3f && (clicksNs.isEmpty() || pts - clicksNs.last() > 100000000))
-                        clicksNs.append(pts + int64_t(i) * 1000000000 / kRate);
-                frames += s.frameCount();
-                nextNs = pts + int64_t(s.frameCount()) * 1000000000 / kRate;
+        for (const int lostBlocks : {0, 50}) { // none lost, 0.5 s lost
+            // A device whose crystal runs 0.1 % fast: blocks stamped with the monotonic time of their
+            // first frame plus the jitter a real sound server shows (uniform ±1.5 ms), clicks at 50 and 99 %.
+            const int seconds = 1800;
+            const double rate = kRate * 1.001;
+            const QVector<int64_t> clicks = {int64_t(seconds * kRate * 0.5), int64_t(seconds * kRate * 0.99)};
+            const auto timeOf = [rate](int64_t f) { return kStartNs + int64_t(double(f) * 1e9 / rate); };
+            std::mt19937 random(7);
+            DriftCorrector corrector;
+            int64_t nextNs = -1, frames = 0, gaps = 0, b = 0;
+            QVector<int64_t> clicksNs; // where the written clicks reach 0.3
+            for (; b < int64_t(seconds * rate) / kBlock; ++b) {
+                AudioBuffer block{QByteArray(kBlock * int(sizeof(float)), 0), kRate, 1, timeOf(b * kBlock), false};
+                for (int i = 0; i < kBlock; ++i)
+                    reinterpret_cast<float *>(block.pcm.data())[i] = clickAt(clicks, b * kBlock + i);
+                block.captureNs += std::uniform_int_distribution<int64_t>(-1500000, 1500000)(random);
+                for (const TimedSample &s : b < 1000 || b >= 1000 + lostBlocks ? corrector.process(block) : std::vector<TimedSample>()) {
+                    const int64_t pts = s.pts.in(1000000000);
+                    gaps += nextNs >= 0 && std::llabs(pts - nextNs) > 1;
+                    const auto *p = reinterpret_cast<const float *>(s.pcm.constData());
+                    for (int i = 0; i < s.frameCount(); ++i)
+                        if (std::fabs(p[i]) >= 0.3f && (clicksNs.isEmpty() || pts - clicksNs.last() > 100000000))
+                            clicksNs.append(pts + int64_t(i) * 1000000000 / kRate);
+                    frames += s.frameCount();
+                    nextNs = pts + int64_t(s.frameCount()) * 1000000000 / kRate;
+                }
             }
+            QCOMPARE(corrector.anchors(), lostBlocks ? 2 : 1);
+            const double stretch = corrector.stretch();
+            for (const TimedSample &s : corrector.flush()) // the audio held back for a late verdict
+                frames += s.frameCount();
+            QCOMPARE(gaps, int64_t(lostBlocks ? 1 : 0));
+            QCOMPARE(clicksNs.size(), clicks.size());
+            for (int i = 0; i < clicks.size(); ++i) {
+                const double errMs = double(clicksNs[i] - timeOf(clicks[i] + 3)) / 1e6;
+                qInfo("click at %.0f s: %.3f ms off the time line", double(clicks[i]) / rate, errMs);
+                QVERIFY2(std::fabs(errMs) < 1.0, qPrintable(QString::number(errMs)));
+            }
+            const double written = double(frames) / kRate;
+            const double elapsed = double(timeOf(b * kBlock) - kStartNs) / 1e9 - lostBlocks * 0.01;
+            QVERIFY2(std::fabs(written - elapsed) < 0.005, qPrintable(QStringLiteral("%1 vs %2").arg(written).arg(elapsed)));
+            QVERIFY(std::fabs(stretch + 0.001) < 0.0002); // it found the crystal's error
         }
-        QCOMPARE(corrector.anchors(), lostBlocks ? 2 : 1);
-        const double stretch = corrector.stretch();
-        for (const TimedSample &s : corrector.flush()) // the audio held back for a late verdict
-            frames += s.frameCount();
-        QCOMPARE(gaps, int64_t(lostBlocks ? 1 : 0));
-        QCOMPARE(clicksNs.size(), clicks.size());
-        for (int i = 0; i < clicks.size(); ++i) {
-            const double errMs = double(clicksNs[i] - timeOf(clicks[i] + 3)) / 1e6;
-            qInfo("click at %.0f s: %.3f ms off the time line", double(clicks[i]) / rate, errMs);
-            QVERIFY2(std::fabs(errMs) < 1.0, qPrintable(QString::number(errMs)));
-        }
-        const double written = double(frames) / kRate;
-        const double elapsed = double(timeOf(b * kBlock) - kStartNs) / 1e9 - lostBlocks * 0.01;
-        QVERIFY2(std::fabs(written - elapsed) < 0.005, qPrintable(QStringLiteral("%1 vs %2").arg(written).arg(elapsed)));
-        QVERIFY(std::fabs(stretch + 0.001) < 0.0002); // it found the crystal's error
     }
 
     // A loss the server's positions show (256 frames lost at block 100, shown at block 150) while
@@ -241,43 +236,35 @@ private Q_SLOTS:
     // each stall losing one quantum of the stream when `losing`; with `hang`, the server first
     // answers nothing for 0.4 s and then late by 2–4 ms while it catches up (nothing lost). The
     // losses shown add up to what was lost, within a millisecond, and late answers alone show none.
-    void serverPositionsShowWhatWasLost_data()
-    {
-        QTest::addColumn<int>("stalls");
-        QTest::addColumn<bool>("losing");
-        QTest::addColumn<bool>("hang");
-        QTest::newRow("a quantum lost at each of 12 stalls") << 12 << true << false;
-        QTest::newRow("one quantum lost after a hang") << 1 << true << true;
-        QTest::newRow("40 stalls and a hang, answers late, nothing lost") << 40 << false << true;
-    }
     void serverPositionsShowWhatWasLost()
     {
-        QFETCH(int, stalls);
-        QFETCH(bool, losing);
-        QFETCH(bool, hang);
-        constexpr int64_t kQuantumNs = 256 * 1000000000LL / kRate;
-        StreamTimeLine line(kRate, int(sizeof(float)));
-        std::mt19937 random(7);
-        int64_t writeIndex = 0, lost = 0;
-        int shownFrames = 0;
-        for (int q = 1; q < 900; ++q) {
-            const int stall = q >= 190 && (q - 190) % 7 == 0 ? (q - 190) / 7 : -1;
-            const bool stalling = q >= 190 && q < 190 + 7 * stalls + 60;
-            if (stall >= 0 && stall < stalls && losing) {
-                ++lost; // this quantum never reaches the stream
-                continue;
+        // A quantum lost at each of 12 stalls; one after a hang; 40 stalls and a hang, answers late, nothing lost.
+        const struct { int stalls; bool losing, hang; } rows[] = {{12, true, false}, {1, true, true}, {40, false, true}};
+        for (const auto &[stalls, losing, hang] : rows) {
+            constexpr int64_t kQuantumNs = 256 * 1000000000LL / kRate;
+            StreamTimeLine line(kRate, int(sizeof(float)));
+            std::mt19937 random(7);
+            int64_t writeIndex = 0, lost = 0;
+            int shownFrames = 0;
+            for (int q = 1; q < 900; ++q) {
+                const int stall = q >= 190 && (q - 190) % 7 == 0 ? (q - 190) / 7 : -1;
+                const bool stalling = q >= 190 && q < 190 + 7 * stalls + 60;
+                if (stall >= 0 && stall < stalls && losing) {
+                    ++lost; // this quantum never reaches the stream
+                    continue;
+                }
+                writeIndex += 256 * int64_t(sizeof(float));
+                const bool hung = hang && q >= 100 && q < 175, catchingUp = hang && q >= 175 && q < 185;
+                if (hung)
+                    continue; // no answer
+                const auto late = [&](int64_t from, int64_t to) { return std::uniform_int_distribution<int64_t>(from, to)(random); };
+                const int64_t lateNs = catchingUp ? late(2000000, 4000000) : stalling ? late(500000, 1200000) : late(20000, 300000);
+                const int64_t takenNs = kStartNs + q * kQuantumNs + lateNs;
+                line.add(takenNs, takenNs - writeIndex * 1000000000 / (kRate * int64_t(sizeof(float))), writeIndex, false);
+                shownFrames += line.takeLoss().frames;
             }
-            writeIndex += 256 * int64_t(sizeof(float));
-            const bool hung = hang && q >= 100 && q < 175, catchingUp = hang && q >= 175 && q < 185;
-            if (hung)
-                continue; // no answer
-            const auto late = [&](int64_t from, int64_t to) { return std::uniform_int_distribution<int64_t>(from, to)(random); };
-            const int64_t lateNs = catchingUp ? late(2000000, 4000000) : stalling ? late(500000, 1200000) : late(20000, 300000);
-            const int64_t takenNs = kStartNs + q * kQuantumNs + lateNs;
-            line.add(takenNs, takenNs - writeIndex * 1000000000 / (kRate * int64_t(sizeof(float))), writeIndex, false);
-            shownFrames += line.takeLoss().frames;
+            QVERIFY2(std::abs(shownFrames - 256 * lost) <= (lost ? 48 : 0), qPrintable(QStringLiteral("%1 of %2").arg(shownFrames).arg(256 * lost)));
         }
-        QVERIFY2(std::abs(shownFrames - 256 * lost) <= (lost ? 48 : 0), qPrintable(QStringLiteral("%1 of %2").arg(shownFrames).arg(256 * lost)));
     }
 
     // A new format (another device) starts a new time line at its own first block; what the old
@@ -304,38 +291,27 @@ private Q_SLOTS:
     // 100 ms of a square wave in 10 ms blocks comes out as 48 kHz mono 16-bit at the same level:
     // full scale as ±32767 (never −32768, beyond it clamped), stereo as one channel, another rate
     // converted; without listening nothing comes out, yet the level is measured.
-    void conversion_data()
-    {
-        QTest::addColumn<int>("rate");
-        QTest::addColumn<int>("channels");
-        QTest::addColumn<float>("amplitude");
-        QTest::addColumn<bool>("listening");
-        QTest::newRow("full scale") << 48000 << 1 << 1.0f << true;
-        QTest::newRow("beyond full scale") << 48000 << 1 << 1.5f << true;
-        QTest::newRow("stereo") << 48000 << 2 << 0.8f << true;
-        QTest::newRow("44.1 kHz") << 44100 << 1 << 0.25f << true;
-        QTest::newRow("not listening") << 48000 << 1 << 0.5f << false;
-    }
     void conversion()
     {
-        QFETCH(int, rate);
-        QFETCH(int, channels);
-        QFETCH(float, amplitude);
-        QFETCH(bool, listening);
-        LiveConverter live;
-        const int frames = rate / 100;
-        std::vector<float> block(size_t(frames * channels));
-        QByteArray out;
-        for (int k = 0; k < 10; ++k) {
-            for (size_t i = 0; i < block.size(); ++i)
-                block[i] = ((k * frames + int(i) / channels) / 24) % 2 ? -amplitude : amplitude;
-            out += live.process(block.data(), frames, rate, channels, listening).value_or(QByteArray());
+        // Full scale, beyond it, stereo, 44.1 kHz, not listening.
+        const struct { int rate, channels; float amplitude; bool listening; } rows[] = {
+            {48000, 1, 1.0f, true}, {48000, 1, 1.5f, true}, {48000, 2, 0.8f, true}, {44100, 1, 0.25f, true}, {48000, 1, 0.5f, false}};
+        for (const auto &[rate, channels, amplitude, listening] : rows) {
+            LiveConverter live;
+            const int frames = rate / 100;
+            std::vector<float> block(size_t(frames * channels));
+            QByteArray out;
+            for (int k = 0; k < 10; ++k) {
+                for (size_t i = 0; i < block.size(); ++i)
+                    block[i] = ((k * frames + int(i) / channels) / 24) % 2 ? -amplitude : amplitude;
+                out += live.process(block.data(), frames, rate, channels, listening).value_or(QByteArray());
+            }
+            const int most = listening ? 4800 : 0; // 100 ms at 48 kHz; a resampler may hold a few back
+            QVERIFY2(out.size() / 2 >= most * 15 / 16 && out.size() / 2 <= most, qPrintable(QString::number(out.size())));
+            QVERIFY2(std::fabs(live.takePeak() - amplitude) < 0.03f * amplitude && live.takePeak() == 0.0f, qPrintable(QString::number(amplitude)));
+            const auto *pcm = reinterpret_cast<const int16_t *>(out.constData());
+            QVERIFY(amplitude < 1.0f || (pcm[0] == 32767 && pcm[24] == -32767 && pcm[48] == 32767));
         }
-        const int most = listening ? 4800 : 0; // 100 ms at 48 kHz; a resampler may hold a few back
-        QVERIFY2(out.size() / 2 >= most * 15 / 16 && out.size() / 2 <= most, qPrintable(QString::number(out.size())));
-        QVERIFY2(std::fabs(live.takePeak() - amplitude) < 0.03f * amplitude && live.takePeak() == 0.0f, qPrintable(QString::number(amplitude)));
-        const auto *pcm = reinterpret_cast<const int16_t *>(out.constData());
-        QVERIFY(amplitude < 1.0f || (pcm[0] == 32767 && pcm[24] == -32767 && pcm[48] == 32767));
     }
 
     // The level of one click does not depend on the blocks it comes in: PulseAudio hands over a
