@@ -128,44 +128,37 @@ private Q_SLOTS:
         kit.answer = 0;
     }
 
-    // Idle, busy once verified, or busy again at the click: the file manager only when idle.
-    void handOver_data()
-    {
-        QTest::addColumn<bool>("busyWhenVerified");
-        QTest::addColumn<bool>("busyAtClick");
-        QTest::addColumn<int>("alerts");
-        QTest::newRow("idle") << false << false << 1;
-        QTest::newRow("busy when verified") << true << true << 1;
-        QTest::newRow("busy at the click") << false << true << 2; // instructions, then busy
-    }
+    // Idle, busy once verified, or busy again at the click: the file manager only when idle (after
+    // busy at the click, two alerts: the instructions, then busy).
     void handOver()
     {
-        QFETCH(bool, busyWhenVerified);
-        QFETCH(bool, busyAtClick);
-        QFETCH(int, alerts);
-        auto u = kit.updater();
-        QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
-        u->download(publish());
-        kit.busy = busyWhenVerified;
-        QVERIFY(done.wait(20000) && done[0][0].toBool() == true);
-        kit.busy = busyAtClick;
-        const QString folder = u->verifiedFolder();
-        QTRY_COMPARE(kit.alerts.size(), alerts);
-        QTRY_COMPARE(kit.revealed, busyAtClick ? QStringList() : QStringList{folder});
-        QCOMPARE(kit.alerts.last().message, QStringLiteral("Update verified"));
-        installedUntouched();
-        if (busyAtClick) {
-            QCOMPARE(kit.alerts.last().informative, QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
-            return;
+        const struct { bool busyWhenVerified, busyAtClick; int alerts; } rows[] = {{false, false, 1}, {true, true, 1}, {false, true, 2}};
+        for (const auto &[busyWhenVerified, busyAtClick, alerts] : rows) {
+            kit.alerts.clear(), kit.revealed.clear(), kit.busy = false;
+            auto u = kit.updater();
+            QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
+            u->download(publish());
+            kit.busy = busyWhenVerified;
+            QVERIFY(done.wait(20000) && done[0][0].toBool() == true);
+            kit.busy = busyAtClick;
+            const QString folder = u->verifiedFolder();
+            QTRY_COMPARE(kit.alerts.size(), alerts);
+            QTRY_COMPARE(kit.revealed, busyAtClick ? QStringList() : QStringList{folder});
+            QCOMPARE(kit.alerts.last().message, QStringLiteral("Update verified"));
+            installedUntouched();
+            if (busyAtClick) {
+                QCOMPARE(kit.alerts.last().informative, QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
+                continue;
+            }
+            QCOMPARE(kit.alerts[0].informative, QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + kit.installed
+                                                    + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number and settings stay saved."));
+            QCOMPARE(kit.alerts[0].buttons.value(0), QStringLiteral("Show Verified App"));
+            QVERIFY2(folder.startsWith(kit.dir.path() + QLatin1String("/brava-update-")) && folder.endsWith(QLatin1String("/verified/Brava Recorder")), qPrintable(folder));
+            QCOMPARE(QFile::permissions(QFileInfo(folder).path()) & 0x0077, QFile::Permissions());
+            QVERIFY(QFileInfo(folder + QLatin1String("/brava-recorder")).isExecutable());
+            QCOMPARE(QFileInfo(folder + QLatin1String("/data-link")).symLinkTarget(), folder + QLatin1String("/lib/data.txt"));
+            QVERIFY(QFile::exists(folder + QLatin1String("/../../Brava Recorder-2.0-linux.zip")));
         }
-        QCOMPARE(kit.alerts[0].informative, QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + kit.installed
-                                                + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number and settings stay saved."));
-        QCOMPARE(kit.alerts[0].buttons.value(0), QStringLiteral("Show Verified App"));
-        QVERIFY2(folder.startsWith(kit.dir.path() + QLatin1String("/brava-update-")) && folder.endsWith(QLatin1String("/verified/Brava Recorder")), qPrintable(folder));
-        QCOMPARE(QFile::permissions(QFileInfo(folder).path()) & 0x0077, QFile::Permissions());
-        QVERIFY(QFileInfo(folder + QLatin1String("/brava-recorder")).isExecutable());
-        QCOMPARE(QFileInfo(folder + QLatin1String("/data-link")).symLinkTarget(), folder + QLatin1String("/lib/data.txt"));
-        QVERIFY(QFile::exists(folder + QLatin1String("/../../Brava Recorder-2.0-linux.zip")));
     }
 
     void forged_data()

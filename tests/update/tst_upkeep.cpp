@@ -35,6 +35,7 @@ QStringList filesBelow(const QString &root, const QString &except)
     for (QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories); it.hasNext();)
         if (const QString path = it.next(); !path.startsWith(except))
             files.append(path);
+    files.sort();
     return files;
 }
 
@@ -157,71 +158,62 @@ private Q_SLOTS:
         }
     }
 
-    void uninstall_data()
-    {
-        QTest::addColumn<int>("answer");
-        QTest::addColumn<bool>("package");
-        QTest::newRow("cancel") << 1 << false;
-        QTest::newRow("uninstall anyway") << 0 << false;
-        QTest::newRow("package install") << 0 << true;
-    }
+    // Cancelled, uninstalled anyway, uninstalled from a package install.
     void uninstall()
     {
-        QFETCH(int, answer);
-        QFETCH(bool, package);
-        QDir(home).removeRecursively();
-        const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
-        const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
-                                       home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package};
-        for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
-                                    paths.settingsFile, paths.autostartEntry})
-            writeFile(file);
-        Uninstaller u(paths);
-        QList<Alert> alerts;
-        bool stopped = false, cleared = false, quit = false;
-        u.pendingCount = [] { return 2; };
-        u.ask = [&](const Alert &a, std::function<void(int)> reply) {
-            alerts.append(a);
-            QMetaObject::invokeMethod(&u, [reply, answer] { reply(answer); }, Qt::QueuedConnection);
-        };
-        u.stopRecorder = [&](std::function<void()> done) {
-            stopped = true;
-            QMetaObject::invokeMethod(&u, done, Qt::QueuedConnection);
-        };
-        u.beforeRemoving = [&] { cleared = stopped; };
-        u.quit = [&] { quit = true; };
-        const QStringList before = filesBelow(home, trash);
-        u.start();
-        QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
-        if (answer != 0) {
-            // The answer is queued, and so is the recorder's stop: two rounds of events would reach a removal.
-            QCoreApplication::processEvents();
-            QCoreApplication::processEvents();
-            QVERIFY(!stopped && !quit);
-            QCOMPARE(filesBelow(home, trash), before);
-            return;
+        for (const auto &[answer, package] : {std::pair(1, false), std::pair(0, false), std::pair(0, true)}) {
+            QDir(home).removeRecursively();
+            const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
+            const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
+                                           home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package};
+            for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
+                                        paths.settingsFile, paths.autostartEntry})
+                writeFile(file);
+            Uninstaller u(paths);
+            QList<Alert> alerts;
+            bool stopped = false, cleared = false, quit = false;
+            u.pendingCount = [] { return 2; };
+            u.ask = [&](const Alert &a, std::function<void(int)> reply) {
+                alerts.append(a);
+                QMetaObject::invokeMethod(&u, [reply, answer] { reply(answer); }, Qt::QueuedConnection);
+            };
+            u.stopRecorder = [&](std::function<void()> done) {
+                stopped = true;
+                QMetaObject::invokeMethod(&u, done, Qt::QueuedConnection);
+            };
+            u.beforeRemoving = [&] { cleared = stopped; };
+            u.quit = [&] { quit = true; };
+            const QStringList before = filesBelow(home, trash);
+            u.start();
+            QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
+            if (answer != 0) {
+                // The answer is queued, and so is the recorder's stop: two rounds of events would reach a removal.
+                QCoreApplication::processEvents();
+                QCoreApplication::processEvents();
+                QVERIFY(!stopped && !quit);
+                QCOMPARE(filesBelow(home, trash), before);
+                continue;
+            }
+            QTRY_VERIFY(quit);
+            QVERIFY(cleared);
+            QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
+            if (package) {
+                // The package's folder is the package manager's; the package's start at login for
+                // every user is switched off by this user's hidden copy.
+                QCOMPARE(filesBelow(home, trash), (QStringList{paths.autostartEntry, app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
+                QVERIFY(readFile(paths.autostartEntry).contains("\nHidden=true\n"));
+                QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
+                continue;
+            }
+            // Nothing of the agent outside the Trash; in the Trash the two folders with notes of where they were.
+            QCOMPARE(filesBelow(home, trash), QStringList());
+            QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
+            QString notes;
+            for (const QFileInfo &note : QDir(trash + QLatin1String("/info")).entryInfoList({QStringLiteral("*.trashinfo")}))
+                notes += QUrl::fromPercentEncoding(readFile(note.filePath()));
+            QCOMPARE(notes.count(QStringLiteral("[Trash Info]\nPath=")), 2);
+            QVERIFY2(notes.contains(QString(QLatin1String("Path=") + app + QLatin1String("\n"))) && notes.contains(QString(QLatin1String("Path=") + paths.dataFolder + QLatin1String("\n"))), qPrintable(notes));
         }
-        QTRY_VERIFY(quit);
-        QVERIFY(cleared);
-        QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
-        if (package) {
-            // The package's folder is the package manager's; the package's start at login for
-            // every user is switched off by this user's hidden copy.
-            QStringList left = filesBelow(home, trash);
-            left.sort();
-            QCOMPARE(left, (QStringList{paths.autostartEntry, app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
-            QVERIFY(readFile(paths.autostartEntry).contains("\nHidden=true\n"));
-            QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
-            return;
-        }
-        // Nothing of the agent outside the Trash; in the Trash the two folders with notes of where they were.
-        QCOMPARE(filesBelow(home, trash), QStringList());
-        QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
-        QString notes;
-        for (const QFileInfo &note : QDir(trash + QLatin1String("/info")).entryInfoList({QStringLiteral("*.trashinfo")}))
-            notes += QUrl::fromPercentEncoding(readFile(note.filePath()));
-        QCOMPARE(notes.count(QStringLiteral("[Trash Info]\nPath=")), 2);
-        QVERIFY2(notes.contains(QString(QLatin1String("Path=") + app + QLatin1String("\n"))) && notes.contains(QString(QLatin1String("Path=") + paths.dataFolder + QLatin1String("\n"))), qPrintable(notes));
     }
 };
 
