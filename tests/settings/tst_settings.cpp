@@ -80,36 +80,29 @@ private Q_SLOTS:
     }
 
     // A stored value outside its bounds reads as unset and is logged once, however often it is read.
-    void outOfBoundsValuesReadAsUnset_data()
-    {
-        QTest::addColumn<QString>("key");
-        QTest::addColumn<QString>("stored");
-        QTest::addColumn<QString>("read");
-        QTest::newRow("id beyond 32 bits") << "agentID" << "99999999999" << "0";
-        QTest::newRow("id negative") << "agentID" << "-3" << "0";
-        QTest::newRow("id largest") << "agentID" << "2147483647" << "2147483647";
-        QTest::newRow("name too long") << "agentName" << QString(Settings::kMaxNameLength + 1, QLatin1Char('n')) << "";
-        QTest::newRow("name at the limit") << "agentName" << QString(Settings::kMaxNameLength, QLatin1Char('n')) << QString(Settings::kMaxNameLength, QLatin1Char('n'));
-        QTest::newRow("address too long") << "server" << QString(Settings::kMaxServerLength + 1, QLatin1Char('s')) << "";
-        QTest::newRow("address at the limit") << "server" << QString(Settings::kMaxServerLength, QLatin1Char('s')) << QString(Settings::kMaxServerLength, QLatin1Char('s'));
-    }
     void outOfBoundsValuesReadAsUnset()
     {
-        QFETCH(QString, key);
-        QFETCH(QString, stored);
-        QFETCH(QString, read);
-        Settings &settings = home.settings();
-        QSettings(settings.path(), QSettings::IniFormat).setValue(key, stored);
-        const auto get = [&] { return key == QLatin1String("agentID") ? QString::number(settings.agentID()) : key == QLatin1String("server") ? settings.server() : settings.agentName(); };
-        for (int i = 0; i < 2; ++i) {
-            settings.reload();
-            QCOMPARE(get(), read);
-        }
-        QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), read == stored ? 0 : 1);
-        // Setters refuse what readers would refuse, and say so.
-        if (key != QLatin1String("agentID") && read != stored) {
-            QVERIFY(!(key == QLatin1String("server") ? settings.setServer(stored) : settings.setAgentName(stored)));
-            QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), 2);
+        const QString name(Settings::kMaxNameLength, QLatin1Char('n')), address(Settings::kMaxServerLength, QLatin1Char('s'));
+        const struct { const char *key; QString stored, read; } rows[] = { // id beyond 32 bits, negative, largest; name and address too long, at the limit
+            {"agentID", QStringLiteral("99999999999"), QStringLiteral("0")}, {"agentID", QStringLiteral("-3"), QStringLiteral("0")},
+            {"agentID", QStringLiteral("2147483647"), QStringLiteral("2147483647")}, {"agentName", name + QLatin1Char('n'), QString()}, {"agentName", name, name},
+            {"server", address + QLatin1Char('s'), QString()}, {"server", address, address}};
+        for (const auto &r : rows) {
+            init();
+            const QString key = QString::fromLatin1(r.key);
+            Settings &settings = home.settings();
+            QSettings(settings.path(), QSettings::IniFormat).setValue(key, r.stored);
+            const auto get = [&] { return key == QLatin1String("agentID") ? QString::number(settings.agentID()) : key == QLatin1String("server") ? settings.server() : settings.agentName(); };
+            for (int i = 0; i < 2; ++i) {
+                settings.reload();
+                QCOMPARE(get(), r.read);
+            }
+            QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), r.read == r.stored ? 0 : 1);
+            // Setters refuse what readers would refuse, and say so.
+            if (key != QLatin1String("agentID") && r.read != r.stored) {
+                QVERIFY(!(key == QLatin1String("server") ? settings.setServer(r.stored) : settings.setAgentName(r.stored)));
+                QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), 2);
+            }
         }
     }
 
