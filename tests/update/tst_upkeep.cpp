@@ -89,37 +89,32 @@ private Q_SLOTS:
 
     // The relaunch script, and the start-at-login entry as GLib's desktop-entry reader runs it, start
     // exactly the program in a folder whose name holds shell syntax.
-    void startsTheRightFile_data()
-    {
-        QTest::addColumn<bool>("atLogin");
-        QTest::newRow("relaunch once the old process has gone") << false;
-        QTest::newRow("start at login") << true;
-    }
     void startsTheRightFile()
     {
-        QFETCH(bool, atLogin);
-        const QString work = tmp.path() + QLatin1String("/relaunch"), folder = work + QLatin1String("/it's \"a\" $(touch PWNED) `touch PWNED2` dir"), exe = folder + QLatin1String("/brava-recorder");
-        QDir(work).removeRecursively();
-        writeFile(exe, "#!/bin/sh\necho \"$0\" > \"$(dirname \"$0\")/started\"\n");
-        QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        QVERIFY(QDir::setCurrent(work));
-        if (atLogin) {
-            if (QStandardPaths::findExecutable(QStringLiteral("gio")).isEmpty())
-                QSKIP("no gio (libglib2.0-bin) to read the entry");
-            writeFile(folder + QLatin1String("/entry.desktop"), "[Desktop Entry]\nType=Application\nName=B\nExec=" + LoginItem::execQuoted(exe).toUtf8() + "\n");
-            QCOMPARE(QProcess::execute(QStringLiteral("gio"), {QStringLiteral("launch"), folder + QLatin1String("/entry.desktop")}), 0);
-        } else { // the relaunch waits for the old process to end; the shell polls every 0.2 s
-            QProcess old;
-            old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
-            QVERIFY(old.waitForStarted() && Relaunch::start(old.processId(), exe));
-            QTest::qWait(600);
-            QVERIFY(!QFile::exists(folder + QLatin1String("/started")));
-            old.kill();
-            old.waitForFinished();
+        for (const bool atLogin : {false, true}) {
+            const QString work = tmp.path() + QLatin1String("/relaunch"), folder = work + QLatin1String("/it's \"a\" $(touch PWNED) `touch PWNED2` dir"), exe = folder + QLatin1String("/brava-recorder");
+            QDir(work).removeRecursively();
+            writeFile(exe, "#!/bin/sh\necho \"$0\" > \"$(dirname \"$0\")/started\"\n");
+            QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+            QVERIFY(QDir::setCurrent(work));
+            if (atLogin) {
+                if (QStandardPaths::findExecutable(QStringLiteral("gio")).isEmpty())
+                    QSKIP("no gio (libglib2.0-bin) to read the entry");
+                writeFile(folder + QLatin1String("/entry.desktop"), "[Desktop Entry]\nType=Application\nName=B\nExec=" + LoginItem::execQuoted(exe).toUtf8() + "\n");
+                QCOMPARE(QProcess::execute(QStringLiteral("gio"), {QStringLiteral("launch"), folder + QLatin1String("/entry.desktop")}), 0);
+            } else { // the relaunch waits for the old process to end; the shell polls every 0.2 s
+                QProcess old;
+                old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
+                QVERIFY(old.waitForStarted() && Relaunch::start(old.processId(), exe));
+                QTest::qWait(600);
+                QVERIFY(!QFile::exists(folder + QLatin1String("/started")));
+                old.kill();
+                old.waitForFinished();
+            }
+            QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QLatin1String("/started")), 10000);
+            QCOMPARE(QString::fromUtf8(readFile(folder + QLatin1String("/started"))).trimmed(), exe);
+            QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
         }
-        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QLatin1String("/started")), 10000);
-        QCOMPARE(QString::fromUtf8(readFile(folder + QLatin1String("/started"))).trimmed(), exe);
-        QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
     }
 
     void confirmation()

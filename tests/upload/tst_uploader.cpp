@@ -75,38 +75,32 @@ private Q_SLOTS:
 
     // The query follows the file name; whatever the control room calls a session reaches it byte
     // for byte, fully encoded.
-    void queryFollowsTheNameAndTheBodyIsTheFile_data()
-    {
-        QTest::addColumn<QString>("session");
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<QString>("query");
-        const char *mic = "mic_1_00000.m4a";
-        const QString micItems = QStringLiteral("mic&take=1&idx=0&final=0&ext=m4a");
-        QTest::newRow("final piece") << "Show 1 A&B=?" << "mic_1700000000000_00012_final.m4a" << "Show%201%20A%26B%3D%3F&track=mic&take=1700000000000&idx=12&final=1&ext=m4a";
-        QTest::newRow("not a number") << "s" << "mic_3_x1.m4a" << "s&track=mic&take=3&idx=0&final=0&ext=m4a";
-        QTest::newRow("overflow") << "s" << "cam_3_99999999999999999999.mp4" << "s&track=cam&take=3&idx=0&final=0&ext=mp4";
-        QTest::newRow("empty pieces") << "s" << "room__3___-0004_final.m4a" << "s&track=room&take=3&idx=-4&final=1&ext=m4a";
-        QTest::newRow("encoded slash") << "..%2F..%2Fetc" << mic << QStringLiteral("..%252F..%252Fetc&track=") + micItems;
-        QTest::newRow("plus") << "a+b" << mic << QStringLiteral("a%2Bb&track=") + micItems;
-        QTest::newRow("percent") << "%00" << mic << QStringLiteral("%2500&track=") + micItems;
-        QTest::newRow("fragment") << "x&y=z#w" << mic << QStringLiteral("x%26y%3Dz%23w&track=") + micItems;
-        QTest::newRow("UTF-8") << QString::fromUtf8("Grüße 東京") << mic << QStringLiteral("Gr%C3%BC%C3%9Fe%20%E6%9D%B1%E4%BA%AC&track=") + micItems;
-        QTest::newRow("NUL") << QString(QChar(0)) + QStringLiteral("x") << mic << QStringLiteral("%00x&track=") + micItems;
-    }
     void queryFollowsTheNameAndTheBodyIsTheFile()
     {
-        QFETCH(QString, session);
-        QFETCH(QString, file);
-        QFETCH(QString, query);
-        pending(session, file);
-        start();
-        QTRY_COMPARE(server->requests.size(), 1);
-        const HttpStub::Request &r = server->requests.first();
-        QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("POST /upload"));
-        QCOMPARE(r.url.query(QUrl::FullyEncoded), QStringLiteral("id=7&session=") + query);
-        QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type"), r.headers.value("content-type").constData());
-        QTRY_COMPARE(up->pendingCount(), 0);
-        QVERIFY(QDir(folder("pending") + QLatin1Char('/') + SessionFolder::name(session)).isEmpty());
+        const QString mic = QStringLiteral("mic_1_00000.m4a"), micItems = QStringLiteral("&track=mic&take=1&idx=0&final=0&ext=m4a");
+        const QList<std::tuple<QString, QString, QString>> rows = { // session, file name: query
+            {QStringLiteral("Show 1 A&B=?"), QStringLiteral("mic_1700000000000_00012_final.m4a"), QStringLiteral("Show%201%20A%26B%3D%3F&track=mic&take=1700000000000&idx=12&final=1&ext=m4a")},
+            {QStringLiteral("s"), QStringLiteral("mic_3_x1.m4a"), QStringLiteral("s&track=mic&take=3&idx=0&final=0&ext=m4a")}, // not a number
+            {QStringLiteral("s"), QStringLiteral("cam_3_99999999999999999999.mp4"), QStringLiteral("s&track=cam&take=3&idx=0&final=0&ext=mp4")}, // overflow
+            {QStringLiteral("s"), QStringLiteral("room__3___-0004_final.m4a"), QStringLiteral("s&track=room&take=3&idx=-4&final=1&ext=m4a")}, // empty pieces
+            {QStringLiteral("..%2F..%2Fetc"), mic, QStringLiteral("..%252F..%252Fetc") + micItems},
+            {QStringLiteral("a+b"), mic, QStringLiteral("a%2Bb") + micItems},
+            {QStringLiteral("%00"), mic, QStringLiteral("%2500") + micItems},
+            {QStringLiteral("x&y=z#w"), mic, QStringLiteral("x%26y%3Dz%23w") + micItems},
+            {QString::fromUtf8("Grüße 東京"), mic, QStringLiteral("Gr%C3%BC%C3%9Fe%20%E6%9D%B1%E4%BA%AC") + micItems},
+            {QString(QChar(0)) + QStringLiteral("x"), mic, QStringLiteral("%00x") + micItems}};
+        for (const auto &[session, file, query] : rows) {
+            init();
+            pending(session, file);
+            start();
+            QTRY_COMPARE(server->requests.size(), 1);
+            const HttpStub::Request &r = server->requests.first();
+            QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("POST /upload"));
+            QCOMPARE(r.url.query(QUrl::FullyEncoded), QStringLiteral("id=7&session=") + query);
+            QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type"), r.headers.value("content-type").constData());
+            QTRY_COMPARE(up->pendingCount(), 0);
+            QVERIFY(QDir(folder("pending") + QLatin1Char('/') + SessionFolder::name(session)).isEmpty());
+        }
     }
 
     void oddNamesAreSetAsideAndOddSessionsStayInside()
