@@ -57,12 +57,12 @@ struct RecorderFixture {
     Clock *clock = &Clock::monotonic();
     std::unique_ptr<SyntheticAudioBackend> audio;
     Cameras cameras;
-    std::unique_ptr<Recorder> rec;
     WriterSetup setup{DataFolder::pathOf(QStringLiteral("writing"))}; // what each take's writers are given
     std::mutex mutex;
     QList<QPair<QString, QString>> done; // (path, session)
     QList<QByteArray> jpegs;
     QList<std::function<void()>> scheduled; // the 2 s retries, run by the test
+    std::unique_ptr<Recorder> rec; // last: it goes first, while what its callbacks fill is still there
 
     RecorderFixture(int cameraCount, bool manualClock, AudioBackend *real = nullptr) : cameras(cameraCount)
     {
@@ -77,7 +77,6 @@ struct RecorderFixture {
         if (!real)
             rec->sources().schedule = [this](int ms, std::function<void()> retry) { QCOMPARE(ms, 2000); scheduled.append(std::move(retry)); };
     }
-    ~RecorderFixture() { rec.reset(); }
 
     bool waitFor(const std::function<void(std::function<void()>)> &call)
     {

@@ -200,11 +200,9 @@ private Q_SLOTS:
         // A take cut by a crash: a whole piece, one cut inside a fragment, one opened just before
         // (empty), one ended before, and one without media.
         const QString take = folder("writing") + QLatin1Char('/') + SessionFolder::name(QStringLiteral("s/1"));
-        put(take, QStringLiteral("mic_7_00000.m4a"), fragmented(3));
-        put(take, QStringLiteral("mic_7_00001.m4a"), fragmented(1) + box("moof", 24));
-        put(take, QStringLiteral("mic_7_00002.m4a"), QByteArray(""));
-        put(take, QStringLiteral("sys_7_00000_final.m4a"), fragmented(1));
-        put(take, QStringLiteral("cam_7_00000.mp4"), fragmented(0));
+        for (const auto &[name, bytes] : {std::pair("mic_7_00000.m4a", fragmented(3)), {"mic_7_00001.m4a", fragmented(1) + box("moof", 24)}, {"mic_7_00002.m4a", QByteArray("")},
+                                          {"sys_7_00000_final.m4a", fragmented(1)}, {"cam_7_00000.mp4", fragmented(0)}})
+            put(take, QLatin1String(name), bytes);
         home.settings().setServer(QStringLiteral("bad host:port:x"));
         start(100);
         // Moved at once, the last piece of a cut-off take as its final piece; a folder with only

@@ -35,8 +35,7 @@ async function until(what, test, ms = 20000) {
 function run(cmd, args, env, name) {
   const child = spawn(cmd, args, { env: { ...process.env, ...env }, stdio: ['pipe', 'pipe', 'pipe'] });
   child.output = '';
-  child.stdout.on('data', (d) => { child.output += d; });
-  child.stderr.on('data', (d) => { child.output += d; });
+  for (const s of [child.stdout, child.stderr]) s.on('data', (d) => { child.output += d; });
   child.name = name;
   children.push(child);
   return child;
@@ -114,7 +113,6 @@ try {
   step('preview of agent 1');
   await page.click('#agent-1 button:text-is("Preview")');
   await page.waitForFunction(() => window.__room.previewFrames > 2, null, { timeout: 20000 });
-  await page.waitForFunction(() => document.getElementById('preview').naturalWidth > 0, null, { timeout: 10000 });
   await page.waitForFunction(() => document.getElementById('preview').naturalWidth === 480, null, { timeout: 10000 });
   await page.screenshot({ path: path.join(screens, '03-preview.png') });
 
