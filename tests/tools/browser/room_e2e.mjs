@@ -56,8 +56,7 @@ try {
   step('control room');
   const room = run(path.join(build, 'brava-control-room'), ['--port', '0', '--uploads', uploads, '--name', 'E2E room'], {}, 'room');
   const address = await until('the page address', () => room.output.match(/^http:\/\/[^:]+:(\d+)\/\?token=([0-9a-f]+)$/m));
-  const port = Number(address[1]);
-  const token = address[2];
+  const [port, token] = [Number(address[1]), address[2]];
   const state = async () => (await fetch(`http://127.0.0.1:${port}/api/state`, { headers: { Authorization: `Bearer ${token}` } })).json();
 
   step('two agents');
