@@ -57,12 +57,12 @@ struct RecorderFixture {
     Clock *clock = &Clock::monotonic();
     std::unique_ptr<SyntheticAudioBackend> audio;
     Cameras cameras;
-    std::unique_ptr<Recorder> rec;
     WriterSetup setup{DataFolder::pathOf(QStringLiteral("writing"))}; // what each take's writers are given
     std::mutex mutex;
     QList<QPair<QString, QString>> done; // (path, session)
     QList<QByteArray> jpegs;
     QList<std::function<void()>> scheduled; // the 2 s retries, run by the test
+    std::unique_ptr<Recorder> rec; // last: it goes first, while what its callbacks fill is still there
 
     RecorderFixture(int cameraCount, bool manualClock, AudioBackend *real = nullptr) : cameras(cameraCount)
     {
@@ -77,7 +77,6 @@ struct RecorderFixture {
         if (!real)
             rec->sources().schedule = [this](int ms, std::function<void()> retry) { QCOMPARE(ms, 2000); scheduled.append(std::move(retry)); };
     }
-    ~RecorderFixture() { rec.reset(); }
 
     bool waitFor(const std::function<void(std::function<void()>)> &call)
     {
@@ -87,9 +86,8 @@ struct RecorderFixture {
     }
     bool start(const std::optional<QString> &s) { return waitFor([&](auto cb) { rec->start(s, setup, cb); }); }
     bool stop() { return waitFor([&](auto cb) { rec->stop(cb); }); }
-    QString take() const { return QString::number(rec->currentTake()); }
     /// The last segment's name of `track` in the current take: "<track>_<take>_<index>_final.<ext>".
-    QString finalName(const QString &track, const QString &ext = QStringLiteral("m4a"), const QString &index = QStringLiteral("00000")) const { return track + QLatin1Char('_') + take() + QLatin1Char('_') + index + QLatin1String("_final.") + ext; }
+    QString finalName(const QString &track, const QString &ext = QStringLiteral("m4a"), const QString &index = QStringLiteral("00000")) const { return QStringLiteral("%1_%2_%3_final.%4").arg(track).arg(rec->currentTake()).arg(index, ext); }
     QStringList doneNames(const QString &prefix = QString())
     {
         std::lock_guard lock(mutex);

@@ -105,31 +105,25 @@ private Q_SLOTS:
         QVERIFY2(firstSound > 2.0 - 0.01 && firstSound < 2.0 + 0.04, qPrintable(QString::number(firstSound)));
     }
 
-    void refusals_data()
-    {
-        QTest::addColumn<QString>("refused"); // a source that cannot open, "server", or "no mics"
-        QTest::addColumn<QString>("error");
-        QTest::addColumn<int>("blocked");
-        QTest::addColumn<int>("micChannels");
-        QTest::newRow("monitor") << "out.monitor" << "Computer audio blocked — re-run setup on this computer" << 2 << 1;
-        QTest::newRow("server") << "server" << "Microphone blocked — re-run setup on this computer" << 1 << 0;
-        QTest::newRow("no microphone") << "no mics" << "No microphone found" << 0 << 0;
-        QTest::newRow("microphone cannot open") << "usbmic" << "No microphone found" << 0 << 0;
-    }
-    // Each refusal shows its text and permission kind; what can record still records.
+    // Each refusal (a source that cannot open, the server's, no microphones) shows its text and
+    // permission kind; what can record still records.
     void refusals()
     {
-        QFETCH(QString, refused);
-        f->audio->refused = {refused};
-        if (refused == QStringLiteral("server"))
-            f->audio->accessAnswer = AudioBackend::Access::Refused;
-        if (refused == QStringLiteral("no mics"))
-            f->audio->devices.clear();
-        QVERIFY(f->start(QStringLiteral("S3")));
-        QTEST(f->rec->lastError().value_or(QString()), "error");
-        QTEST(int(f->rec->blocked()), "blocked");
-        QTEST(f->audio->openChannels(usb), "micChannels");
-        QVERIFY(f->stop());
+        const struct { const char *refused, *error; int blocked, micChannels; } rows[] = {
+            {"out.monitor", "Computer audio blocked — re-run setup on this computer", 2, 1}, {"server", "Microphone blocked — re-run setup on this computer", 1, 0},
+            {"no mics", "No microphone found", 0, 0}, {"usbmic", "No microphone found", 0, 0}};
+        for (const auto &r : rows) {
+            f = std::make_unique<RecorderFixture>(0, true);
+            f->audio->refused = {QString::fromUtf8(r.refused)};
+            if (qstrcmp(r.refused, "server") == 0)
+                f->audio->accessAnswer = AudioBackend::Access::Refused;
+            if (qstrcmp(r.refused, "no mics") == 0)
+                f->audio->devices.clear();
+            QVERIFY(f->start(QStringLiteral("S3")));
+            QCOMPARE(f->rec->lastError().value_or(QString()), QString::fromUtf8(r.error));
+            QVERIFY2(int(f->rec->blocked()) == r.blocked && f->audio->openChannels(usb) == r.micChannels, r.refused);
+            QVERIFY(f->stop());
+        }
     }
 
     // Computer audio dies mid-take: "Computer audio stopped", one retry after 2 s reopens it; a

@@ -17,42 +17,34 @@ class SyncGateTest : public QObject
     TestHome home; // the gate's log lines go to a throw-away home
 
 private Q_SLOTS:
-    void locks_data()
-    {
-        QTest::addColumn<bool>("expectCam");
-        QTest::addColumn<QStringList>("tracks"); // first samples in this order, 10 ms of clock apart
-        QTest::addColumn<QList<int>>("times");   // their times (ms)
-        QTest::addColumn<int>("waitMs");         // clock moved after them, then "mic" at 5000 ms
-        QTest::addColumn<int>("t0");             // -1: not locked
-        QTest::newRow("latest start") << false << strings({"room", "mic", "sys"}) << QList<int>{50, 100, 250} << 0 << 250;
-        QTest::newRow("camera waited for") << true << strings({"mic", "sys"}) << QList<int>{100, 250} << 1900 << -1;
-        QTest::newRow("camera last") << true << strings({"mic", "cam", "sys"}) << QList<int>{100, 400, 250} << 0 << 400;
-        QTest::newRow("2 s is still waiting") << false << strings({"mic"}) << QList<int>{100} << 1990 << -1;
-        QTest::newRow("sys given up") << false << strings({"mic"}) << QList<int>{100} << 1991 << 100;
-        QTest::newRow("cam given up") << true << strings({"sys", "mic"}) << QList<int>{300, 100} << 1991 << 300;
-    }
     void locks()
     {
-        QFETCH(bool, expectCam);
-        QFETCH(QStringList, tracks);
-        QFETCH(QList<int>, times);
-        QFETCH(int, waitMs);
-        QFETCH(int, t0);
-        ManualClock clock;
-        SyncGate gate(clock);
-        int locks = 0;
-        gate.onLock = [&](MediaTime) { ++locks; };
-        gate.reset(expectCam);
-        for (int i = 0; i < tracks.size(); ++i) {
-            gate.pass(tracks[i], ms(times[i]));
-            clock.advance(10000000);
+        // First samples of `tracks` in this order, 10 ms of clock apart, at `times` (ms); the clock
+        // moved `waitMs` after them, then "mic" at 5000 ms: the start, -1 when not locked.
+        const struct { bool expectCam; QStringList tracks; QList<int> times; int waitMs, t0; } rows[] = {
+            {false, strings({"room", "mic", "sys"}), {50, 100, 250}, 0, 250}, // the latest start
+            {true, strings({"mic", "sys"}), {100, 250}, 1900, -1},            // the camera waited for
+            {true, strings({"mic", "cam", "sys"}), {100, 400, 250}, 0, 400},  // the camera last
+            {false, strings({"mic"}), {100}, 1990, -1},                       // 2 s is still waiting
+            {false, strings({"mic"}), {100}, 1991, 100},                      // sys given up
+            {true, strings({"sys", "mic"}), {300, 100}, 1991, 300}};          // cam given up
+        for (const auto &r : rows) {
+            ManualClock clock;
+            SyncGate gate(clock);
+            int locks = 0;
+            gate.onLock = [&](MediaTime) { ++locks; };
+            gate.reset(r.expectCam);
+            for (int i = 0; i < r.tracks.size(); ++i) {
+                gate.pass(r.tracks[i], ms(r.times[i]));
+                clock.advance(10000000);
+            }
+            clock.advance(int64_t(r.waitMs) * 1000000);
+            QCOMPARE(gate.pass(QStringLiteral("mic"), ms(5000)), r.t0 >= 0);
+            QCOMPARE(gate.t0().value_or(ms(-1)), ms(r.t0));
+            QCOMPARE(locks, r.t0 >= 0 ? 1 : 0);
+            if (r.t0 >= 0)
+                QVERIFY(!gate.pass(QStringLiteral("sys"), ms(r.t0 - 1)) && gate.pass(QStringLiteral("room"), ms(r.t0)) && locks == 1);
         }
-        clock.advance(int64_t(waitMs) * 1000000);
-        QCOMPARE(gate.pass(QStringLiteral("mic"), ms(5000)), t0 >= 0);
-        QCOMPARE(gate.t0().value_or(ms(-1)), ms(t0));
-        QCOMPARE(locks, t0 >= 0 ? 1 : 0);
-        if (t0 >= 0)
-            QVERIFY(!gate.pass(QStringLiteral("sys"), ms(t0 - 1)) && gate.pass(QStringLiteral("room"), ms(t0)) && locks == 1);
     }
 };
 

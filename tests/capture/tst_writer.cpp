@@ -5,7 +5,6 @@
 #include "TrackWriter.h"
 #include "VideoWriter.h"
 
-#include <QFileInfo>
 #include <QtTest>
 
 extern "C" {
@@ -28,13 +27,8 @@ float noise()
 template<typename Gen>
 TimedSample block(int64_t first, int channels, Gen gen)
 {
-    TimedSample s;
-    s.kind = TimedSample::Kind::Audio;
-    s.pts = MediaTime::fromNanoseconds(kBase + ns(first));
-    s.duration = MediaTime::make(480, 48000);
-    s.sampleRate = 48000;
-    s.channels = channels;
-    s.pcm.resize(480 * channels * qsizetype(sizeof(float)));
+    TimedSample s{TimedSample::Kind::Audio, MediaTime::fromNanoseconds(kBase + ns(first)), MediaTime::make(480, 48000), 48000, channels,
+                  QByteArray(480 * channels * qsizetype(sizeof(float)), Qt::Uninitialized)};
     auto *out = reinterpret_cast<float *>(s.pcm.data());
     for (int i = 0; i < 480 * channels; ++i)
         out[i] = gen(first + i / channels);
@@ -44,10 +38,7 @@ TimedSample block(int64_t first, int channels, Gen gen)
 // A grainy camera frame: the counted test pattern under noise.
 TimedSample frameAt(int64_t index)
 {
-    TimedSample s;
-    s.kind = TimedSample::Kind::Video;
-    s.pts = MediaTime::fromNanoseconds(kBase + index * 1000000000 / 30);
-    s.duration = MediaTime::make(1, 30);
+    TimedSample s{TimedSample::Kind::Video, MediaTime::fromNanoseconds(kBase + index * 1000000000 / 30), MediaTime::make(1, 30)};
     s.frame = TestPattern::draw(640, 360, index, false);
     for (int y = 0; y < 360; ++y)
         for (int x = 0; x < 640; ++x) {
@@ -76,39 +67,32 @@ private Q_SLOTS:
         done.clear();
     }
 
-    void formats_data()
-    {
-        QTest::addColumn<int>("channels"); // 0: video
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<int>("bitRate");
-        QTest::addColumn<QString>("probed");
-        QTest::newRow("mono AAC") << 1 << "mic_1_00000_final.m4a" << 64000 << "aac 48000 Hz 1 ch";
-        QTest::newRow("six channels to stereo") << 6 << "sys_1_00000_final.m4a" << 128000 << "aac 48000 Hz 2 ch";
-        QTest::newRow("H.264 at full quality") << 0 << "cam_1_00000_final.mp4" << 8000000 << "h264 640x360 yuv420p 90 frames";
-    }
-    // AAC in M4A at 48 kHz (64 kbit/s mono, 128 kbit/s stereo), H.264 in MP4 at the quality's rate;
-    // nothing added or lost.
+    // AAC in M4A at 48 kHz (64 kbit/s mono, 128 kbit/s stereo; six channels to stereo), H.264 in MP4
+    // at the quality's rate; nothing added or lost.
     void formats()
     {
-        QFETCH(int, channels);
-        QFETCH(QString, name);
-        QFETCH(int, bitRate);
-        const WriterSetup setup{writing(), bitRate};
-        std::unique_ptr<SegmentWriter> w = channels ? std::unique_ptr<SegmentWriter>(new TrackWriter(name.left(3), setup))
-                                                    : std::make_unique<VideoWriter>(QStringLiteral("cam"), setup);
-        attach(*w);
-        w->begin(QStringLiteral("S1"), 1);
-        for (int i = 0; i < (channels ? 300 : 90); ++i)
-            w->append(channels ? block(i * 480, channels, [](int64_t) { return noise(); }) : frameAt(i));
-        w->close(true);
-        QCOMPARE(done, QStringList({writing() + QLatin1String("/S1/") + name}));
-        const QJsonObject s = channels ? MediaProbe::stream(done[0]) : MediaProbe::video(done[0]);
-        const auto field = [&](const char *key) { return QString::number(MediaProbe::number(s, key)); };
-        QTEST(channels ? QString(s[QLatin1String("codec_name")].toString() + QLatin1Char(' ') + field("sample_rate") + QLatin1String(" Hz ") + field("channels") + QLatin1String(" ch"))
-                       : QString(s[QLatin1String("codec_name")].toString() + QLatin1Char(' ') + field("width") + QLatin1Char('x') + field("height") + QLatin1Char(' ') + s[QLatin1String("pix_fmt")].toString() + QLatin1Char(' ') + field("nb_read_frames") + QLatin1String(" frames")),
-              "probed");
-        QVERIFY(!channels || MediaProbe::decode(done[0]).size() == 300 * 480);
-        QVERIFY2(std::abs(MediaProbe::number(s, "bit_rate") - bitRate) < 0.2 * bitRate, qPrintable(field("bit_rate")));
+        const struct { int channels; const char *name; int bitRate; const char *probed; } rows[] = { // channels 0: video
+            {1, "mic_1_00000_final.m4a", 64000, "aac 48000 Hz 1 ch"}, {6, "sys_1_00000_final.m4a", 128000, "aac 48000 Hz 2 ch"},
+            {0, "cam_1_00000_final.mp4", 8000000, "h264 640x360 yuv420p 90 frames"}};
+        for (const auto &[channels, name, bitRate, probed] : rows) {
+            done.clear();
+            const WriterSetup setup{writing(), bitRate};
+            std::unique_ptr<SegmentWriter> w = channels ? std::unique_ptr<SegmentWriter>(new TrackWriter(QString::fromLatin1(name, 3), setup))
+                                                        : std::make_unique<VideoWriter>(QStringLiteral("cam"), setup);
+            attach(*w);
+            w->begin(QStringLiteral("S1"), 1);
+            for (int i = 0; i < (channels ? 300 : 90); ++i)
+                w->append(channels ? block(i * 480, channels, [](int64_t) { return noise(); }) : frameAt(i));
+            w->close(true);
+            QCOMPARE(done, QStringList({writing() + QLatin1String("/S1/") + QLatin1String(name)}));
+            const QJsonObject s = channels ? MediaProbe::stream(done[0]) : MediaProbe::video(done[0]);
+            const auto field = [&s](const char *key) { return QString::number(MediaProbe::number(s, key)); };
+            QCOMPARE(channels ? QString(s[QLatin1String("codec_name")].toString() + QLatin1Char(' ') + field("sample_rate") + QLatin1String(" Hz ") + field("channels") + QLatin1String(" ch"))
+                              : QString(s[QLatin1String("codec_name")].toString() + QLatin1Char(' ') + field("width") + QLatin1Char('x') + field("height") + QLatin1Char(' ') + s[QLatin1String("pix_fmt")].toString() + QLatin1Char(' ') + field("nb_read_frames") + QLatin1String(" frames")),
+                     QString::fromLatin1(probed));
+            QVERIFY(!channels || MediaProbe::decode(done[0]).size() == 300 * 480);
+            QVERIFY2(std::abs(MediaProbe::number(s, "bit_rate") - bitRate) < 0.2 * bitRate, qPrintable(field("bit_rate")));
+        }
     }
 
     // Samples before the common start are dropped, a hole in the stamps becomes silence, and

@@ -44,11 +44,9 @@ private Q_SLOTS:
         const quint16 silent = room(HttpStub::hang());
         discovery->start();
         QVERIFY(discovery->searching());
-        browser->announce(QStringLiteral("Slow"), slow);
-        browser->announce(QStringLiteral("Quick"), quick);
-        browser->announce(QStringLiteral("Silent"), silent);
-        browser->announce(QStringLiteral("Closed"), 1);
-        browser->announce(QStringLiteral("Twin"), quick); // the same address again: first name kept
+        // "Twin" has Quick's address again: the first name is kept.
+        for (const auto &[name, port] : {std::pair("Slow", slow), {"Quick", quick}, {"Silent", silent}, {"Closed", quint16(1)}, {"Twin", quick}})
+            browser->announce(QLatin1String(name), port);
         browser->announce(QStringLiteral("V6"), slow, {QHostAddress::LocalHostIPv6});
         browser->announce(QStringLiteral("Both"), quick, {QHostAddress::LocalHostIPv6, QHostAddress::LocalHost});
         QVERIFY(browser->resolveLimits == QList<int>(7, 5000) && discovery->resolving() == 0);

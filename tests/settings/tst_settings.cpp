@@ -70,55 +70,39 @@ private Q_SLOTS:
     }
 
     // Every upload quality word has its own bit rate; anything else is full quality.
-    void qualityWordsMapToBitRates_data()
-    {
-        QTest::addColumn<QString>("word");
-        QTest::addColumn<int>("bitRate");
-        QTest::newRow("low") << "low" << 2000000;
-        QTest::newRow("med") << "med" << 4000000;
-        QTest::newRow("full") << "full" << 8000000;
-        QTest::newRow("case matters") << "LOW" << 8000000;
-        QTest::newRow("unknown") << "medium" << 8000000;
-    }
     void qualityWordsMapToBitRates()
     {
-        QFETCH(QString, word);
-        QFETCH(int, bitRate);
-        home.settings().setUploadQuality(word);
-        QCOMPARE(home.settings().videoBitrate(), bitRate);
+        const struct { const char *word; int bitRate; } rows[] = {{"low", 2000000}, {"med", 4000000}, {"full", 8000000}, {"LOW", 8000000}, {"medium", 8000000}};
+        for (const auto &r : rows) {
+            home.settings().setUploadQuality(QString::fromUtf8(r.word));
+            QVERIFY2(home.settings().videoBitrate() == r.bitRate, r.word);
+        }
     }
 
     // A stored value outside its bounds reads as unset and is logged once, however often it is read.
-    void outOfBoundsValuesReadAsUnset_data()
-    {
-        QTest::addColumn<QString>("key");
-        QTest::addColumn<QString>("stored");
-        QTest::addColumn<QString>("read");
-        QTest::newRow("id beyond 32 bits") << "agentID" << "99999999999" << "0";
-        QTest::newRow("id negative") << "agentID" << "-3" << "0";
-        QTest::newRow("id largest") << "agentID" << "2147483647" << "2147483647";
-        QTest::newRow("name too long") << "agentName" << QString(Settings::kMaxNameLength + 1, QLatin1Char('n')) << "";
-        QTest::newRow("name at the limit") << "agentName" << QString(Settings::kMaxNameLength, QLatin1Char('n')) << QString(Settings::kMaxNameLength, QLatin1Char('n'));
-        QTest::newRow("address too long") << "server" << QString(Settings::kMaxServerLength + 1, QLatin1Char('s')) << "";
-        QTest::newRow("address at the limit") << "server" << QString(Settings::kMaxServerLength, QLatin1Char('s')) << QString(Settings::kMaxServerLength, QLatin1Char('s'));
-    }
     void outOfBoundsValuesReadAsUnset()
     {
-        QFETCH(QString, key);
-        QFETCH(QString, stored);
-        QFETCH(QString, read);
-        Settings &settings = home.settings();
-        QSettings(settings.path(), QSettings::IniFormat).setValue(key, stored);
-        const auto get = [&] { return key == QLatin1String("agentID") ? QString::number(settings.agentID()) : key == QLatin1String("server") ? settings.server() : settings.agentName(); };
-        for (int i = 0; i < 2; ++i) {
-            settings.reload();
-            QCOMPARE(get(), read);
-        }
-        QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), read == stored ? 0 : 1);
-        // Setters refuse what readers would refuse, and say so.
-        if (key != QLatin1String("agentID") && read != stored) {
-            QVERIFY(!(key == QLatin1String("server") ? settings.setServer(stored) : settings.setAgentName(stored)));
-            QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), 2);
+        const QString name(Settings::kMaxNameLength, QLatin1Char('n')), address(Settings::kMaxServerLength, QLatin1Char('s'));
+        const struct { const char *key; QString stored, read; } rows[] = { // id beyond 32 bits, negative, largest; name and address too long, at the limit
+            {"agentID", QStringLiteral("99999999999"), QStringLiteral("0")}, {"agentID", QStringLiteral("-3"), QStringLiteral("0")},
+            {"agentID", QStringLiteral("2147483647"), QStringLiteral("2147483647")}, {"agentName", name + QLatin1Char('n'), QString()}, {"agentName", name, name},
+            {"server", address + QLatin1Char('s'), QString()}, {"server", address, address}};
+        for (const auto &r : rows) {
+            init();
+            const QString key = QString::fromLatin1(r.key);
+            Settings &settings = home.settings();
+            QSettings(settings.path(), QSettings::IniFormat).setValue(key, r.stored);
+            const auto get = [&] { return key == QLatin1String("agentID") ? QString::number(settings.agentID()) : key == QLatin1String("server") ? settings.server() : settings.agentName(); };
+            for (int i = 0; i < 2; ++i) {
+                settings.reload();
+                QCOMPARE(get(), r.read);
+            }
+            QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), r.read == r.stored ? 0 : 1);
+            // Setters refuse what readers would refuse, and say so.
+            if (key != QLatin1String("agentID") && r.read != r.stored) {
+                QVERIFY(!(key == QLatin1String("server") ? settings.setServer(r.stored) : settings.setAgentName(r.stored)));
+                QCOMPARE(home.log().count(QStringLiteral("settings: ") + key), 2);
+            }
         }
     }
 
@@ -138,32 +122,8 @@ private Q_SLOTS:
         QCOMPARE(DataFolder::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
         QCOMPARE(home.settings().path(), home.root() + QStringLiteral("/config/Brava Recorder/settings.ini"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
-    }
-
-    // A control-room address is a host and a port and nothing else; the query is fully encoded.
-    void serverAddressesMakeUrlsOnlyAsHostAndPort_data()
-    {
-        QTest::addColumn<QString>("server");
-        QTest::addColumn<QString>("url"); // "" when refused
-        QTest::newRow("host:port") << "10.0.0.5:8080" << "ws://10.0.0.5:8080/agent?n=a%2Fb%20c";
-        QTest::newRow("name, no port") << "Room.local" << "ws://room.local/agent?n=a%2Fb%20c";
-        QTest::newRow("IPv6") << "[::1]:80" << "ws://[::1]:80/agent?n=a%2Fb%20c";
-        QTest::newRow("path") << "h:1/x" << "";
-        QTest::newRow("query") << "h:1?y=" << "";
-        QTest::newRow("user") << "u@h:1" << "";
-        QTest::newRow("empty") << "" << "";
-    }
-    void serverAddressesMakeUrlsOnlyAsHostAndPort()
-    {
-        QFETCH(QString, server);
-        QFETCH(QString, url);
-        QCOMPARE(QueryString::at(QStringLiteral("ws"), server, QStringLiteral("/agent"), {{QStringLiteral("n"), QStringLiteral("a/b c")}}).toString(QUrl::FullyEncoded), url);
-    }
-
-    // A session names exactly one folder inside writing/ and pending/, whatever its text, and
-    // the folder gives the session back.
-    void sessionFoldersStayInsideAndReadBack()
-    {
+        // A session names exactly one folder inside writing/ and pending/, whatever its text, and
+        // the folder gives the session back.
         const QStringList sessions = {QString(), QStringLiteral(".."), QStringLiteral("../../x"), QStringLiteral("%"),
                                       QStringLiteral("%2F"), QString(QChar(0)) + QStringLiteral("x"), QStringLiteral("Zoë ☕")};
         QSet<QString> folders;
@@ -173,6 +133,17 @@ private Q_SLOTS:
             QCOMPARE(SessionFolder::sessionOf(folder), session);
         }
         QCOMPARE(folders.size(), sessions.size());
+    }
+
+    // A control-room address is a host and a port and nothing else; the query is fully encoded.
+    void serverAddressesMakeUrlsOnlyAsHostAndPort()
+    {
+        const struct { const char *server, *url; } rows[] = { // "" when refused
+            {"10.0.0.5:8080", "ws://10.0.0.5:8080/agent?n=a%2Fb%20c"}, {"Room.local", "ws://room.local/agent?n=a%2Fb%20c"},
+            {"[::1]:80", "ws://[::1]:80/agent?n=a%2Fb%20c"}, {"h:1/x", ""}, {"h:1?y=", ""}, {"u@h:1", ""}, {"", ""}};
+        for (const auto &r : rows)
+            QCOMPARE(QueryString::at(QStringLiteral("ws"), QString::fromUtf8(r.server), QStringLiteral("/agent"), {{QStringLiteral("n"), QStringLiteral("a/b c")}}).toString(QUrl::FullyEncoded),
+                     QString::fromUtf8(r.url));
     }
 
     void logLinesStayWholeFromManyThreads()

@@ -1,7 +1,6 @@
 #include "HttpStub.h"
 
 #include <QPointer>
-#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTimer>
 
@@ -22,11 +21,6 @@ HttpStub::HttpStub(QObject *parent)
     });
 }
 
-HttpStub::~HttpStub()
-{
-    close();
-}
-
 void HttpStub::close()
 {
     m_server->close();
@@ -37,12 +31,6 @@ void HttpStub::close()
     }
     m_clients.clear();
     m_hanging.clear();
-}
-
-void HttpStub::release(const Answer &answer)
-{
-    for (QTcpSocket *socket : std::exchange(m_hanging, {}))
-        respond(socket, answer);
 }
 
 void HttpStub::readFrom(QTcpSocket *socket)

@@ -38,7 +38,7 @@ public:
     };
 
     explicit HttpStub(QObject *parent = nullptr);
-    ~HttpStub() override;
+    ~HttpStub() override { close(); }
 
     /// Listens on 127.0.0.1 (port 0 picks a free one).
     bool listen(quint16 port = 0) { return m_server->listen(QHostAddress::LocalHost, port); }
@@ -60,7 +60,11 @@ public:
     /// Appends answers for the next requests, in order.
     void script(const QList<Answer> &answers) { m_script += answers; }
     /// Answers every request held by hang() with this.
-    void release(const Answer &answer);
+    void release(const Answer &answer)
+    {
+        for (QTcpSocket *socket : std::exchange(m_hanging, {}))
+            respond(socket, answer);
+    }
     /// Requests held by hang() and not yet released.
     int hanging() const { return int(m_hanging.size()); }
 

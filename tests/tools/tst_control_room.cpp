@@ -49,6 +49,7 @@ class ControlRoomTest : public QObject
         QDirIterator it(dir, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
         while (it.hasNext())
             out.append(QDir(dir).relativeFilePath(it.next()));
+        out.sort();
         return out;
     }
     // An open WebSocket of the room at `path`.
@@ -104,7 +105,9 @@ private Q_SLOTS:
         QCOMPARE(request("POST", q(QStringLiteral("fine")), "ok").first, 200); // and the room serves on
     }
 
-    void uploadIsNamedFromItsQueryAndARepeatIsStoredOnce()
+    // An upload is named from its query and a repeat is stored once; one cut off leaves nothing
+    // that looks whole; the disk refusing a write (here a file-size limit) is answered 500 and said once.
+    void uploadsAreStoredOnceAndWholeOrNotAtAll()
     {
         QSignalSpy stored(room.get(), &ControlRoomServer::uploaded);
         const QByteArray body(300000, 'm');
@@ -114,12 +117,7 @@ private Q_SLOTS:
         QTRY_COMPARE(stored.size(), 1);
         QFile f(uploads() + QStringLiteral("/agent7/show-1/mic_123_12_final.m4a"));
         QVERIFY(f.open(QIODevice::ReadOnly) && f.readAll() == body);
-        const QJsonObject s = room->state();
-        QCOMPARE(s.value(QStringLiteral("files")).toArray().first().toString(), QStringLiteral("agent7/show-1/mic_123_12_final.m4a"));
-    }
-
-    void cutOffUploadLeavesNothingThatLooksWhole()
-    {
+        QCOMPARE(room->state().value(QStringLiteral("files")).toArray().first().toString(), QStringLiteral("agent7/show-1/mic_123_12_final.m4a"));
         QTcpSocket socket;
         socket.connectToHost(QHostAddress::LocalHost, port);
         QVERIFY(socket.waitForConnected(5000));
@@ -129,25 +127,32 @@ private Q_SLOTS:
             socket.write(chunk);
             socket.waitForBytesWritten(5000);
         }
-        QTRY_VERIFY(!filesUnder(uploads()).isEmpty()); // arriving, under a hidden name
-        QVERIFY(filesUnder(uploads()).first().contains(QStringLiteral("/.mic_123_12_final.m4a.part")));
+        QTRY_COMPARE(filesUnder(uploads()).size(), 2); // arriving, under a hidden name
+        QVERIFY(filesUnder(uploads()).first().startsWith(QStringLiteral("agent7/cut/.mic_123_12_final.m4a.part")));
         socket.abort();
-        QTRY_COMPARE(filesUnder(uploads()), QStringList());
+        QTRY_COMPARE(filesUnder(uploads()), QStringList{QStringLiteral("agent7/show-1/mic_123_12_final.m4a")});
         QCOMPARE(request("POST", q(QStringLiteral("cut")), "whole").first, 200);
+        QSignalSpy said(room.get(), &ControlRoomServer::said);
+        std::signal(SIGXFSZ, SIG_IGN);
+        rlimit normal{};
+        getrlimit(RLIMIT_FSIZE, &normal);
+        const rlimit small{100000, normal.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &small);
+        const int status = request("POST", q(QStringLiteral("full")), QByteArray(100001, 'f')).first;
+        setrlimit(RLIMIT_FSIZE, &normal);
+        QCOMPARE(status, 500);
+        QTRY_COMPARE(said.size(), 1);
+        QVERIFY(said.first().first().toString().startsWith(QStringLiteral("upload agent7/full/mic_123_12_final.m4a not stored: cannot write")));
     }
 
     // An oversized frame ends only its own link; a start warns about the agents left that are not live.
     void hugeWebSocketFrameEndsOnlyThatLink()
     {
-        QWebSocket bad, good;
-        for (QWebSocket *s : {&bad, &good}) {
-            s->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=%2&os=linux&v=1&name=x").arg(port).arg(s == &bad ? 1 : 2)));
-            QTRY_COMPARE(s->state(), QAbstractSocket::ConnectedState);
-        }
+        const auto bad = open(QStringLiteral("/agent?id=1&os=linux&v=1&name=x")), good = open(QStringLiteral("/agent?id=2&os=linux&v=1&name=x"));
         QTRY_COMPARE(room->agentCount(), 2);
-        bad.sendBinaryMessage(QByteArray(16 << 20, '\2'));
-        QTRY_COMPARE_WITH_TIMEOUT(bad.state(), QAbstractSocket::UnconnectedState, 10000);
-        QSignalSpy got(&good, &QWebSocket::textMessageReceived);
+        bad->sendBinaryMessage(QByteArray(16 << 20, '\2'));
+        QTRY_COMPARE_WITH_TIMEOUT(bad->state(), QAbstractSocket::UnconnectedState, 10000);
+        QSignalSpy got(good.get(), &QWebSocket::textMessageReceived);
         QCOMPARE(room->send(2, R"({"type":"stop"})"), 1);
         QVERIFY(got.wait(5000));
         QCOMPARE(room->agentCount(), 1);
@@ -155,13 +160,13 @@ private Q_SLOTS:
         QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
         room->command(2, QJsonObject{{QStringLiteral("type"), QStringLiteral("cameras")}, {QStringLiteral("on"), true}});
         const auto dropAndBack = [&](bool live) { // what the operator asks while it is away holds when it is back
-            good.close();
+            good->close();
             QTRY_COMPARE(room->agentCount(), 0);
             room->command(0, QJsonObject{{QStringLiteral("type"), QStringLiteral("cameras")}, {QStringLiteral("on"), live}});
-            good.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=2").arg(port)));
+            good->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=2").arg(port)));
             QTRY_COMPARE(room->agentCount(), 1);
         };
-        QSignalSpy again(&good, &QWebSocket::textMessageReceived);
+        QSignalSpy again(good.get(), &QWebSocket::textMessageReceived);
         dropAndBack(true);
         QTRY_VERIFY(!again.isEmpty());
         QCOMPARE(again.first().first().toString(), QStringLiteral(R"({"on":true,"type":"cameras"})"));
@@ -204,22 +209,6 @@ private Q_SLOTS:
         QCOMPARE(got.last(), QStringLiteral(R"({"on":true,"type":"listen"})"));
     }
 
-    // The disk refusing a write (here a file-size limit) is answered 500 and said once.
-    void aDiskFaultIsAnsweredAndSaidOnce()
-    {
-        QSignalSpy said(room.get(), &ControlRoomServer::said);
-        std::signal(SIGXFSZ, SIG_IGN);
-        rlimit normal{};
-        getrlimit(RLIMIT_FSIZE, &normal);
-        const rlimit small{100000, normal.rlim_max};
-        setrlimit(RLIMIT_FSIZE, &small);
-        const int status = request("POST", q(QStringLiteral("full")), QByteArray(100001, 'f')).first;
-        setrlimit(RLIMIT_FSIZE, &normal);
-        QCOMPARE(status, 500);
-        QTRY_COMPARE(said.size(), 1);
-        QVERIFY(said.first().first().toString().startsWith(QStringLiteral("upload agent7/full/mic_123_12_final.m4a not stored: cannot write")));
-    }
-
     // A call gives up on a network thread that does not answer, and the room serves on once it does.
     void callsGiveUpOnAStuckNetworkThread()
     {
@@ -258,29 +247,15 @@ private Q_SLOTS:
         QCOMPARE(request("GET", QStringLiteral("/api/state"), {}, "Bearer " + kToken.toLatin1()).first, 200);
     }
 
-    void tokenGuardsThePageAndItsState_data()
-    {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QByteArray>("auth");
-        QTest::addColumn<int>("status");
-        const QByteArray bearer = "Bearer " + kToken.toLatin1();
-        QTest::newRow("probe without token") << QStringLiteral("/") << QByteArray() << 401;
-        QTest::newRow("page with token") << QStringLiteral("/?token=") + kToken << QByteArray() << 200;
-        QTest::newRow("wrong token") << QStringLiteral("/?token=") + QString(32, QLatin1Char('0')) << QByteArray() << 401;
-        QTest::newRow("state without") << QStringLiteral("/api/state") << QByteArray() << 401;
-        QTest::newRow("state with bearer") << QStringLiteral("/api/state") << bearer << 200;
-        QTest::newRow("state with short bearer") << QStringLiteral("/api/state") << bearer.left(20) << 401;
-        QTest::newRow("state with cookie") << QStringLiteral("/api/state") << "brava_token=" + kToken.toLatin1() << 200;
-        QTest::newRow("state with wrong cookie") << QStringLiteral("/api/state") << QByteArray("brava_token=" + QByteArray(32, '0')) << 401;
-        QTest::newRow("worklet with bearer") << QStringLiteral("/worklet.js") << bearer << 200;
-        QTest::newRow("file not stored") << QStringLiteral("/files/../../etc/passwd") << bearer << 404;
-    }
     void tokenGuardsThePageAndItsState()
     {
-        QFETCH(QString, path);
-        QFETCH(QByteArray, auth);
-        QFETCH(int, status);
-        QCOMPARE(request("GET", path, {}, auth).first, status);
+        const QByteArray bearer = "Bearer " + kToken.toLatin1(), token = kToken.toLatin1(), zeros(32, '0');
+        const QList<std::tuple<QByteArray, QByteArray, int>> rows = {
+            {"/", {}, 401}, {"/?token=" + token, {}, 200}, {"/?token=" + zeros, {}, 401}, {"/api/state", {}, 401}, {"/api/state", bearer, 200},
+            {"/api/state", bearer.left(20), 401}, {"/api/state", "brava_token=" + token, 200}, {"/api/state", "brava_token=" + zeros, 401},
+            {"/worklet.js", bearer, 200}, {"/files/../../etc/passwd", bearer, 404}};
+        for (const auto &[path, auth, status] : rows)
+            QVERIFY2(request("GET", QString::fromLatin1(path), {}, auth).first == status, QByteArray(path + ' ' + auth).constData());
     }
 
     void saleIsStoredWithItsFiles()
@@ -293,38 +268,25 @@ private Q_SLOTS:
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=confirm&ext=../x").arg(token), "png").first, 400);
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=confirm&ext=png").arg(token), "PNG").first, 200);
         QCOMPARE(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"fax","lead":"x","apv":1,"referral":"no"})").first, 400);
-        QStringList files = filesUnder(uploads());
-        files.sort();
-        QCOMPARE(files, QStringList({QStringLiteral("sales/%1/confirm.png").arg(token), QStringLiteral("sales/%1/sale.json").arg(token)}));
+        QCOMPARE(filesUnder(uploads()), QStringList({QStringLiteral("sales/%1/confirm.png").arg(token), QStringLiteral("sales/%1/sale.json").arg(token)}));
         const QJsonArray sales = room->state().value(QStringLiteral("sales")).toArray();
         QCOMPARE(sales.size(), 1);
         QCOMPARE(sales.first().toObject().value(QStringLiteral("files")).toArray().size(), 2);
     }
 
-    void typedCommandsAreCheckedWords_data()
-    {
-        QTest::addColumn<QString>("line");
-        QTest::addColumn<QString>("json"); // "" when refused
-        QTest::newRow("start") << "start s1" << R"({"session":"s1","type":"start"})";
-        QTest::newRow("start out") << "start ../x" << "";
-        QTest::newRow("start none") << "start" << "";
-        QTest::newRow("quality") << "quality med" << R"({"q":"med","type":"quality"})";
-        QTest::newRow("quality unknown") << "quality best" << "";
-        QTest::newRow("cameras") << "cameras on" << R"({"on":true,"type":"cameras"})";
-        QTest::newRow("listen maybe") << "listen maybe" << "";
-        QTest::newRow("preview hd") << "preview on hd" << R"({"hd":true,"on":true,"type":"preview"})";
-        QTest::newRow("whisper") << "whisper 3 ask  twice" << R"({"seat":3,"text":"ask twice","type":"whisper"})";
-        QTest::newRow("whisper no seat") << "whisper hi there" << "";
-        QTest::newRow("unknown") << "dance" << "";
-    }
     void typedCommandsAreCheckedWords()
     {
-        QFETCH(QString, line);
-        QFETCH(QString, json);
-        QString why;
-        const auto c = CommandWords::fromWords(line.split(QLatin1Char(' '), Qt::SkipEmptyParts), &why);
-        QCOMPARE(c ? QString::fromUtf8(QJsonDocument(*c).toJson(QJsonDocument::Compact)) : QString(), json);
-        QCOMPARE(why.isEmpty(), !json.isEmpty());
+        const struct { const char *line, *json; } rows[] = { // "" when refused
+            {"start s1", R"({"session":"s1","type":"start"})"}, {"start ../x", ""}, {"start", ""}, {"quality med", R"({"q":"med","type":"quality"})"},
+            {"quality best", ""}, {"cameras on", R"({"on":true,"type":"cameras"})"}, {"listen maybe", ""},
+            {"preview on hd", R"({"hd":true,"on":true,"type":"preview"})"}, {"whisper 3 ask  twice", R"({"seat":3,"text":"ask twice","type":"whisper"})"},
+            {"whisper hi there", ""}, {"dance", ""}};
+        for (const auto &r : rows) {
+            QString why;
+            const auto c = CommandWords::fromWords(QString::fromUtf8(r.line).split(QLatin1Char(' '), Qt::SkipEmptyParts), &why);
+            QCOMPARE(c ? QJsonDocument(*c).toJson(QJsonDocument::Compact) : QByteArray(), QByteArray(r.json));
+            QVERIFY2(why.isEmpty() == (*r.json != 0), r.line);
+        }
     }
 };
 

@@ -48,8 +48,9 @@ private Q_SLOTS:
     }
     void cleanupTestCase() { QDesktopServices::unsetUrlHandler(QStringLiteral("file")); }
 
-    // With a file manager on the bus the folder is selected in it, its URI fully encoded.
-    void theFileManagerShowsTheFolder()
+    // With a file manager on the bus the folder is selected in it, its URI fully encoded; with
+    // none answering, the folder (for a file, the folder holding it) opens instead.
+    void theFileManagerShowsTheFolderElseItOpens()
     {
         QDBusConnection own = bus.serve(QStringLiteral("org.freedesktop.FileManager1"), QStringLiteral("/org/freedesktop/FileManager1"), &manager);
         FolderReveal::show(folder);
@@ -58,11 +59,6 @@ private Q_SLOTS:
         QTest::qWait(200); // the answer has come: nothing else opens
         QVERIFY(opener.opened.isEmpty());
         QVERIFY(own.unregisterService(QStringLiteral("org.freedesktop.FileManager1")));
-    }
-
-    // No file manager answers: the folder (for a file, the folder holding it) opens instead.
-    void withoutAFileManagerTheFolderOpens()
-    {
         QTRY_VERIFY(!QDBusConnection::sessionBus().interface()->isServiceRegistered(QStringLiteral("org.freedesktop.FileManager1")));
         FolderReveal::show(folder);
         FolderReveal::show(folder + QStringLiteral("/brava-recorder"));

@@ -19,8 +19,6 @@ QByteArray feed(const QList<QByteArray> &entries, int schema = 1, const QByteArr
 }
 } // namespace
 
-Q_DECLARE_METATYPE(HttpsStub::Answer)
-
 class UpdateCheckTest : public QObject
 {
     Q_OBJECT
@@ -69,17 +67,14 @@ private Q_SLOTS:
             QSKIP(qPrintable(kit.unavailable));
     }
 
-    void versionOrder()
+    // Version order, and the only download addresses the policy allows.
+    void versionOrderAndUrlPolicy()
     {
         const struct { const char *a, *b; bool newer; } rows[] = {
             {"1.10", "1.9", true}, {"1.9", "1.10", false}, {"1.2", "1.2", false}, {"1.2.1", "1.2", true}, {"1.2", "1.2.1", false},
             {"1.100000000000000000001", "1.99999999999999999999", true}, {"1.02", "1.2", false}, {"1.0b", "1.0a", true}, {"", "1", false}};
         for (const auto &r : rows)
             QVERIFY2(AppUpdates::newer(QString::fromUtf8(r.a), QString::fromUtf8(r.b)) == r.newer, r.a);
-    }
-
-    void urlPolicy()
-    {
         const QString host = QStringLiteral("web.test");
         QVERIFY(UpdatePolicy::allowed(QUrl(QStringLiteral("https://web.test/wp-content/uploads/2026/r.zip")), host));
         for (const char *url : {"http://web.test/wp-content/uploads/r.zip", "https://evil.test/wp-content/uploads/r.zip", "https://a.web.test/wp-content/uploads/r.zip",
@@ -89,62 +84,46 @@ private Q_SLOTS:
             QVERIFY2(!UpdatePolicy::allowed(QUrl(QString::fromUtf8(url)), host), url);
     }
 
-    // Each row: the feed's answer, busy, manual → alerts, pending version, internal error.
-    void outcome_data()
-    {
-        using A = HttpsStub::Answer;
-        QTest::addColumn<A>("answer");
-        QTest::addColumn<bool>("busy");
-        QTest::addColumn<bool>("manual");
-        QTest::addColumn<QStringList>("alerts");
-        QTest::addColumn<QString>("pending");
-        QTest::addColumn<QString>("error");
-        const QStringList none, upToDate{QStringLiteral("You’re up to date")}, failed{QStringLiteral("Couldn’t check for updates")}, offer{kOffer};
-        const QString unexpected = QStringLiteral("Unexpected update feed"), down = QStringLiteral("Update service unavailable"), invalid = QStringLiteral("Invalid update release");
-        QTest::newRow("up to date, manual") << offering("1.9") << false << true << upToDate << "" << "";
-        QTest::newRow("up to date, automatic") << offering("1.9") << false << false << none << "" << "";
-        QTest::newRow("newer, manual") << offering("2.0") << false << true << offer << "2.0" << "";
-        QTest::newRow("newer, automatic") << offering("2.0") << false << false << offer << "2.0" << "";
-        QTest::newRow("busy, manual") << offering("2.0") << true << true << strings({"Update available"}) << "2.0" << "";
-        QTest::newRow("busy, automatic") << offering("2.0") << true << false << none << "2.0" << "";
-        QTest::newRow("only entry disabled") << offering("2.0", ", \"enabled\": false") << false << true << upToDate << "" << "";
-        QTest::newRow("first match counts, older")
-            << A{200, feed({release("3.0", ", \"enabled\": false"), release("3.0", ", \"enabled\": true", {}, kDigest, "mac"), release("1.5"), release("3.0")})}
-            << false << true << upToDate << "" << "";
-        QTest::newRow("first match counts, newer") << A{200, feed({release("2.0"), release("3.0")})} << false << true << offer << "2.0" << "";
-        QTest::newRow("schema 2") << A{200, feed({release("2.0")}, 2)} << false << true << failed << "" << unexpected;
-        QTest::newRow("other edition") << A{200, feed({release("2.0")}, 1, "rehearsal")} << false << true << failed << "" << unexpected;
-        QTest::newRow("mistyped field") << offering("2.0", ", \"enabled\": 1") << false << true << failed << ""
-                                        << "feed key \"enabled\" is missing or not a boolean";
-        QTest::newRow("status 500") << A{500, feed({})} << false << true << failed << "" << down;
-        QTest::newRow("feed of 70 kB") << offering("2.0", ", \"enabled\": true, \"pad\": \"" + QByteArray(70000, 'x') + "\"") << false << true
-                                       << failed << "" << down;
-        QTest::newRow("feed of 70 kB without a length") << A{200, QByteArray(70000, ' ') + feed({}), {}, false} << false << true << failed << "" << down;
-        QTest::newRow("redirect to http") << A{302, {}, "http://" + kit.host.toLatin1() + kFeedPath} << false << true << failed << "" << down;
-        // Newer releases that break the rules.
-        QTest::newRow("release with a port") << offering("2.0", ", \"enabled\": true", kit.base().toUtf8() + ":443/wp-content/uploads/r.zip")
-                                             << false << true << failed << "" << invalid;
-        QTest::newRow("digest in upper case") << offering("2.0", ", \"enabled\": true", {}, QByteArray(64, 'A')) << false << true << failed << "" << invalid;
-        QTest::newRow("version with a slash") << offering("2.0/x") << false << true << failed << "" << invalid;
-        QTest::newRow("version of 33 characters") << offering("2." + QByteArray(31, '1')) << false << true << failed << "" << invalid;
-        QTest::newRow("version of 32 characters") << offering("2.0-rc_1+b." + QByteArray(21, 'x')) << true << false << none << QString(QLatin1String("2.0-rc_1+b.") + QString(21, u'x')) << "";
-        QTest::newRow("digest of 63 digits") << offering("2.0", ", \"enabled\": true", {}, kDigest.left(63)) << false << true << failed << "" << invalid;
-    }
+    // Each row: its name, the feed's answer, busy, manual → alerts, pending version, internal error.
     void outcome()
     {
-        QFETCH(HttpsStub::Answer, answer);
-        QFETCH(bool, busy);
-        QFETCH(bool, manual);
-        QFETCH(QStringList, alerts);
-        QFETCH(QString, pending);
-        QFETCH(QString, error);
-        kit.busy = busy;
-        auto u = kit.updater();
-        QCOMPARE(runCheck(*u, answer, manual), alerts);
-        QCOMPARE(u->pending() ? u->pending()->version : QString(), pending);
-        QCOMPARE(u->lastError(), error);
-        QVERIFY(!u->checking());
-        QVERIFY(kit.server->heads.last().contains("\r\ncache-control: no-cache\r\n"));
+        using A = HttpsStub::Answer;
+        const QStringList none, upToDate{QStringLiteral("You’re up to date")}, failed{QStringLiteral("Couldn’t check for updates")}, offer{kOffer};
+        const QString unexpected = QStringLiteral("Unexpected update feed"), down = QStringLiteral("Update service unavailable"), invalid = QStringLiteral("Invalid update release");
+        const struct { const char *name; A answer; bool busy, manual; QStringList alerts; QString pending, error; } rows[] = {
+            {"up to date, manual", offering("1.9"), false, true, upToDate, {}, {}},
+            {"up to date, automatic", offering("1.9"), false, false, none, {}, {}},
+            {"newer, manual", offering("2.0"), false, true, offer, QStringLiteral("2.0"), {}},
+            {"newer, automatic", offering("2.0"), false, false, offer, QStringLiteral("2.0"), {}},
+            {"busy, manual", offering("2.0"), true, true, strings({"Update available"}), QStringLiteral("2.0"), {}},
+            {"busy, automatic", offering("2.0"), true, false, none, QStringLiteral("2.0"), {}},
+            {"only entry disabled", offering("2.0", ", \"enabled\": false"), false, true, upToDate, {}, {}},
+            {"first match counts, older", A{200, feed({release("3.0", ", \"enabled\": false"), release("3.0", ", \"enabled\": true", {}, kDigest, "mac"), release("1.5"), release("3.0")})}, false, true, upToDate, {}, {}},
+            {"first match counts, newer", A{200, feed({release("2.0"), release("3.0")})}, false, true, offer, QStringLiteral("2.0"), {}},
+            {"schema 2", A{200, feed({release("2.0")}, 2)}, false, true, failed, {}, unexpected},
+            {"other edition", A{200, feed({release("2.0")}, 1, "rehearsal")}, false, true, failed, {}, unexpected},
+            {"mistyped field", offering("2.0", ", \"enabled\": 1"), false, true, failed, {}, QStringLiteral("feed key \"enabled\" is missing or not a boolean")},
+            {"status 500", A{500, feed({})}, false, true, failed, {}, down},
+            {"feed of 70 kB", offering("2.0", ", \"enabled\": true, \"pad\": \"" + QByteArray(70000, 'x') + "\""), false, true, failed, {}, down},
+            {"feed of 70 kB without a length", A{200, QByteArray(70000, ' ') + feed({}), {}, false}, false, true, failed, {}, down},
+            {"redirect to http", A{302, {}, "http://" + kit.host.toLatin1() + kFeedPath}, false, true, failed, {}, down},
+            // Newer releases that break the rules.
+            {"release with a port", offering("2.0", ", \"enabled\": true", kit.base().toUtf8() + ":443/wp-content/uploads/r.zip"), false, true, failed, {}, invalid},
+            {"digest in upper case", offering("2.0", ", \"enabled\": true", {}, QByteArray(64, 'A')), false, true, failed, {}, invalid},
+            {"version with a slash", offering("2.0/x"), false, true, failed, {}, invalid},
+            {"version of 33 characters", offering("2." + QByteArray(31, '1')), false, true, failed, {}, invalid},
+            {"version of 32 characters", offering("2.0-rc_1+b." + QByteArray(21, 'x')), true, false, none, QString(QLatin1String("2.0-rc_1+b.") + QString(21, u'x')), {}},
+            {"digest of 63 digits", offering("2.0", ", \"enabled\": true", {}, kDigest.left(63)), false, true, failed, {}, invalid}};
+        for (const auto &r : rows) {
+            qInfo("%s", r.name);
+            kit.busy = r.busy;
+            auto u = kit.updater();
+            QCOMPARE(runCheck(*u, r.answer, r.manual), r.alerts);
+            QCOMPARE(u->pending() ? u->pending()->version : QString(), r.pending);
+            QCOMPARE(u->lastError(), r.error);
+            QVERIFY(!u->checking());
+            QVERIFY(kit.server->heads.last().contains("\r\ncache-control: no-cache\r\n"));
+        }
     }
 
     // Busy at the check: the tick's offer comes once the agent is idle, once per version until a
@@ -165,7 +144,8 @@ private Q_SLOTS:
         QCOMPARE(runCheck(*u, offering("2.0"), true), QStringList{kOffer});
     }
 
-    void secondCheckWhileOneRuns()
+    // One check at a time, and none from an unlocked build.
+    void secondCheckWhileOneRunsAndUnlockedBuild()
     {
         auto u = kit.updater();
         QSignalSpy done(u.get(), &AppUpdates::checkFinished);
@@ -178,15 +158,11 @@ private Q_SLOTS:
         QVERIFY(!done.wait(300)); // a second check would have ended by now
         QCOMPARE(kit.server->heads.size(), 1);
         QCOMPARE(kit.alerts.size(), 1);
-    }
-
-    void unlockedBuildNeverChecks()
-    {
         AppUpdates::Options o;
         o.webBase = kit.base();
-        AppUpdates u(kit.net, o);
-        u.check(true);
-        QVERIFY(!u.checking());
+        AppUpdates unlocked(kit.net, o);
+        unlocked.check(true);
+        QVERIFY(!unlocked.checking());
     }
 };
 

@@ -128,45 +128,37 @@ private Q_SLOTS:
         kit.answer = 0;
     }
 
-    // Idle, busy once verified, or busy again at the click: the file manager only when idle.
-    void handOver_data()
-    {
-        QTest::addColumn<bool>("busyWhenVerified");
-        QTest::addColumn<bool>("busyAtClick");
-        QTest::addColumn<int>("alerts");
-        QTest::newRow("idle") << false << false << 1;
-        QTest::newRow("busy when verified") << true << true << 1;
-        QTest::newRow("busy at the click") << false << true << 2; // instructions, then busy
-    }
+    // Idle, busy once verified, or busy again at the click: the file manager only when idle (after
+    // busy at the click, two alerts: the instructions, then busy).
     void handOver()
     {
-        QFETCH(bool, busyWhenVerified);
-        QFETCH(bool, busyAtClick);
-        QFETCH(int, alerts);
-        auto u = kit.updater();
-        QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
-        u->download(publish());
-        kit.busy = busyWhenVerified;
-        QVERIFY(done.wait(20000));
-        QCOMPARE(done[0][0].toBool(), true);
-        kit.busy = busyAtClick;
-        const QString folder = u->verifiedFolder();
-        QTRY_COMPARE(kit.alerts.size(), alerts);
-        QTRY_COMPARE(kit.revealed, busyAtClick ? QStringList() : QStringList{folder});
-        QCOMPARE(kit.alerts.last().message, QStringLiteral("Update verified"));
-        installedUntouched();
-        if (busyAtClick) {
-            QCOMPARE(kit.alerts.last().informative, QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
-            return;
+        const struct { bool busyWhenVerified, busyAtClick; int alerts; } rows[] = {{false, false, 1}, {true, true, 1}, {false, true, 2}};
+        for (const auto &[busyWhenVerified, busyAtClick, alerts] : rows) {
+            kit.alerts.clear(), kit.revealed.clear(), kit.busy = false;
+            auto u = kit.updater();
+            QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
+            u->download(publish());
+            kit.busy = busyWhenVerified;
+            QVERIFY(done.wait(20000) && done[0][0].toBool() == true);
+            kit.busy = busyAtClick;
+            const QString folder = u->verifiedFolder();
+            QTRY_COMPARE(kit.alerts.size(), alerts);
+            QTRY_COMPARE(kit.revealed, busyAtClick ? QStringList() : QStringList{folder});
+            QCOMPARE(kit.alerts.last().message, QStringLiteral("Update verified"));
+            installedUntouched();
+            if (busyAtClick) {
+                QCOMPARE(kit.alerts.last().informative, QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
+                continue;
+            }
+            QCOMPARE(kit.alerts[0].informative, QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + kit.installed
+                                                    + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number and settings stay saved."));
+            QCOMPARE(kit.alerts[0].buttons.value(0), QStringLiteral("Show Verified App"));
+            QVERIFY2(folder.startsWith(kit.dir.path() + QLatin1String("/brava-update-")) && folder.endsWith(QLatin1String("/verified/Brava Recorder")), qPrintable(folder));
+            QCOMPARE(QFile::permissions(QFileInfo(folder).path()) & 0x0077, QFile::Permissions());
+            QVERIFY(QFileInfo(folder + QLatin1String("/brava-recorder")).isExecutable());
+            QCOMPARE(QFileInfo(folder + QLatin1String("/data-link")).symLinkTarget(), folder + QLatin1String("/lib/data.txt"));
+            QVERIFY(QFile::exists(folder + QLatin1String("/../../Brava Recorder-2.0-linux.zip")));
         }
-        QCOMPARE(kit.alerts[0].informative, QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + kit.installed
-                                                + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number and settings stay saved."));
-        QCOMPARE(kit.alerts[0].buttons.value(0), QStringLiteral("Show Verified App"));
-        QVERIFY2(folder.startsWith(kit.dir.path() + QLatin1String("/brava-update-")) && folder.endsWith(QLatin1String("/verified/Brava Recorder")), qPrintable(folder));
-        QCOMPARE(QFile::permissions(QFileInfo(folder).path()) & 0x0077, QFile::Permissions());
-        QVERIFY(QFileInfo(folder + QLatin1String("/brava-recorder")).isExecutable());
-        QCOMPARE(QFileInfo(folder + QLatin1String("/data-link")).symLinkTarget(), folder + QLatin1String("/lib/data.txt"));
-        QVERIFY(QFile::exists(folder + QLatin1String("/../../Brava Recorder-2.0-linux.zip")));
     }
 
     void forged_data()
@@ -217,11 +209,9 @@ private Q_SLOTS:
         auto u = kit.updater();
         QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
         u->download(forge());
-        QVERIFY(done.wait(20000));
-        QCOMPARE(done[0][0].toBool(), false);
+        QVERIFY(done.wait(20000) && done[0][0].toBool() == false);
         QCOMPARE(u->lastError(), error);
-        QCOMPARE(kit.alerts.size(), 1);
-        QCOMPARE(kit.alerts[0].message, QStringLiteral("Update wasn’t opened"));
+        QVERIFY(kit.alerts.size() == 1 && kit.alerts[0].message == QStringLiteral("Update wasn’t opened"));
         QCOMPARE(kit.alerts[0].informative, QStringLiteral("The download or its signature could not be verified. Your installed app is "
                                                            "unchanged. Try Check for Updates again later."));
         QVERIFY2(kit.revealed.isEmpty() && !u->checking(), qPrintable(kit.revealed.join(u' ')));
@@ -248,38 +238,25 @@ private Q_SLOTS:
     }
 
     // What the unpacker refuses before it writes anything.
-    void unpackRefusals_data()
-    {
-        QTest::addColumn<QByteArray>("zip");
-        QTest::addColumn<QString>("reason");
-        const auto zip = [](QList<Item> items) {
-            items.prepend({"B/first.txt"});
-            return zipOf(items);
-        };
-        QTest::newRow("absolute path") << zip({{"/tmp/abs.txt"}}) << "leaves the folder";
-        QTest::newRow("dot-dot") << zip({{"B/../../x.txt"}}) << "leaves the folder";
-        QTest::newRow("link out") << zip({{"B/l", 0120777, "../../etc"}}) << "link leaves";
-        QTest::newRow("absolute link") << zip({{"B/l", 0120777, "/etc"}}) << "link leaves";
-        QTest::newRow("device") << zip({{"B/dev", 020644}}) << "device";
-        QTest::newRow("block device") << zip({{"B/blk", 060644}}) << "device";
-        QTest::newRow("twice") << zip({{"B/first.txt"}}) << "twice";
-        QTest::newRow("too many entries") << zip({{"B/2"}, {"B/3"}}) << "entries";
-        QTest::newRow("too many bytes") << zip({{"B/big", 0100644, QByteArray(2000, 'b')}}) << "bytes";
-    }
     void unpackRefusals()
     {
-        QFETCH(QByteArray, zip);
-        QFETCH(QString, reason);
-        QTemporaryDir into;
-        const QString out = into.filePath(QStringLiteral("out"));
-        writeFile(into.filePath(QStringLiteral("a.zip")), zip);
-        QDir().mkdir(out);
-        QList<ArchiveUnpacker::Entry> entries;
-        QString error;
-        QVERIFY(!ArchiveUnpacker::unpack(into.filePath(QStringLiteral("a.zip")), out, {2, 1000}, &entries, &error));
-        QVERIFY2(error.contains(reason), qPrintable(error));
-        QCOMPARE(QDir(out).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
-        QCOMPARE(QDir(into.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), (QStringList{QStringLiteral("a.zip"), QStringLiteral("out")}));
+        const QList<std::pair<QList<Item>, QString>> rows = { // entries after B/first.txt, the reason
+            {{{"/tmp/abs.txt"}}, QStringLiteral("leaves the folder")}, {{{"B/../../x.txt"}}, QStringLiteral("leaves the folder")},
+            {{{"B/l", 0120777, "../../etc"}}, QStringLiteral("link leaves")}, {{{"B/l", 0120777, "/etc"}}, QStringLiteral("link leaves")},
+            {{{"B/dev", 020644}}, QStringLiteral("device")}, {{{"B/blk", 060644}}, QStringLiteral("device")}, {{{"B/first.txt"}}, QStringLiteral("twice")},
+            {{{"B/2"}, {"B/3"}}, QStringLiteral("entries")}, {{{"B/big", 0100644, QByteArray(2000, 'b')}}, QStringLiteral("bytes")}};
+        for (const auto &[items, reason] : rows) {
+            QTemporaryDir into;
+            const QString out = into.filePath(QStringLiteral("out"));
+            writeFile(into.filePath(QStringLiteral("a.zip")), zipOf(QList<Item>{{"B/first.txt"}} + items));
+            QDir().mkdir(out);
+            QList<ArchiveUnpacker::Entry> entries;
+            QString error;
+            QVERIFY(!ArchiveUnpacker::unpack(into.filePath(QStringLiteral("a.zip")), out, {2, 1000}, &entries, &error));
+            QVERIFY2(error.contains(reason), qPrintable(error));
+            QCOMPARE(QDir(out).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+            QCOMPARE(QDir(into.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), (QStringList{QStringLiteral("a.zip"), QStringLiteral("out")}));
+        }
     }
 };
 

@@ -9,8 +9,6 @@
 #include <QMessageBox>
 #include <QPushButton>
 
-Q_DECLARE_METATYPE(Alert)
-
 class UpdateScreensTest : public QObject
 {
     Q_OBJECT
@@ -24,39 +22,33 @@ private Q_SLOTS:
         QDir().mkpath(shots);
     }
 
-    void alert_data()
+    void alerts()
     {
         using U = Uninstaller;
-        QTest::addColumn<Alert>("alert");
-        QTest::newRow("update-up-to-date") << UpdateAlerts::upToDate(QStringLiteral("1.9"));
-        QTest::newRow("update-available-busy") << UpdateAlerts::availableButBusy(QStringLiteral("2.0"));
-        QTest::newRow("update-check-failed") << UpdateAlerts::checkFailed();
-        QTest::newRow("update-offer") << UpdateAlerts::offer(QStringLiteral("2.0"));
-        QTest::newRow("update-verified") << UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"), false);
-        QTest::newRow("update-verified-package") << UpdateAlerts::verified(QStringLiteral("/usr/lib/brava-recorder"), true);
-        QTest::newRow("update-verified-busy") << UpdateAlerts::verifiedButBusy();
-        QTest::newRow("update-not-opened") << UpdateAlerts::notOpened();
-        QTest::newRow("uninstall") << U::confirmation(0, U::AppRemoval::Trash, QString());
-        QTest::newRow("uninstall-pending") << U::confirmation(3, U::AppRemoval::Trash, QString());
-        QTest::newRow("uninstall-package") << U::confirmation(0, U::AppRemoval::Package, QString());
-        QTest::newRow("uninstall-by-hand") << U::confirmation(0, U::AppRemoval::ByHand, QStringLiteral("/opt/brava"));
-    }
-    void alert()
-    {
-        QFETCH(Alert, alert);
-        int answered = -2;
-        QMessageBox *box = AlertBox::show(alert, [&answered](int b) { answered = b; });
-        QVERIFY(QTest::qWaitForWindowExposed(box));
-        QCOMPARE(box->text(), alert.message);
-        QCOMPARE(box->informativeText(), alert.informative);
-        QCOMPARE(box->icon(), alert.critical ? QMessageBox::Critical : QMessageBox::Information);
-        QCOMPARE(box->buttons().size(), alert.buttons.size());
-        for (QAbstractButton *b : box->buttons())
-            QVERIFY2(alert.buttons.contains(b->text()), qPrintable(b->text()));
-        QCOMPARE(box->defaultButton()->text(), alert.buttons.first());
-        QVERIFY(box->grab().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + QStringLiteral(".png")));
-        box->defaultButton()->click();
-        QTRY_COMPARE(answered, 0);
+        const QList<std::pair<const char *, Alert>> rows = {
+            {"update-up-to-date", UpdateAlerts::upToDate(QStringLiteral("1.9"))}, {"update-available-busy", UpdateAlerts::availableButBusy(QStringLiteral("2.0"))},
+            {"update-check-failed", UpdateAlerts::checkFailed()}, {"update-offer", UpdateAlerts::offer(QStringLiteral("2.0"))},
+            {"update-verified", UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"), false)},
+            {"update-verified-package", UpdateAlerts::verified(QStringLiteral("/usr/lib/brava-recorder"), true)},
+            {"update-verified-busy", UpdateAlerts::verifiedButBusy()}, {"update-not-opened", UpdateAlerts::notOpened()},
+            {"uninstall", U::confirmation(0, U::AppRemoval::Trash, QString())}, {"uninstall-pending", U::confirmation(3, U::AppRemoval::Trash, QString())},
+            {"uninstall-package", U::confirmation(0, U::AppRemoval::Package, QString())},
+            {"uninstall-by-hand", U::confirmation(0, U::AppRemoval::ByHand, QStringLiteral("/opt/brava"))}};
+        for (const auto &[name, alert] : rows) {
+            int answered = -2;
+            QMessageBox *box = AlertBox::show(alert, [&answered](int b) { answered = b; });
+            QVERIFY(QTest::qWaitForWindowExposed(box));
+            QCOMPARE(box->text(), alert.message);
+            QCOMPARE(box->informativeText(), alert.informative);
+            QCOMPARE(box->icon(), alert.critical ? QMessageBox::Critical : QMessageBox::Information);
+            QCOMPARE(box->buttons().size(), alert.buttons.size());
+            for (QAbstractButton *b : box->buttons())
+                QVERIFY2(alert.buttons.contains(b->text()), qPrintable(b->text()));
+            QCOMPARE(box->defaultButton()->text(), alert.buttons.first());
+            QVERIFY(box->grab().save(shots + QLatin1Char('/') + QLatin1String(name) + QStringLiteral(".png")));
+            box->defaultButton()->click();
+            QTRY_COMPARE(answered, 0);
+        }
     }
 };
 

@@ -10,7 +10,6 @@
 #include <QProcess>
 #include <QtTest>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -23,6 +22,12 @@ void writeFile(const QString &path, const QByteArray &data = "x")
     f.write(data);
 }
 
+QByteArray readFile(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
 // Every file (not folder) below `root`, leaving out `except`.
 QStringList filesBelow(const QString &root, const QString &except)
 {
@@ -30,26 +35,11 @@ QStringList filesBelow(const QString &root, const QString &except)
     for (QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories); it.hasNext();)
         if (const QString path = it.next(); !path.startsWith(except))
             files.append(path);
+    files.sort();
     return files;
 }
 
-// Starts the relaunch of `exe` for a running process and shows that it waits for the process to end.
-void relaunchWaits(const QString &exe)
-{
-    QProcess old;
-    old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
-    QVERIFY(old.waitForStarted());
-    QVERIFY(Relaunch::start(old.processId(), exe));
-    // The shell polls every 0.2 s: give it a few rounds to show that it waits.
-    QTest::qWait(600);
-    QVERIFY(!QFile::exists(QFileInfo(exe).path() + QLatin1String("/started")));
-    old.kill();
-    old.waitForFinished();
-}
-
 } // namespace
-
-Q_DECLARE_METATYPE(Uninstaller::AppRemoval)
 
 class UpkeepTest : public QObject
 {
@@ -68,17 +58,14 @@ public:
     }
 
 private Q_SLOTS:
-    void newBuild()
+    // A newer build (in number order) on disk relaunches only once the agent is idle (no take, no
+    // pending upload).
+    void newBuildWaitsForIdle()
     {
         const struct { const char *onDisk, *running; bool relaunch; } rows[] = {
             {"8", "7", true}, {"10", "9", true}, {"7", "7", false}, {"6", "7", false}, {"", "7", false}};
         for (const auto &r : rows)
             QVERIFY2(Relaunch::newBuild(QString::fromUtf8(r.onDisk), QString::fromUtf8(r.running)) == r.relaunch, r.onDisk);
-    }
-
-    // A newer build on disk relaunches only once the agent is idle (no take, no pending upload).
-    void newBuildWaitsForIdle()
-    {
         const QString info = tmp.path() + QLatin1String("/Info.ini");
         writeFile(info, "[General]\nCFBundleVersion=7\n");
         const BuildInfo running = BuildInfo::read(info);
@@ -100,68 +87,54 @@ private Q_SLOTS:
         QCOMPARE(relaunched, 1);
     }
 
-    // The script waits for the old process, then starts the file in a folder whose name holds a
-    // space, quotes and a command substitution, and runs nothing else.
     // The relaunch script, and the start-at-login entry as GLib's desktop-entry reader runs it, start
     // exactly the program in a folder whose name holds shell syntax.
-    void startsTheRightFile_data()
-    {
-        QTest::addColumn<bool>("atLogin");
-        QTest::newRow("relaunch once the old process has gone") << false;
-        QTest::newRow("start at login") << true;
-    }
     void startsTheRightFile()
     {
-        QFETCH(bool, atLogin);
-        const QString work = tmp.path() + QLatin1String("/relaunch"), folder = work + QLatin1String("/it's \"a\" $(touch PWNED) `touch PWNED2` dir"), exe = folder + QLatin1String("/brava-recorder");
-        QDir(work).removeRecursively();
-        writeFile(exe, "#!/bin/sh\necho \"$0\" > \"$(dirname \"$0\")/started\"\n");
-        QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        QVERIFY(QDir::setCurrent(work));
-        if (atLogin) {
-            if (QStandardPaths::findExecutable(QStringLiteral("gio")).isEmpty())
-                QSKIP("no gio (libglib2.0-bin) to read the entry");
-            writeFile(folder + QLatin1String("/entry.desktop"), "[Desktop Entry]\nType=Application\nName=B\nExec=" + LoginItem::execQuoted(exe).toUtf8() + "\n");
-            QCOMPARE(QProcess::execute(QStringLiteral("gio"), {QStringLiteral("launch"), folder + QLatin1String("/entry.desktop")}), 0);
-        } else {
-            relaunchWaits(exe);
+        for (const bool atLogin : {false, true}) {
+            const QString work = tmp.path() + QLatin1String("/relaunch"), folder = work + QLatin1String("/it's \"a\" $(touch PWNED) `touch PWNED2` dir"), exe = folder + QLatin1String("/brava-recorder");
+            QDir(work).removeRecursively();
+            writeFile(exe, "#!/bin/sh\necho \"$0\" > \"$(dirname \"$0\")/started\"\n");
+            QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+            QVERIFY(QDir::setCurrent(work));
+            if (atLogin) {
+                if (QStandardPaths::findExecutable(QStringLiteral("gio")).isEmpty())
+                    QSKIP("no gio (libglib2.0-bin) to read the entry");
+                writeFile(folder + QLatin1String("/entry.desktop"), "[Desktop Entry]\nType=Application\nName=B\nExec=" + LoginItem::execQuoted(exe).toUtf8() + "\n");
+                QCOMPARE(QProcess::execute(QStringLiteral("gio"), {QStringLiteral("launch"), folder + QLatin1String("/entry.desktop")}), 0);
+            } else { // the relaunch waits for the old process to end; the shell polls every 0.2 s
+                QProcess old;
+                old.start(QStringLiteral("sleep"), {QStringLiteral("60")});
+                QVERIFY(old.waitForStarted() && Relaunch::start(old.processId(), exe));
+                QTest::qWait(600);
+                QVERIFY(!QFile::exists(folder + QLatin1String("/started")));
+                old.kill();
+                old.waitForFinished();
+            }
+            QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QLatin1String("/started")), 10000);
+            QCOMPARE(QString::fromUtf8(readFile(folder + QLatin1String("/started"))).trimmed(), exe);
+            QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
         }
-        QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(folder + QLatin1String("/started")), 10000);
-        QFile started(folder + QLatin1String("/started"));
-        QVERIFY(started.open(QIODevice::ReadOnly));
-        QCOMPARE(QString::fromUtf8(started.readAll()).trimmed(), exe);
-        QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
     }
 
-    void confirmation_data()
+    void confirmation()
     {
         using R = Uninstaller::AppRemoval;
-        QTest::addColumn<int>("pending");
-        QTest::addColumn<Uninstaller::AppRemoval>("removal");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("button");
-        QTest::addColumn<bool>("critical");
         const QString none = QStringLiteral("This removes Brava Recorder and its settings from this computer. Recordings already sent to the control room aren't affected.");
         const QString waiting = QStringLiteral(" recording file(s) haven't uploaded to the control room yet. Connect to the event Wi-Fi and wait for them to finish, "
                                 "or they'll be lost.");
-        QTest::newRow("nothing pending") << 0 << R::Trash << none << "Uninstall" << false;
-        QTest::newRow("pending") << 3 << R::Trash << QString(QLatin1String("3") + waiting) << "Uninstall Anyway" << true;
-        QTest::newRow("package") << 0 << R::Package << QString(none + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the "
-                                                                       "brava-recorder package afterwards.")) << "Uninstall" << false;
-        QTest::newRow("by hand") << 1 << R::ByHand << QString(QLatin1String("1") + waiting + QLatin1String("\n\nThe program's folder stays where it is: /opt/b")) << "Uninstall Anyway" << true;
-    }
-    void confirmation()
-    {
-        QFETCH(int, pending);
-        QFETCH(Uninstaller::AppRemoval, removal);
-        QFETCH(QString, text);
-        QFETCH(QString, button);
-        QFETCH(bool, critical);
-        const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
-        QCOMPARE(a.message, QStringLiteral("Uninstall Brava Recorder?"));
-        QCOMPARE(a.informative, text);
-        QCOMPARE(a.buttons, (QStringList{button, QStringLiteral("Cancel")}));
-        QCOMPARE(a.critical, critical);
+        const QList<std::tuple<int, R, QString, QString>> rows = { // pending, removal: text, first button; critical while files wait
+            {0, R::Trash, none, QStringLiteral("Uninstall")},
+            {3, R::Trash, QLatin1String("3") + waiting, QStringLiteral("Uninstall Anyway")},
+            {0, R::Package, none + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the brava-recorder package afterwards."), QStringLiteral("Uninstall")},
+            {1, R::ByHand, QLatin1String("1") + waiting + QLatin1String("\n\nThe program's folder stays where it is: /opt/b"), QStringLiteral("Uninstall Anyway")}};
+        for (const auto &[pending, removal, text, button] : rows) {
+            const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
+            QCOMPARE(a.message, QStringLiteral("Uninstall Brava Recorder?"));
+            QCOMPARE(a.informative, text);
+            QCOMPARE(a.buttons, (QStringList{button, QStringLiteral("Cancel")}));
+            QCOMPARE(a.critical, pending > 0);
+        }
     }
 
     void removalOfTheProgram()
@@ -180,75 +153,62 @@ private Q_SLOTS:
         }
     }
 
-    void uninstall_data()
-    {
-        QTest::addColumn<int>("answer");
-        QTest::addColumn<bool>("package");
-        QTest::newRow("cancel") << 1 << false;
-        QTest::newRow("uninstall anyway") << 0 << false;
-        QTest::newRow("package install") << 0 << true;
-    }
+    // Cancelled, uninstalled anyway, uninstalled from a package install.
     void uninstall()
     {
-        QFETCH(int, answer);
-        QFETCH(bool, package);
-        QDir(home).removeRecursively();
-        const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
-        const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
-                                       home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package};
-        for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
-                                    paths.settingsFile, paths.autostartEntry})
-            writeFile(file);
-        Uninstaller u(paths);
-        QList<Alert> alerts;
-        bool stopped = false, cleared = false, quit = false;
-        u.pendingCount = [] { return 2; };
-        u.ask = [&](const Alert &a, std::function<void(int)> reply) {
-            alerts.append(a);
-            QMetaObject::invokeMethod(&u, [reply, answer] { reply(answer); }, Qt::QueuedConnection);
-        };
-        u.stopRecorder = [&](std::function<void()> done) {
-            stopped = true;
-            QMetaObject::invokeMethod(&u, done, Qt::QueuedConnection);
-        };
-        u.beforeRemoving = [&] { cleared = stopped; };
-        u.quit = [&] { quit = true; };
-        const QStringList before = filesBelow(home, trash);
-        u.start();
-        QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
-        if (answer != 0) {
-            // The answer is queued, and so is the recorder's stop: two rounds of events would reach a removal.
-            QCoreApplication::processEvents();
-            QCoreApplication::processEvents();
-            QVERIFY(!stopped && !quit);
-            QCOMPARE(filesBelow(home, trash), before);
-            return;
+        for (const auto &[answer, package] : {std::pair(1, false), std::pair(0, false), std::pair(0, true)}) {
+            QDir(home).removeRecursively();
+            const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
+            const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
+                                           home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package};
+            for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
+                                        paths.settingsFile, paths.autostartEntry})
+                writeFile(file);
+            Uninstaller u(paths);
+            QList<Alert> alerts;
+            bool stopped = false, cleared = false, quit = false;
+            u.pendingCount = [] { return 2; };
+            u.ask = [&](const Alert &a, std::function<void(int)> reply) {
+                alerts.append(a);
+                QMetaObject::invokeMethod(&u, [reply, answer] { reply(answer); }, Qt::QueuedConnection);
+            };
+            u.stopRecorder = [&](std::function<void()> done) {
+                stopped = true;
+                QMetaObject::invokeMethod(&u, done, Qt::QueuedConnection);
+            };
+            u.beforeRemoving = [&] { cleared = stopped; };
+            u.quit = [&] { quit = true; };
+            const QStringList before = filesBelow(home, trash);
+            u.start();
+            QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
+            if (answer != 0) {
+                // The answer is queued, and so is the recorder's stop: two rounds of events would reach a removal.
+                QCoreApplication::processEvents();
+                QCoreApplication::processEvents();
+                QVERIFY(!stopped && !quit);
+                QCOMPARE(filesBelow(home, trash), before);
+                continue;
+            }
+            QTRY_VERIFY(quit);
+            QVERIFY(cleared);
+            QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
+            if (package) {
+                // The package's folder is the package manager's; the package's start at login for
+                // every user is switched off by this user's hidden copy.
+                QCOMPARE(filesBelow(home, trash), (QStringList{paths.autostartEntry, app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
+                QVERIFY(readFile(paths.autostartEntry).contains("\nHidden=true\n"));
+                QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
+                continue;
+            }
+            // Nothing of the agent outside the Trash; in the Trash the two folders with notes of where they were.
+            QCOMPARE(filesBelow(home, trash), QStringList());
+            QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
+            QString notes;
+            for (const QFileInfo &note : QDir(trash + QLatin1String("/info")).entryInfoList({QStringLiteral("*.trashinfo")}))
+                notes += QUrl::fromPercentEncoding(readFile(note.filePath()));
+            QCOMPARE(notes.count(QStringLiteral("[Trash Info]\nPath=")), 2);
+            QVERIFY2(notes.contains(QString(QLatin1String("Path=") + app + QLatin1String("\n"))) && notes.contains(QString(QLatin1String("Path=") + paths.dataFolder + QLatin1String("\n"))), qPrintable(notes));
         }
-        QTRY_VERIFY(quit);
-        QVERIFY(cleared);
-        QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
-        if (package) {
-            // The package's folder is the package manager's; the package's start at login for
-            // every user is switched off by this user's hidden copy.
-            QStringList left = filesBelow(home, trash);
-            left.sort();
-            QCOMPARE(left, (QStringList{paths.autostartEntry, app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
-            QFile entry(paths.autostartEntry);
-            QVERIFY(entry.open(QIODevice::ReadOnly) && entry.readAll().contains("\nHidden=true\n"));
-            QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
-            return;
-        }
-        // Nothing of the agent outside the Trash; in the Trash the two folders with notes of where they were.
-        QCOMPARE(filesBelow(home, trash), QStringList());
-        QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 2);
-        QString notes;
-        for (const QFileInfo &note : QDir(trash + QLatin1String("/info")).entryInfoList({QStringLiteral("*.trashinfo")})) {
-            QFile f(note.filePath());
-            QVERIFY(f.open(QIODevice::ReadOnly));
-            notes += QUrl::fromPercentEncoding(f.readAll());
-        }
-        QCOMPARE(notes.count(QStringLiteral("[Trash Info]\nPath=")), 2);
-        QVERIFY2(notes.contains(QString(QLatin1String("Path=") + app + QLatin1String("\n"))) && notes.contains(QString(QLatin1String("Path=") + paths.dataFolder + QLatin1String("\n"))), qPrintable(notes));
     }
 };
 

@@ -75,50 +75,32 @@ private Q_SLOTS:
 
     // The query follows the file name; whatever the control room calls a session reaches it byte
     // for byte, fully encoded.
-    void queryFollowsTheNameAndTheBodyIsTheFile_data()
-    {
-        QTest::addColumn<QString>("session");
-        QTest::addColumn<QString>("file");
-        QTest::addColumn<QString>("query");
-        const char *mic = "mic_1_00000.m4a";
-        const QString micItems = QStringLiteral("mic&take=1&idx=0&final=0&ext=m4a");
-        QTest::newRow("final piece") << "Show 1 A&B=?" << "mic_1700000000000_00012_final.m4a" << "Show%201%20A%26B%3D%3F&track=mic&take=1700000000000&idx=12&final=1&ext=m4a";
-        QTest::newRow("not a number") << "s" << "mic_3_x1.m4a" << "s&track=mic&take=3&idx=0&final=0&ext=m4a";
-        QTest::newRow("overflow") << "s" << "cam_3_99999999999999999999.mp4" << "s&track=cam&take=3&idx=0&final=0&ext=mp4";
-        QTest::newRow("empty pieces") << "s" << "room__3___-0004_final.m4a" << "s&track=room&take=3&idx=-4&final=1&ext=m4a";
-        QTest::newRow("encoded slash") << "..%2F..%2Fetc" << mic << QStringLiteral("..%252F..%252Fetc&track=") + micItems;
-        QTest::newRow("plus") << "a+b" << mic << QStringLiteral("a%2Bb&track=") + micItems;
-        QTest::newRow("percent") << "%00" << mic << QStringLiteral("%2500&track=") + micItems;
-        QTest::newRow("fragment") << "x&y=z#w" << mic << QStringLiteral("x%26y%3Dz%23w&track=") + micItems;
-        QTest::newRow("UTF-8") << QString::fromUtf8("Grüße 東京") << mic << QStringLiteral("Gr%C3%BC%C3%9Fe%20%E6%9D%B1%E4%BA%AC&track=") + micItems;
-        QTest::newRow("NUL") << QString(QChar(0)) + QStringLiteral("x") << mic << QStringLiteral("%00x&track=") + micItems;
-    }
     void queryFollowsTheNameAndTheBodyIsTheFile()
     {
-        QFETCH(QString, session);
-        QFETCH(QString, file);
-        QFETCH(QString, query);
-        pending(session, file);
-        start();
-        QTRY_COMPARE(server->requests.size(), 1);
-        const HttpStub::Request &r = server->requests.first();
-        QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("POST /upload"));
-        QCOMPARE(r.url.query(QUrl::FullyEncoded), QStringLiteral("id=7&session=") + query);
-        QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type"), r.headers.value("content-type").constData());
-        QTRY_COMPARE(up->pendingCount(), 0);
-        QVERIFY(QDir(folder("pending") + QLatin1Char('/') + SessionFolder::name(session)).isEmpty());
-    }
-
-    void aBodyOfManyBlocksArrivesWhole()
-    {
-        QByteArray bytes(int(SegmentPost::kBlockBytes * 5 / 2 + 7), '\0');
-        for (qsizetype i = 0; i < bytes.size(); ++i)
-            bytes[i] = char(i * 7 + i / 4093);
-        server->keepBodyBytes = bytes.size();
-        put(folder("pending") + QStringLiteral("/s"), QStringLiteral("cam_1_00000.mp4"), bytes);
-        start();
-        QTRY_COMPARE(up->pendingCount(), 0);
-        QVERIFY(server->requests.size() == 1 && server->requests.first().body == bytes);
+        const QString mic = QStringLiteral("mic_1_00000.m4a"), micItems = QStringLiteral("&track=mic&take=1&idx=0&final=0&ext=m4a");
+        const QList<std::tuple<QString, QString, QString>> rows = { // session, file name: query
+            {QStringLiteral("Show 1 A&B=?"), QStringLiteral("mic_1700000000000_00012_final.m4a"), QStringLiteral("Show%201%20A%26B%3D%3F&track=mic&take=1700000000000&idx=12&final=1&ext=m4a")},
+            {QStringLiteral("s"), QStringLiteral("mic_3_x1.m4a"), QStringLiteral("s&track=mic&take=3&idx=0&final=0&ext=m4a")}, // not a number
+            {QStringLiteral("s"), QStringLiteral("cam_3_99999999999999999999.mp4"), QStringLiteral("s&track=cam&take=3&idx=0&final=0&ext=mp4")}, // overflow
+            {QStringLiteral("s"), QStringLiteral("room__3___-0004_final.m4a"), QStringLiteral("s&track=room&take=3&idx=-4&final=1&ext=m4a")}, // empty pieces
+            {QStringLiteral("..%2F..%2Fetc"), mic, QStringLiteral("..%252F..%252Fetc") + micItems},
+            {QStringLiteral("a+b"), mic, QStringLiteral("a%2Bb") + micItems},
+            {QStringLiteral("%00"), mic, QStringLiteral("%2500") + micItems},
+            {QStringLiteral("x&y=z#w"), mic, QStringLiteral("x%26y%3Dz%23w") + micItems},
+            {QString::fromUtf8("Grüße 東京"), mic, QStringLiteral("Gr%C3%BC%C3%9Fe%20%E6%9D%B1%E4%BA%AC") + micItems},
+            {QString(QChar(0)) + QStringLiteral("x"), mic, QStringLiteral("%00x") + micItems}};
+        for (const auto &[session, file, query] : rows) {
+            init();
+            pending(session, file);
+            start();
+            QTRY_COMPARE(server->requests.size(), 1);
+            const HttpStub::Request &r = server->requests.first();
+            QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("POST /upload"));
+            QCOMPARE(r.url.query(QUrl::FullyEncoded), QStringLiteral("id=7&session=") + query);
+            QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type"), r.headers.value("content-type").constData());
+            QTRY_COMPARE(up->pendingCount(), 0);
+            QVERIFY(QDir(folder("pending") + QLatin1Char('/') + SessionFolder::name(session)).isEmpty());
+        }
     }
 
     void oddNamesAreSetAsideAndOddSessionsStayInside()
@@ -141,66 +123,55 @@ private Q_SLOTS:
         QCOMPARE(QDir(folder("pending") + QStringLiteral("/s")).entryList(QDir::Files), strings({"mic_1_00003.m4a.part", "notes.txt"}));
     }
 
-    void onlyStatus200Succeeds_data()
-    {
-        QTest::addColumn<int>("kind");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<int>("fault");
-        QTest::newRow("201") << int(HttpStub::Answer::Reply) << 201 << int(Uploader::Fault::Refused);
-        QTest::newRow("500") << int(HttpStub::Answer::Reply) << 500 << int(Uploader::Fault::Refused);
-        QTest::newRow("reset") << int(HttpStub::Answer::Reset) << 0 << int(Uploader::Fault::Transport);
-        QTest::newRow("silent") << int(HttpStub::Answer::Hang) << 0 << int(Uploader::Fault::Transport);
-    }
+    // Statuses 201 and 500 are refusals; a reset or silence is a fault of the transport.
     void onlyStatus200Succeeds()
     {
-        QFETCH(int, kind);
-        QFETCH(int, status);
-        QFETCH(int, fault);
-        const HttpStub::Answer refusal{HttpStub::Answer::Kind(kind), status};
-        server->script({refusal, refusal});
-        pending(QStringLiteral("s"), QStringLiteral("cam_1_00000.mp4"));
-        pending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
-        start();
-        QTRY_COMPARE(int(up->fault()), fault);
-        QVERIFY(up->lastError().contains(QLatin1String("cam_1_00000.mp4")) && up->pendingCount() == 2);
-        // Refused twice: the same file comes again, the one behind it waits; the fault is logged once.
-        QTRY_VERIFY(sent().endsWith(QStringLiteral("mic_1_00000.m4a")));
-        QVERIFY(sent().count(QStringLiteral("cam_1_00000.mp4")) == sent().size() - 1 && sent().size() >= 4);
-        QTRY_COMPARE(up->pendingCount(), 0);
-        QVERIFY(up->fault() == Uploader::Fault::None && home.log().count(QStringLiteral("upload: upload of")) == 1);
+        using A = HttpStub::Answer;
+        using F = Uploader::Fault;
+        const struct { A::Kind kind; int status; F fault; } rows[] = {{A::Reply, 201, F::Refused}, {A::Reply, 500, F::Refused}, {A::Reset, 0, F::Transport}, {A::Hang, 0, F::Transport}};
+        for (const auto &[kind, status, fault] : rows) {
+            init();
+            const HttpStub::Answer refusal{kind, status};
+            server->script({refusal, refusal});
+            pending(QStringLiteral("s"), QStringLiteral("cam_1_00000.mp4"));
+            pending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
+            start();
+            QTRY_COMPARE(up->fault(), fault);
+            QVERIFY(up->lastError().contains(QLatin1String("cam_1_00000.mp4")) && up->pendingCount() == 2);
+            // Refused twice: the same file comes again, the one behind it waits; the fault is logged once.
+            QTRY_VERIFY(sent().endsWith(QStringLiteral("mic_1_00000.m4a")));
+            QVERIFY(sent().count(QStringLiteral("cam_1_00000.mp4")) == sent().size() - 1 && sent().size() >= 4);
+            QTRY_COMPARE(up->pendingCount(), 0);
+            QVERIFY(up->fault() == Uploader::Fault::None && home.log().count(QStringLiteral("upload: upload of")) == 1);
+        }
     }
 
     // The status line as each HTTP version writes it; anything else is a malformed answer.
-    void statusLines_data()
-    {
-        QTest::addColumn<QByteArray>("head");
-        QTest::addColumn<int>("status");
-        QTest::newRow("1.1") << QByteArray("HTTP/1.1 200 OK\r\n") << 200;
-        QTest::newRow("1.0") << QByteArray("HTTP/1.0 200 OK\r\n") << 200;
-        QTest::newRow("no reason") << QByteArray("HTTP/1.1 404\r\n") << 404;
-        QTest::newRow("2") << QByteArray("HTTP/2 200\r\n") << 0;
-        QTest::newRow("four digits") << QByteArray("HTTP/1.1 2000 OK\r\n") << 0;
-        QTest::newRow("two digits") << QByteArray("HTTP/1.1 20 OK\r\n") << 0;
-        QTest::newRow("lower case") << QByteArray("http/1.1 200 OK\r\n") << 0;
-    }
     void statusLines()
     {
-        QFETCH(QByteArray, head);
-        QFETCH(int, status);
-        QCOMPARE(SegmentPost::statusOf(head), status);
+        const struct { const char *head; int status; } rows[] = {
+            {"HTTP/1.1 200 OK\r\n", 200}, {"HTTP/1.0 200 OK\r\n", 200}, {"HTTP/1.1 404\r\n", 404}, {"HTTP/2 200\r\n", 0},
+            {"HTTP/1.1 2000 OK\r\n", 0}, {"HTTP/1.1 20 OK\r\n", 0}, {"http/1.1 200 OK\r\n", 0}};
+        for (const auto &r : rows)
+            QVERIFY2(SegmentPost::statusOf(r.head) == r.status, r.head);
     }
 
     // A room that answers slowly, but within the limit, and in the older HTTP version, is a room
-    // that works; the limits are the real ones unless a test shortens them.
-    void aSlowOldRoomStillTakesTheFile()
+    // that works, and a body of many blocks arrives whole; the limits are the real ones unless a
+    // test shortens them.
+    void aSlowOldRoomTakesABodyOfManyBlocks()
     {
         const Uploader plain(home.settings());
         QVERIFY(plain.requestTimeoutMs == 60000 && plain.tickIntervalMs == 3000);
         server->script({HttpStub::Answer{HttpStub::Answer::Reply, 200, {}, "text/plain", 600, "HTTP/1.0"}});
-        pending(QStringLiteral("s"), QStringLiteral("mic_1_00000.m4a"));
+        QByteArray bytes(int(SegmentPost::kBlockBytes * 5 / 2 + 7), '\0');
+        for (qsizetype i = 0; i < bytes.size(); ++i)
+            bytes[i] = char(i * 7 + i / 4093);
+        server->keepBodyBytes = bytes.size();
+        put(folder("pending") + QStringLiteral("/s"), QStringLiteral("cam_1_00000.mp4"), bytes);
         start(150, 1000);
         QTRY_COMPARE(up->pendingCount(), 0);
-        QVERIFY(up->fault() == Uploader::Fault::None && server->requests.size() == 1);
+        QVERIFY(up->fault() == Uploader::Fault::None && server->requests.size() == 1 && server->requests.first().body == bytes);
     }
 
     void backlogDrainsBackToBackAndArrivalsWait()
@@ -229,11 +200,9 @@ private Q_SLOTS:
         // A take cut by a crash: a whole piece, one cut inside a fragment, one opened just before
         // (empty), one ended before, and one without media.
         const QString take = folder("writing") + QLatin1Char('/') + SessionFolder::name(QStringLiteral("s/1"));
-        put(take, QStringLiteral("mic_7_00000.m4a"), fragmented(3));
-        put(take, QStringLiteral("mic_7_00001.m4a"), fragmented(1) + box("moof", 24));
-        put(take, QStringLiteral("mic_7_00002.m4a"), QByteArray(""));
-        put(take, QStringLiteral("sys_7_00000_final.m4a"), fragmented(1));
-        put(take, QStringLiteral("cam_7_00000.mp4"), fragmented(0));
+        for (const auto &[name, bytes] : {std::pair("mic_7_00000.m4a", fragmented(3)), {"mic_7_00001.m4a", fragmented(1) + box("moof", 24)}, {"mic_7_00002.m4a", QByteArray("")},
+                                          {"sys_7_00000_final.m4a", fragmented(1)}, {"cam_7_00000.mp4", fragmented(0)}})
+            put(take, QLatin1String(name), bytes);
         home.settings().setServer(QStringLiteral("bad host:port:x"));
         start(100);
         // Moved at once, the last piece of a cut-off take as its final piece; a folder with only
@@ -252,28 +221,21 @@ private Q_SLOTS:
         QCOMPARE(home.log().count(QStringLiteral("file(s) left by an earlier run queued for upload")), 1);
     }
 
-    void mediaEnd_data()
-    {
-        QTest::addColumn<QByteArray>("data");
-        QTest::addColumn<qint64>("end");
-        const QByteArray two = fragmented(2);
-        QTest::newRow("empty") << QByteArray() << qint64(0);
-        QTest::newRow("header only") << fragmented(0) << qint64(0);
-        QTest::newRow("cut in the movie box") << fragmented(1).left(30) << qint64(0);
-        QTest::newRow("no movie box") << box("ftyp", 12) + box("moof", 24) + box("mdat", 100) << qint64(0);
-        QTest::newRow("fragment without media") << fragmented(0) + box("moof", 24) << qint64(0);
-        QTest::newRow("whole") << two << qint64(two.size());
-        QTest::newRow("cut in media") << two.left(two.size() - 1) << qint64(fragmented(1).size());
-        QTest::newRow("cut after a fragment header") << two + box("moof", 24) << qint64(two.size());
-        QTest::newRow("index after the fragments") << two + box("mfra", 16) << qint64(two.size() + 24);
-        QTest::newRow("impossible size") << two + QByteArray("\0\0\0\3mdat", 8) << qint64(two.size());
-    }
+    // Where the media of a file ends: empty, header only, cut in the movie box, no movie box, a
+    // fragment without media, whole, cut in media, cut after a fragment header, an index after the
+    // fragments, an impossible size.
     void mediaEnd()
     {
-        QFETCH(QByteArray, data);
-        QBuffer buffer(&data);
-        QVERIFY(buffer.open(QIODevice::ReadOnly));
-        QTEST(SegmentSalvage::mediaEnd(buffer), "end");
+        const QByteArray two = fragmented(2);
+        const QList<std::pair<QByteArray, qsizetype>> rows = {
+            {{}, 0}, {fragmented(0), 0}, {fragmented(1).left(30), 0}, {box("ftyp", 12) + box("moof", 24) + box("mdat", 100), 0},
+            {fragmented(0) + box("moof", 24), 0}, {two, two.size()}, {two.left(two.size() - 1), fragmented(1).size()},
+            {two + box("moof", 24), two.size()}, {two + box("mfra", 16), two.size() + 24}, {two + QByteArray("\0\0\0\3mdat", 8), two.size()}};
+        for (auto [data, end] : rows) {
+            QBuffer buffer(&data);
+            QVERIFY(buffer.open(QIODevice::ReadOnly));
+            QCOMPARE(SegmentSalvage::mediaEnd(buffer), qint64(end));
+        }
     }
 
     // A real segment cut by a crash inside its last fragment reads cleanly once trimmed.

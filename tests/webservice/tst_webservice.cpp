@@ -58,22 +58,19 @@ private Q_SLOTS:
         service.setDefault(HttpStub::status(200));
     }
 
-    void checkInOnlyFromASetUpAgentOfALockedBuild()
+    // Only a set-up agent of a locked build checks in. A check-in sends its body as JSON, at most
+    // every 3 s, sooner when a permission changed.
+    void checkInWhoBodySpacingAndChangedPermissions()
     {
         // Unlocked build, no web service, no agent number, setup not done: one missing at a time.
         for (int missing = 0; missing < 4; ++missing) {
-            home.useInfo(missing == 0 ? QString() : QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"),
-                         missing == 1 ? QString() : base());
+            home.useInfo(missing == 0 ? QString() : QStringLiteral("10.0.0.5:8080"), QStringLiteral("3.1"), missing == 1 ? QString() : base());
             home.settings().setAgentID(missing == 2 ? 0 : 42);
             home.settings().setSetupDone(missing != 3);
             checkIn.poke(true);
             QCOMPARE(net.made, 0);
         }
-    }
-
-    // A check-in sends its body as JSON, at most every 3 s, sooner when a permission changed.
-    void checkInBodySpacingAndChangedPermissions()
-    {
+        home.settings().setSetupDone(true);
         checkIn.poke(true);
         QTRY_COMPARE(service.requests.size(), 1);
         const HttpStub::Request &r = service.requests.first();

@@ -7,7 +7,6 @@
 
 #include <QProcess>
 #include <QScopeGuard>
-#include <QtTest>
 
 #include <csignal>
 

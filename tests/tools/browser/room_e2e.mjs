@@ -35,8 +35,7 @@ async function until(what, test, ms = 20000) {
 function run(cmd, args, env, name) {
   const child = spawn(cmd, args, { env: { ...process.env, ...env }, stdio: ['pipe', 'pipe', 'pipe'] });
   child.output = '';
-  child.stdout.on('data', (d) => { child.output += d; });
-  child.stderr.on('data', (d) => { child.output += d; });
+  for (const s of [child.stdout, child.stderr]) s.on('data', (d) => { child.output += d; });
   child.name = name;
   children.push(child);
   return child;
@@ -57,8 +56,7 @@ try {
   step('control room');
   const room = run(path.join(build, 'brava-control-room'), ['--port', '0', '--uploads', uploads, '--name', 'E2E room'], {}, 'room');
   const address = await until('the page address', () => room.output.match(/^http:\/\/[^:]+:(\d+)\/\?token=([0-9a-f]+)$/m));
-  const port = Number(address[1]);
-  const token = address[2];
+  const [port, token] = [Number(address[1]), address[2]];
   const state = async () => (await fetch(`http://127.0.0.1:${port}/api/state`, { headers: { Authorization: `Bearer ${token}` } })).json();
 
   step('two agents');
@@ -114,7 +112,6 @@ try {
   step('preview of agent 1');
   await page.click('#agent-1 button:text-is("Preview")');
   await page.waitForFunction(() => window.__room.previewFrames > 2, null, { timeout: 20000 });
-  await page.waitForFunction(() => document.getElementById('preview').naturalWidth > 0, null, { timeout: 10000 });
   await page.waitForFunction(() => document.getElementById('preview').naturalWidth === 480, null, { timeout: 10000 });
   await page.screenshot({ path: path.join(screens, '03-preview.png') });
 
