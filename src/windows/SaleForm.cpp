@@ -1,5 +1,7 @@
 #include "SaleForm.h"
 
+#include "BravaLog.h"
+
 #include "SaleFormModel.h"
 #include "SaleSubmission.h"
 #include "SaleWidgetModel.h"
@@ -330,9 +332,11 @@ void SaleForm::finish(bool ok, const QString &message)
     m_submit->setEnabled(true);
     if (!ok) {
         setStatus(message.isEmpty() ? QStringLiteral("Failed — try again") : message, errorColour());
+        bravaLog(QStringLiteral("sale not sent: ") + m_status->text());
         return;
     }
     setStatus(QStringLiteral("Saved ✓  Sent to the control room"), green());
+    bravaLog(QStringLiteral("sale sent to the control room"));
     QPointer<SaleForm> self(this);
     QTimer::singleShot(kHideAfterSuccessMs, this, [self] {
         if (self)

@@ -1,6 +1,7 @@
 #include "HttpStub.h"
 #include "SaleForm.h"
 #include "SaleSubmission.h"
+#include "TestHome.h"
 #include "ScreenSnapper.h"
 
 #include <QButtonGroup>
@@ -31,6 +32,7 @@ struct TimedNet : QNetworkAccessManager {
 class SaleSubmissionTest : public QObject
 {
     Q_OBJECT
+    TestHome home;
     TimedNet net;
     std::unique_ptr<QTemporaryDir> dir; // a new one for each test
     std::unique_ptr<HttpStub> stub;
@@ -105,6 +107,7 @@ private Q_SLOTS:
         stub->script({token(), HttpStub::status(200), HttpStub::status(200)});
         QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
         QCOMPARE(form->statusColour(), SaleForm::green());
+        QVERIFY(home.log().endsWith(QStringLiteral(" sale sent to the control room\n")));
         QCOMPARE(stub->requests.size(), phone ? 3 : 2);
         QCOMPARE(net.timeouts, phone ? QList<int>({20000, 120000, 600000}) : QList<int>({20000, 600000})); // record, snapshot, file
         const HttpStub::Request &record = stub->requests[0];
@@ -179,6 +182,7 @@ private Q_SLOTS:
             stub->script(answers);
         QCOMPARE(submit(), message);
         QCOMPARE(form->statusColour(), SaleForm::errorColour());
+        QVERIFY(home.log().endsWith(QStringLiteral(" sale not sent: ") + message + QLatin1Char('\n')));
         if (requests >= 0)
             QCOMPARE(stub ? int(stub->requests.size()) : 0, requests);
         // Everything the agent entered is still there, ready for another press.
