@@ -142,6 +142,13 @@ try {
   await page.waitForFunction(() => window.__room.audioSamples > 48000 / 2, null, { timeout: 20000 });
   const before = await page.evaluate(() => { window.__room.link.close(); return window.__room.audioSamples; });
   await page.waitForFunction((n) => window.__room.audioSamples > n + 48000, before, { timeout: 20000 }); // heard again after a reconnect
+  // A second of audio at once is cut down to the jitter buffer (150 ms) rather than heard late.
+  const dropped = await page.evaluate(() => {
+    const was = window.__room.audioDropped;
+    window.__room.node.port.postMessage({ source: 1, samples: new Float32Array(48000) });
+    return new Promise((done) => { const t = setInterval(() => { if (window.__room.audioDropped > was) { clearInterval(t); done(window.__room.audioDropped - was); } }, 20); });
+  });
+  if (dropped < 48000 - 7200) throw new Error(`a burst of 48000 samples dropped only ${dropped}`);
   await page.screenshot({ path: path.join(screens, '04-listening.png') });
 
   step('whisper to agent 1');
