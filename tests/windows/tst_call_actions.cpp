@@ -143,6 +143,11 @@ private Q_SLOTS:
         QTRY_COMPARE(f.room.events.size(), 5);
         QCOMPARE(f.room.events.last().queryItemValue(QStringLiteral("secs")), QStringLiteral("0"));
 
+        // Without an agent number (set up again for another seat) it goes, and comes back with one.
+        home.settings().setAgentID(0);
+        QTRY_VERIFY(!w->isShown());
+        home.settings().setAgentID(7);
+        QTRY_VERIFY(w->isShown() && f.app->connection().connected());
         // Cameras off: the widget goes.
         QVERIFY(f.command(J{{"type", "cameras"}, {"on", false}}));
         QTRY_VERIFY(!w->isShown());
