@@ -7,6 +7,7 @@
 #include "DisplayPlatform.h"
 #include "InstanceLock.h"
 #include "PulseBackend.h"
+#include "QuitSignals.h"
 #include "Settings.h"
 
 #include <QApplication>
@@ -18,8 +19,9 @@ int main(int argc, char *argv[])
     const DisplayPlatform::Choice display = DisplayPlatform::applyAtStartup();
     QApplication app(argc, argv);
     app.setApplicationName(QStringLiteral("Brava Recorder"));
-    // A tray agent: closing a window never ends it.
+    // A tray agent: closing a window never ends it; a logout or a stop ends it as Quit does.
     app.setQuitOnLastWindowClosed(false);
+    QuitSignals quitSignals;
     // One agent per account: a second copy must never touch the first one's recordings.
     InstanceLock lock(DataFolder::dataDir());
     if (!lock.tryLock()) {

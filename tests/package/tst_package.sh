@@ -94,6 +94,7 @@ check "and says why" grep -q "new version on disk (99)" "$log"
 for pid in $first $(agents_here); do kill "$pid" 2>/dev/null; done
 wait "$first" 2>/dev/null
 until_ok 10 test -z "$(agents_here)" || for pid in $(agents_here); do kill -KILL "$pid"; done
+check "a stop (SIGTERM) ends it as Quit does" sh -c 'tail -n2 "$1" | grep -q "stopped by SIGTERM" && tail -n1 "$1" | grep -q " quit$"' _ "$log"
 
 # Removing and purging the package leave the user's recordings alone.
 check "dpkg --root removes it" "${dpkg[@]}" --remove brava-recorder
