@@ -6,9 +6,8 @@ class QSocketNotifier;
 
 // Ends the application's event loop on SIGTERM, SIGINT and SIGHUP as the menu's Quit does, so
 // that after a logout, a service manager's stop or Ctrl-C the segments being written are closed
-// whole and the log says so. The
-// handler only writes the signal's number to a socket; the event loop reads it. Children started
-// later get the default handlers back when they execute.
+// whole and the log says so. The handler only writes the signal's number to a socket; the event
+// loop reads it. Children started later get the default handlers back when they execute.
 class QuitSignals : public QObject
 {
     Q_OBJECT
