@@ -40,12 +40,11 @@ void registerCurrentUser()
     if (exe.isEmpty())
         return;
     QDir().mkpath(QFileInfo(entryPath()).absolutePath());
-    QString quoted = execQuoted(exe);
     const QByteArray text = "[Desktop Entry]\n"
                             "Type=Application\n"
                             "Name=Brava Recorder\n"
                             "Comment=Records this computer's calls for the event's control room\n"
-                            "Exec=" + quoted.toUtf8() + "\n"
+                            "Exec=" + execQuoted(exe).toUtf8() + "\n"
                             "Terminal=false\n"
                             "X-GNOME-Autostart-enabled=true\n";
     QFile existing(entryPath());

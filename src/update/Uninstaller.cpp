@@ -80,11 +80,12 @@ void Uninstaller::remove()
     QFile::remove(m_paths.settingsFile);
     QDir().rmdir(QFileInfo(m_paths.settingsFile).path()); // only when empty
     const AppRemoval removal = removalOf(m_paths.appFolder, m_paths.packageManaged);
-    QFile::remove(m_paths.autostartEntry);
-    if (removal == AppRemoval::Package) {
+    if (removal != AppRemoval::Package) {
+        QFile::remove(m_paths.autostartEntry);
+    } else {
         // The package starts the agent at login for every user; this user's hidden copy says no.
-        QSaveFile hidden(m_paths.autostartEntry);
         QDir().mkpath(QFileInfo(m_paths.autostartEntry).path());
+        QSaveFile hidden(m_paths.autostartEntry);
         if (!hidden.open(QIODevice::WriteOnly) || hidden.write("[Desktop Entry]\nType=Application\nName=Brava Recorder\nHidden=true\n") < 0
             || !hidden.commit())
             bravaLog(QStringLiteral("uninstall: cannot switch off the start at login in ") + m_paths.autostartEntry);

@@ -1,7 +1,6 @@
 #include "SaleForm.h"
 
 #include "BravaLog.h"
-
 #include "SaleFormModel.h"
 #include "SaleSubmission.h"
 #include "SaleWidgetModel.h"

@@ -13,8 +13,8 @@ class QWidget;
 // The floating call/help widget: a small frameless panel that stays above other windows on every
 // workspace, never takes the focus from the dialer, and offers three large buttons (call, sale,
 // help). It snaps to the nearest screen edge after every move and then saves where it ended (once
-// per move, not while dragging); a saved place off every screen is brought back onto one. Its owner decides the call state (setCall) and what the buttons do (the signals). Main
-// thread only.
+// per move, not while dragging); a saved place off every screen is brought back onto one. Its
+// owner decides the call state (setCall) and what the buttons do (the signals). Main thread only.
 class SaleWidget : public QObject
 {
     Q_OBJECT

@@ -13,8 +13,8 @@ class QWebEngineView;
 // hideMs after the latest whisper. The browser engine is costly, so the view is made at the first
 // whisper and released releaseMs after the last card went away. Page scripts never run; the page
 // is measured from an isolated script world. Without a compositor the window is cut to the card's
-// shape. A page that does not render is logged, kept as
-// note() and its card taken away. Main thread only.
+// shape. A page that does not render is logged, kept as note() and its card taken away. Main
+// thread only.
 class WhisperCard : public QObject
 {
     Q_OBJECT

@@ -52,7 +52,7 @@ ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent, const
 
 ControlRoomServer::~ControlRoomServer()
 {
-    ask<bool>([this] { return m_room->close(), true; }, false);
+    tell([this] { m_room->close(); });
     m_io->stop();
     m_thread.join();
     m_io.reset(); // ends what was still suspended; nothing of it touches the room
@@ -81,6 +81,11 @@ T ControlRoomServer::ask(std::function<T()> work, T otherwise) const
     return otherwise;
 }
 
+void ControlRoomServer::tell(std::function<void()> work) const
+{
+    ask<bool>([work = std::move(work)] { return work(), true; }, false);
+}
+
 void ControlRoomServer::say(const QString &line) const
 {
     static std::mutex mutex;
@@ -99,7 +104,7 @@ quint16 ControlRoomServer::listen(quint16 port, const QHostAddress &address)
 
 void ControlRoomServer::goDown()
 {
-    ask<bool>([this] { return m_room->goDown(), true; }, false);
+    tell([this] { m_room->goDown(); });
 }
 
 bool ControlRoomServer::comeBack()
@@ -119,7 +124,7 @@ void ControlRoomServer::sendText(const QString &text)
 
 void ControlRoomServer::dropAgents()
 {
-    ask<bool>([this] { return m_room->dropAgents(), true; }, false);
+    tell([this] { m_room->dropAgents(); });
 }
 
 int ControlRoomServer::send(int agentId, const QByteArray &json)
@@ -151,7 +156,7 @@ QString ControlRoomServer::token() const
 
 void ControlRoomServer::setName(const QString &name)
 {
-    ask<bool>([this, name] { return m_room->setName(name), true; }, false);
+    tell([this, name] { m_room->setName(name); });
 }
 
 QJsonObject ControlRoomServer::state() const

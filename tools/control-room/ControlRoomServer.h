@@ -20,8 +20,9 @@ class io_context;
 // The control room: agents on ws://host:port/agent, their uploads, events and sales over HTTP,
 // and the operator's page with its own WebSocket, all on one port. The network runs on a thread
 // of its own; the calls below hand work to it and wait for it (waitMs at most: then they give up,
-// say so, and answer as if nothing happened: port 0, no agents, an empty state). Every arrival is also signalled (queued to the receiver's thread), so that
-// other programs (the agent's tests among them) can build on it.
+// say so, and answer as if nothing happened: port 0, no agents, an empty state). Every arrival is
+// also signalled (queued to the receiver's thread), so that other programs (the agent's tests
+// among them) can build on it.
 class ControlRoomServer : public QObject
 {
     Q_OBJECT
@@ -77,9 +78,12 @@ protected:
     void connectNotify(const QMetaMethod &signal) override;
 
 private:
-    /// Runs `work` on the network thread and waits for its result; `otherwise` when that takes longer than waitMs.
+    /// Runs `work` on the network thread and waits for its result; `otherwise` when that takes
+    /// longer than waitMs.
     template<class T>
     T ask(std::function<T()> work, T otherwise) const;
+    /// Runs `work` on the network thread and waits for it as ask() does.
+    void tell(std::function<void()> work) const;
     void say(const QString &line) const;
 
     std::unique_ptr<boost::asio::io_context> m_io;
