@@ -51,48 +51,26 @@ class WhisperCardTest : public QObject
     }
 
 private Q_SLOTS:
-    void labels_data()
+    // The sender's label, the text and the rules on the page, the page's measured size with a fallback
+    // for any answer that is not one, the card's place, and the real times.
+    void pageRules()
     {
-        QTest::addColumn<QString>("from");
-        QTest::addColumn<int>("seat");
-        QTest::addColumn<QString>("label");
-        QTest::newRow("no name, seat 0") << "" << 0 << "A MENTOR";
-        QTest::newRow("no name, seat below 0") << "" << -4 << "A MENTOR";
-        QTest::newRow("no name, seat 12") << "" << 12 << "MENTOR 12";
-        QTest::newRow("name with blanks") << " \tAnn Lee\u00a0 " << 12 << "ANN LEE";
-        QTest::newRow("blanks only") << " \t " << 12 << "MENTOR 12";
-        QTest::newRow("seat 1") << "" << 1 << "MENTOR 1";
-    }
-    void labels()
-    {
-        QFETCH(QString, from);
-        QFETCH(int, seat);
-        QFETCH(QString, label);
-        QCOMPARE(WhisperPage::label(seat, from), label);
-    }
-
-    void pageText()
-    {
+        for (const auto &[from, seat, label] : {std::tuple{"", 0, "A MENTOR"}, {"", -4, "A MENTOR"}, {"", 12, "MENTOR 12"}, {" \tAnn Lee\u00a0 ", 12, "ANN LEE"},
+                                                {" \t ", 12, "MENTOR 12"}, {"", 1, "MENTOR 1"}})
+            QVERIFY2(WhisperPage::label(seat, QString::fromUtf8(from)) == QLatin1String(label), label);
         QCOMPARE(WhisperPage::escape(QStringLiteral("a&lt;<b>\"'")), QStringLiteral("a&amp;lt;&lt;b&gt;\"'"));
         const QString html = WhisperPage::html(QStringLiteral("<i>hi</i>"), 0, QStringLiteral("<Bo>"), QStringLiteral("data:x"));
-        // The label and the text escaped in their places (shown literally: hostileTextIsShownLiterally).
-        for (const char *part : {"url(data:x)", "LIVE MESSAGE FROM &lt;BO&gt;</span>", "<div class=\"t\">&lt;i&gt;hi&lt;/i&gt;</div>"})
-            QVERIFY2(html.contains(QLatin1String(part)), part);
-        for (const char *rule : {"#b{width:720px;background:#0a0d12;border:2px solid #01a6ff;border-radius:18px", "#w{display:inline-block;padding:46px}",
+        // The label and the text escaped in their places (shown literally: hostileTextIsShownLiterally), the look.
+        for (const char *part : {"url(data:x)", "LIVE MESSAGE FROM &lt;BO&gt;</span>", "<div class=\"t\">&lt;i&gt;hi&lt;/i&gt;</div>",
+                                 "#b{width:720px;background:#0a0d12;border:2px solid #01a6ff;border-radius:18px", "#w{display:inline-block;padding:46px}",
                                  "animation:bravablink 1.1s steps(1) infinite", "font-size:29px;line-height:1.32", "white-space:pre-wrap"})
-            QVERIFY2(html.contains(QLatin1String(rule)), rule);
-    }
-
-    // The page's measured size, a fallback for any answer that is not one, and the card's place.
-    void sizeAndPlace()
-    {
+            QVERIFY2(html.contains(QLatin1String(part)), part);
         QCOMPARE(WhisperPage::parseSize(QStringLiteral("812x233")), QSize(812, 233));
         for (const QVariant &answer : {QVariant(), QVariant(QStringLiteral("812")), QVariant(QStringLiteral("ax3")), QVariant(QStringLiteral("1x2x3")), QVariant(QStringLiteral("0x40"))})
             QCOMPARE(WhisperPage::parseSize(answer), QSize(812, 300));
         QCOMPARE(WhisperPage::place(QRect(0, 24, 1280, 776), QSize(812, 300)), QRect(234, 32, 812, 300));
         QCOMPARE(WhisperPage::place(QRect(100, 0, 1000, 700), QSize(812, 9000)), QRect(194, 8, 812, 692)); // no taller than the screen
-        QCOMPARE(WhisperCard().hideMs, 9000); // the real times, shortened in the tests below
-        QCOMPARE(WhisperCard().releaseMs, 60000);
+        QVERIFY(WhisperCard().hideMs == 9000 && WhisperCard().releaseMs == 60000); // the real times, shortened in the tests below
     }
 
     // A second whisper restarts the time the card stays (a 9 s stay scaled down to 4 s, the
@@ -164,30 +142,23 @@ private Q_SLOTS:
         QVERIFY(card.visible());
     }
 
-    void hostileTextIsShownLiterally_data()
-    {
-        QTest::addColumn<QString>("text"); // (10 kB of it: whisperOverTheLink)
-        QTest::newRow("script") << "<script>document.title='hit';document.getElementById('b').dataset.hit='1'</script>";
-        QTest::newRow("style") << "<style>#b{display:none}</style>hidden?";
-        QTest::newRow("onerror") << "<img src=x onerror=\"document.getElementById('b').dataset.hit='1'\">";
-        QTest::newRow("entities") << "&lt;script&gt; &amp;amp; &#60;b&#62; &nbsp;";
-        QTest::newRow("quotes") << "\"'` </div></div><svg onload=alert(1)>";
-        QTest::newRow("right-to-left") << "\u202Egnp.exe\u202C \u200F\u05E9\u05DC\u05D5\u05DD\u200E ok";
-    }
+    // Shown as text, with nothing in it run (10 kB of it: whisperOverTheLink).
     void hostileTextIsShownLiterally()
     {
         BRAVA_REQUIRE_X();
-        QFETCH(QString, text);
-        WhisperCard card;
-        QVERIFY(shown(card, text));
-        const QJsonArray shows = page(card);
-        QCOMPARE(shows.at(0).toString(), text);
-        QCOMPARE(shows.at(1).toString(), QStringLiteral("LIVE MESSAGE FROM MENTOR 3"));
-        QCOMPARE(shows.at(2).toString(), QString()); // no script changed the title
-        QCOMPARE(shows.at(3).toString(), QString()); // nor marked the card
-        QCOMPARE(shows.at(4).toInt(), 1);            // the page's own style sheet, nothing else
-        QCOMPARE(shows.at(5).toString(), QStringLiteral("block"));
-        QVERIFY(card.frame().height() <= QGuiApplication::primaryScreen()->availableGeometry().height());
+        for (const char *utf8 : {"<script>document.title='hit';document.getElementById('b').dataset.hit='1'</script>", "<style>#b{display:none}</style>hidden?",
+                                 "<img src=x onerror=\"document.getElementById('b').dataset.hit='1'\">", "&lt;script&gt; &amp;amp; &#60;b&#62; &nbsp;",
+                                 "\"'` </div></div><svg onload=alert(1)>", "\u202Egnp.exe\u202C \u200F\u05E9\u05DC\u05D5\u05DD\u200E ok"}) {
+            const QString text = QString::fromUtf8(utf8);
+            WhisperCard card;
+            QVERIFY2(shown(card, text), utf8);
+            QJsonArray shows = page(card);
+            shows.removeLast(), shows.removeLast(); // (the size)
+            // The text itself, the label; no script changed the title nor marked the card; the page's own
+            // style sheet and nothing else; the card shown.
+            QCOMPARE(shows, (QJsonArray{text, QStringLiteral("LIVE MESSAGE FROM MENTOR 3"), QString(), QString(), 1, QStringLiteral("block")}));
+            QVERIFY(card.frame().height() <= QGuiApplication::primaryScreen()->availableGeometry().height());
+        }
     }
 
     // Over the agent's link: blank whispers show nothing; a hostile whisper is shown literally and

@@ -113,6 +113,7 @@ private Q_SLOTS:
     }
     void init()
     {
+        cleanup(); // (called again inside the tables: each row on its own parts)
         home.wipe();
         home.useInfo(QString());
         web.requests.clear();
@@ -126,32 +127,13 @@ private Q_SLOTS:
         p.reset();
     }
 
-    void agentNumber_data()
+    // The agent number typed, the steps where the agent is and how far it got (surviving the model,
+    // and the process), and the sound check's thresholds, latched.
+    void numberStepsAndThresholds()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("id"); // 0: none
-        QTest::newRow("zero") << "0" << 0;
-        QTest::newRow("above") << "111" << 0;
-        QTest::newRow("letters") << "abc" << 0;
-        QTest::newRow("empty") << "" << 0;
-        QTest::newRow("leading blank") << " 7" << 0;
-        QTest::newRow("negative") << "-7" << 0;
-        QTest::newRow("highest") << "110" << 110;
-        QTest::newRow("plus") << "+7" << 7;
-        QTest::newRow("lowest") << "1" << 1;
-        QTest::newRow("trailing text") << "7a" << 0;
-        QTest::newRow("overflow") << "99999999999999999999" << 0;
-    }
-    void agentNumber()
-    {
-        QFETCH(QString, text);
-        QFETCH(int, id);
-        QCOMPARE(WizardModel::parseAgentID(text).value_or(0), id);
-    }
-
-    // Where the agent is and how far it got survive the model (and the process).
-    void stepsAndFurthestPersist()
-    {
+        for (const auto &[text, id] : {std::pair{"0", 0}, {"111", 0}, {"abc", 0}, {"", 0}, {" 7", 0}, {"-7", 0}, {"110", 110}, {"+7", 7}, {"1", 1},
+                                       {"7a", 0}, {"99999999999999999999", 0}})
+            QVERIFY2(WizardModel::parseAgentID(QString::fromLatin1(text)).value_or(0) == id, text);
         QCOMPARE(m->step(), 0);
         m->back();
         QCOMPARE(m->step(), 0);
@@ -166,113 +148,79 @@ private Q_SLOTS:
         QVERIFY(m->step() == 1 && m->furthest() == 3);
         m->go(3);
         QCOMPARE(home.settings().wizardStep(), 3);
-    }
-
-    void heardThresholds_data()
-    {
-        QTest::addColumn<bool>("testing");
-        QTest::addColumn<float>("mic");
-        QTest::addColumn<float>("sys");
-        QTest::addColumn<bool>("micHeard");
-        QTest::addColumn<bool>("sysHeard");
-        QTest::newRow("at both thresholds") << true << 0.01f << 0.003f << false << false;
-        QTest::newRow("just above") << true << 0.011f << 0.0031f << true << true;
-        QTest::newRow("outside a test") << false << 0.5f << 0.5f << false << false;
-    }
-    void heardThresholds()
-    {
-        QFETCH(bool, testing);
-        QFETCH(float, mic);
-        QFETCH(float, sys);
-        if (testing)
-            m->startTest();
-        m->tick(mic, sys, true);
-        QFETCH(bool, micHeard);
-        QFETCH(bool, sysHeard);
-        QCOMPARE(m->micHeard(), micHeard);
-        QCOMPARE(m->sysHeard(), sysHeard);
-        m->tick(0, 0, true); // latched
-        QCOMPARE(m->micHeard(), micHeard);
+        for (const auto &[testing, mic, sys, heard] : {std::tuple{true, 0.01f, 0.003f, false}, {true, 0.011f, 0.0031f, true}, {false, 0.5f, 0.5f, false}}) {
+            init(); // at both thresholds, just above, outside a test
+            if (testing)
+                m->startTest();
+            m->tick(mic, sys, true);
+            QVERIFY(m->micHeard() == heard && m->sysHeard() == heard);
+            m->tick(0, 0, true); // latched
+            QCOMPARE(m->micHeard(), heard);
+        }
     }
 
     // The sound check's run ends when the agent leaves the camera step, not the test step.
-    void leavingStepsAndTheSoundCheck_data()
-    {
-        QTest::addColumn<int>("from");
-        QTest::addColumn<int>("to");
-        QTest::addColumn<bool>("stillTesting");
-        QTest::newRow("camera to test") << 4 << 5 << false;
-        QTest::newRow("camera back") << 4 << 3 << false;
-        QTest::newRow("test to done") << 5 << 6 << true;
-        QTest::newRow("test back") << 5 << 4 << true;
-    }
     void leavingStepsAndTheSoundCheck()
     {
-        QFETCH(int, from);
-        QFETCH(int, to);
-        QFETCH(bool, stillTesting);
-        m->setStep(from);
-        m->startTest();
-        QTRY_VERIFY(p->rec.running());
-        m->startTest(); // a second start while one runs does nothing
-        m->setStep(to);
-        QCOMPARE(m->testing(), stillTesting);
-        QTRY_COMPARE(p->rec.running(), stillTesting);
+        for (const auto &[from, to, stillTesting] : {std::tuple{4, 5, false}, {4, 3, false}, {5, 6, true}, {5, 4, true}}) {
+            init();
+            m->setStep(from);
+            m->startTest();
+            QTRY_VERIFY(p->rec.running());
+            m->startTest(); // a second start while one runs does nothing
+            m->setStep(to);
+            QCOMPARE(m->testing(), stillTesting);
+            QTRY_COMPARE(p->rec.running(), stillTesting);
+        }
     }
 
-    void verifyAnswers_data()
-    {
-        QTest::addColumn<QByteArray>("answer"); // "hang": no answer in time; "": no preset room
-        QTest::addColumn<QString>("error");     // "": saved and moved on
-        QTest::addColumn<QString>("name");
-        QTest::newRow("no preset room: saved unasked") << QByteArray() << "" << "Ana Lee";
-        QTest::newRow("ok, list spelling wins") << QByteArray("{\"ok\":true,\"name\":\"Ana  LEE\"}") << "" << "Ana  LEE";
-        QTest::newRow("ok, blank name") << QByteArray("{\"ok\":true,\"name\":\"   \"}") << "" << "Ana Lee";
-        QTest::newRow("ok as text is no ok") << QByteArray("{\"ok\":\"true\"}") << WizardModel::mismatchText() << "Ana Lee";
-        QTest::newRow("refused with message") << QByteArray("{\"ok\":false,\"message\":\"Number 7 is Bo's\"}") << "Number 7 is Bo's" << "Ana Lee";
-        QTest::newRow("refused without message") << QByteArray("{\"ok\":false}") << WizardModel::mismatchText() << "Ana Lee";
-        QTest::newRow("long message is cut") << ("{\"message\":\"" + QByteArray(5000, 'x') + "\"}") << QString(200, QLatin1Char('x')) << "Ana Lee";
-        QTest::newRow("not JSON") << QByteArray("<html>busy</html>") << WizardModel::unreachableText() << "Ana Lee";
-        QTest::newRow("JSON array") << QByteArray("[true]") << WizardModel::unreachableText() << "Ana Lee";
-        QTest::newRow("time-out") << QByteArray("hang") << WizardModel::unreachableText() << "Ana Lee";
-    }
+    // answer: "hang" is no answer in time, none is no preset room; error: none is saved and moved on.
     void verifyAnswers()
     {
-        QFETCH(QByteArray, answer);
-        QFETCH(QString, error);
-        QFETCH(QString, name);
-        if (!answer.isEmpty()) // a build with a preset control room and this web service
-            home.useInfo(QStringLiteral("127.0.0.1:1"), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
-        make();
-        m->setStep(1);
-        for (const auto &[name, number] : {std::pair{"Ana", "0"}, {" \t", "17"}}) { // an incomplete identity does nothing
-            m->setNameText(QString::fromUtf8(name));
-            m->setAgentText(QString::fromUtf8(number));
+        const QString mismatch = WizardModel::mismatchText(), unreachable = WizardModel::unreachableText();
+        const struct { const char *name; QByteArray answer; QString error, name2; } rows[] = {
+            {"no preset room: saved unasked", {}, {}, QStringLiteral("Ana Lee")},
+            {"ok, list spelling wins", "{\"ok\":true,\"name\":\"Ana  LEE\"}", {}, QStringLiteral("Ana  LEE")},
+            {"ok, blank name", "{\"ok\":true,\"name\":\"   \"}", {}, QStringLiteral("Ana Lee")},
+            {"ok as text is no ok", "{\"ok\":\"true\"}", mismatch, QStringLiteral("Ana Lee")},
+            {"refused with message", "{\"ok\":false,\"message\":\"Number 7 is Bo's\"}", QStringLiteral("Number 7 is Bo's"), QStringLiteral("Ana Lee")},
+            {"refused without message", "{\"ok\":false}", mismatch, QStringLiteral("Ana Lee")},
+            {"long message is cut", "{\"message\":\"" + QByteArray(5000, 'x') + "\"}", QString(200, QLatin1Char('x')), QStringLiteral("Ana Lee")},
+            {"not JSON", "<html>busy</html>", unreachable, QStringLiteral("Ana Lee")},
+            {"JSON array", "[true]", unreachable, QStringLiteral("Ana Lee")},
+            {"time-out", "hang", unreachable, QStringLiteral("Ana Lee")}};
+        for (const auto &[row, answer, error, name] : rows) {
+            init();
+            if (!answer.isEmpty()) // a build with a preset control room and this web service
+                home.useInfo(QStringLiteral("127.0.0.1:1"), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
+            make();
+            m->setStep(1);
+            for (const auto &[typedName, number] : {std::pair{"Ana", "0"}, {" \t", "17"}}) { // an incomplete identity does nothing
+                m->setNameText(QString::fromUtf8(typedName));
+                m->setAgentText(QString::fromUtf8(number));
+                m->verifyAndSave();
+                QVERIFY(m->step() == 1 && !m->verifying());
+            }
+            m->setNameText(QStringLiteral("Ana Lee"));
+            m->setAgentText(QStringLiteral("+17"));
+            if (!answer.isEmpty()) // the status code does not matter; only the body does
+                web.script({answer == "hang" ? HttpStub::hang() : HttpStub::status(500, answer)});
             m->verifyAndSave();
-            QVERIFY(m->step() == 1 && !m->verifying());
+            QCOMPARE(m->verifying(), !answer.isEmpty());
+            m->verifyAndSave(); // no second request while one is in flight
+            QTRY_VERIFY(!m->verifying());
+            QVERIFY2(m->verifyErrorText() == error && m->nameText() == name, row);
+            QVERIFY2(m->step() == (error.isEmpty() ? 2 : 1) && home.settings().agentID() == (error.isEmpty() ? 17 : 0), row);
+            QCOMPARE(web.requests.size(), answer.isEmpty() ? 0 : 1);
+            if (answer.isEmpty())
+                continue;
+            const HttpStub::Request &r = web.requests.first();
+            QVERIFY(r.method == "POST" && r.url.path() == QLatin1String(WizardModel::kVerifyPath));
+            QCOMPARE(r.headers.value("content-type"), QByteArray("application/json"));
+            const QJsonObject sent = QJsonDocument::fromJson(r.body).object();
+            QVERIFY(sent.value(QStringLiteral("number")) == QJsonValue(17) && sent.value(QStringLiteral("name")) == QJsonValue(QStringLiteral("Ana Lee")) && sent.value(QStringLiteral("token")).isString());
+            web.release(HttpStub::status(200));
         }
-        m->setNameText(QStringLiteral("Ana Lee"));
-        m->setAgentText(QStringLiteral("+17"));
-        // The status code does not matter; only the body does.
-        if (!answer.isEmpty())
-            web.script({answer == "hang" ? HttpStub::hang() : HttpStub::status(500, answer)});
-        m->verifyAndSave();
-        QCOMPARE(m->verifying(), !answer.isEmpty());
-        m->verifyAndSave(); // no second request while one is in flight
-        QTRY_VERIFY(!m->verifying());
-        QCOMPARE(m->verifyErrorText(), error);
-        QCOMPARE(m->nameText(), name);
-        QCOMPARE(m->step(), error.isEmpty() ? 2 : 1);
-        QCOMPARE(home.settings().agentID(), error.isEmpty() ? 17 : 0);
-        QCOMPARE(web.requests.size(), answer.isEmpty() ? 0 : 1);
-        if (answer.isEmpty())
-            return;
-        const HttpStub::Request &r = web.requests.first();
-        QVERIFY(r.method == "POST" && r.url.path() == QLatin1String(WizardModel::kVerifyPath));
-        QCOMPARE(r.headers.value("content-type"), QByteArray("application/json"));
-        const QJsonObject sent = QJsonDocument::fromJson(r.body).object();
-        QVERIFY(sent.value(QStringLiteral("number")) == QJsonValue(17) && sent.value(QStringLiteral("name")) == QJsonValue(QStringLiteral("Ana Lee")) && sent.value(QStringLiteral("token")).isString());
-        web.release(HttpStub::status(200));
     }
 
     void screen_data()
