@@ -204,95 +204,85 @@ private Q_SLOTS:
         QCOMPARE(widget.window()->geometry(), M::snap(QRect(5000, 300, 196, 182), {{QRect(), avail}}).value());
     }
 
-    void form_data()
-    {
-        QTest::addColumn<QString>("state");
-        QTest::addColumn<QString>("status");
-        QTest::newRow("phone") << "phone" << "";
-        QTest::newRow("phone-no-lead") << "phone submit" << "Enter the lead's name";
-        QTest::newRow("phone-no-call") << "phone lead apv confirm submit" << "Attach the full call recording";
-        QTest::newRow("phone-ready") << "phone lead apv confirm call" << "";
-        QTest::newRow("computer") << "computer" << "";
-        QTest::newRow("computer-bad-apv") << "computer lead apv=1e9999 submit" << "Enter the APV (dollar amount)";
-        QTest::newRow("computer-no-confirmation") << "computer lead apv submit" << "Add a confirmation (file or snap)";
-        QTest::newRow("computer-snapped") << "computer lead apv snap" << "";
-    }
+    // The sale form in each state that looks different, kept as form-<name>.png.
     void form()
     {
         BRAVA_REQUIRE_X();
-        QFETCH(QString, state);
-        QFETCH(QString, status);
-        const QStringList words = state.split(QLatin1Char(' '));
-        SaleSubmission submission(net);
-        ScreenSnapper snapper(false);
-        SaleForm form(submission, snapper, [] { return 7; }, [] { return QStringLiteral("127.0.0.1:9"); });
-        form.open();
-        QVERIFY(onScreen(&form));
-        QVERIFY(form.size() == QSize(468, 648) && form.windowTitle() == QStringLiteral("Submit a Sale"));
-        form.methodGroup()->button(words.contains(QStringLiteral("computer")))->click();
-        if (words.contains(QStringLiteral("lead")))
-            form.leadField()->setText(QStringLiteral("Ann Lee"));
-        for (const QString &w : words)
-            if (w.startsWith(QStringLiteral("apv")))
-                form.apvField()->setText(w.contains(QLatin1Char('=')) ? w.mid(4) : QStringLiteral("$1,200"));
-        if (words.contains(QStringLiteral("confirm")))
-            form.setConfirmFile(QStringLiteral("/tmp/confirmation.pdf"));
-        if (words.contains(QStringLiteral("call")))
-            form.setCallFile(QStringLiteral("/tmp/full-call.m4a"));
-        if (words.contains(QStringLiteral("snap"))) {
-            QSignalSpy done(&snapper, &ScreenSnapper::done);
-            form.findChildren<QPushButton *>().at(5)->click(); // "📸  Snap screen"
-            QVERIFY(done.wait(5000));
-            QVERIFY(form.confirmLabel()->text().startsWith(QStringLiteral("✓ Screen snapped (")));
+        const struct { const char *name, *state; QString status; } rows[] = {
+            {"phone", "phone", {}}, {"phone-no-lead", "phone submit", QStringLiteral("Enter the lead's name")},
+            {"phone-no-call", "phone lead apv confirm submit", QStringLiteral("Attach the full call recording")}, {"phone-ready", "phone lead apv confirm call", {}},
+            {"computer", "computer", {}}, {"computer-bad-apv", "computer lead apv=1e9999 submit", QStringLiteral("Enter the APV (dollar amount)")},
+            {"computer-no-confirmation", "computer lead apv submit", QStringLiteral("Add a confirmation (file or snap)")}, {"computer-snapped", "computer lead apv snap", {}}};
+        for (const auto &[name, state, status] : rows) {
+            const QStringList words = QString::fromLatin1(state).split(QLatin1Char(' '));
+            SaleSubmission submission(net);
+            ScreenSnapper snapper(false);
+            SaleForm form(submission, snapper, [] { return 7; }, [] { return QStringLiteral("127.0.0.1:9"); });
+            form.open();
+            QVERIFY(onScreen(&form));
+            QVERIFY(form.size() == QSize(468, 648) && form.windowTitle() == QStringLiteral("Submit a Sale"));
+            form.methodGroup()->button(words.contains(QStringLiteral("computer")))->click();
+            if (words.contains(QStringLiteral("lead")))
+                form.leadField()->setText(QStringLiteral("Ann Lee"));
+            for (const QString &w : words)
+                if (w.startsWith(QStringLiteral("apv")))
+                    form.apvField()->setText(w.contains(QLatin1Char('=')) ? w.mid(4) : QStringLiteral("$1,200"));
+            if (words.contains(QStringLiteral("confirm")))
+                form.setConfirmFile(QStringLiteral("/tmp/confirmation.pdf"));
+            if (words.contains(QStringLiteral("call")))
+                form.setCallFile(QStringLiteral("/tmp/full-call.m4a"));
+            if (words.contains(QStringLiteral("snap"))) {
+                QSignalSpy done(&snapper, &ScreenSnapper::done);
+                form.findChildren<QPushButton *>().at(5)->click(); // "📸  Snap screen"
+                QVERIFY(done.wait(5000));
+                QVERIFY(form.confirmLabel()->text().startsWith(QStringLiteral("✓ Screen snapped (")));
+            }
+            if (words.contains(QStringLiteral("submit")))
+                form.submitButton()->click();
+            QCOMPARE(form.statusLine()->text(), status);
+            const QImage shot = shoot(&form, QStringLiteral("form-") + QLatin1String(name));
+
+            // The submit button, the chosen method, the navy ground, and the coloured lines.
+            const bool computer = words.contains(QStringLiteral("computer"));
+            QVERIFY(at(shot, 30, 604, M::blue()) && at(shot, 4, 300, QColor(M::navy().rgb())) && at(shot, computer ? 240 + 8 : 24 + 8, 102, M::blue()));
+            QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
+            if (!status.isEmpty())
+                QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
+            const bool confirmed = words.contains(QStringLiteral("confirm")) || words.contains(QStringLiteral("snap"));
+            QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
+            QCOMPARE(form.callChoose()->isEnabled(), !computer);
+            QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), words.contains(QStringLiteral("call")));
+            // Taller than the screen: it fits itself in, title bar included, 16 from the edges.
+            form.resize(468, 2000);
+            form.fitToScreen();
+            QVERIFY(form.frameGeometry().height() > form.height()); // the window manager's frame is known
+            QVERIFY(form.screen()->availableGeometry().adjusted(16, 16, -16, -16).contains(form.frameGeometry()));
         }
-        if (words.contains(QStringLiteral("submit")))
-            form.submitButton()->click();
-        QCOMPARE(form.statusLine()->text(), status);
-        const QImage shot = shoot(&form, QStringLiteral("form-") + QString::fromLatin1(QTest::currentDataTag()));
-
-        // The submit button, the chosen method, the navy ground, and the coloured lines.
-        const bool computer = words.contains(QStringLiteral("computer"));
-        QVERIFY(at(shot, 30, 604, M::blue()) && at(shot, 4, 300, QColor(M::navy().rgb())) && at(shot, computer ? 240 + 8 : 24 + 8, 102, M::blue()));
-        QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
-        if (!status.isEmpty())
-            QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
-        const bool confirmed = words.contains(QStringLiteral("confirm")) || words.contains(QStringLiteral("snap"));
-        QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
-        QCOMPARE(form.callChoose()->isEnabled(), !computer);
-        QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), words.contains(QStringLiteral("call")));
-        // Taller than the screen: it fits itself in, title bar included, 16 from the edges.
-        form.resize(468, 2000);
-        form.fitToScreen();
-        QVERIFY(form.frameGeometry().height() > form.height()); // the window manager's frame is known
-        QVERIFY(form.screen()->availableGeometry().adjusted(16, 16, -16, -16).contains(form.frameGeometry()));
     }
 
-    void review_data()
-    {
-        QTest::addColumn<QString>("picks");
-        QTest::newRow("fresh") << "";
-        QTest::newRow("bad-then-neutral-angry") << "Bad Neutral Angry";
-    }
+    // The review window, fresh and with faces picked (a second outcome replaces the first).
     void review()
     {
         BRAVA_REQUIRE_X();
-        QFETCH(QString, picks);
-        ReviewWindow review;
-        review.open([](const QString &, const QString &, const QString &) {});
-        QVERIFY(onScreen(&review));
-        QVERIFY(review.size() == QSize(440, 520) && review.windowTitle() == QStringLiteral("After-Call Review"));
-        for (const QString &p : picks.split(QLatin1Char(' '), Qt::SkipEmptyParts))
-            review.pick(ReviewWindow::outcomes().contains(p) ? 0 : 1, p);
-        const QImage shot = shoot(&review, QStringLiteral("review-") + QString::fromLatin1(QTest::currentDataTag()));
-        QCOMPARE(review.faces(0).at(1)->geometry(), QRect(160, 88, 128, 78));
-        QCOMPARE(review.faces(1).at(3)->geometry(), QRect(324, 208, 92, 78));
-        QCOMPARE(review.faces(0).at(2)->text(), QStringLiteral("🙁\nBad"));
-        // A picked face has the blue border; the others do not.
-        const auto border = [&](QPushButton *b) { return shot.pixelColor(b->geometry().left() + 1, b->geometry().center().y()); };
-        QCOMPARE(near(border(review.faces(0).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Neutral")));
-        QVERIFY(!near(border(review.faces(0).at(2)), M::blue(), 30));
-        QCOMPARE(near(border(review.faces(1).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Angry")));
-        QCOMPARE(review.outcome(), picks.isEmpty() ? QString() : QStringLiteral("Neutral"));
+        for (const auto &[name, picksText] : {std::pair{"fresh", ""}, {"bad-then-neutral-angry", "Bad Neutral Angry"}}) {
+            const QString picks = QString::fromLatin1(picksText);
+            ReviewWindow review;
+            review.open([](const QString &, const QString &, const QString &) {});
+            QVERIFY(onScreen(&review));
+            QVERIFY(review.size() == QSize(440, 520) && review.windowTitle() == QStringLiteral("After-Call Review"));
+            for (const QString &p : picks.split(QLatin1Char(' '), Qt::SkipEmptyParts))
+                review.pick(ReviewWindow::outcomes().contains(p) ? 0 : 1, p);
+            const QImage shot = shoot(&review, QStringLiteral("review-") + QLatin1String(name));
+            QCOMPARE(review.faces(0).at(1)->geometry(), QRect(160, 88, 128, 78));
+            QCOMPARE(review.faces(1).at(3)->geometry(), QRect(324, 208, 92, 78));
+            QCOMPARE(review.faces(0).at(2)->text(), QStringLiteral("🙁\nBad"));
+            // A picked face has the blue border; the others do not.
+            const auto border = [&](QPushButton *b) { return shot.pixelColor(b->geometry().left() + 1, b->geometry().center().y()); };
+            QCOMPARE(near(border(review.faces(0).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Neutral")));
+            QVERIFY(!near(border(review.faces(0).at(2)), M::blue(), 30));
+            QCOMPARE(near(border(review.faces(1).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Angry")));
+            QCOMPARE(review.outcome(), picks.isEmpty() ? QString() : QStringLiteral("Neutral"));
+        }
     }
 };
 

@@ -128,8 +128,8 @@ private Q_SLOTS:
     }
 
     // The agent number typed, the steps where the agent is and how far it got (surviving the model,
-    // and the process), and the sound check's thresholds, latched.
-    void numberStepsAndThresholds()
+    // and the process), the sound check's thresholds, latched, and the steps that end its run.
+    void numberStepsAndTheSoundCheck()
     {
         for (const auto &[text, id] : {std::pair{"0", 0}, {"111", 0}, {"abc", 0}, {"", 0}, {" 7", 0}, {"-7", 0}, {"110", 110}, {"+7", 7}, {"1", 1},
                                        {"7a", 0}, {"99999999999999999999", 0}})
@@ -157,11 +157,7 @@ private Q_SLOTS:
             m->tick(0, 0, true); // latched
             QCOMPARE(m->micHeard(), heard);
         }
-    }
-
-    // The sound check's run ends when the agent leaves the camera step, not the test step.
-    void leavingStepsAndTheSoundCheck()
-    {
+        // The sound check's run ends when the agent leaves the camera step, not the test step.
         for (const auto &[from, to, stillTesting] : {std::tuple{4, 5, false}, {4, 3, false}, {5, 6, true}, {5, 4, true}}) {
             init();
             m->setStep(from);
@@ -223,83 +219,80 @@ private Q_SLOTS:
         }
     }
 
-    void screen_data()
-    {
-        // setup: words that put the model into the state (see below); shows: texts on screen.
-        QTest::addColumn<QString>("setup");
-        QTest::addColumn<QStringList>("shows");
-        QTest::newRow("0-welcome") << "step=0" << strings({"Welcome, Agent.", "Records only when the control room starts recording"});
-        QTest::newRow("0-welcome-agreed") << "step=0 agree" << strings({"Get Started"});
-        QTest::newRow("1-number-searching") << "step=1" << strings({"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"});
-        QTest::newRow("1-number-room-found") << "step=1 room identity" << strings({"Using control room: 127.0.0.1:", "Enter address manually"});
-        QTest::newRow("1-number-preset") << "step=1 locked identity" << strings({"Connects to your control room automatically.", "Your name, and the agent number you got at check-in (1–110)."});
-        QTest::newRow("1-number-verifying") << "step=1 locked identity verifying" << strings({"CHECKING…"});
-        QTest::newRow("1-number-error") << "step=1 locked identity refused" << strings({"That name and number don't match our list. Double-check your agent number."});
-        QTest::newRow("2-mic-allowed") << "step=2" << strings({"Allow Your Microphone", "Microphone allowed", "Next"});
-        QTest::newRow("2-mic-not-allowed") << "step=2 access=unknown" << strings({"Not allowed yet", "Allow Microphone"});
-        QTest::newRow("2-mic-no-server") << "step=2 access=unknown askMic" << strings({"No sound server answers on this computer", "pulseaudio --start", "Ask Again"});
-        QTest::newRow("2-mic-blocked") << "step=2 access=refused" << strings({"The microphone was blocked. To fix it:", "Restart App", "Ask Again"});
-        QTest::newRow("3-audio-allowed") << "step=3" << strings({"Allow Computer Audio", "Computer audio allowed"});
-        QTest::newRow("3-audio-not-asked") << "step=3 monitor=none" << strings({"Not allowed yet", "Allow Computer Audio"});
-        QTest::newRow("3-audio-asked") << "step=3 monitor=none asked" << strings({"Check Again", "Restart App"});
-        QTest::newRow("3-audio-blocked") << "step=3 access=refused" << strings({"Ask Again"});
-        QTest::newRow("4-camera-allowed") << "step=4" << strings({"Allow Your Webcam", "Webcam allowed", "Automatic (best guess)", "Skip — no camera"});
-        QTest::newRow("4-camera-blocked") << "step=4 camera=denied" << strings({"The webcam was blocked. To fix it:", "Allow Webcam"});
-        QTest::newRow("4-camera-none") << "step=4 camera=none" << strings({"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."});
-        QTest::newRow("5-test-connected") << "step=5 identity levels connected" << strings({"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"});
-        QTest::newRow("5-test-not-connected") << "step=5" << strings({"Not connected to control room — check Wi-Fi", "Skip test", "Finish"});
-        QTest::newRow("6-done") << "step=6" << strings({"You're In.", "a red dot while you are recorded", "Done"});
-    }
+    // Each screen in each state that looks different, kept as <name>.png: setup holds words that put
+    // the model into the state (see below); shows, texts on the screen.
     void screen()
     {
-        QFETCH(QString, setup);
-        QFETCH(QStringList, shows);
-        const QStringList words = setup.split(QLatin1Char(' '));
-        const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
-        cleanup(); // each state on its own parts
-        home.wipe();
-        home.useInfo(has("locked") ? QStringLiteral("127.0.0.1:1") : QString(), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
-        const int step = words.first().section(QLatin1Char('='), 1).toInt();
-        home.settings().setWizardStep(step);
-        home.settings().setWizardFurthest(step);
-        if (has("identity")) {
-            home.settings().setAgentID(17);
-            home.settings().setAgentName(QStringLiteral("Ana Lee"));
+        const struct { const char *name, *setup; QStringList shows; } rows[] = {
+            {"0-welcome", "step=0", strings({"Welcome, Agent.", "Records only when the control room starts recording"})},
+            {"0-welcome-agreed", "step=0 agree", strings({"Get Started"})},
+            {"1-number-searching", "step=1", strings({"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"})},
+            {"1-number-room-found", "step=1 room identity", strings({"Using control room: 127.0.0.1:", "Enter address manually"})},
+            {"1-number-preset", "step=1 locked identity", strings({"Connects to your control room automatically.", "Your name, and the agent number you got at check-in (1–110)."})},
+            {"1-number-verifying", "step=1 locked identity verifying", strings({"CHECKING…"})},
+            {"1-number-error", "step=1 locked identity refused", strings({"That name and number don't match our list. Double-check your agent number."})},
+            {"2-mic-allowed", "step=2", strings({"Allow Your Microphone", "Microphone allowed", "Next"})},
+            {"2-mic-not-allowed", "step=2 access=unknown", strings({"Not allowed yet", "Allow Microphone"})},
+            {"2-mic-no-server", "step=2 access=unknown askMic", strings({"No sound server answers on this computer", "pulseaudio --start", "Ask Again"})},
+            {"2-mic-blocked", "step=2 access=refused", strings({"The microphone was blocked. To fix it:", "Restart App", "Ask Again"})},
+            {"3-audio-allowed", "step=3", strings({"Allow Computer Audio", "Computer audio allowed"})},
+            {"3-audio-not-asked", "step=3 monitor=none", strings({"Not allowed yet", "Allow Computer Audio"})},
+            {"3-audio-asked", "step=3 monitor=none asked", strings({"Check Again", "Restart App"})},
+            {"3-audio-blocked", "step=3 access=refused", strings({"Ask Again"})},
+            {"4-camera-allowed", "step=4", strings({"Allow Your Webcam", "Webcam allowed", "Automatic (best guess)", "Skip — no camera"})},
+            {"4-camera-blocked", "step=4 camera=denied", strings({"The webcam was blocked. To fix it:", "Allow Webcam"})},
+            {"4-camera-none", "step=4 camera=none", strings({"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."})},
+            {"5-test-connected", "step=5 identity levels connected", strings({"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"})},
+            {"5-test-not-connected", "step=5", strings({"Not connected to control room — check Wi-Fi", "Skip test", "Finish"})},
+            {"6-done", "step=6", strings({"You're In.", "a red dot while you are recorded", "Done"})}};
+        for (const auto &[name, setup, shows] : rows) {
+            const QStringList words = QString::fromLatin1(setup).split(QLatin1Char(' '));
+            const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
+            cleanup(); // each state on its own parts
+            home.wipe();
+            home.useInfo(has("locked") ? QStringLiteral("127.0.0.1:1") : QString(), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
+            const int step = words.first().section(QLatin1Char('='), 1).toInt();
+            home.settings().setWizardStep(step);
+            home.settings().setWizardFurthest(step);
+            if (has("identity")) {
+                home.settings().setAgentID(17);
+                home.settings().setAgentName(QStringLiteral("Ana Lee"));
+            }
+            WizardParts parts(home, has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
+            parts.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
+                                 : has("access=refused") ? AudioBackend::Access::Refused : AudioBackend::Access::Allowed;
+            if (has("monitor=none"))
+                parts.audio.monitor.reset();
+            WizardModel model(parts.parts());
+            model.refreshPermissions();
+            model.setAgree(has("agree"));
+            if (has("asked"))
+                model.askScreen();
+            if (has("askMic"))
+                model.askMic();
+            if (has("room"))
+                parts.browser->announce(QStringLiteral("Room One"), room.port());
+            if (has("verifying") || has("refused")) {
+                web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});
+                model.verifyAndSave();
+            }
+            WizardWindow w(model);
+            QVERIFY(w.loaded());
+            w.show();
+            QVERIFY(QTest::qWaitForWindowExposed(&w));
+            if (has("levels")) {
+                QTRY_VERIFY(model.testing()); // the screen started the sound check
+                model.tick(0.2f, 0.05f, has("connected"));
+            }
+            if (has("refused"))
+                QTRY_VERIFY(model.hasVerifyError());
+            QTRY_VERIFY(!has("room") || !model.server().isEmpty());
+            for (const QString &text : shows)
+                QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
+            QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(name) + QLatin1String(".png")));
+            QTRY_COMPARE(web.hanging(), has("verifying") ? 1 : 0); // its check arrived, to be let go
+            web.release(HttpStub::status(200));
         }
-        WizardParts parts(home, has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
-        parts.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
-                             : has("access=refused") ? AudioBackend::Access::Refused : AudioBackend::Access::Allowed;
-        if (has("monitor=none"))
-            parts.audio.monitor.reset();
-        WizardModel model(parts.parts());
-        model.refreshPermissions();
-        model.setAgree(has("agree"));
-        if (has("asked"))
-            model.askScreen();
-        if (has("askMic"))
-            model.askMic();
-        if (has("room"))
-            parts.browser->announce(QStringLiteral("Room One"), room.port());
-        if (has("verifying") || has("refused")) {
-            web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});
-            model.verifyAndSave();
-        }
-        WizardWindow w(model);
-        QVERIFY(w.loaded());
-        w.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&w));
-        if (has("levels")) {
-            QTRY_VERIFY(model.testing()); // the screen started the sound check
-            model.tick(0.2f, 0.05f, has("connected"));
-        }
-        if (has("refused"))
-            QTRY_VERIFY(model.hasVerifyError());
-        QTRY_VERIFY(!has("room") || !model.server().isEmpty());
-        for (const QString &text : shows)
-            QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
-        QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + QLatin1String(".png")));
-        QTRY_COMPARE(web.hanging(), has("verifying") ? 1 : 0); // its check arrived, to be let go
-        web.release(HttpStub::status(200));
     }
 
     void freshAgentRunsSetupAndRecords()
