@@ -39,11 +39,9 @@ class WhisperCardTest : public QObject
         QVariant answer;
         bool done = false;
         card.view()->page()->runJavaScript(
-            QStringLiteral("JSON.stringify([document.querySelector('.t').textContent, document.querySelector('.lbl').textContent,"
-                           "document.title, document.getElementById('b').dataset.hit || '',"
-                           "document.querySelectorAll('script,style,img,iframe,b,svg').length,"
-                           "getComputedStyle(document.getElementById('b')).display,"
-                           "Math.ceil(document.getElementById('w').getBoundingClientRect().width),"
+            QStringLiteral("JSON.stringify([document.querySelector('.t').textContent, document.querySelector('.lbl').textContent, document.title,"
+                           "document.getElementById('b').dataset.hit || '', document.querySelectorAll('script,style,img,iframe,b,svg').length,"
+                           "getComputedStyle(document.getElementById('b')).display, Math.ceil(document.getElementById('w').getBoundingClientRect().width),"
                            "Math.ceil(document.getElementById('w').getBoundingClientRect().height)])"),
             QWebEngineScript::ApplicationWorld, [&](const QVariant &v) { answer = v; done = true; });
         (void)QTest::qWaitFor([&] { return done; }, 10000);
@@ -122,9 +120,7 @@ private Q_SLOTS:
         QImage shot; QColor bar;
         QTRY_VERIFY2_WITH_TIMEOUT((shot = QGuiApplication::primaryScreen()->grabWindow(0, f.x(), f.y(), f.width(), f.height()).toImage(),
                                    bar = shot.pixelColor(f.width() / 2, 46 + 6), bar.blue() > 200 && bar.red() < 90), qPrintable(bar.name()), 10000);
-        const QString dir = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QStringLiteral(".")) + QStringLiteral("/whisper-screens");
-        QDir().mkpath(dir);
-        QVERIFY(shot.save(dir + QStringLiteral("/card.png")));
+        QVERIFY(shot.save(TestDisplay::pictures("whisper-screens") + QStringLiteral("/card.png")));
         QCOMPARE(shot.pixelColor(5, 5), below.palette().color(QPalette::Window));
 
         QProcess info;

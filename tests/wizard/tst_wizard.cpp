@@ -6,6 +6,7 @@
 #include "Recorder.h"
 #include "ScriptedBrowser.h"
 #include "SyntheticAudioBackend.h"
+#include "TestDisplay.h"
 #include "TestLiterals.h"
 #include "WizardModel.h"
 #include "WizardWindow.h"
@@ -48,7 +49,6 @@ class WizardTest : public QObject
     TestHome home;
     HttpStub web;
     HttpStub room; // a room announced on the network
-    QString shots;
     std::unique_ptr<WizardParts> p;
     std::unique_ptr<WizardModel> m;
     std::unique_ptr<AgentFixture> f; // the whole agent, for the flow
@@ -66,12 +66,9 @@ class WizardTest : public QObject
         QStringList out;
         if (!item->isVisible())
             return out;
-        const QVariant t = item->property("text");
-        if (t.isValid() && !t.toString().isEmpty())
-            out.append(t.toString());
-        const QVariant p = item->property("placeholderText");
-        if (p.isValid() && !p.toString().isEmpty() && t.toString().isEmpty())
-            out.append(p.toString());
+        const QString t = item->property("text").toString(), placeholder = item->property("placeholderText").toString();
+        if (!t.isEmpty() || !placeholder.isEmpty())
+            out.append(t.isEmpty() ? placeholder : t);
         for (QQuickItem *child : item->childItems())
             out += texts(child);
         return out;
@@ -83,10 +80,8 @@ class WizardTest : public QObject
     {
         if (!item->isVisible())
             return nullptr;
-        QQuickItem *found = nullptr;
         const bool clickable = item->metaObject()->indexOfSignal("clicked()") >= 0;
-        if (clickable && (item->property("text").toString() == text || item->objectName() == text))
-            found = item;
+        QQuickItem *found = clickable && (item->property("text").toString() == text || item->objectName() == text) ? item : nullptr;
         for (QQuickItem *child : item->childItems())
             if (QQuickItem *inner = button(child, text))
                 found = inner;
@@ -108,8 +103,6 @@ private Q_SLOTS:
     {
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
         QVERIFY(web.listen() && room.listen());
-        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + QLatin1String("/wizard-screens");
-        QVERIFY(QDir().mkpath(shots));
     }
     void init()
     {
@@ -289,7 +282,7 @@ private Q_SLOTS:
             QTRY_VERIFY(!has("room") || !model.server().isEmpty());
             for (const QString &text : shows)
                 QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
-            QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(name) + QLatin1String(".png")));
+            QVERIFY(w.grabWindow().save(TestDisplay::pictures("wizard-screens") + QLatin1Char('/') + QLatin1String(name) + QLatin1String(".png")));
             QTRY_COMPARE(web.hanging(), has("verifying") ? 1 : 0); // its check arrived, to be let go
             web.release(HttpStub::status(200));
         }
