@@ -58,8 +58,7 @@ private Q_SLOTS:
     void launchRegistersLoginItemAndDrawsTheMenu()
     {
         QFile entry(home.root() + QStringLiteral("/config/autostart/brava-recorder.desktop"));
-        QVERIFY(entry.open(QIODevice::ReadOnly));
-        QVERIFY(entry.readAll().contains(QByteArray("Exec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"")));
+        QVERIFY(entry.open(QIODevice::ReadOnly) && entry.readAll().contains(QByteArray("Exec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"")));
         // No tray in the offscreen platform: said once, in every status, and the menu is kept all the same.
         const QString noTray = QStringLiteral("no system tray on this desktop: running without a menu");
         QCOMPARE(home.log().count(noTray), 1);
@@ -110,13 +109,8 @@ private Q_SLOTS:
     // string here: moc would lose the test functions after it).
     void heartbeatBytes()
     {
-        Heartbeat::Values v;
-        v.updateBusy = true;
-        v.mic = 0.5;
-        v.camError = QStringLiteral("Webcam \"A\"\n");
-        v.micName = QStringLiteral("Zoë\t1");
-        v.mics = {Device{QStringLiteral("u/1"), QStringLiteral("M"), true, true}};
-        v.camUID = QStringLiteral("c");
+        const Heartbeat::Values v{.updateBusy = true, .mic = 0.5, .camError = QStringLiteral("Webcam \"A\"\n"), .micName = QStringLiteral("Zoë\t1"),
+                                  .mics = {Device{QStringLiteral("u/1"), QStringLiteral("M"), true, true}}, .camUID = QStringLiteral("c")};
         QCOMPARE(Heartbeat::message(v).toJson(),
                  QByteArray("{\"type\":\"status\",\"updateBusy\":true,\"recording\":false,\"live\":false,\"mic\":0.5,\"sys\":0,"
                             "\"rate\":48000,\"cam\":false,\"camActive\":false,\"camError\":\"Webcam \\\"A\\\"\\n\",\"micName\":\"Zoë\\t1\","
@@ -166,8 +160,7 @@ private Q_SLOTS:
         f->app->commands().handle(J{{"type", "start"}, {"session", "a"}});
         QVERIFY(f->idle());
         wishes().onRecorderCall = nullptr;
-        QVERIFY(rec().session() == QStringLiteral("c") && wishes().recorderCalls() == before + 2);
-        QVERIFY(!home.log().contains(QStringLiteral("session=b")));
+        QVERIFY(rec().session() == QStringLiteral("c") && wishes().recorderCalls() == before + 2 && !home.log().contains(QStringLiteral("session=b")));
 
         // Cameras off ends everything, even frames still in flight, and refuses live audio and preview
         // until they are back.
@@ -177,8 +170,7 @@ private Q_SLOTS:
         std::thread([&] { rec().onPreviewFrame("late"), rec().onLiveAudio(0, "late"); }).join();
         QVERIFY(f->command(J{{"type", "listen"}, {"on", true}}) && f->command(J{{"type", "preview"}, {"on", true}, {"hd", true}}));
         QVERIFY(!wishes().wantListen && !rec().previewing && rec().previewHd);
-        QVERIFY(heartbeats(2));
-        QCOMPARE(f->room.binaries.size(), 0);
+        QVERIFY(heartbeats(2) && f->room.binaries.isEmpty());
     }
 
     void argumentsOfTheWrongTypeCountAsAbsent()

@@ -77,7 +77,7 @@ private Q_SLOTS:
             portal.response = response;
             portal.uri = uri;
             QByteArray png;
-            QVERIFY2(snap(&png) == outcome, qPrintable(uri));
+            QVERIFY2(snap(&png) == outcome, qPrintable(QString::number(response) + QLatin1Char(' ') + uri));
             QCOMPARE(portal.options.value(QStringLiteral("interactive")), QVariant(false));
             QCOMPARE(png.isEmpty() ? QSize() : QImage::fromData(png, "PNG").size(), outcome == O::Snapped ? QSize(64, 40) : QSize());
         }

@@ -167,7 +167,7 @@ private Q_SLOTS:
     void verifyAnswers()
     {
         const QString mismatch = WizardModel::mismatchText(), unreachable = WizardModel::unreachableText();
-        const struct { const char *name; QByteArray answer; QString error, name2; } rows[] = {
+        const struct { const char *name; QByteArray answer; QString error, savedName; } rows[] = {
             {"no preset room: saved unasked", {}, {}, QStringLiteral("Ana Lee")},
             {"ok, list spelling wins", "{\"ok\":true,\"name\":\"Ana  LEE\"}", {}, QStringLiteral("Ana  LEE")},
             {"ok, blank name", "{\"ok\":true,\"name\":\"   \"}", {}, QStringLiteral("Ana Lee")},
@@ -307,8 +307,7 @@ private Q_SLOTS:
         QCOMPARE(m.server(), f->room.address());
         QVERIFY(click(QStringLiteral("Next"), 2));
         const auto verifies = std::count_if(web.requests.cbegin(), web.requests.cend(), [](const HttpStub::Request &r) { return r.url.path().endsWith(QStringLiteral("/verify")); });
-        QCOMPARE(verifies, 1);
-        QCOMPARE(home.settings().agentName(), QStringLiteral("Ana LEE"));
+        QVERIFY(verifies == 1 && home.settings().agentName() == QStringLiteral("Ana LEE"));
         // Microphone, computer audio and webcam are allowed here.
         QVERIFY(click(QStringLiteral("Next"), 3) && click(QStringLiteral("Next"), 4) && click(QStringLiteral("Next"), 5));
         // The sound check runs through the recorder; the link came up with the new identity.
