@@ -67,10 +67,8 @@ private Q_SLOTS:
         actions.needHelp();
         QTRY_COMPARE(events().value(4), QStringLiteral("/event?id=7&type=help"));
         QCOMPARE(confirmed, QStringLiteral("Help sent — coaches alerted"));
-    }
 
-    void reviewWindowHandsOnItsChoice()
-    {
+        // The review window hands on its choice.
         ReviewWindow w;
         QStringList saved;
         const auto open = [&] { w.open([&](const QString &o, const QString &t, const QString &why) { saved = {o, t, why}; }); };
