@@ -22,8 +22,7 @@ public Q_SLOTS:
     QDBusObjectPath Screenshot(const QString &, const QVariantMap &asked)
     {
         options = asked;
-        QString sender = message().service().mid(1);
-        sender.replace(QLatin1Char('.'), QLatin1Char('_'));
+        const QString sender = message().service().mid(1).replace(QLatin1Char('.'), QLatin1Char('_'));
         const QString path = QStringLiteral("/org/freedesktop/portal/desktop/request/") + sender + QLatin1Char('/') + asked.value(QStringLiteral("handle_token")).toString();
         QDBusMessage answer = QDBusMessage::createSignal(path, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
         answer << response << QVariantMap{{QStringLiteral("uri"), uri}};

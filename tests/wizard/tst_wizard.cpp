@@ -298,8 +298,7 @@ private Q_SLOTS:
         f = std::make_unique<AgentFixture>(home, nullptr, QLatin1String("http://") + web.address(), Clock::monotonic(), true);
 
         // A fresh home: no link, the wizard at its first screen.
-        QVERIFY(f->app->wizardOpen() && window() && f->app->wizardModel()->step() == 0 && f->room.urls.isEmpty());
-        QVERIFY(QTest::qWaitForWindowExposed(window()));
+        QVERIFY(f->app->wizardOpen() && window() && f->app->wizardModel()->step() == 0 && f->room.urls.isEmpty() && QTest::qWaitForWindowExposed(window()));
         WizardModel &m = *f->app->wizardModel();
         QVERIFY(click(QStringLiteral("agree")) && click(QStringLiteral("Get Started"), 1));
         m.setNameText(QStringLiteral("Ana Lee"));
@@ -311,8 +310,7 @@ private Q_SLOTS:
         // Microphone, computer audio and webcam are allowed here.
         QVERIFY(click(QStringLiteral("Next"), 3) && click(QStringLiteral("Next"), 4) && click(QStringLiteral("Next"), 5));
         // The sound check runs through the recorder; the link came up with the new identity.
-        QTRY_VERIFY(m.testing() && f->app->recorder().running() && !f->app->recorder().isRecording());
-        QTRY_VERIFY(m.connected());
+        QTRY_VERIFY(m.testing() && f->app->recorder().running() && !f->app->recorder().isRecording() && m.connected());
         QVERIFY(f->room.urls.first().query().startsWith(QStringLiteral("id=17&")));
         QVERIFY(click(QStringLiteral("Finish"), 6));
         const qsizetype links = f->room.urls.size();
