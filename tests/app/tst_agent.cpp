@@ -215,8 +215,7 @@ private Q_SLOTS:
         QVERIFY(f->room.statuses().last().value(QLatin1String("recording")).toBool() && !f->room.statuses().last().value(QLatin1String("live")).toBool());
         const QString writing = DataFolder::dir(QStringLiteral("writing/take-2"));
         QTRY_VERIFY_WITH_TIMEOUT(QDir(writing).entryList(QDir::Files).size() >= 2, 5000);
-        QVERIFY(heartbeats(2));
-        QVERIFY(f->command(J{{"type", "stop"}}));
+        QVERIFY(heartbeats(2) && f->command(J{{"type", "stop"}}));
         QTRY_VERIFY_WITH_TIMEOUT(f->room.uploads.size() >= 2 && f->app->uploader().pendingCount() == 0, 15000);
         QStringList tracks;
         for (int i = 0; i < f->room.uploads.size(); ++i) {
@@ -363,8 +362,8 @@ private Q_SLOTS:
         conn.sendPreview("early");
         QTest::qWait(3 * conn.retryMs);
         QVERIFY(f->room.urls.size() == 3 && f->room.binaries.size() == 1);
-        QCOMPARE(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")), 1);
-        QVERIFY(conn.generation() >= generation + 5); // three connects and at least two retries
+        // Three connects and at least two retries.
+        QVERIFY(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")) == 1 && conn.generation() >= generation + 5);
         QCOMPARE(Connection(home.settings(), home.info()).retryMs, 2000); // the real delay, shortened above
     }
 
@@ -382,8 +381,7 @@ private Q_SLOTS:
         ManualClock clock;
         f = std::make_unique<AgentFixture>(home, nullptr, QStringLiteral("http://") + service.address(), clock);
         QTRY_VERIFY(asked("/checkin") == 1 && f->app->roster().name(3) == QStringLiteral("Ann"));
-        QVERIFY(f->command(J{{"type", "whisper"}, {"text", "Slow down"}, {"seat", 3}}));
-        QCOMPARE(asked("/mentors"), 1);
+        QVERIFY(f->command(J{{"type", "whisper"}, {"text", "Slow down"}, {"seat", 3}}) && asked("/mentors") == 1);
         f->room.send(J{{"type", "whisper"}, {"text", "Smile"}, {"seat", 7}});
         QTRY_COMPARE(asked("/mentors"), 2);
         clock.advance((CheckIn::kMinSpacingMs + 1) * 1000000); // past the spacing of check-ins
