@@ -204,43 +204,40 @@ private Q_SLOTS:
             {"computer-no-confirmation", "computer lead apv submit", QStringLiteral("Add a confirmation (file or snap)")}, {"computer-snapped", "computer lead apv snap", {}}};
         for (const auto &[name, state, status] : rows) {
             const QStringList words = QString::fromLatin1(state).split(QLatin1Char(' '));
+            const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
             SaleSubmission submission(net);
             ScreenSnapper snapper(false);
             SaleForm form(submission, snapper, [] { return 7; }, [] { return QStringLiteral("127.0.0.1:9"); });
             form.open();
             QVERIFY(onScreen(&form));
             QVERIFY(form.size() == QSize(468, 648) && form.windowTitle() == QStringLiteral("Submit a Sale"));
-            form.methodGroup()->button(words.contains(QStringLiteral("computer")))->click();
-            if (words.contains(QStringLiteral("lead")))
-                form.leadField()->setText(QStringLiteral("Ann Lee"));
+            form.methodGroup()->button(has("computer"))->click();
+            if (has("lead")) form.leadField()->setText(QStringLiteral("Ann Lee"));
             for (const QString &w : words)
                 if (w.startsWith(QStringLiteral("apv")))
                     form.apvField()->setText(w.contains(QLatin1Char('=')) ? w.mid(4) : QStringLiteral("$1,200"));
-            if (words.contains(QStringLiteral("confirm")))
-                form.setConfirmFile(QStringLiteral("/tmp/confirmation.pdf"));
-            if (words.contains(QStringLiteral("call")))
-                form.setCallFile(QStringLiteral("/tmp/full-call.m4a"));
-            if (words.contains(QStringLiteral("snap"))) {
+            if (has("confirm")) form.setConfirmFile(QStringLiteral("/tmp/confirmation.pdf"));
+            if (has("call")) form.setCallFile(QStringLiteral("/tmp/full-call.m4a"));
+            if (has("snap")) {
                 QSignalSpy done(&snapper, &ScreenSnapper::done);
                 form.findChildren<QPushButton *>().at(5)->click(); // "📸  Snap screen"
                 QVERIFY(done.wait(5000));
                 QVERIFY(form.confirmLabel()->text().startsWith(QStringLiteral("✓ Screen snapped (")));
             }
-            if (words.contains(QStringLiteral("submit")))
-                form.submitButton()->click();
+            if (has("submit")) form.submitButton()->click();
             QCOMPARE(form.statusLine()->text(), status);
             const QImage shot = shoot(&form, QStringLiteral("form-") + QLatin1String(name));
 
             // The submit button, the chosen method, the navy ground, and the coloured lines.
-            const bool computer = words.contains(QStringLiteral("computer"));
+            const bool computer = has("computer");
             QVERIFY(at(shot, 30, 604, M::blue()) && at(shot, 4, 300, QColor(M::navy().rgb())) && at(shot, computer ? 240 + 8 : 24 + 8, 102, M::blue()));
             QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
             if (!status.isEmpty())
                 QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
-            const bool confirmed = words.contains(QStringLiteral("confirm")) || words.contains(QStringLiteral("snap"));
+            const bool confirmed = has("confirm") || has("snap");
             QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
             QCOMPARE(form.callChoose()->isEnabled(), !computer);
-            QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), words.contains(QStringLiteral("call")));
+            QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), has("call"));
             // Taller than the screen: it fits itself in, title bar included, 16 from the edges.
             form.resize(468, 2000);
             form.fitToScreen();

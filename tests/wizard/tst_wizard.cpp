@@ -254,17 +254,13 @@ private Q_SLOTS:
             WizardParts parts(home, has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
             parts.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
                                  : has("access=refused") ? AudioBackend::Access::Refused : AudioBackend::Access::Allowed;
-            if (has("monitor=none"))
-                parts.audio.monitor.reset();
+            if (has("monitor=none")) parts.audio.monitor.reset();
             WizardModel model(parts.parts());
             model.refreshPermissions();
             model.setAgree(has("agree"));
-            if (has("asked"))
-                model.askScreen();
-            if (has("askMic"))
-                model.askMic();
-            if (has("room"))
-                parts.browser->announce(QStringLiteral("Room One"), room.port());
+            if (has("asked")) model.askScreen();
+            if (has("askMic")) model.askMic();
+            if (has("room")) parts.browser->announce(QStringLiteral("Room One"), room.port());
             if (has("verifying") || has("refused")) {
                 web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});
                 model.verifyAndSave();
@@ -277,8 +273,7 @@ private Q_SLOTS:
                 QTRY_VERIFY(model.testing()); // the screen started the sound check
                 model.tick(0.2f, 0.05f, has("connected"));
             }
-            if (has("refused"))
-                QTRY_VERIFY(model.hasVerifyError());
+            if (has("refused")) QTRY_VERIFY(model.hasVerifyError());
             QTRY_VERIFY(!has("room") || !model.server().isEmpty());
             for (const QString &text : shows)
                 QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
