@@ -55,13 +55,6 @@ QList<Case> cases()
     };
 }
 
-QString screens()
-{
-    const QString dir = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QStringLiteral(".")) + QStringLiteral("/tray-screens");
-    QDir().mkpath(dir);
-    return dir;
-}
-
 // Where the tray host shows the (only) icon on the screen: the tray embeds it, so Qt knows only
 // its size; the X server knows where it is.
 QPoint iconCentre()
@@ -102,12 +95,6 @@ bool tipDrawn(const QImage &shot, QPoint origin)
     return false;
 }
 
-// Moves the pointer (xdotool mousemove --sync followed by these words); 0 when it did.
-int xdotool(const QStringList &moveTo)
-{
-    return QProcess::execute(QStringLiteral("xdotool"), QStringList{QStringLiteral("mousemove"), QStringLiteral("--sync")} + moveTo);
-}
-
 } // namespace
 
 // The tray as a person sees it: the icon per state, its tooltip in words, the menu on a left click.
@@ -123,8 +110,7 @@ private Q_SLOTS:
             QCOMPARE(TrayTip::text(c.state, c.facts), c.tip);
         }
         const S replaced = connected([](S &s) { s.replaced = true; });
-        QVERIFY(TrayTip::text(replaced, {}).contains(QStringLiteral("Link down: agent number in use on another computer")));
-        QCOMPARE(TrayTip::look(replaced), TrayTip::Look::NotConnected);
+        QVERIFY(TrayTip::text(replaced, {}).contains(QStringLiteral("Link down: agent number in use on another computer")) && TrayTip::look(replaced) == TrayTip::Look::NotConnected);
         QVERIFY(TrayTip::text(S{}, {}).contains(QStringLiteral("Link down: no control room set")));
         QCOMPARE(TrayTip::text(connected([](S &s) { s.isRecording = true; }), {}).section(QLatin1Char('\n'), 2), QStringLiteral("Recording")); // no session known
         // The call item's running time.
@@ -143,6 +129,7 @@ private Q_SLOTS:
         const QRect screen = QGuiApplication::primaryScreen()->geometry();
         const QRect area(screen.width() - 640, 0, 640, 200);
         const auto grab = [&] { return QGuiApplication::primaryScreen()->grabWindow(0, area.x(), 0, area.width(), area.height()).toImage(); };
+        const auto moveTo = [](int x, int y) { return QProcess::execute(QStringLiteral("xdotool"), {QStringLiteral("mousemove"), QStringLiteral("--sync"), QString::number(x), QString::number(y)}); };
         int side = 1;
         for (const QColor panel : {QColor(0xee, 0xee, 0xee), QColor(0x20, 0x22, 0x26)}) {
             QCOMPARE(paint(panel), 0);
@@ -157,10 +144,10 @@ private Q_SLOTS:
                 // in turn: Qt sees no pointer motion on the desktop, and a pointer back at the point
                 // where Qt last saw it brings the icon no move, so no tooltip.
                 QToolTip::hideText();
-                QCOMPARE(xdotool({QStringLiteral("0"), QStringLiteral("400")}), 0);
+                QCOMPARE(moveTo(0, 400), 0);
                 QTRY_VERIFY(!QToolTip::isVisible());
                 side = -side;
-                QCOMPARE(xdotool({QString::number(at.x() + 2 * side), QString::number(at.y())}), 0);
+                QCOMPARE(moveTo(at.x() + 2 * side, at.y()), 0);
                 QString seen; // the tooltip last up
                 QTRY_COMPARE_WITH_TIMEOUT(seen = QToolTip::isVisible() ? QToolTip::text() : seen, c.tip, 5000);
                 QImage shot;
@@ -168,7 +155,7 @@ private Q_SLOTS:
                 for (const QColor mark : {kOrange, kRed, kGreen, kBlue, kYellow})
                     QVERIFY2(shows(shot, at - area.topLeft(), mark) == (mark == c.mark), c.name);
                 const QString name = QString::fromLatin1(c.name).replace(QLatin1Char(' '), QLatin1Char('-'));
-                QVERIFY(shot.save(screens() + QLatin1Char('/') + name + (panel.lightness() > 128 ? QStringLiteral("-light.png") : QStringLiteral("-dark.png"))));
+                QVERIFY(shot.save(TestDisplay::pictures("tray-screens") + QLatin1Char('/') + name + (panel.lightness() > 128 ? QStringLiteral("-light.png") : QStringLiteral("-dark.png"))));
             }
         }
     }
@@ -189,7 +176,7 @@ private Q_SLOTS:
         const QImage drawn = tray.menu()->grab().toImage().convertToFormat(QImage::Format_RGB32);
         QImage shown;
         QTRY_VERIFY((shown = QGuiApplication::primaryScreen()->grabWindow(0).toImage().convertToFormat(QImage::Format_RGB32)).copy(where) == drawn);
-        QVERIFY(shown.save(screens() + QStringLiteral("/menu.png")));
+        QVERIFY(shown.save(TestDisplay::pictures("tray-screens") + QStringLiteral("/menu.png")));
         tray.menu()->hide();
         tray.flash(QStringLiteral("Help sent — coaches alerted"));
         const auto balloon = [] { const QWidgetList all = QApplication::topLevelWidgets(); return std::any_of(all.cbegin(), all.cend(), [](QWidget *w) { return w->inherits("QBalloonTip") && w->isVisible(); }); };

@@ -24,6 +24,14 @@ inline bool useTestX()
 /// Whether this run is on the test X server.
 inline bool onX = false;
 
+/// The folder <build>/<name> where a test keeps its pictures (listed in the README), made if missing.
+inline QString pictures(const char *name)
+{
+    const QString dir = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + QLatin1Char('/') + QLatin1String(name);
+    QDir().mkpath(dir);
+    return dir;
+}
+
 } // namespace TestDisplay
 
 /// Skips the current test when there is no test X server.

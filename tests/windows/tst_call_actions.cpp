@@ -43,8 +43,8 @@ private Q_SLOTS:
         AgentEvents ev(net, home.settings());
         AgentActions actions(ev, [this] { return nowMs; });
         QList<qint64> reviews;
-        actions.onReview = [&](qint64 secs) { reviews.append(secs); };
         QString confirmed;
+        actions.onReview = [&](qint64 secs) { reviews.append(secs); };
         actions.onConfirm = [&](const QString &text) { confirmed = text; };
 
         actions.needHelp(); // without an agent number nothing goes out
@@ -55,8 +55,7 @@ private Q_SLOTS:
         nowMs += 59900; // 59.9 s: whole seconds, cut
         actions.toggleCall();
         QTRY_COMPARE(events().value(1), QStringLiteral("/event?id=7&type=call_end&secs=59"));
-        QCOMPARE(reviews, QList<qint64>{59});
-        QVERIFY(!actions.onCall());
+        QVERIFY(reviews == QList<qint64>{59} && !actions.onCall());
 
         actions.postReview(59, QStringLiteral("Neutral"), QStringLiteral("Funny"), QStringLiteral("cried & laughed"));
         QTRY_COMPARE(events().value(2), QStringLiteral("/event?id=7&type=review&outcome=Neutral&ctype=Funny&why=cried%20%26%20laughed&secs=59"));
@@ -68,10 +67,8 @@ private Q_SLOTS:
         actions.needHelp();
         QTRY_COMPARE(events().value(4), QStringLiteral("/event?id=7&type=help"));
         QCOMPARE(confirmed, QStringLiteral("Help sent — coaches alerted"));
-    }
 
-    void reviewWindowHandsOnItsChoice()
-    {
+        // The review window hands on its choice.
         ReviewWindow w;
         QStringList saved;
         const auto open = [&] { w.open([&](const QString &o, const QString &t, const QString &why) { saved = {o, t, why}; }); };
@@ -101,8 +98,7 @@ private Q_SLOTS:
         QVERIFY(web.listen());
         web.setDefault(HttpStub::status(200, "[]"));
         AgentFixture f(home, nullptr, QStringLiteral("http://") + web.address());
-        QVERIFY(!QSystemTrayIcon::isSystemTrayAvailable());
-        QVERIFY(!f.app->windows().widget()); // cameras are off
+        QVERIFY(!QSystemTrayIcon::isSystemTrayAvailable() && !f.app->windows().widget()); // cameras are off
         QVERIFY(f.command(J{{"type", "cameras"}, {"on", true}}));
         QTRY_VERIFY(f.app->windows().widget() && f.app->windows().widget()->isShown());
         SaleWidget *w = f.app->windows().widget();

@@ -33,8 +33,7 @@ public Q_SLOTS:
         QFile asked(dir + QStringLiteral("/asked.txt"));
         if (asked.open(QIODevice::WriteOnly))
             asked.write((title + QLatin1Char('\n') + options.keys().join(QLatin1Char(' '))).toUtf8());
-        QString sender = message().service().mid(1);
-        sender.replace(QLatin1Char('.'), QLatin1Char('_'));
+        const QString sender = message().service().mid(1).replace(QLatin1Char('.'), QLatin1Char('_'));
         const QString path = QStringLiteral("/org/freedesktop/portal/desktop/request/") + sender + QLatin1Char('/') + options.value(QStringLiteral("handle_token")).toString();
         QDBusMessage answer = QDBusMessage::createSignal(path, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
         answer << 0u << QVariantMap{{QStringLiteral("uris"), QStringList{QUrl::fromLocalFile(dir + QStringLiteral("/call 1.m4a")).toString()}}};
@@ -96,13 +95,9 @@ int main(int argc, char *argv[])
     QCoreApplication app(argc, argv);
     TestSessionBus bus;
     QTemporaryDir dir;
-    if (!bus.start()) {
-        QTextStream(stdout) << "SKIP: no dbus-daemon on this computer" << Qt::endl;
-        return 0;
-    }
-    if (QLibraryInfo::path(QLibraryInfo::PluginsPath).isEmpty()
-        || !QFile::exists(QLibraryInfo::path(QLibraryInfo::PluginsPath) + QStringLiteral("/platformthemes/libqxdgdesktopportal.so"))) {
-        QTextStream(stdout) << "SKIP: no portal platform theme (qt6-xdgdesktopportal-platformtheme)" << Qt::endl;
+    const bool theme = QFile::exists(QLibraryInfo::path(QLibraryInfo::PluginsPath) + QStringLiteral("/platformthemes/libqxdgdesktopportal.so"));
+    if (!theme || !bus.start()) {
+        QTextStream(stdout) << (theme ? "SKIP: no dbus-daemon on this computer" : "SKIP: no portal platform theme (qt6-xdgdesktopportal-platformtheme)") << Qt::endl;
         return 0;
     }
     qputenv("BRAVA_TEST_PORTAL_DIR", QFile::encodeName(dir.path()));
@@ -113,9 +108,7 @@ int main(int argc, char *argv[])
         return 1;
     QProcess inside;
     inside.setProcessChannelMode(QProcess::ForwardedChannels);
-    QStringList args = QCoreApplication::arguments().mid(1);
-    args.prepend(QStringLiteral("--inside"));
-    inside.start(QCoreApplication::applicationFilePath(), args);
+    inside.start(QCoreApplication::applicationFilePath(), QStringList{QStringLiteral("--inside")} + QCoreApplication::arguments().mid(1));
     if (!inside.waitForFinished(30000)) {
         // Qt's own dialog waits for a person: the portal was not asked.
         QTextStream(stdout) << "FAIL: the file chooser did not come back within 30 s" << Qt::endl;

@@ -14,7 +14,6 @@
 #include <sys/stat.h>
 
 using Answers = QList<HttpStub::Answer>;
-Q_DECLARE_METATYPE(Answers)
 
 // A network manager that notes the time-out of every request made through it.
 struct TimedNet : QNetworkAccessManager {
@@ -72,6 +71,7 @@ class SaleSubmissionTest : public QObject
 private Q_SLOTS:
     void init()
     {
+        cleanup(); // (called again inside the tables: each row from a fresh form)
         dir = std::make_unique<QTemporaryDir>();
         stub = std::make_unique<HttpStub>();
         QVERIFY(stub->listen());
@@ -91,106 +91,84 @@ private Q_SLOTS:
 
     // A computer sale sends the record, then the confirmation file (never the call, though one is
     // attached); a phone sale sends a snapped confirmation, then the call.
-    void successfulSale_data()
-    {
-        QTest::addColumn<bool>("phone");
-        QTest::newRow("computer") << false;
-        QTest::newRow("phone") << true;
-    }
     void successfulSale()
     {
-        QFETCH(bool, phone);
-        fill(phone);
-        const QByteArray png = QByteArray("\x89PNG\r\n\x1a\n", 8) + QByteArray(5000, 'p');
-        if (phone)
-            form->setConfirmSnapshot(png);
-        stub->script({token(), HttpStub::status(200), HttpStub::status(200)});
-        QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
-        QCOMPARE(form->statusColour(), SaleForm::green());
-        QVERIFY(home.log().endsWith(QStringLiteral(" sale sent to the control room\n")));
-        QCOMPARE(stub->requests.size(), phone ? 3 : 2);
-        QCOMPARE(net.timeouts, phone ? QList<int>({20000, 120000, 600000}) : QList<int>({20000, 600000})); // record, snapshot, file
-        const HttpStub::Request &record = stub->requests[0];
-        QCOMPARE(record.url.path(), QStringLiteral("/sale"));
-        QCOMPARE(record.headers.value("content-type"), QByteArray("application/json"));
-        QCOMPARE(record.body, QByteArray("{\"id\":7,\"method\":\"") + (phone ? "phone" : "computer") + "\",\"lead\":\"Ann Lee\",\"apv\":1251,\"referral\":\"yes\"}");
-        QCOMPARE(stub->requests[1].url.path(), QStringLiteral("/sale-file"));
-        QCOMPARE(query(1), phone ? QByteArray("sale=S%201%2Fx&kind=confirm&ext=png") : QByteArray("sale=S%201%2Fx&kind=confirm&ext=pdf"));
-        QCOMPARE(stub->requests[1].headers.value("content-type"), QByteArray("application/octet-stream"));
-        QCOMPARE(stub->requests[1].body, phone ? png : QByteArray("%PDF-1.4 confirmation"));
-        if (phone) {
-            QCOMPARE(query(2), QByteArray("sale=S%201%2Fx&kind=call&ext=m4a"));
-            QCOMPARE(stub->requests[2].headers.value("content-type"), QByteArray("application/octet-stream"));
-            QCOMPARE(stub->requests[2].body, QByteArray(300000, 'c'));
+        for (const bool phone : {false, true}) {
+            init();
+            fill(phone);
+            const QByteArray png = QByteArray("\x89PNG\r\n\x1a\n", 8) + QByteArray(5000, 'p');
+            if (phone)
+                form->setConfirmSnapshot(png);
+            stub->script({token(), HttpStub::status(200), HttpStub::status(200)});
+            QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
+            QVERIFY(form->statusColour() == SaleForm::green() && home.log().endsWith(QStringLiteral(" sale sent to the control room\n")));
+            QCOMPARE(stub->requests.size(), phone ? 3 : 2);
+            QCOMPARE(net.timeouts, phone ? QList<int>({20000, 120000, 600000}) : QList<int>({20000, 600000})); // record, snapshot, file
+            const HttpStub::Request &record = stub->requests[0];
+            QVERIFY(record.url.path() == QStringLiteral("/sale") && record.headers.value("content-type") == "application/json");
+            QCOMPARE(record.body, QByteArray("{\"id\":7,\"method\":\"") + (phone ? "phone" : "computer") + "\",\"lead\":\"Ann Lee\",\"apv\":1251,\"referral\":\"yes\"}");
+            QCOMPARE(stub->requests[1].url.path(), QStringLiteral("/sale-file"));
+            QCOMPARE(query(1), phone ? QByteArray("sale=S%201%2Fx&kind=confirm&ext=png") : QByteArray("sale=S%201%2Fx&kind=confirm&ext=pdf"));
+            QCOMPARE(stub->requests[1].body, phone ? png : QByteArray("%PDF-1.4 confirmation"));
+            for (qsizetype i = 1; i < stub->requests.size(); ++i)
+                QCOMPARE(stub->requests[i].headers.value("content-type"), QByteArray("application/octet-stream"));
+            if (phone)
+                QVERIFY(query(2) == "sale=S%201%2Fx&kind=call&ext=m4a" && stub->requests[2].body == QByteArray(300000, 'c'));
+            // The form goes away a moment after the success.
+            QVERIFY(form->isVisible());
+            QTRY_VERIFY_WITH_TIMEOUT(!form->isVisible(), 5000);
         }
-        // The form goes away a moment after the success.
-        QVERIFY(form->isVisible());
-        QTRY_VERIFY_WITH_TIMEOUT(!form->isVisible(), 5000);
     }
 
-    void failure_data()
+    // Every failure says what failed, in the status line and the log, and keeps what the agent
+    // entered, ready for another press. fault: what goes wrong besides the answers; requests: how
+    // many arrived (-1: not counted).
+    void failure()
     {
-        // fault: what goes wrong besides the answers (see below); requests: how many arrived.
-        QTest::addColumn<bool>("phone");
-        QTest::addColumn<QString>("fault");
-        QTest::addColumn<Answers>("answers");
-        QTest::addColumn<QString>("message");
-        QTest::addColumn<int>("requests");
         const QString noRoom = QStringLiteral("Couldn't reach the control room"), noConfirm = QStringLiteral("Confirmation upload failed"),
                       noCall = QStringLiteral("Call upload failed");
         const auto ok = HttpStub::status(200);
-        QTest::newRow("record answered 201") << false << "" << Answers{HttpStub::status(201, "{\"sale\":\"S\"}")} << noRoom << 1;
-        QTest::newRow("numeric sale token") << false << "" << Answers{token("{\"sale\":5}")} << noRoom << 1;
-        QTest::newRow("answer is no JSON") << false << "" << Answers{token("sale")} << noRoom << 1;
-        QTest::newRow("record connection reset") << false << "" << Answers{HttpStub::Answer{HttpStub::Answer::Reset}} << noRoom << -1;
-        QTest::newRow("no control room") << false << "closed" << Answers{} << noRoom << 0;
-        QTest::newRow("address no URL") << false << "badserver" << Answers{} << noRoom << 0;
-        QTest::newRow("confirmation vanished") << false << "confirm-gone" << Answers{token()} << noConfirm << 1;
-        QTest::newRow("confirmation now a folder") << false << "confirm-folder" << Answers{token()} << noConfirm << 1;
-        QTest::newRow("confirmation answered 500") << false << "" << Answers{token(), HttpStub::status(500)} << noConfirm << 2;
-        QTest::newRow("call vanished") << true << "call-gone" << Answers{token(), ok} << noCall << 2;
-        QTest::newRow("call is a pipe") << true << "call-pipe" << Answers{token(), ok} << noCall << 2;
-        QTest::newRow("call answered 500") << true << "" << Answers{token(), ok, HttpStub::status(500)} << noCall << 3;
-        QTest::newRow("connection closed mid-upload") << true << "cut" << Answers{token(), ok} << noCall << -1;
-    }
-    void failure()
-    {
-        QFETCH(bool, phone);
-        QFETCH(QString, fault);
-        QFETCH(Answers, answers);
-        QFETCH(QString, message);
-        QFETCH(int, requests);
-        fill(phone);
-        const QString confirmShown = form->confirmLabel()->text();
-        const QString confirmPath = dir->filePath(QStringLiteral("confirm.pdf"));
-        const QString callPath = dir->filePath(QStringLiteral("Call.M4A"));
-        const QByteArray pipe = QFile::encodeName(callPath);
+        const auto path = [this](const char *name) { return dir->filePath(QLatin1String(name)); };
         const QHash<QString, std::function<bool()>> faults{
             {QStringLiteral("closed"), [&] { stub.reset(); return true; }},
             {QStringLiteral("badserver"), [&] { server = QStringLiteral("host/../x:1"); return true; }},
-            {QStringLiteral("confirm-gone"), [&] { return QFile::remove(confirmPath); }},
-            {QStringLiteral("confirm-folder"), [&] { return QFile::remove(confirmPath) && QDir().mkdir(confirmPath); }},
-            {QStringLiteral("call-gone"), [&] { return QFile::remove(callPath); }},
-            {QStringLiteral("call-pipe"), [&] { return QFile::remove(callPath) && ::mkfifo(pipe.constData(), 0600) == 0; }},
+            {QStringLiteral("confirm-gone"), [&] { return QFile::remove(path("confirm.pdf")); }},
+            {QStringLiteral("confirm-folder"), [&] { return QFile::remove(path("confirm.pdf")) && QDir().mkdir(path("confirm.pdf")); }},
+            {QStringLiteral("call-gone"), [&] { return QFile::remove(path("Call.M4A")); }},
+            {QStringLiteral("call-pipe"), [&] { return QFile::remove(path("Call.M4A")) && ::mkfifo(QFile::encodeName(path("Call.M4A")).constData(), 0600) == 0; }},
             {QStringLiteral("cut"), [&] { // every try of the call is cut short
                  form->setCallFile(file(QStringLiteral("Call.M4A"), QByteArray(8 << 20, 'c')));
                  stub->setDefault(HttpStub::cut(256 * 1024));
                  return true;
              }}};
-        QVERIFY(fault.isEmpty() || faults.value(fault)());
-        if (stub)
-            stub->script(answers);
-        QCOMPARE(submit(), message);
-        QCOMPARE(form->statusColour(), SaleForm::errorColour());
-        QVERIFY(home.log().endsWith(QStringLiteral(" sale not sent: ") + message + QLatin1Char('\n')));
-        if (requests >= 0)
-            QCOMPARE(stub ? int(stub->requests.size()) : 0, requests);
-        // Everything the agent entered is still there, ready for another press.
-        QVERIFY(form->isVisible() && form->submitButton()->isEnabled());
-        QCOMPARE(form->leadField()->text(), QStringLiteral("  Ann Lee  "));
-        QCOMPARE(form->apvField()->text(), QStringLiteral("$1,250.50"));
-        QCOMPARE(form->confirmLabel()->text(), confirmShown);
-        QCOMPARE(form->methodGroup()->checkedId(), phone ? 0 : 1);
+        const struct { const char *name; bool phone; QString fault; Answers answers; QString message; int requests; } rows[] = {
+            {"record answered 201", false, {}, {HttpStub::status(201, "{\"sale\":\"S\"}")}, noRoom, 1},
+            {"numeric sale token", false, {}, {token("{\"sale\":5}")}, noRoom, 1},
+            {"answer is no JSON", false, {}, {token("sale")}, noRoom, 1},
+            {"record connection reset", false, {}, {HttpStub::Answer{HttpStub::Answer::Reset}}, noRoom, -1},
+            {"no control room", false, QStringLiteral("closed"), {}, noRoom, 0},
+            {"address no URL", false, QStringLiteral("badserver"), {}, noRoom, 0},
+            {"confirmation vanished", false, QStringLiteral("confirm-gone"), {token()}, noConfirm, 1},
+            {"confirmation now a folder", false, QStringLiteral("confirm-folder"), {token()}, noConfirm, 1},
+            {"confirmation answered 500", false, {}, {token(), HttpStub::status(500)}, noConfirm, 2},
+            {"call vanished", true, QStringLiteral("call-gone"), {token(), ok}, noCall, 2},
+            {"call is a pipe", true, QStringLiteral("call-pipe"), {token(), ok}, noCall, 2},
+            {"call answered 500", true, {}, {token(), ok, HttpStub::status(500)}, noCall, 3},
+            {"connection closed mid-upload", true, QStringLiteral("cut"), {token(), ok}, noCall, -1}};
+        for (const auto &[name, phone, fault, answers, message, requests] : rows) {
+            init();
+            fill(phone);
+            const QString confirmShown = form->confirmLabel()->text();
+            QVERIFY2(fault.isEmpty() || faults.value(fault)(), name);
+            if (stub)
+                stub->script(answers);
+            QVERIFY2(submit() == message && form->statusColour() == SaleForm::errorColour(), name);
+            QVERIFY2(home.log().endsWith(QStringLiteral(" sale not sent: ") + message + QLatin1Char('\n')), name);
+            QVERIFY2(requests < 0 || (stub ? int(stub->requests.size()) : 0) == requests, name);
+            QVERIFY(form->isVisible() && form->submitButton()->isEnabled());
+            QVERIFY(form->leadField()->text() == QStringLiteral("  Ann Lee  ") && form->apvField()->text() == QStringLiteral("$1,250.50"));
+            QVERIFY(form->confirmLabel()->text() == confirmShown && form->methodGroup()->checkedId() == (phone ? 0 : 1));
+        }
     }
 
     // Presses and reopening while a sale is submitting change nothing; a press after a failure sends a new record.
@@ -200,22 +178,18 @@ private Q_SLOTS:
         stub->script({HttpStub::hang()});
         form->submitButton()->click();
         QTRY_COMPARE(stub->requests.size(), 1);
-        QVERIFY(form->isUploading() && !form->submitButton()->isEnabled());
-        QCOMPARE(form->statusLine()->text(), QStringLiteral("Submitting…"));
+        QVERIFY(form->isUploading() && !form->submitButton()->isEnabled() && form->statusLine()->text() == QStringLiteral("Submitting…"));
         form->submitTapped();
         form->open(); // the widget's or the menu's "Submit a Sale" meanwhile
         QVERIFY(!submission->submit(server, SaleSubmission::Sale{}));
-        QVERIFY(form->isUploading() && form->confirmLabel()->text().startsWith(QStringLiteral("✓")));
-        QCOMPARE(form->statusLine()->text(), QStringLiteral("Submitting…"));
+        QVERIFY(form->isUploading() && form->confirmLabel()->text().startsWith(QStringLiteral("✓")) && form->statusLine()->text() == QStringLiteral("Submitting…"));
         stub->script({HttpStub::status(500)});
         stub->release(token());
         QTRY_COMPARE(form->statusLine()->text(), QStringLiteral("Confirmation upload failed"));
         QCOMPARE(stub->requests.size(), 2); // the record once, its confirmation once
         stub->script({token("{\"sale\":\"S2\"}"), HttpStub::status(200)});
         QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
-        QCOMPARE(stub->requests.size(), 4);
-        QCOMPARE(stub->requests[2].url.path(), QStringLiteral("/sale"));
-        QCOMPARE(query(3), QByteArray("sale=S2&kind=confirm&ext=pdf"));
+        QVERIFY(stub->requests.size() == 4 && stub->requests[2].url.path() == QStringLiteral("/sale") && query(3) == "sale=S2&kind=confirm&ext=pdf");
     }
 
     void methodAndReopen()
@@ -236,10 +210,8 @@ private Q_SLOTS:
         QCOMPARE(form->confirmLabel()->text(), QStringLiteral("Screen capture failed"));
         // Reopening drops the attachments and keeps what was typed and chosen.
         form->open();
-        QCOMPARE(form->confirmLabel()->text(), QStringLiteral("No confirmation yet"));
-        QCOMPARE(form->callLabel()->text(), QStringLiteral("Required for a phone sale"));
-        QCOMPARE(form->leadField()->text(), QStringLiteral("  Ann Lee  "));
-        QCOMPARE(form->referralGroup()->checkedId(), 1);
+        QVERIFY(form->confirmLabel()->text() == QStringLiteral("No confirmation yet") && form->callLabel()->text() == QStringLiteral("Required for a phone sale"));
+        QVERIFY(form->leadField()->text() == QStringLiteral("  Ann Lee  ") && form->referralGroup()->checkedId() == 1);
         form->submitButton()->click();
         QCOMPARE(form->statusLine()->text(), QStringLiteral("Add a confirmation (file or snap)"));
     }

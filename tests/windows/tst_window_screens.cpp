@@ -18,8 +18,6 @@
 
 namespace M = SaleWidgetModel;
 using Screens = QList<SaleWidgetModel::Screen>;
-Q_DECLARE_METATYPE(std::optional<QRect>)
-Q_DECLARE_METATYPE(std::optional<qint64>)
 
 // The windows' rules without windows: where the widget snaps, its saved frame's text, what an APV
 // reads as, which check a sale fails, the sale record, and the display platform chosen. Then each
@@ -28,7 +26,6 @@ Q_DECLARE_METATYPE(std::optional<qint64>)
 class WindowsTest : public QObject
 {
     Q_OBJECT
-    QString shots;
     QString savedFrame;
     QNetworkAccessManager net;
 
@@ -38,7 +35,7 @@ class WindowsTest : public QObject
         QTest::qWait(0);
         const QRect r(w->mapToGlobal(QPoint(0, 0)), w->size());
         const QImage image = QGuiApplication::primaryScreen()->grabWindow(0, r.x(), r.y(), r.width(), r.height()).toImage();
-        image.save(shots + QLatin1Char('/') + name + QStringLiteral(".png"));
+        image.save(TestDisplay::pictures("window-screens") + QLatin1Char('/') + name + QStringLiteral(".png"));
         return image;
     }
     static bool near(QColor a, QColor b, int tolerance = 8)
@@ -63,167 +60,69 @@ class WindowsTest : public QObject
     static bool onScreen(QWidget *w) { return QTest::qWaitForWindowExposed(w) && QTest::qWaitFor([] { return true; }, 150); }
 
 private Q_SLOTS:
-    void initTestCase()
+    // Where the widget snaps (a main screen 1280x800 with a 40-high dock at the bottom, a portrait
+    // screen to its right), its first frame, the real times, and its saved frame's text.
+    void widgetRules()
     {
-        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + QStringLiteral("/window-screens");
-        QVERIFY(QDir().mkpath(shots));
-    }
-
-    void snap_data()
-    {
-        // Main screen 1280x800 with a 40-high dock at the bottom; a portrait screen to its right.
         const Screens two{{QRect(0, 0, 1280, 800), QRect(0, 0, 1280, 760)}, {QRect(1280, 0, 600, 1200), QRect(1280, 0, 600, 1200)}};
-        QTest::addColumn<Screens>("screens");
-        QTest::addColumn<QRect>("from");
-        QTest::addColumn<std::optional<QRect>>("to");
-        const auto r = [](int x, int y) { return QRect(x, y, 196, 182); };
-        const auto to = [&](int x, int y) { return std::optional<QRect>(r(x, y)); };
-        QTest::newRow("left, height kept") << two << r(30, 378) << to(12, 378);
-        QTest::newRow("right") << two << r(1000, 300) << to(1072, 300);
-        QTest::newRow("bottom is the dock's top") << two << r(500, 560) << to(500, 566);
-        QTest::newRow("top") << two << r(500, 40) << to(500, 12);
-        QTest::newRow("tie left-right goes left") << two << r(1482, 500) << to(1292, 500);
-        QTest::newRow("tie left-bottom goes left") << two << r(100, 478) << to(12, 478);
-        QTest::newRow("tie right-bottom goes right") << two << r(1034, 528) << to(1072, 528);
-        QTest::newRow("tie bottom-top goes bottom") << two << r(500, 289) << to(500, 566);
-        QTest::newRow("partly off the top") << two << r(600, -80) << to(600, 12);
-        QTest::newRow("centre off every screen: main one") << two << r(-100, 300) << to(12, 300);
-        QTest::newRow("saved far right of every screen") << two << r(5000, 300) << to(1072, 300);
-        QTest::newRow("second screen, right") << two << r(1700, 600) << to(1672, 600);
-        QTest::newRow("centre decides the screen") << two << r(1250, 700) << to(1292, 700);
-        QTest::newRow("bottom of the second screen") << two << r(1300, 1000) << to(1300, 1006);
-        QTest::newRow("clamped in the other axis") << two << r(1285, 1010) << to(1292, 1006);
-        QTest::newRow("too small: lower bound wins") << Screens{{QRect(0, 0, 150, 150), QRect(0, 0, 150, 150)}} << r(0, 0) << to(12, 12);
-        QTest::newRow("no screen") << Screens{} << r(10, 10) << std::optional<QRect>();
-    }
-    void snap()
-    {
-        QFETCH(Screens, screens);
-        QFETCH(QRect, from);
-        QFETCH(std::optional<QRect>, to);
-        QCOMPARE(SaleWidgetModel::snap(from, screens), to);
-    }
-
-    void firstFrameIsBottomRight()
-    {
-        QCOMPARE(SaleWidgetModel::firstFrame(QRect(0, 0, 1280, 760), true), QRect(1060, 554, 196, 182));
-        QCOMPARE(SaleWidgetModel::firstFrame(QRect(0, 0, 1280, 760), false), QRect(1060, 602, 196, 134));
+        const auto r = [](QPoint p) { return QRect(p, QSize(196, 182)); };
+        const struct { const char *name; QPoint from, to; } rows[] = {
+            {"left, height kept", {30, 378}, {12, 378}}, {"right", {1000, 300}, {1072, 300}}, {"bottom is the dock's top", {500, 560}, {500, 566}},
+            {"top", {500, 40}, {500, 12}}, {"tie left-right goes left", {1482, 500}, {1292, 500}}, {"tie left-bottom goes left", {100, 478}, {12, 478}},
+            {"tie right-bottom goes right", {1034, 528}, {1072, 528}}, {"tie bottom-top goes bottom", {500, 289}, {500, 566}},
+            {"partly off the top", {600, -80}, {600, 12}}, {"centre off every screen: main one", {-100, 300}, {12, 300}},
+            {"saved far right of every screen", {5000, 300}, {1072, 300}}, {"second screen, right", {1700, 600}, {1672, 600}},
+            {"centre decides the screen", {1250, 700}, {1292, 700}}, {"bottom of the second screen", {1300, 1000}, {1300, 1006}},
+            {"clamped in the other axis", {1285, 1010}, {1292, 1006}}};
+        for (const auto &row : rows)
+            QVERIFY2(M::snap(r(row.from), two) == r(row.to), row.name);
+        QCOMPARE(M::snap(r({0, 0}), {{QRect(0, 0, 150, 150), QRect(0, 0, 150, 150)}}), r({12, 12})); // too small: the lower bound wins
+        QCOMPARE(M::snap(r({10, 10}), {}), std::optional<QRect>());                                    // no screen
+        QCOMPARE(M::firstFrame(QRect(0, 0, 1280, 760), true), QRect(1060, 554, 196, 182));
+        QCOMPARE(M::firstFrame(QRect(0, 0, 1280, 760), false), QRect(1060, 602, 196, 134));
         QVERIFY(M::kSnapDelayMs == 180 && M::kHelpFlashMs == 1400); // the real times
+        QCOMPARE(M::parseFrame(QStringLiteral("{{12, -40}, {196, 182}}")), std::optional<QRect>(QRect(12, -40, 196, 182)));
+        QCOMPARE(M::frameText(QRect(12, -40, 196, 182)), QStringLiteral("{{12, -40}, {196, 182}}"));
+        QCOMPARE(M::parseFrame(QStringLiteral("{{1,2},{3,4}}")), std::optional<QRect>(QRect(1, 2, 3, 4)));
+        for (const char *text : {"", "{{1, 2}, {0, 4}}", "{{1, 2}, {99999, 4}}", "{{a, 2}, {3, 4}}", "{{1.5, 2}, {3, 4}}"})
+            QVERIFY2(!M::parseFrame(QString::fromLatin1(text)), text);
     }
 
-    void frameText_data()
+    // What an APV reads as, which check a sale fails first, the sale record, and the display platform.
+    void formRules()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<std::optional<QRect>>("frame");
-        QTest::newRow("written form") << "{{12, -40}, {196, 182}}" << std::optional<QRect>(QRect(12, -40, 196, 182));
-        QTest::newRow("without blanks") << "{{1,2},{3,4}}" << std::optional<QRect>(QRect(1, 2, 3, 4));
-        QTest::newRow("empty") << "" << std::optional<QRect>();
-        QTest::newRow("no size") << "{{1, 2}, {0, 4}}" << std::optional<QRect>();
-        QTest::newRow("huge") << "{{1, 2}, {99999, 4}}" << std::optional<QRect>();
-        QTest::newRow("letters") << "{{a, 2}, {3, 4}}" << std::optional<QRect>();
-        QTest::newRow("decimals") << "{{1.5, 2}, {3, 4}}" << std::optional<QRect>();
-    }
-    void frameText()
-    {
-        QFETCH(QString, text);
-        QFETCH(std::optional<QRect>, frame);
-        QCOMPARE(SaleWidgetModel::parseFrame(text), frame);
-        if (frame && text.contains(QLatin1Char(' ')))
-            QCOMPARE(SaleWidgetModel::frameText(*frame), text);
-    }
-
-    void apv_data()
-    {
-        QTest::addColumn<QString>("typed");
-        QTest::addColumn<std::optional<qint64>>("sent");
-        const auto n = [](qint64 v) { return std::optional<qint64>(v); };
-        const std::optional<qint64> refused;
-        QTest::newRow("plain") << "1200" << n(1200);
-        QTest::newRow("dollars and commas") << "$1,250.50" << n(1251);
-        QTest::newRow("half up") << "12.5" << n(13);
-        QTest::newRow("below half") << "12.4" << n(12);
-        QTest::newRow("blanks") << " $ 900 " << n(900);
-        QTest::newRow("largest") << "1000000000" << n(1000000000);
-        QTest::newRow("letters") << "abc" << refused;
-        QTest::newRow("zero") << "0" << refused;
-        QTest::newRow("empty") << "" << refused;
-        QTest::newRow("exponent") << "1e9999" << refused;
-        QTest::newRow("dots") << ".." << refused;
-        QTest::newRow("too large") << "1000000001" << refused;
-        QTest::newRow("too long") << QString(33, QLatin1Char('1')) << refused;
-        QTest::newRow("other digits") << "١٢" << refused;
-        QTest::newRow("minus") << "-5" << refused;
-    }
-    void apv()
-    {
-        QFETCH(QString, typed);
-        QFETCH(std::optional<qint64>, sent);
-        QCOMPARE(SaleFormModel::apv(typed), sent);
-    }
-
-    void check_data()
-    {
-        QTest::addColumn<QString>("change");
-        QTest::addColumn<QString>("message");
-        QTest::newRow("complete phone sale") << "" << "";
-        QTest::newRow("computer sale needs no call") << "computer nocall" << "";
-        QTest::newRow("no agent number") << "agent0" << "Finish setup first";
-        QTest::newRow("lead of blanks") << "lead= \n" << "Enter the lead's name";
-        QTest::newRow("lead of 10000 characters") << "longlead" << "The lead's name is too long (at most 200 characters)";
-        QTest::newRow("lead with a tab") << "lead=Ann\tLee" << "The lead's name has a character that can't be sent (a tab or line break?)";
-        QTest::newRow("lead with a line break inside") << "lead=Ann\nLee" << "The lead's name has a character that can't be sent (a tab or line break?)";
-        QTest::newRow("bad apv") << "apv=1e9999" << "Enter the APV (dollar amount)";
-        QTest::newRow("no confirmation") << "noconfirm" << "Add a confirmation (file or snap)";
-        QTest::newRow("phone without call") << "nocall" << "Attach the full call recording";
-        QTest::newRow("first failing check wins") << "agent0 lead= noconfirm" << "Finish setup first";
-    }
-    void check()
-    {
-        QFETCH(QString, change);
-        QFETCH(QString, message);
-        SaleFormModel::Entry e{7, true, QStringLiteral("Ann Lee"), QStringLiteral("1200"), false, true, true};
-        for (const QString &w : change.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
-            if (w == QLatin1String("computer")) e.phone = false;
-            if (w == QLatin1String("nocall")) e.hasCall = false;
-            if (w == QLatin1String("noconfirm")) e.hasConfirm = false;
-            if (w == QLatin1String("agent0")) e.agentID = 0;
-            if (w == QLatin1String("longlead")) e.lead = QString(10000, QLatin1Char('x'));
-            if (w.startsWith(QLatin1String("lead="))) e.lead = w.mid(5);
-            if (w.startsWith(QLatin1String("apv="))) e.apv = w.mid(4);
+        for (const auto &[typed, sent] : {std::pair{"1200", 1200}, {"$1,250.50", 1251}, {"12.5", 13}, {"12.4", 12}, {" $ 900 ", 900}, {"1000000000", 1000000000}})
+            QVERIFY2(SaleFormModel::apv(QString::fromUtf8(typed)) == sent, typed);
+        for (const char *typed : {"abc", "0", "", "1e9999", "..", "1000000001", "111111111111111111111111111111111", "١٢", "-5"})
+            QVERIFY2(!SaleFormModel::apv(QString::fromUtf8(typed)), typed);
+        const SaleFormModel::Entry complete{7, true, QStringLiteral("Ann Lee"), QStringLiteral("1200"), false, true, true};
+        const QString badLead = QStringLiteral("The lead's name has a character that can't be sent (a tab or line break?)");
+        for (const auto &[change, message] : {std::pair{"", QString()}, {"computer nocall", QString()}, {"agent0", QStringLiteral("Finish setup first")},
+                                              {"lead= \n", QStringLiteral("Enter the lead's name")},
+                                              {"longlead", QStringLiteral("The lead's name is too long (at most 200 characters)")},
+                                              {"lead=Ann\tLee", badLead}, {"lead=Ann\nLee", badLead}, {"apv=1e9999", QStringLiteral("Enter the APV (dollar amount)")},
+                                              {"noconfirm", QStringLiteral("Add a confirmation (file or snap)")}, {"nocall", QStringLiteral("Attach the full call recording")},
+                                              {"agent0 lead= noconfirm", QStringLiteral("Finish setup first")}}) { // the first failing check wins
+            SaleFormModel::Entry e = complete;
+            for (const QString &w : QString::fromLatin1(change).split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+                if (w == QLatin1String("computer")) e.phone = false;
+                if (w == QLatin1String("nocall")) e.hasCall = false;
+                if (w == QLatin1String("noconfirm")) e.hasConfirm = false;
+                if (w == QLatin1String("agent0")) e.agentID = 0;
+                if (w == QLatin1String("longlead")) e.lead = QString(10000, QLatin1Char('x'));
+                if (w.startsWith(QLatin1String("lead="))) e.lead = w.mid(5);
+                if (w.startsWith(QLatin1String("apv="))) e.apv = w.mid(4);
+            }
+            QVERIFY2(SaleFormModel::check(e) == message, change);
         }
-        QCOMPARE(SaleFormModel::check(e), message);
-    }
-
-    void recordHasExactlyFiveMembersInOrder()
-    {
         SaleFormModel::Entry e{7, true, QStringLiteral("  Ann \"Lee\"\n"), QStringLiteral("$1,250.50"), true, true, true};
         QCOMPARE(SaleFormModel::record(e), QByteArray("{\"id\":7,\"method\":\"phone\",\"lead\":\"Ann \\\"Lee\\\"\",\"apv\":1251,\"referral\":\"yes\"}"));
-        e.phone = false;
-        e.referral = false;
+        e.phone = e.referral = false;
         QCOMPARE(SaleFormModel::record(e), QByteArray("{\"id\":7,\"method\":\"computer\",\"lead\":\"Ann \\\"Lee\\\"\",\"apv\":1251,\"referral\":\"no\"}"));
-    }
-
-    void platform_data()
-    {
-        QTest::addColumn<QByteArray>("user");
-        QTest::addColumn<bool>("x");
-        QTest::addColumn<QByteArray>("platform");
-        QTest::addColumn<bool>("windows");
-        QTest::newRow("X server: xcb") << QByteArray() << true << QByteArray("xcb") << true;
-        QTest::newRow("no X server: the session's own, no widget") << QByteArray() << false << QByteArray() << false;
-        QTest::newRow("the user's choice stays") << QByteArray("offscreen") << false << QByteArray("offscreen") << true;
-        QTest::newRow("the user's wayland: no widget") << QByteArray("wayland") << true << QByteArray("wayland") << false;
-    }
-    void platform()
-    {
-        QFETCH(QByteArray, user);
-        QFETCH(bool, x);
-        QFETCH(QByteArray, platform);
-        QFETCH(bool, windows);
-        const DisplayPlatform::Choice c = DisplayPlatform::choose(user, x);
-        QCOMPARE(c.platform, platform);
-        QCOMPARE(c.floatingWindows, windows);
-        QCOMPARE(c.note.isEmpty(), windows);
+        for (const auto &[user, x, platform, windows] : {std::tuple{"", true, "xcb", true}, {"", false, "", false}, {"offscreen", false, "offscreen", true}, {"wayland", true, "wayland", false}}) {
+            const DisplayPlatform::Choice c = DisplayPlatform::choose(QByteArray(user), x); // the user's choice stays; no widget without X or on wayland
+            QVERIFY2(c.platform == platform && c.floatingWindows == windows && c.note.isEmpty() == windows, user);
+        }
     }
 
     void widget()
@@ -259,12 +158,10 @@ private Q_SLOTS:
         cover.hide();
 
         widget.setCall(true);
-        QVERIFY(at(shoot(w, QStringLiteral("widget-on-a-call")), 16, 40, M::green()));
-        QCOMPARE(widget.callButton()->text(), QStringLiteral("⏹  End the Call"));
+        QVERIFY(at(shoot(w, QStringLiteral("widget-on-a-call")), 16, 40, M::green()) && widget.callButton()->text() == QStringLiteral("⏹  End the Call"));
 
         QTest::mouseClick(w->findChildren<QPushButton *>().last(), Qt::LeftButton);
-        QCOMPARE(help.size(), 1);
-        QVERIFY(at(shoot(w, QStringLiteral("widget-help-sent")), 16, 40, M::green()));
+        QVERIFY(help.size() == 1 && at(shoot(w, QStringLiteral("widget-help-sent")), 16, 40, M::green()));
         QTRY_COMPARE_WITH_TIMEOUT(widget.callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
 
         // Being shown and placed is no move of the agent's: nothing snapped or saved meanwhile.
@@ -273,8 +170,7 @@ private Q_SLOTS:
         // once, where it ends.
         w->move(30, 300);
         QTRY_COMPARE(w->pos(), QPoint(12, 300));
-        QCOMPARE(savedFrame, QStringLiteral("{{12, 300}, {196, 182}}"));
-        QCOMPARE(saves, 1);
+        QVERIFY2(savedFrame == QStringLiteral("{{12, 300}, {196, 182}}") && saves == 1, qPrintable(savedFrame));
         widget.hide();
         QVERIFY(!widget.window());
 
@@ -282,8 +178,7 @@ private Q_SLOTS:
         widget.show(false);
         w = widget.window();
         QVERIFY(onScreen(w));
-        QCOMPARE(w->geometry(), QRect(12, 300, 196, 134));
-        QVERIFY(!widget.saleButton());
+        QVERIFY(w->geometry() == QRect(12, 300, 196, 134) && !widget.saleButton());
         shot = shoot(w, QStringLiteral("widget-without-sale"));
         QVERIFY(at(shot, 16, 40, M::green()) && at(shot, 16, 88, M::red()));
         // Asked again without the sale button while shown with it: it keeps what it has.
@@ -298,95 +193,82 @@ private Q_SLOTS:
         QCOMPARE(widget.window()->geometry(), M::snap(QRect(5000, 300, 196, 182), {{QRect(), avail}}).value());
     }
 
-    void form_data()
-    {
-        QTest::addColumn<QString>("state");
-        QTest::addColumn<QString>("status");
-        QTest::newRow("phone") << "phone" << "";
-        QTest::newRow("phone-no-lead") << "phone submit" << "Enter the lead's name";
-        QTest::newRow("phone-no-call") << "phone lead apv confirm submit" << "Attach the full call recording";
-        QTest::newRow("phone-ready") << "phone lead apv confirm call" << "";
-        QTest::newRow("computer") << "computer" << "";
-        QTest::newRow("computer-bad-apv") << "computer lead apv=1e9999 submit" << "Enter the APV (dollar amount)";
-        QTest::newRow("computer-no-confirmation") << "computer lead apv submit" << "Add a confirmation (file or snap)";
-        QTest::newRow("computer-snapped") << "computer lead apv snap" << "";
-    }
+    // The sale form in each state that looks different, kept as form-<name>.png.
     void form()
     {
         BRAVA_REQUIRE_X();
-        QFETCH(QString, state);
-        QFETCH(QString, status);
-        const QStringList words = state.split(QLatin1Char(' '));
-        SaleSubmission submission(net);
-        ScreenSnapper snapper(false);
-        SaleForm form(submission, snapper, [] { return 7; }, [] { return QStringLiteral("127.0.0.1:9"); });
-        form.open();
-        QVERIFY(onScreen(&form));
-        QVERIFY(form.size() == QSize(468, 648) && form.windowTitle() == QStringLiteral("Submit a Sale"));
-        form.methodGroup()->button(words.contains(QStringLiteral("computer")))->click();
-        if (words.contains(QStringLiteral("lead")))
-            form.leadField()->setText(QStringLiteral("Ann Lee"));
-        for (const QString &w : words)
-            if (w.startsWith(QStringLiteral("apv")))
-                form.apvField()->setText(w.contains(QLatin1Char('=')) ? w.mid(4) : QStringLiteral("$1,200"));
-        if (words.contains(QStringLiteral("confirm")))
-            form.setConfirmFile(QStringLiteral("/tmp/confirmation.pdf"));
-        if (words.contains(QStringLiteral("call")))
-            form.setCallFile(QStringLiteral("/tmp/full-call.m4a"));
-        if (words.contains(QStringLiteral("snap"))) {
-            QSignalSpy done(&snapper, &ScreenSnapper::done);
-            form.findChildren<QPushButton *>().at(5)->click(); // "📸  Snap screen"
-            QVERIFY(done.wait(5000));
-            QVERIFY(form.confirmLabel()->text().startsWith(QStringLiteral("✓ Screen snapped (")));
+        const struct { const char *name, *state; QString status; } rows[] = {
+            {"phone", "phone", {}}, {"phone-no-lead", "phone submit", QStringLiteral("Enter the lead's name")},
+            {"phone-no-call", "phone lead apv confirm submit", QStringLiteral("Attach the full call recording")}, {"phone-ready", "phone lead apv confirm call", {}},
+            {"computer", "computer", {}}, {"computer-bad-apv", "computer lead apv=1e9999 submit", QStringLiteral("Enter the APV (dollar amount)")},
+            {"computer-no-confirmation", "computer lead apv submit", QStringLiteral("Add a confirmation (file or snap)")}, {"computer-snapped", "computer lead apv snap", {}}};
+        for (const auto &[name, state, status] : rows) {
+            const QStringList words = QString::fromLatin1(state).split(QLatin1Char(' '));
+            const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
+            SaleSubmission submission(net);
+            ScreenSnapper snapper(false);
+            SaleForm form(submission, snapper, [] { return 7; }, [] { return QStringLiteral("127.0.0.1:9"); });
+            form.open();
+            QVERIFY(onScreen(&form));
+            QVERIFY(form.size() == QSize(468, 648) && form.windowTitle() == QStringLiteral("Submit a Sale"));
+            form.methodGroup()->button(has("computer"))->click();
+            if (has("lead")) form.leadField()->setText(QStringLiteral("Ann Lee"));
+            for (const QString &w : words)
+                if (w.startsWith(QStringLiteral("apv")))
+                    form.apvField()->setText(w.contains(QLatin1Char('=')) ? w.mid(4) : QStringLiteral("$1,200"));
+            if (has("confirm")) form.setConfirmFile(QStringLiteral("/tmp/confirmation.pdf"));
+            if (has("call")) form.setCallFile(QStringLiteral("/tmp/full-call.m4a"));
+            if (has("snap")) {
+                QSignalSpy done(&snapper, &ScreenSnapper::done);
+                form.findChildren<QPushButton *>().at(5)->click(); // "📸  Snap screen"
+                QVERIFY(done.wait(5000));
+                QVERIFY(form.confirmLabel()->text().startsWith(QStringLiteral("✓ Screen snapped (")));
+            }
+            if (has("submit")) form.submitButton()->click();
+            QCOMPARE(form.statusLine()->text(), status);
+            const QImage shot = shoot(&form, QStringLiteral("form-") + QLatin1String(name));
+
+            // The submit button, the chosen method, the navy ground, and the coloured lines.
+            const bool computer = has("computer");
+            QVERIFY(at(shot, 30, 604, M::blue()) && at(shot, 4, 300, QColor(M::navy().rgb())) && at(shot, computer ? 240 + 8 : 24 + 8, 102, M::blue()));
+            QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
+            if (!status.isEmpty())
+                QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
+            const bool confirmed = has("confirm") || has("snap");
+            QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
+            QCOMPARE(form.callChoose()->isEnabled(), !computer);
+            QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), has("call"));
+            // Taller than the screen: it fits itself in, title bar included, 16 from the edges.
+            form.resize(468, 2000);
+            form.fitToScreen();
+            QVERIFY(form.frameGeometry().height() > form.height()); // the window manager's frame is known
+            QVERIFY(form.screen()->availableGeometry().adjusted(16, 16, -16, -16).contains(form.frameGeometry()));
         }
-        if (words.contains(QStringLiteral("submit")))
-            form.submitButton()->click();
-        QCOMPARE(form.statusLine()->text(), status);
-        const QImage shot = shoot(&form, QStringLiteral("form-") + QString::fromLatin1(QTest::currentDataTag()));
-
-        // The submit button, the chosen method, the navy ground, and the coloured lines.
-        const bool computer = words.contains(QStringLiteral("computer"));
-        QVERIFY(at(shot, 30, 604, M::blue()) && at(shot, 4, 300, QColor(M::navy().rgb())) && at(shot, computer ? 240 + 8 : 24 + 8, 102, M::blue()));
-        QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
-        if (!status.isEmpty())
-            QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
-        const bool confirmed = words.contains(QStringLiteral("confirm")) || words.contains(QStringLiteral("snap"));
-        QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
-        QCOMPARE(form.callChoose()->isEnabled(), !computer);
-        QCOMPARE(areaHas(shot, QRect(24, 496, 300, 16), SaleForm::green(), 50), words.contains(QStringLiteral("call")));
-        // Taller than the screen: it fits itself in, title bar included, 16 from the edges.
-        form.resize(468, 2000);
-        form.fitToScreen();
-        QVERIFY(form.frameGeometry().height() > form.height()); // the window manager's frame is known
-        QVERIFY(form.screen()->availableGeometry().adjusted(16, 16, -16, -16).contains(form.frameGeometry()));
     }
 
-    void review_data()
-    {
-        QTest::addColumn<QString>("picks");
-        QTest::newRow("fresh") << "";
-        QTest::newRow("bad-then-neutral-angry") << "Bad Neutral Angry";
-    }
+    // The review window, fresh and with faces picked (a second outcome replaces the first).
     void review()
     {
         BRAVA_REQUIRE_X();
-        QFETCH(QString, picks);
-        ReviewWindow review;
-        review.open([](const QString &, const QString &, const QString &) {});
-        QVERIFY(onScreen(&review));
-        QVERIFY(review.size() == QSize(440, 520) && review.windowTitle() == QStringLiteral("After-Call Review"));
-        for (const QString &p : picks.split(QLatin1Char(' '), Qt::SkipEmptyParts))
-            review.pick(ReviewWindow::outcomes().contains(p) ? 0 : 1, p);
-        const QImage shot = shoot(&review, QStringLiteral("review-") + QString::fromLatin1(QTest::currentDataTag()));
-        QCOMPARE(review.faces(0).at(1)->geometry(), QRect(160, 88, 128, 78));
-        QCOMPARE(review.faces(1).at(3)->geometry(), QRect(324, 208, 92, 78));
-        QCOMPARE(review.faces(0).at(2)->text(), QStringLiteral("🙁\nBad"));
-        // A picked face has the blue border; the others do not.
-        const auto border = [&](QPushButton *b) { return shot.pixelColor(b->geometry().left() + 1, b->geometry().center().y()); };
-        QCOMPARE(near(border(review.faces(0).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Neutral")));
-        QVERIFY(!near(border(review.faces(0).at(2)), M::blue(), 30));
-        QCOMPARE(near(border(review.faces(1).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Angry")));
-        QCOMPARE(review.outcome(), picks.isEmpty() ? QString() : QStringLiteral("Neutral"));
+        for (const auto &[name, picksText] : {std::pair{"fresh", ""}, {"bad-then-neutral-angry", "Bad Neutral Angry"}}) {
+            const QString picks = QString::fromLatin1(picksText);
+            ReviewWindow review;
+            review.open([](const QString &, const QString &, const QString &) {});
+            QVERIFY(onScreen(&review));
+            QVERIFY(review.size() == QSize(440, 520) && review.windowTitle() == QStringLiteral("After-Call Review"));
+            for (const QString &p : picks.split(QLatin1Char(' '), Qt::SkipEmptyParts))
+                review.pick(ReviewWindow::outcomes().contains(p) ? 0 : 1, p);
+            const QImage shot = shoot(&review, QStringLiteral("review-") + QLatin1String(name));
+            QCOMPARE(review.faces(0).at(1)->geometry(), QRect(160, 88, 128, 78));
+            QCOMPARE(review.faces(1).at(3)->geometry(), QRect(324, 208, 92, 78));
+            QCOMPARE(review.faces(0).at(2)->text(), QStringLiteral("🙁\nBad"));
+            // A picked face has the blue border; the others do not.
+            const auto border = [&](QPushButton *b) { return shot.pixelColor(b->geometry().left() + 1, b->geometry().center().y()); };
+            QCOMPARE(near(border(review.faces(0).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Neutral")));
+            QVERIFY(!near(border(review.faces(0).at(2)), M::blue(), 30));
+            QCOMPARE(near(border(review.faces(1).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Angry")));
+            QCOMPARE(review.outcome(), picks.isEmpty() ? QString() : QStringLiteral("Neutral"));
+        }
     }
 };
 

@@ -6,6 +6,7 @@
 #include "Recorder.h"
 #include "ScriptedBrowser.h"
 #include "SyntheticAudioBackend.h"
+#include "TestDisplay.h"
 #include "TestLiterals.h"
 #include "WizardModel.h"
 #include "WizardWindow.h"
@@ -48,7 +49,6 @@ class WizardTest : public QObject
     TestHome home;
     HttpStub web;
     HttpStub room; // a room announced on the network
-    QString shots;
     std::unique_ptr<WizardParts> p;
     std::unique_ptr<WizardModel> m;
     std::unique_ptr<AgentFixture> f; // the whole agent, for the flow
@@ -66,12 +66,9 @@ class WizardTest : public QObject
         QStringList out;
         if (!item->isVisible())
             return out;
-        const QVariant t = item->property("text");
-        if (t.isValid() && !t.toString().isEmpty())
-            out.append(t.toString());
-        const QVariant p = item->property("placeholderText");
-        if (p.isValid() && !p.toString().isEmpty() && t.toString().isEmpty())
-            out.append(p.toString());
+        const QString t = item->property("text").toString(), placeholder = item->property("placeholderText").toString();
+        if (!t.isEmpty() || !placeholder.isEmpty())
+            out.append(t.isEmpty() ? placeholder : t);
         for (QQuickItem *child : item->childItems())
             out += texts(child);
         return out;
@@ -83,10 +80,8 @@ class WizardTest : public QObject
     {
         if (!item->isVisible())
             return nullptr;
-        QQuickItem *found = nullptr;
         const bool clickable = item->metaObject()->indexOfSignal("clicked()") >= 0;
-        if (clickable && (item->property("text").toString() == text || item->objectName() == text))
-            found = item;
+        QQuickItem *found = clickable && (item->property("text").toString() == text || item->objectName() == text) ? item : nullptr;
         for (QQuickItem *child : item->childItems())
             if (QQuickItem *inner = button(child, text))
                 found = inner;
@@ -108,11 +103,10 @@ private Q_SLOTS:
     {
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
         QVERIFY(web.listen() && room.listen());
-        shots = qEnvironmentVariable("BRAVA_TEST_BINARY_DIR", QDir::currentPath()) + QLatin1String("/wizard-screens");
-        QVERIFY(QDir().mkpath(shots));
     }
     void init()
     {
+        cleanup(); // (called again inside the tables: each row on its own parts)
         home.wipe();
         home.useInfo(QString());
         web.requests.clear();
@@ -126,32 +120,13 @@ private Q_SLOTS:
         p.reset();
     }
 
-    void agentNumber_data()
+    // The agent number typed, the steps where the agent is and how far it got (surviving the model,
+    // and the process), the sound check's thresholds, latched, and the steps that end its run.
+    void numberStepsAndTheSoundCheck()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("id"); // 0: none
-        QTest::newRow("zero") << "0" << 0;
-        QTest::newRow("above") << "111" << 0;
-        QTest::newRow("letters") << "abc" << 0;
-        QTest::newRow("empty") << "" << 0;
-        QTest::newRow("leading blank") << " 7" << 0;
-        QTest::newRow("negative") << "-7" << 0;
-        QTest::newRow("highest") << "110" << 110;
-        QTest::newRow("plus") << "+7" << 7;
-        QTest::newRow("lowest") << "1" << 1;
-        QTest::newRow("trailing text") << "7a" << 0;
-        QTest::newRow("overflow") << "99999999999999999999" << 0;
-    }
-    void agentNumber()
-    {
-        QFETCH(QString, text);
-        QFETCH(int, id);
-        QCOMPARE(WizardModel::parseAgentID(text).value_or(0), id);
-    }
-
-    // Where the agent is and how far it got survive the model (and the process).
-    void stepsAndFurthestPersist()
-    {
+        for (const auto &[text, id] : {std::pair{"0", 0}, {"111", 0}, {"abc", 0}, {"", 0}, {" 7", 0}, {"-7", 0}, {"110", 110}, {"+7", 7}, {"1", 1},
+                                       {"7a", 0}, {"99999999999999999999", 0}})
+            QVERIFY2(WizardModel::parseAgentID(QString::fromLatin1(text)).value_or(0) == id, text);
         QCOMPARE(m->step(), 0);
         m->back();
         QCOMPARE(m->step(), 0);
@@ -166,192 +141,146 @@ private Q_SLOTS:
         QVERIFY(m->step() == 1 && m->furthest() == 3);
         m->go(3);
         QCOMPARE(home.settings().wizardStep(), 3);
-    }
-
-    void heardThresholds_data()
-    {
-        QTest::addColumn<bool>("testing");
-        QTest::addColumn<float>("mic");
-        QTest::addColumn<float>("sys");
-        QTest::addColumn<bool>("micHeard");
-        QTest::addColumn<bool>("sysHeard");
-        QTest::newRow("at both thresholds") << true << 0.01f << 0.003f << false << false;
-        QTest::newRow("just above") << true << 0.011f << 0.0031f << true << true;
-        QTest::newRow("outside a test") << false << 0.5f << 0.5f << false << false;
-    }
-    void heardThresholds()
-    {
-        QFETCH(bool, testing);
-        QFETCH(float, mic);
-        QFETCH(float, sys);
-        if (testing)
+        for (const auto &[testing, mic, sys, heard] : {std::tuple{true, 0.01f, 0.003f, false}, {true, 0.011f, 0.0031f, true}, {false, 0.5f, 0.5f, false}}) {
+            init(); // at both thresholds, just above, outside a test
+            if (testing)
+                m->startTest();
+            m->tick(mic, sys, true);
+            QVERIFY(m->micHeard() == heard && m->sysHeard() == heard);
+            m->tick(0, 0, true); // latched
+            QCOMPARE(m->micHeard(), heard);
+        }
+        // The sound check's run ends when the agent leaves the camera step, not the test step.
+        for (const auto &[from, to, stillTesting] : {std::tuple{4, 5, false}, {4, 3, false}, {5, 6, true}, {5, 4, true}}) {
+            init();
+            m->setStep(from);
             m->startTest();
-        m->tick(mic, sys, true);
-        QFETCH(bool, micHeard);
-        QFETCH(bool, sysHeard);
-        QCOMPARE(m->micHeard(), micHeard);
-        QCOMPARE(m->sysHeard(), sysHeard);
-        m->tick(0, 0, true); // latched
-        QCOMPARE(m->micHeard(), micHeard);
+            QTRY_VERIFY(p->rec.running());
+            m->startTest(); // a second start while one runs does nothing
+            m->setStep(to);
+            QCOMPARE(m->testing(), stillTesting);
+            QTRY_COMPARE(p->rec.running(), stillTesting);
+        }
     }
 
-    // The sound check's run ends when the agent leaves the camera step, not the test step.
-    void leavingStepsAndTheSoundCheck_data()
-    {
-        QTest::addColumn<int>("from");
-        QTest::addColumn<int>("to");
-        QTest::addColumn<bool>("stillTesting");
-        QTest::newRow("camera to test") << 4 << 5 << false;
-        QTest::newRow("camera back") << 4 << 3 << false;
-        QTest::newRow("test to done") << 5 << 6 << true;
-        QTest::newRow("test back") << 5 << 4 << true;
-    }
-    void leavingStepsAndTheSoundCheck()
-    {
-        QFETCH(int, from);
-        QFETCH(int, to);
-        QFETCH(bool, stillTesting);
-        m->setStep(from);
-        m->startTest();
-        QTRY_VERIFY(p->rec.running());
-        m->startTest(); // a second start while one runs does nothing
-        m->setStep(to);
-        QCOMPARE(m->testing(), stillTesting);
-        QTRY_COMPARE(p->rec.running(), stillTesting);
-    }
-
-    void verifyAnswers_data()
-    {
-        QTest::addColumn<QByteArray>("answer"); // "hang": no answer in time; "": no preset room
-        QTest::addColumn<QString>("error");     // "": saved and moved on
-        QTest::addColumn<QString>("name");
-        QTest::newRow("no preset room: saved unasked") << QByteArray() << "" << "Ana Lee";
-        QTest::newRow("ok, list spelling wins") << QByteArray("{\"ok\":true,\"name\":\"Ana  LEE\"}") << "" << "Ana  LEE";
-        QTest::newRow("ok, blank name") << QByteArray("{\"ok\":true,\"name\":\"   \"}") << "" << "Ana Lee";
-        QTest::newRow("ok as text is no ok") << QByteArray("{\"ok\":\"true\"}") << WizardModel::mismatchText() << "Ana Lee";
-        QTest::newRow("refused with message") << QByteArray("{\"ok\":false,\"message\":\"Number 7 is Bo's\"}") << "Number 7 is Bo's" << "Ana Lee";
-        QTest::newRow("refused without message") << QByteArray("{\"ok\":false}") << WizardModel::mismatchText() << "Ana Lee";
-        QTest::newRow("long message is cut") << ("{\"message\":\"" + QByteArray(5000, 'x') + "\"}") << QString(200, QLatin1Char('x')) << "Ana Lee";
-        QTest::newRow("not JSON") << QByteArray("<html>busy</html>") << WizardModel::unreachableText() << "Ana Lee";
-        QTest::newRow("JSON array") << QByteArray("[true]") << WizardModel::unreachableText() << "Ana Lee";
-        QTest::newRow("time-out") << QByteArray("hang") << WizardModel::unreachableText() << "Ana Lee";
-    }
+    // answer: "hang" is no answer in time, none is no preset room; error: none is saved and moved on.
     void verifyAnswers()
     {
-        QFETCH(QByteArray, answer);
-        QFETCH(QString, error);
-        QFETCH(QString, name);
-        if (!answer.isEmpty()) // a build with a preset control room and this web service
-            home.useInfo(QStringLiteral("127.0.0.1:1"), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
-        make();
-        m->setStep(1);
-        for (const auto &[name, number] : {std::pair{"Ana", "0"}, {" \t", "17"}}) { // an incomplete identity does nothing
-            m->setNameText(QString::fromUtf8(name));
-            m->setAgentText(QString::fromUtf8(number));
+        const QString mismatch = WizardModel::mismatchText(), unreachable = WizardModel::unreachableText();
+        const struct { const char *name; QByteArray answer; QString error, savedName; } rows[] = {
+            {"no preset room: saved unasked", {}, {}, QStringLiteral("Ana Lee")},
+            {"ok, list spelling wins", "{\"ok\":true,\"name\":\"Ana  LEE\"}", {}, QStringLiteral("Ana  LEE")},
+            {"ok, blank name", "{\"ok\":true,\"name\":\"   \"}", {}, QStringLiteral("Ana Lee")},
+            {"ok as text is no ok", "{\"ok\":\"true\"}", mismatch, QStringLiteral("Ana Lee")},
+            {"refused with message", "{\"ok\":false,\"message\":\"Number 7 is Bo's\"}", QStringLiteral("Number 7 is Bo's"), QStringLiteral("Ana Lee")},
+            {"refused without message", "{\"ok\":false}", mismatch, QStringLiteral("Ana Lee")},
+            {"long message is cut", "{\"message\":\"" + QByteArray(5000, 'x') + "\"}", QString(200, QLatin1Char('x')), QStringLiteral("Ana Lee")},
+            {"not JSON", "<html>busy</html>", unreachable, QStringLiteral("Ana Lee")},
+            {"JSON array", "[true]", unreachable, QStringLiteral("Ana Lee")},
+            {"time-out", "hang", unreachable, QStringLiteral("Ana Lee")}};
+        for (const auto &[row, answer, error, name] : rows) {
+            init();
+            if (!answer.isEmpty()) // a build with a preset control room and this web service
+                home.useInfo(QStringLiteral("127.0.0.1:1"), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
+            make();
+            m->setStep(1);
+            for (const auto &[typedName, number] : {std::pair{"Ana", "0"}, {" \t", "17"}}) { // an incomplete identity does nothing
+                m->setNameText(QString::fromUtf8(typedName));
+                m->setAgentText(QString::fromUtf8(number));
+                m->verifyAndSave();
+                QVERIFY(m->step() == 1 && !m->verifying());
+            }
+            m->setNameText(QStringLiteral("Ana Lee"));
+            m->setAgentText(QStringLiteral("+17"));
+            if (!answer.isEmpty()) // the status code does not matter; only the body does
+                web.script({answer == "hang" ? HttpStub::hang() : HttpStub::status(500, answer)});
             m->verifyAndSave();
-            QVERIFY(m->step() == 1 && !m->verifying());
+            QCOMPARE(m->verifying(), !answer.isEmpty());
+            m->verifyAndSave(); // no second request while one is in flight
+            QTRY_VERIFY(!m->verifying());
+            QVERIFY2(m->verifyErrorText() == error && m->nameText() == name, row);
+            QVERIFY2(m->step() == (error.isEmpty() ? 2 : 1) && home.settings().agentID() == (error.isEmpty() ? 17 : 0), row);
+            QCOMPARE(web.requests.size(), answer.isEmpty() ? 0 : 1);
+            if (answer.isEmpty())
+                continue;
+            const HttpStub::Request &r = web.requests.first();
+            QVERIFY(r.method == "POST" && r.url.path() == QLatin1String(WizardModel::kVerifyPath));
+            QCOMPARE(r.headers.value("content-type"), QByteArray("application/json"));
+            const QJsonObject sent = QJsonDocument::fromJson(r.body).object();
+            QVERIFY(sent.value(QStringLiteral("number")) == QJsonValue(17) && sent.value(QStringLiteral("name")) == QJsonValue(QStringLiteral("Ana Lee")) && sent.value(QStringLiteral("token")).isString());
+            web.release(HttpStub::status(200));
         }
-        m->setNameText(QStringLiteral("Ana Lee"));
-        m->setAgentText(QStringLiteral("+17"));
-        // The status code does not matter; only the body does.
-        if (!answer.isEmpty())
-            web.script({answer == "hang" ? HttpStub::hang() : HttpStub::status(500, answer)});
-        m->verifyAndSave();
-        QCOMPARE(m->verifying(), !answer.isEmpty());
-        m->verifyAndSave(); // no second request while one is in flight
-        QTRY_VERIFY(!m->verifying());
-        QCOMPARE(m->verifyErrorText(), error);
-        QCOMPARE(m->nameText(), name);
-        QCOMPARE(m->step(), error.isEmpty() ? 2 : 1);
-        QCOMPARE(home.settings().agentID(), error.isEmpty() ? 17 : 0);
-        QCOMPARE(web.requests.size(), answer.isEmpty() ? 0 : 1);
-        if (answer.isEmpty())
-            return;
-        const HttpStub::Request &r = web.requests.first();
-        QVERIFY(r.method == "POST" && r.url.path() == QLatin1String(WizardModel::kVerifyPath));
-        QCOMPARE(r.headers.value("content-type"), QByteArray("application/json"));
-        const QJsonObject sent = QJsonDocument::fromJson(r.body).object();
-        QVERIFY(sent.value(QStringLiteral("number")) == QJsonValue(17) && sent.value(QStringLiteral("name")) == QJsonValue(QStringLiteral("Ana Lee")) && sent.value(QStringLiteral("token")).isString());
-        web.release(HttpStub::status(200));
     }
 
-    void screen_data()
-    {
-        // setup: words that put the model into the state (see below); shows: texts on screen.
-        QTest::addColumn<QString>("setup");
-        QTest::addColumn<QStringList>("shows");
-        QTest::newRow("0-welcome") << "step=0" << strings({"Welcome, Agent.", "Records only when the control room starts recording"});
-        QTest::newRow("0-welcome-agreed") << "step=0 agree" << strings({"Get Started"});
-        QTest::newRow("1-number-searching") << "step=1" << strings({"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"});
-        QTest::newRow("1-number-room-found") << "step=1 room identity" << strings({"Using control room: 127.0.0.1:", "Enter address manually"});
-        QTest::newRow("1-number-preset") << "step=1 locked identity" << strings({"Connects to your control room automatically.", "Your name, and the agent number you got at check-in (1–110)."});
-        QTest::newRow("1-number-verifying") << "step=1 locked identity verifying" << strings({"CHECKING…"});
-        QTest::newRow("1-number-error") << "step=1 locked identity refused" << strings({"That name and number don't match our list. Double-check your agent number."});
-        QTest::newRow("2-mic-allowed") << "step=2" << strings({"Allow Your Microphone", "Microphone allowed", "Next"});
-        QTest::newRow("2-mic-not-allowed") << "step=2 access=unknown" << strings({"Not allowed yet", "Allow Microphone"});
-        QTest::newRow("2-mic-no-server") << "step=2 access=unknown askMic" << strings({"No sound server answers on this computer", "pulseaudio --start", "Ask Again"});
-        QTest::newRow("2-mic-blocked") << "step=2 access=refused" << strings({"The microphone was blocked. To fix it:", "Restart App", "Ask Again"});
-        QTest::newRow("3-audio-allowed") << "step=3" << strings({"Allow Computer Audio", "Computer audio allowed"});
-        QTest::newRow("3-audio-not-asked") << "step=3 monitor=none" << strings({"Not allowed yet", "Allow Computer Audio"});
-        QTest::newRow("3-audio-asked") << "step=3 monitor=none asked" << strings({"Check Again", "Restart App"});
-        QTest::newRow("3-audio-blocked") << "step=3 access=refused" << strings({"Ask Again"});
-        QTest::newRow("4-camera-allowed") << "step=4" << strings({"Allow Your Webcam", "Webcam allowed", "Automatic (best guess)", "Skip — no camera"});
-        QTest::newRow("4-camera-blocked") << "step=4 camera=denied" << strings({"The webcam was blocked. To fix it:", "Allow Webcam"});
-        QTest::newRow("4-camera-none") << "step=4 camera=none" << strings({"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."});
-        QTest::newRow("5-test-connected") << "step=5 identity levels connected" << strings({"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"});
-        QTest::newRow("5-test-not-connected") << "step=5" << strings({"Not connected to control room — check Wi-Fi", "Skip test", "Finish"});
-        QTest::newRow("6-done") << "step=6" << strings({"You're In.", "a red dot while you are recorded", "Done"});
-    }
+    // Each screen in each state that looks different, kept as <name>.png: setup holds words that put
+    // the model into the state (see below); shows, texts on the screen.
     void screen()
     {
-        QFETCH(QString, setup);
-        QFETCH(QStringList, shows);
-        const QStringList words = setup.split(QLatin1Char(' '));
-        const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
-        cleanup(); // each state on its own parts
-        home.wipe();
-        home.useInfo(has("locked") ? QStringLiteral("127.0.0.1:1") : QString(), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
-        const int step = words.first().section(QLatin1Char('='), 1).toInt();
-        home.settings().setWizardStep(step);
-        home.settings().setWizardFurthest(step);
-        if (has("identity")) {
-            home.settings().setAgentID(17);
-            home.settings().setAgentName(QStringLiteral("Ana Lee"));
+        const struct { const char *name, *setup; QStringList shows; } rows[] = {
+            {"0-welcome", "step=0", strings({"Welcome, Agent.", "Records only when the control room starts recording"})},
+            {"0-welcome-agreed", "step=0 agree", strings({"Get Started"})},
+            {"1-number-searching", "step=1", strings({"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"})},
+            {"1-number-room-found", "step=1 room identity", strings({"Using control room: 127.0.0.1:", "Enter address manually"})},
+            {"1-number-preset", "step=1 locked identity", strings({"Connects to your control room automatically.", "Your name, and the agent number you got at check-in (1–110)."})},
+            {"1-number-verifying", "step=1 locked identity verifying", strings({"CHECKING…"})},
+            {"1-number-error", "step=1 locked identity refused", strings({"That name and number don't match our list. Double-check your agent number."})},
+            {"2-mic-allowed", "step=2", strings({"Allow Your Microphone", "Microphone allowed", "Next"})},
+            {"2-mic-not-allowed", "step=2 access=unknown", strings({"Not allowed yet", "Allow Microphone"})},
+            {"2-mic-no-server", "step=2 access=unknown askMic", strings({"No sound server answers on this computer", "pulseaudio --start", "Ask Again"})},
+            {"2-mic-blocked", "step=2 access=refused", strings({"The microphone was blocked. To fix it:", "Restart App", "Ask Again"})},
+            {"3-audio-allowed", "step=3", strings({"Allow Computer Audio", "Computer audio allowed"})},
+            {"3-audio-not-asked", "step=3 monitor=none", strings({"Not allowed yet", "Allow Computer Audio"})},
+            {"3-audio-asked", "step=3 monitor=none asked", strings({"Check Again", "Restart App"})},
+            {"3-audio-blocked", "step=3 access=refused", strings({"Ask Again"})},
+            {"4-camera-allowed", "step=4", strings({"Allow Your Webcam", "Webcam allowed", "Automatic (best guess)", "Skip — no camera"})},
+            {"4-camera-blocked", "step=4 camera=denied", strings({"The webcam was blocked. To fix it:", "Allow Webcam"})},
+            {"4-camera-none", "step=4 camera=none", strings({"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."})},
+            {"5-test-connected", "step=5 identity levels connected", strings({"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"})},
+            {"5-test-not-connected", "step=5", strings({"Not connected to control room — check Wi-Fi", "Skip test", "Finish"})},
+            {"6-done", "step=6", strings({"You're In.", "a red dot while you are recorded", "Done"})}};
+        for (const auto &[name, setup, shows] : rows) {
+            const QStringList words = QString::fromLatin1(setup).split(QLatin1Char(' '));
+            const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
+            cleanup(); // each state on its own parts
+            home.wipe();
+            home.useInfo(has("locked") ? QStringLiteral("127.0.0.1:1") : QString(), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
+            const int step = words.first().section(QLatin1Char('='), 1).toInt();
+            home.settings().setWizardStep(step);
+            home.settings().setWizardFurthest(step);
+            if (has("identity")) {
+                home.settings().setAgentID(17);
+                home.settings().setAgentName(QStringLiteral("Ana Lee"));
+            }
+            WizardParts parts(home, has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
+            parts.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
+                                 : has("access=refused") ? AudioBackend::Access::Refused : AudioBackend::Access::Allowed;
+            if (has("monitor=none")) parts.audio.monitor.reset();
+            WizardModel model(parts.parts());
+            model.refreshPermissions();
+            model.setAgree(has("agree"));
+            if (has("asked")) model.askScreen();
+            if (has("askMic")) model.askMic();
+            if (has("room")) parts.browser->announce(QStringLiteral("Room One"), room.port());
+            if (has("verifying") || has("refused")) {
+                web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});
+                model.verifyAndSave();
+            }
+            WizardWindow w(model);
+            QVERIFY(w.loaded());
+            w.show();
+            QVERIFY(QTest::qWaitForWindowExposed(&w));
+            if (has("levels")) {
+                QTRY_VERIFY(model.testing()); // the screen started the sound check
+                model.tick(0.2f, 0.05f, has("connected"));
+            }
+            if (has("refused")) QTRY_VERIFY(model.hasVerifyError());
+            QTRY_VERIFY(!has("room") || !model.server().isEmpty());
+            for (const QString &text : shows)
+                QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
+            QVERIFY(w.grabWindow().save(TestDisplay::pictures("wizard-screens") + QLatin1Char('/') + QLatin1String(name) + QLatin1String(".png")));
+            QTRY_COMPARE(web.hanging(), has("verifying") ? 1 : 0); // its check arrived, to be let go
+            web.release(HttpStub::status(200));
         }
-        WizardParts parts(home, has("camera=none") ? 0 : 1, has("camera=denied") ? CameraAccess::Status::Denied : CameraAccess::Status::Authorized);
-        parts.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
-                             : has("access=refused") ? AudioBackend::Access::Refused : AudioBackend::Access::Allowed;
-        if (has("monitor=none"))
-            parts.audio.monitor.reset();
-        WizardModel model(parts.parts());
-        model.refreshPermissions();
-        model.setAgree(has("agree"));
-        if (has("asked"))
-            model.askScreen();
-        if (has("askMic"))
-            model.askMic();
-        if (has("room"))
-            parts.browser->announce(QStringLiteral("Room One"), room.port());
-        if (has("verifying") || has("refused")) {
-            web.script({has("verifying") ? HttpStub::hang() : HttpStub::status(200, "{\"ok\":false}")});
-            model.verifyAndSave();
-        }
-        WizardWindow w(model);
-        QVERIFY(w.loaded());
-        w.show();
-        QVERIFY(QTest::qWaitForWindowExposed(&w));
-        if (has("levels")) {
-            QTRY_VERIFY(model.testing()); // the screen started the sound check
-            model.tick(0.2f, 0.05f, has("connected"));
-        }
-        if (has("refused"))
-            QTRY_VERIFY(model.hasVerifyError());
-        QTRY_VERIFY(!has("room") || !model.server().isEmpty());
-        for (const QString &text : shows)
-            QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
-        QVERIFY(w.grabWindow().save(shots + QLatin1Char('/') + QLatin1String(QTest::currentDataTag()) + QLatin1String(".png")));
-        QTRY_COMPARE(web.hanging(), has("verifying") ? 1 : 0); // its check arrived, to be let go
-        web.release(HttpStub::status(200));
     }
 
     void freshAgentRunsSetupAndRecords()
@@ -364,8 +293,7 @@ private Q_SLOTS:
         f = std::make_unique<AgentFixture>(home, nullptr, QLatin1String("http://") + web.address(), Clock::monotonic(), true);
 
         // A fresh home: no link, the wizard at its first screen.
-        QVERIFY(f->app->wizardOpen() && window() && f->app->wizardModel()->step() == 0 && f->room.urls.isEmpty());
-        QVERIFY(QTest::qWaitForWindowExposed(window()));
+        QVERIFY(f->app->wizardOpen() && window() && f->app->wizardModel()->step() == 0 && f->room.urls.isEmpty() && QTest::qWaitForWindowExposed(window()));
         WizardModel &m = *f->app->wizardModel();
         QVERIFY(click(QStringLiteral("agree")) && click(QStringLiteral("Get Started"), 1));
         m.setNameText(QStringLiteral("Ana Lee"));
@@ -373,13 +301,11 @@ private Q_SLOTS:
         QCOMPARE(m.server(), f->room.address());
         QVERIFY(click(QStringLiteral("Next"), 2));
         const auto verifies = std::count_if(web.requests.cbegin(), web.requests.cend(), [](const HttpStub::Request &r) { return r.url.path().endsWith(QStringLiteral("/verify")); });
-        QCOMPARE(verifies, 1);
-        QCOMPARE(home.settings().agentName(), QStringLiteral("Ana LEE"));
+        QVERIFY(verifies == 1 && home.settings().agentName() == QStringLiteral("Ana LEE"));
         // Microphone, computer audio and webcam are allowed here.
         QVERIFY(click(QStringLiteral("Next"), 3) && click(QStringLiteral("Next"), 4) && click(QStringLiteral("Next"), 5));
         // The sound check runs through the recorder; the link came up with the new identity.
-        QTRY_VERIFY(m.testing() && f->app->recorder().running() && !f->app->recorder().isRecording());
-        QTRY_VERIFY(m.connected());
+        QTRY_VERIFY(m.testing() && f->app->recorder().running() && !f->app->recorder().isRecording() && m.connected());
         QVERIFY(f->room.urls.first().query().startsWith(QStringLiteral("id=17&")));
         QVERIFY(click(QStringLiteral("Finish"), 6));
         const qsizetype links = f->room.urls.size();
