@@ -1,6 +1,9 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QTimer>
 #include <QProcess>
 
 // A D-Bus session bus of the test's own, made the process's session bus, with a second connection
@@ -37,3 +40,17 @@ private:
     QProcess m_daemon;
     QString m_address;
 };
+
+// A desktop portal's answer to `call` (one with a "handle_token" option): the request object's
+// path now, and on `bus` that object's Response with `results` a moment later, after the call's
+// own answer, as portals do.
+inline QDBusObjectPath portalRequest(const QDBusMessage &call, const QDBusConnection &bus, const QVariantMap &options, uint response,
+                                     const QVariantMap &results, QObject *context)
+{
+    const QString sender = call.service().mid(1).replace(QLatin1Char('.'), QLatin1Char('_'));
+    const QString path = QStringLiteral("/org/freedesktop/portal/desktop/request/") + sender + QLatin1Char('/') + options.value(QStringLiteral("handle_token")).toString();
+    QDBusMessage answer = QDBusMessage::createSignal(path, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
+    answer << response << results;
+    QTimer::singleShot(50, context, [bus, answer] { bus.send(answer); });
+    return QDBusObjectPath(path);
+}

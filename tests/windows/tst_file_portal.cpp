@@ -33,12 +33,8 @@ public Q_SLOTS:
         QFile asked(dir + QStringLiteral("/asked.txt"));
         if (asked.open(QIODevice::WriteOnly))
             asked.write((title + QLatin1Char('\n') + options.keys().join(QLatin1Char(' '))).toUtf8());
-        const QString sender = message().service().mid(1).replace(QLatin1Char('.'), QLatin1Char('_'));
-        const QString path = QStringLiteral("/org/freedesktop/portal/desktop/request/") + sender + QLatin1Char('/') + options.value(QStringLiteral("handle_token")).toString();
-        QDBusMessage answer = QDBusMessage::createSignal(path, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
-        answer << 0u << QVariantMap{{QStringLiteral("uris"), QStringList{QUrl::fromLocalFile(dir + QStringLiteral("/call 1.m4a")).toString()}}};
-        QTimer::singleShot(50, this, [bus = connection(), answer] { bus.send(answer); }); // after the call's own answer, as portals do
-        return QDBusObjectPath(path);
+        return portalRequest(message(), connection(), options, 0,
+                             {{QStringLiteral("uris"), QStringList{QUrl::fromLocalFile(dir + QStringLiteral("/call 1.m4a")).toString()}}}, this);
     }
 };
 

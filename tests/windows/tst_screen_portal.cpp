@@ -22,12 +22,7 @@ public Q_SLOTS:
     QDBusObjectPath Screenshot(const QString &, const QVariantMap &asked)
     {
         options = asked;
-        const QString sender = message().service().mid(1).replace(QLatin1Char('.'), QLatin1Char('_'));
-        const QString path = QStringLiteral("/org/freedesktop/portal/desktop/request/") + sender + QLatin1Char('/') + asked.value(QStringLiteral("handle_token")).toString();
-        QDBusMessage answer = QDBusMessage::createSignal(path, QStringLiteral("org.freedesktop.portal.Request"), QStringLiteral("Response"));
-        answer << response << QVariantMap{{QStringLiteral("uri"), uri}};
-        QTimer::singleShot(50, this, [bus = connection(), answer] { bus.send(answer); }); // after the call's own answer, as portals do
-        return QDBusObjectPath(path);
+        return portalRequest(message(), connection(), asked, response, {{QStringLiteral("uri"), uri}}, this);
     }
 };
 
