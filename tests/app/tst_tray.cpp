@@ -179,8 +179,11 @@ private Q_SLOTS:
         QVERIFY(shown.save(TestDisplay::pictures("tray-screens") + QStringLiteral("/menu.png")));
         tray.menu()->hide();
         tray.flash(QStringLiteral("Help sent — coaches alerted"));
-        const auto balloon = [] { const QWidgetList all = QApplication::topLevelWidgets(); return std::any_of(all.cbegin(), all.cend(), [](QWidget *w) { return w->inherits("QBalloonTip") && w->isVisible(); }); };
+        // The short message beside the icon, kept as a picture once the screen shows it.
+        const auto balloon = [] { const QWidgetList all = QApplication::topLevelWidgets(); const auto it = std::find_if(all.cbegin(), all.cend(), [](QWidget *w) { return w->inherits("QBalloonTip") && w->isVisible(); }); return it == all.cend() ? nullptr : *it; };
         QTRY_VERIFY(balloon());
+        QVERIFY(QTest::qWaitForWindowExposed(balloon()));
+        QVERIFY(QGuiApplication::primaryScreen()->grabWindow(0).save(TestDisplay::pictures("tray-screens") + QStringLiteral("/flash-message.png")));
     }
 };
 
