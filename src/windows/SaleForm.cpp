@@ -133,9 +133,12 @@ SaleForm::SaleForm(SaleSubmission &submission, ScreenSnapper &snapper, std::func
     });
     // A screen that changes (resolution, docks, another monitor) keeps the form inside it.
     const auto refit = [this] { QTimer::singleShot(0, this, [this] { if (isVisible()) fitToScreen(); }); };
+    const auto watch = [this, refit](QScreen *s) { connect(s, &QScreen::availableGeometryChanged, this, refit); };
     connect(qApp, &QGuiApplication::primaryScreenChanged, this, refit);
+    connect(qApp, &QGuiApplication::screenAdded, this, [refit, watch](QScreen *s) { watch(s); refit(); });
+    connect(qApp, &QGuiApplication::screenRemoved, this, refit);
     for (QScreen *s : QGuiApplication::screens())
-        connect(s, &QScreen::availableGeometryChanged, this, refit);
+        watch(s);
 }
 
 SaleForm::~SaleForm() = default;

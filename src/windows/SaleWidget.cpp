@@ -58,6 +58,21 @@ SaleWidget::SaleWidget(FrameStore store, QObject *parent)
     m_flashEnd.setSingleShot(true);
     m_flashEnd.setInterval(M::kHelpFlashMs);
     connect(&m_flashEnd, &QTimer::timeout, this, [this] { setCall(m_callActive); });
+
+    // A screen unplugged, added or resized (a laptop leaving its dock) brings the panel back onto
+    // the screens as they are now, snapped and saved like a move of the agent's.
+    const auto refit = [this] {
+        if (m_window) {
+            m_placed = QRect();
+            m_snapJob.start();
+        }
+    };
+    const auto watch = [this, refit](QScreen *s) { connect(s, &QScreen::availableGeometryChanged, this, refit); };
+    connect(qApp, &QGuiApplication::screenAdded, this, [refit, watch](QScreen *s) { watch(s); refit(); });
+    connect(qApp, &QGuiApplication::screenRemoved, this, refit);
+    connect(qApp, &QGuiApplication::primaryScreenChanged, this, refit);
+    for (QScreen *s : QGuiApplication::screens())
+        watch(s);
 }
 
 SaleWidget::~SaleWidget()

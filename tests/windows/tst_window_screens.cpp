@@ -13,6 +13,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QNetworkAccessManager>
+#include <QProcess>
 #include <QPushButton>
 #include <QScreen>
 
@@ -191,6 +192,25 @@ private Q_SLOTS:
         savedFrame = QStringLiteral("{{5000, 300}, {196, 182}}");
         widget.show(true);
         QCOMPARE(widget.window()->geometry(), M::snap(QRect(5000, 300, 196, 182), {{QRect(), avail}}).value());
+
+        // A panel that comes at the bottom (a screen that shrinks, a dock plugged in) moves the
+        // widget above it, snapped and saved as after a move.
+        widget.hide();
+        savedFrame.clear();
+        widget.show(true);
+        QVERIFY(onScreen(widget.window()));
+        QWidget dock;
+        dock.setGeometry(0, avail.bottom() - 149, avail.width(), 150);
+        QCOMPARE(QProcess::execute(QStringLiteral("xprop"), {QStringLiteral("-id"), QString::number(dock.winId()), QStringLiteral("-f"),
+                                   QStringLiteral("_NET_WM_STRUT_PARTIAL"), QStringLiteral("32c"), QStringLiteral("-set"), QStringLiteral("_NET_WM_STRUT_PARTIAL"),
+                                   QStringLiteral("0,0,0,%1,0,0,0,0,0,0,0,%2").arg(QGuiApplication::primaryScreen()->geometry().bottom() - avail.bottom() + 150).arg(avail.width() - 1)}), 0);
+        dock.show();
+        const QRect shrunk = avail.adjusted(0, 0, 0, -150);
+        QTRY_COMPARE(QGuiApplication::primaryScreen()->availableGeometry(), shrunk);
+        QTRY_COMPARE(widget.window()->geometry(), M::snap(M::firstFrame(avail, true), {{QRect(), shrunk}}).value());
+        QCOMPARE(savedFrame, M::frameText(widget.window()->geometry()));
+        dock.close();
+        QTRY_COMPARE(QGuiApplication::primaryScreen()->availableGeometry(), avail);
     }
 
     // The sale form in each state that looks different, kept as form-<name>.png.
