@@ -3,6 +3,7 @@
 #include "AlertBox.h"
 #include "BravaLog.h"
 #include "ReleaseManifest.h"
+#include "Trash.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -90,11 +91,23 @@ void Uninstaller::remove()
             || !hidden.commit())
             bravaLog(QStringLiteral("uninstall: cannot switch off the start at login in ") + m_paths.autostartEntry);
     }
-    // Failures to reach the Trash do not stop the uninstall; nothing is deleted outright.
+    // Failures to reach the Trash do not stop the uninstall; nothing is deleted outright, and the
+    // person is told what is left before the agent goes.
+    QStringList left;
     for (const QString &folder : {removal == AppRemoval::Trash ? m_paths.appFolder : QString(), m_paths.dataFolder})
-        if (!folder.isEmpty() && QFileInfo::exists(folder) && !QFile::moveToTrash(folder))
-            bravaLog(QStringLiteral("uninstall: cannot move to the Trash, left in place: ") + folder);
-    Q_EMIT removed();
-    if (quit)
-        quit();
+        if (QString why; !folder.isEmpty() && QFileInfo::exists(folder) && !Trash::move(folder, &why)) {
+            bravaLog(QStringLiteral("uninstall: cannot move to the Trash, left in place: ") + folder + QStringLiteral(" (") + why + QLatin1Char(')'));
+            left.append(folder);
+        }
+    const auto finish = [this] {
+        Q_EMIT removed();
+        if (quit)
+            quit();
+    };
+    if (left.isEmpty())
+        return finish();
+    Alert a;
+    a.message = QStringLiteral("Some of Brava Recorder could not be moved to the Trash");
+    a.informative = QStringLiteral("Remove by hand what is left:\n") + left.join(QLatin1Char('\n'));
+    ask(a, [finish](int) { finish(); });
 }

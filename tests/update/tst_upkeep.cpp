@@ -153,10 +153,10 @@ private Q_SLOTS:
         }
     }
 
-    // Cancelled, uninstalled anyway, uninstalled from a package install.
+    // Cancelled, uninstalled anyway, uninstalled from a package install, uninstalled with no Trash.
     void uninstall()
     {
-        for (const auto &[answer, package] : {std::pair(1, false), std::pair(0, false), std::pair(0, true)}) {
+        for (const auto &[answer, package, noTrash] : {std::tuple(1, false, false), std::tuple(0, false, false), std::tuple(0, true, false), std::tuple(0, false, true)}) {
             QDir(home).removeRecursively();
             const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
             const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
@@ -178,6 +178,8 @@ private Q_SLOTS:
             };
             u.beforeRemoving = [&] { cleared = stopped; };
             u.quit = [&] { quit = true; };
+            if (noTrash)
+                writeFile(trash); // a file where the Trash would be: nothing can be moved there
             const QStringList before = filesBelow(home, trash);
             u.start();
             QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
@@ -192,6 +194,15 @@ private Q_SLOTS:
             QTRY_VERIFY(quit);
             QVERIFY(cleared);
             QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
+            if (noTrash) {
+                // Both folders stay where they were, and the person is told so before the agent goes.
+                QCOMPARE(filesBelow(home, trash), (QStringList{paths.dataFolder + QLatin1String("/log.txt"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
+                                                               app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
+                QCOMPARE(readFile(paths.dataFolder + QLatin1String("/log.txt")).count("cannot move to the Trash, left in place"), 2);
+                QVERIFY(alerts.size() == 2 && alerts[1].informative == QLatin1String("Remove by hand what is left:\n") + app + QLatin1Char('\n') + paths.dataFolder);
+                continue;
+            }
+            QCOMPARE(alerts.size(), 1);
             if (package) {
                 // The package's folder is the package manager's; the package's start at login for
                 // every user is switched off by this user's hidden copy.
