@@ -44,9 +44,12 @@ ControlRoomServer::ControlRoomServer(const QDir &uploads, QObject *parent, const
     hooks.event = [this](const QUrlQuery &q) { Q_EMIT eventReceived(q); };
     m_room = std::make_unique<Room>(*m_io, uploads, token.isEmpty() ? OperatorToken() : OperatorToken(token.toStdString()), pageAssets(),
                                     std::move(hooks));
-    m_thread = std::thread([io = m_io.get()] {
+    std::promise<void> ended;
+    m_threadEnded = ended.get_future();
+    m_thread = std::thread([io = m_io.get(), ended = std::move(ended)]() mutable {
         auto work = asio::make_work_guard(*io);
         io->run();
+        ended.set_value();
     });
 }
 
@@ -54,6 +57,15 @@ ControlRoomServer::~ControlRoomServer()
 {
     tell([this] { m_room->close(); });
     m_io->stop();
+    if (m_threadEnded.wait_for(std::chrono::milliseconds(waitMs)) != std::future_status::ready) {
+        // Stuck in one piece of work (a disk that hangs): the thread and what it uses are left to
+        // the end of the process rather than waited for without end.
+        say(QStringLiteral("the room's network thread has not stopped within %1 ms: left behind").arg(waitMs));
+        m_thread.detach();
+        (void)m_io.release();
+        (void)m_room.release();
+        return;
+    }
     m_thread.join();
     m_io.reset(); // ends what was still suspended; nothing of it touches the room
     m_room.reset();

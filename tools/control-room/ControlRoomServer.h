@@ -8,6 +8,7 @@
 #include <QUrlQuery>
 
 #include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 
@@ -89,5 +90,6 @@ private:
     std::unique_ptr<boost::asio::io_context> m_io;
     std::unique_ptr<Room> m_room;
     std::thread m_thread;
+    std::future<void> m_threadEnded; // ready once the network thread's loop has returned
     std::atomic<bool> m_binaryWanted{false};
 };
