@@ -106,7 +106,8 @@ private Q_SLOTS:
     }
 
     // An upload is named from its query and a repeat is stored once; one cut off leaves nothing
-    // that looks whole; the disk refusing a write (here a file-size limit) is answered 500 and said once.
+    // that looks whole; the disk refusing a write half-way (here a file-size limit) is answered 500, read
+    // by the client that still sends, and said once.
     void uploadsAreStoredOnceAndWholeOrNotAtAll()
     {
         QSignalSpy stored(room.get(), &ControlRoomServer::uploaded);
@@ -138,7 +139,7 @@ private Q_SLOTS:
         getrlimit(RLIMIT_FSIZE, &normal);
         const rlimit small{100000, normal.rlim_max};
         setrlimit(RLIMIT_FSIZE, &small);
-        const int status = request("POST", q(QStringLiteral("full")), QByteArray(100001, 'f')).first;
+        const int status = request("POST", q(QStringLiteral("full")), QByteArray(32 << 20, 'f')).first; // still sending when answered
         setrlimit(RLIMIT_FSIZE, &normal);
         QCOMPARE(status, 500);
         QTRY_COMPARE(said.size(), 1);

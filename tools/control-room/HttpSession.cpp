@@ -11,9 +11,11 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <vector>
 
 namespace {
 constexpr auto kIdle = std::chrono::seconds(60); // between two pieces of one request, and between requests
+constexpr auto kLinger = std::chrono::seconds(10); // what a client still sends after the last answer is dropped this long
 constexpr size_t kSmallBody = 64 << 10;
 
 bool is(std::string_view path, const char *word)
@@ -70,8 +72,14 @@ asio::awaitable<void> HttpSession::run()
             break;
     }
     if (!m_moved) {
+        // A lingering close: what the client still sends (the rest of a body refused half-way) is
+        // read and dropped for a while, so that it reads the answer instead of a reset.
         beast::error_code ec;
         m_stream.socket().shutdown(tcp::socket::shutdown_send, ec);
+        m_stream.expires_after(kLinger);
+        std::vector<char> dropped(64 << 10);
+        while (!ec)
+            co_await m_stream.async_read_some(asio::buffer(dropped), noThrow(ec));
     }
 }
 
