@@ -3,6 +3,7 @@
 #include "BuildInfo.h"
 #include "CameraBackend.h"
 #include "Clock.h"
+#include "CommandLine.h"
 #include "DataFolder.h"
 #include "DisplayPlatform.h"
 #include "InstanceLock.h"
@@ -14,9 +15,13 @@
 
 int main(int argc, char *argv[])
 {
+    if (const std::optional<int> answered = CommandLine::answer(argc, argv))
+        return *answered;
     // X11 (XWayland on a Wayland session) unless the user chose: only there can the call widget
     // stay above the dialer and keep its place.
     const DisplayPlatform::Choice display = DisplayPlatform::applyAtStartup();
+    if (display.platform.isEmpty() && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        return CommandLine::noDisplay();
     QApplication app(argc, argv);
     app.setApplicationName(QStringLiteral("Brava Recorder"));
     // A tray agent: closing a window never ends it; a logout or a stop ends it as Quit does.

@@ -63,6 +63,10 @@ version=$(sed -n 's/^CFBundleShortVersionString=//p' <<<"$installed")-$(sed -n '
 check "the package version is the build's ($version)" test "$(dpkg-deb --field "$deb" Version)" = "$version"
 check "the changelog's latest entry is this version" test "$(zcat "$root/usr/share/doc/brava-recorder/changelog.Debian.gz" | sed -n '1s/^brava-recorder (\(.*\)) .*/\1/p')" = "$version"
 check "the build tree's Info.ini does not" test -z "$(grep PackageManaged "$build/Info.ini")"
+agent=$root/usr/bin/brava-recorder
+check "--version names the installed build" sh -c '"$1" --version | grep -qxE "Brava Recorder $2( \(test key\))? \(build $3\)"' _ "$agent" "${version%-*}" "${version##*-}"
+check "--help prints its usage and starts nothing" sh -c '"$1" --help | head -n1 | grep -qx "Usage: brava-recorder \[--help\] \[--version\]"' _ "$agent"
+check "with no display it says so and ends" sh -c 'out=$(env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM timeout 20 "$1" 2>&1); [ $? -eq 1 ] && printf "%s\n" "$out" | grep -q "^brava-recorder: no display to show on"' _ "$agent"
 
 # The installed agent (started through its /usr/bin link) records a take for the reference room.
 demo=$work/demo

@@ -1,0 +1,45 @@
+#include "CommandLine.h"
+
+#include "BuildInfo.h"
+#include "Maintenance.h"
+
+#include <cstdio>
+#include <string_view>
+
+namespace CommandLine {
+
+std::optional<int> answer(int argc, char *argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view word = argv[i];
+        if (word == "--help" || word == "-h") {
+            std::fputs("Usage: brava-recorder [--help] [--version]\n"
+                       "\n"
+                       "The Brava Recorder agent: records this computer's microphone, its sound output and its\n"
+                       "cameras for the event's control room, and uploads every piece. It runs in the desktop\n"
+                       "session, with an icon in the tray (and a floating call panel); the first start opens\n"
+                       "the setup. Settings: $XDG_CONFIG_HOME/Brava Recorder/settings.ini; recordings and\n"
+                       "log.txt: $XDG_DATA_HOME/Brava Recorder.\n",
+                       stdout);
+            return 0;
+        }
+        if (word == "--version") {
+            const BuildInfo build = BuildInfo::read(BuildInfo::besideExecutable());
+            const QString text = QStringLiteral("Brava Recorder ") + Maintenance::menuVersion(build.version())
+                                 + (build.buildNumber().isEmpty() ? QString() : QStringLiteral(" (build ") + build.buildNumber() + QLatin1Char(')'));
+            std::printf("%s\n", text.toUtf8().constData());
+            return 0;
+        }
+    }
+    return std::nullopt;
+}
+
+int noDisplay()
+{
+    std::fputs("brava-recorder: no display to show on: $DISPLAY reaches no X server and $WAYLAND_DISPLAY is not set.\n"
+               "Start it from a desktop session (it starts there by itself at login once set up).\n",
+               stderr);
+    return 1;
+}
+
+} // namespace CommandLine
