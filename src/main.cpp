@@ -9,6 +9,7 @@
 #include "InstanceLock.h"
 #include "PulseBackend.h"
 #include "QuitSignals.h"
+#include "SecondStart.h"
 #include "Settings.h"
 
 #include <QApplication>
@@ -29,11 +30,14 @@ int main(int argc, char *argv[])
     QuitSignals quitSignals;
     // One agent per account: a second copy must never touch the first one's recordings.
     InstanceLock lock(DataFolder::dataDir());
+    SecondStart secondStart(DataFolder::dataDir());
     if (!lock.tryLock()) {
+        const bool heard = secondStart.knock();
         bravaLog(QStringLiteral("another Brava Recorder already runs for this account (") + lock.holder()
-                 + QStringLiteral("); this copy quits"));
+                 + (heard ? QStringLiteral("); this copy quits and the running one shows itself") : QStringLiteral("); this copy quits")));
         return 0;
     }
+    secondStart.listen();
     // Read once: what this build was packaged with, and the user's settings (kept current from here on).
     const BuildInfo build = BuildInfo::read(BuildInfo::besideExecutable());
     Settings settings(DataFolder::settingsFilePath(), build);
@@ -43,6 +47,7 @@ int main(int argc, char *argv[])
     AppDelegate delegate(settings, build, audio, *cameras, Clock::monotonic());
     if (!display.floatingWindows)
         delegate.windows().disableFloating(display.note);
+    QObject::connect(&secondStart, &SecondStart::knocked, &delegate, &AppDelegate::startedAgain);
     delegate.applicationDidFinishLaunching();
     const int code = app.exec();
     bravaLog(QStringLiteral("quit"));

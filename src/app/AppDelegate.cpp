@@ -364,6 +364,14 @@ void AppDelegate::showWizard()
     m_wizardWindow->bringToFront();
 }
 
+void AppDelegate::startedAgain()
+{
+    bravaLog(QStringLiteral("started again while running: shown"));
+    if (m_wizardOpen || !m_settings.setupDone())
+        return showWizard();
+    m_status.flashStatus(QStringLiteral("Brava Recorder is already running"));
+}
+
 void AppDelegate::finishWizard()
 {
     m_recorder.endSetupCamera();

@@ -57,6 +57,9 @@ public:
     void tick();
     /// Opens the setup wizard (at the stored wizardStep), or brings it to the front.
     void showWizard();
+    /// The program was started again while this agent runs: the setup comes forward while it is
+    /// not done, else a short message says the agent is already running.
+    void startedAgain();
     /// The wizard's final button: stops the sound check, records that setup is done, closes the
     /// wizard and connects.
     void finishWizard();
