@@ -2,8 +2,10 @@
 // updates (each refused with the installed folder untouched and its own internal error) and the
 // archives the unpacker refuses.
 #include "ArchiveUnpacker.h"
+#include "ReleaseManifest.h"
 #include "TestHome.h"
 #include "TestLiterals.h"
+#include "UpdateDownload.h"
 #include "UpdateKit.h"
 
 #include <QJsonDocument>
@@ -119,6 +121,9 @@ private Q_SLOTS:
         if (!kit.unavailable.isEmpty())
             QSKIP(qPrintable(kit.unavailable));
         QCOMPARE(AppUpdates::Options().maxDownloadBytes, qint64(512) << 20); // the build's cap; the tests use kCap
+        const ArchiveUnpacker::Limits limits; // the real limits and time-outs, shortened below
+        QVERIFY(limits.maxEntries == 20000 && limits.maxBytes == qint64(4) << 30 && ReleaseManifest::kMaxBytes == 4 << 20);
+        QVERIFY(AppUpdates::kFeedTimeoutMs == 20000 && UpdateDownload::kTimeoutMs == 300000);
     }
     void init()
     {

@@ -79,6 +79,7 @@ private Q_SLOTS:
         w.pick(0, QStringLiteral("Bad"));
         w.pick(0, QStringLiteral("Neutral"));
         w.faces(1).at(3)->click();
+        QCOMPARE(w.whyField()->maxLength(), 500);
         w.whyField()->setText(QStringLiteral("   "));
         w.saveTapped();
         QCOMPARE(saved, (strings({"Neutral", "Other", ""})));
