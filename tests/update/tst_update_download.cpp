@@ -204,6 +204,7 @@ private Q_SLOTS:
         row("redirect to another host", answered({302, {}, "https://127.0.0.1/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
         row("redirect with a port", answered({302, {}, "https://" + kit.host.toLatin1() + ":443/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
         row("redirect to http", answered({302, {}, "http://" + kit.host.toLatin1() + "/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
+        row("at the cap, no archive", answered({200, QByteArray(UpdateKit::kCap, 'z'), {}, false}), kSignature, "archive");
         row("over the cap, no length", answered({200, QByteArray(2 * UpdateKit::kCap, 'z'), {}, false}), QStringLiteral("Download larger than 1048576 bytes"), "");
     }
     void forged()

@@ -13,7 +13,6 @@
 #include <filesystem>
 
 namespace {
-constexpr auto kIdle = std::chrono::seconds(60); // between two pieces of one request, and between requests
 constexpr size_t kSmallBody = 64 << 10;
 
 bool is(std::string_view path, const char *word)
