@@ -200,6 +200,8 @@ private Q_SLOTS:
         connect(one.get(), &QWebSocket::textMessageReceived, this, [&](const QString &m) { feed.append(m); });
         one->sendTextMessage(QStringLiteral(R"({"to":0,"command":{"type":"whisper","seat":1,"text":"hi"}})"));
         QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral("a whisper goes to one agent")));
+        one->sendTextMessage(QStringLiteral(R"({"to":110,"command":{"type":"whisper","seat":9999,"text":"%1"}})").arg(QString(500, u'w')));
+        QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral(R"("agent":110,"kind":"sent")"))); // the widest whisper goes out
         const auto to3 = [](QWebSocket &page, const char *command) {
             page.sendTextMessage(QStringLiteral(R"({"to":3,"command":%1})").arg(QLatin1String(command)));
         };
@@ -277,7 +279,7 @@ private Q_SLOTS:
 
     void saleIsStoredWithItsFiles()
     {
-        const auto [status, answer] = request("POST", QStringLiteral("/sale"), QByteArray(R"({"id":110,"method":"phone","lead":"Jo Ray","apv":1250.5,"referral":"no"})") + QByteArray(60000, ' '));
+        const auto [status, answer] = request("POST", QStringLiteral("/sale"), R"({"id":110,"method":"phone","lead":")" + QByteArray(200, 'J') + R"(","apv":1000000000,"referral":"no"})" + QByteArray(60000, ' '));
         QCOMPARE(status, 200);
         const QString token = QJsonDocument::fromJson(answer).object().value(QStringLiteral("sale")).toString();
         QVERIFY(!token.isEmpty());
@@ -304,6 +306,8 @@ private Q_SLOTS:
             QCOMPARE(c ? QJsonDocument(*c).toJson(QJsonDocument::Compact) : QByteArray(), QByteArray(r.json));
             QVERIFY2(why.isEmpty() == (*r.json != 0), r.line);
         }
+        QString why; // a device uid as long as a sound server's names get
+        QVERIFY(CommandWords::checked({{QStringLiteral("type"), QStringLiteral("setMic")}, {QStringLiteral("uid"), QString(300, u'u')}}, &why));
     }
 };
 
