@@ -184,6 +184,10 @@ private Q_SLOTS:
             "not in the manifest: lib/extra.so");
         row("file changed after signing", after([](const QString &f) { writeFile(f + QLatin1String("/lib/data.txt"), "Release data\n"); }), kSignature, // same size
             "differs from the manifest: lib/data.txt");
+        row("mode changed after signing", after([](const QString &f) { ::chmod(QFile::encodeName(f + QLatin1String("/lib/data.txt")).constData(), 0755); }),
+            kSignature, "differs from the manifest: lib/data.txt");
+        row("link turned after signing", after([](const QString &f) { QFile::remove(f + QLatin1String("/data-link")), QFile::link(QStringLiteral("lib"), f + QLatin1String("/data-link")); }),
+            kSignature, "differs from the manifest: data-link");
         row("no app folder", after([](const QString &f) { QDir().rename(f, f + QLatin1String("/../Other")); }), kIntegrity, "outside the app folder");
         row("version mismatch", [this] { Release r = publish(QStringLiteral("2.1")); r.version = QStringLiteral("2.0"); return r; }, kMismatch, "holds version 2.1");
         row("another program's identifier", before([](const QString &f) {
@@ -191,6 +195,8 @@ private Q_SLOTS:
             }), kSignature, "another program");
         row("set-uid file", before([](const QString &f) { ::chmod(QFile::encodeName(f + QLatin1String("/brava-recorder")).constData(), 04755); }), kSignature,
             "set-uid or set-gid entry: brava-recorder");
+        row("set-gid file", before([](const QString &f) { ::chmod(QFile::encodeName(f + QLatin1String("/lib/data.txt")).constData(), 02644); }), kSignature,
+            "set-uid or set-gid entry: lib/data.txt");
         row("executable for another machine", before([](const QString &f) {
                 QFile exe(f + QLatin1String("/brava-recorder"));
                 QVERIFY(exe.open(QIODevice::ReadWrite) && exe.seek(18) && exe.write(QByteArray(2, '\0')) == 2); // no machine
