@@ -203,7 +203,7 @@ private Q_SLOTS:
         QVERIFY(!form->callChoose()->isEnabled());
         form->methodGroup()->button(0)->click();
         QCOMPARE(form->callLabel()->text(), QStringLiteral("✓ Call.M4A"));
-        form->setConfirmSnapshot(QByteArray(2048, 'p')); // a snapshot replaces the file
+        form->setConfirmSnapshot(QByteArray(3000, 'p')); // a snapshot replaces the file; 1024 bytes a KB
         QCOMPARE(form->confirmLabel()->text(), QStringLiteral("✓ Screen snapped (2 KB)"));
         Q_EMIT snapper->done(ScreenSnapper::Outcome::NotAllowed, {});
         QCOMPARE(form->confirmLabel()->text(), QStringLiteral("Allow screenshots in your desktop's privacy settings"));
