@@ -277,6 +277,9 @@ private Q_SLOTS:
             }
             if (has("refused")) QTRY_VERIFY(model.hasVerifyError());
             QTRY_VERIFY(!has("room") || !model.server().isEmpty());
+            const QString chosen = model.server();
+            model.chooseRoom(has("room") ? 1 : 0); // past the list of rooms: nothing changes
+            QCOMPARE(model.server(), chosen);
             for (const QString &text : shows)
                 QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
             const QStringList steps = WizardModel::stepNames(); // the strip leads up to the furthest step, no further
