@@ -142,6 +142,10 @@ private Q_SLOTS:
         QVERIFY(m->step() == 1 && m->furthest() == 3);
         m->go(3);
         QCOMPARE(home.settings().wizardStep(), 3);
+        bool relaunched = false; // "Restart App": the agent comes back at the step it left
+        m->onRelaunch = [&] { relaunched = true; };
+        m->relaunch(2);
+        QVERIFY(relaunched && home.settings().wizardStep() == 2 && home.log().contains(QStringLiteral("setup restarts the agent at step 2")));
         for (const auto &[testing, mic, sys, heard] : {std::tuple{true, 0.01f, 0.003f, false}, {true, 0.011f, 0.0031f, true}, {false, 0.5f, 0.5f, false}}) {
             init(); // at both thresholds, just above, outside a test
             if (testing)
