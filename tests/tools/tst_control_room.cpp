@@ -3,6 +3,7 @@
 // tokenless page connections, sales and the operator token.
 #include "CommandWords.h"
 #include "ControlRoomServer.h"
+#include "HttpSession.h"
 
 #include <QNetworkAccessManager>
 #include <QNetworkCookieJar>
@@ -42,6 +43,15 @@ class ControlRoomTest : public QObject
         done.wait(10000);
         reply->deleteLater();
         return {reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), reply->readAll()};
+    }
+    // The head of the answer to a request written as it is on one connection.
+    QByteArray rawHead(const QByteArray &request) const
+    {
+        QTcpSocket s;
+        s.connectToHost(QHostAddress::LocalHost, port);
+        s.write(request);
+        QByteArray head;
+        return QTest::qWaitFor([&] { return (head += s.readAll()).contains("\r\n\r\n"); }, 10000) ? head : QByteArray("(no answer)");
     }
     QStringList filesUnder(const QString &dir) const
     {
@@ -102,7 +112,8 @@ private Q_SLOTS:
         QFETCH(QString, query);
         QCOMPARE(request("POST", query, QByteArray(1000, 'x')).first, 400);
         QCOMPARE(filesUnder(top.path()), QStringList());
-        QCOMPARE(request("POST", q(QStringLiteral("fine")), "ok").first, 200); // and the room serves on
+        const QString widest = QStringLiteral("/upload?id=110&session=%1&track=cam4&take=%2&idx=999999999&final=0&ext=mp4").arg(QString(64, u's'), QString(19, u'9'));
+        QCOMPARE(request("POST", widest, "ok").first, 200); // and the room serves on, to the edge of every value
     }
 
     // An upload is named from its query and a repeat is stored once; one cut off leaves nothing
@@ -119,6 +130,8 @@ private Q_SLOTS:
         QFile f(uploads() + QStringLiteral("/agent7/show-1/mic_123_12_final.m4a"));
         QVERIFY(f.open(QIODevice::ReadOnly) && f.readAll() == body);
         QCOMPARE(room->state().value(QStringLiteral("files")).toArray().first().toString(), QStringLiteral("agent7/show-1/mic_123_12_final.m4a"));
+        const QByteArray served = rawHead("GET /files/agent7/show-1/mic_123_12_final.m4a HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + kToken.toLatin1() + "\r\n\r\n");
+        QVERIFY2(served.startsWith("HTTP/1.1 200") && served.contains("\r\nContent-Type: audio/mp4\r\n") && HttpSession::kIdle == std::chrono::seconds(60), served.constData());
         QTcpSocket socket;
         socket.connectToHost(QHostAddress::LocalHost, port);
         QVERIFY(socket.waitForConnected(5000));
@@ -149,8 +162,9 @@ private Q_SLOTS:
     // An oversized frame ends only its own link; a start warns about the agents left that are not live.
     void hugeWebSocketFrameEndsOnlyThatLink()
     {
-        const auto bad = open(QStringLiteral("/agent?id=1&os=linux&v=1&name=x")), good = open(QStringLiteral("/agent?id=2&os=linux&v=1&name=x"));
+        const auto bad = open(QStringLiteral("/agent?id=1&os=linux&v=1&name=x")), good = open(QStringLiteral("/agent?id=2&os=linux&v=1&name=") + QString(201, u'n'));
         QTRY_COMPARE(room->agentCount(), 2);
+        QCOMPARE(room->state()[QStringLiteral("agents")][1][QStringLiteral("name")].toString(), QString(200, u'n')); // names cut at 200
         bad->sendBinaryMessage(QByteArray(16 << 20, '\2'));
         QTRY_COMPARE_WITH_TIMEOUT(bad->state(), QAbstractSocket::UnconnectedState, 10000);
         QSignalSpy got(good.get(), &QWebSocket::textMessageReceived);
@@ -187,6 +201,8 @@ private Q_SLOTS:
         connect(one.get(), &QWebSocket::textMessageReceived, this, [&](const QString &m) { feed.append(m); });
         one->sendTextMessage(QStringLiteral(R"({"to":0,"command":{"type":"whisper","seat":1,"text":"hi"}})"));
         QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral("a whisper goes to one agent")));
+        one->sendTextMessage(QStringLiteral(R"({"to":110,"command":{"type":"whisper","seat":9999,"text":"%1"}})").arg(QString(500, u'w')));
+        QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral(R"("agent":110,"kind":"sent")"))); // the widest whisper goes out
         const auto to3 = [](QWebSocket &page, const char *command) {
             page.sendTextMessage(QStringLiteral(R"({"to":3,"command":%1})").arg(QLatin1String(command)));
         };
@@ -257,11 +273,14 @@ private Q_SLOTS:
             {"/worklet.js", bearer, 200}, {"/files/../../etc/passwd", bearer, 404}};
         for (const auto &[path, auth, status] : rows)
             QVERIFY2(request("GET", QString::fromLatin1(path), {}, auth).first == status, QByteArray(path + ' ' + auth).constData());
+        // An HTTP/1.0 client is answered in its own version; the cookie stays with this site.
+        const QByteArray head = rawHead("GET /?token=" + token + " HTTP/1.0\r\n\r\n");
+        QVERIFY2(head.startsWith("HTTP/1.0 200") && head.contains(QByteArray("\r\nSet-Cookie: brava_token=" + token + "; Path=/; HttpOnly; SameSite=Strict\r\n")), head.constData());
     }
 
     void saleIsStoredWithItsFiles()
     {
-        const auto [status, answer] = request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":"Jo Ray","apv":1250.5,"referral":"no"})");
+        const auto [status, answer] = request("POST", QStringLiteral("/sale"), R"({"id":110,"method":"phone","lead":")" + QByteArray(200, 'J') + R"(","apv":1000000000,"referral":"no"})" + QByteArray(60000, ' '));
         QCOMPARE(status, 200);
         const QString token = QJsonDocument::fromJson(answer).object().value(QStringLiteral("sale")).toString();
         QVERIFY(!token.isEmpty());
@@ -288,6 +307,8 @@ private Q_SLOTS:
             QCOMPARE(c ? QJsonDocument(*c).toJson(QJsonDocument::Compact) : QByteArray(), QByteArray(r.json));
             QVERIFY2(why.isEmpty() == (*r.json != 0), r.line);
         }
+        QString why; // a device uid as long as a sound server's names get
+        QVERIFY(CommandWords::checked({{QStringLiteral("type"), QStringLiteral("setMic")}, {QStringLiteral("uid"), QString(300, u'u')}}, &why));
     }
 };
 

@@ -2,8 +2,10 @@
 // updates (each refused with the installed folder untouched and its own internal error) and the
 // archives the unpacker refuses.
 #include "ArchiveUnpacker.h"
+#include "ReleaseManifest.h"
 #include "TestHome.h"
 #include "TestLiterals.h"
+#include "UpdateDownload.h"
 #include "UpdateKit.h"
 
 #include <QJsonDocument>
@@ -119,6 +121,9 @@ private Q_SLOTS:
         if (!kit.unavailable.isEmpty())
             QSKIP(qPrintable(kit.unavailable));
         QCOMPARE(AppUpdates::Options().maxDownloadBytes, qint64(512) << 20); // the build's cap; the tests use kCap
+        const ArchiveUnpacker::Limits limits; // the real limits and time-outs, shortened below
+        QVERIFY(limits.maxEntries == 20000 && limits.maxBytes == qint64(4) << 30 && ReleaseManifest::kMaxBytes == 4 << 20);
+        QVERIFY(AppUpdates::kFeedTimeoutMs == 20000 && UpdateDownload::kTimeoutMs == 300000);
     }
     void init()
     {
@@ -179,6 +184,10 @@ private Q_SLOTS:
             "not in the manifest: lib/extra.so");
         row("file changed after signing", after([](const QString &f) { writeFile(f + QLatin1String("/lib/data.txt"), "Release data\n"); }), kSignature, // same size
             "differs from the manifest: lib/data.txt");
+        row("mode changed after signing", after([](const QString &f) { ::chmod(QFile::encodeName(f + QLatin1String("/lib/data.txt")).constData(), 0755); }),
+            kSignature, "differs from the manifest: lib/data.txt");
+        row("link turned after signing", after([](const QString &f) { QFile::remove(f + QLatin1String("/data-link")), QFile::link(QStringLiteral("lib"), f + QLatin1String("/data-link")); }),
+            kSignature, "differs from the manifest: data-link");
         row("no app folder", after([](const QString &f) { QDir().rename(f, f + QLatin1String("/../Other")); }), kIntegrity, "outside the app folder");
         row("version mismatch", [this] { Release r = publish(QStringLiteral("2.1")); r.version = QStringLiteral("2.0"); return r; }, kMismatch, "holds version 2.1");
         row("another program's identifier", before([](const QString &f) {
@@ -186,6 +195,8 @@ private Q_SLOTS:
             }), kSignature, "another program");
         row("set-uid file", before([](const QString &f) { ::chmod(QFile::encodeName(f + QLatin1String("/brava-recorder")).constData(), 04755); }), kSignature,
             "set-uid or set-gid entry: brava-recorder");
+        row("set-gid file", before([](const QString &f) { ::chmod(QFile::encodeName(f + QLatin1String("/lib/data.txt")).constData(), 02644); }), kSignature,
+            "set-uid or set-gid entry: lib/data.txt");
         row("executable for another machine", before([](const QString &f) {
                 QFile exe(f + QLatin1String("/brava-recorder"));
                 QVERIFY(exe.open(QIODevice::ReadWrite) && exe.seek(18) && exe.write(QByteArray(2, '\0')) == 2); // no machine
@@ -199,6 +210,7 @@ private Q_SLOTS:
         row("redirect to another host", answered({302, {}, "https://127.0.0.1/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
         row("redirect with a port", answered({302, {}, "https://" + kit.host.toLatin1() + ":443/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
         row("redirect to http", answered({302, {}, "http://" + kit.host.toLatin1() + "/wp-content/uploads/x.zip"}), QStringLiteral("Invalid download"), "");
+        row("at the cap, no archive", answered({200, QByteArray(UpdateKit::kCap, 'z'), {}, false}), kSignature, "archive");
         row("over the cap, no length", answered({200, QByteArray(2 * UpdateKit::kCap, 'z'), {}, false}), QStringLiteral("Download larger than 1048576 bytes"), "");
     }
     void forged()
@@ -226,7 +238,7 @@ private Q_SLOTS:
         const Release r{QStringLiteral("recorder"), QStringLiteral("linux"), QStringLiteral("1.5"), QUrl(kit.base() + QLatin1String("/wp-content/uploads/o.zip")), QString(64, QLatin1Char('a')), true};
         auto u = kit.updater(QStringLiteral("1.9"));
         u->download(r);
-        QVERIFY(!u->checking());
+        QVERIFY(!u->checking() && home.log().contains(QStringLiteral("update refused: version 1.5 is not newer")));
         u = kit.updater(QStringLiteral("1.0")); // an address the policy refuses is not even asked
         const qsizetype asked = kit.server->heads.size();
         u->download({r.product, r.platform, r.version, QUrl(QStringLiteral("http://") + kit.host + QLatin1String("/wp-content/uploads/o.zip")), r.sha256, true});

@@ -38,7 +38,7 @@ private Q_SLOTS:
             int answered = -2;
             QMessageBox *box = AlertBox::show(alert, [&answered](int b) { answered = b; });
             QVERIFY(QTest::qWaitForWindowExposed(box));
-            QCOMPARE(box->text(), alert.message);
+            QCOMPARE(box->windowTitle() + u'|' + box->text(), QStringLiteral("Brava Recorder|") + alert.message);
             QCOMPARE(box->informativeText(), alert.informative);
             QCOMPARE(box->icon(), alert.critical ? QMessageBox::Critical : QMessageBox::Information);
             QCOMPARE(box->buttons().size(), alert.buttons.size());

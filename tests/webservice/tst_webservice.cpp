@@ -5,18 +5,21 @@
 #include "TestLiterals.h"
 
 #include <QNetworkAccessManager>
+#include <QTimer>
 #include <QtTest>
 
-// A network manager that counts the requests made through it the moment they are made.
+// A network manager that counts the requests made through it the moment they are made, with their time-outs.
 class CountingNet : public QNetworkAccessManager
 {
 public:
     int made = 0;
+    QList<int> timeouts;
 
 protected:
     QNetworkReply *createRequest(Operation op, const QNetworkRequest &request, QIODevice *data) override
     {
         ++made;
+        timeouts.append(request.transferTimeout());
         return QNetworkAccessManager::createRequest(op, request, data);
     }
 };
@@ -95,6 +98,9 @@ private Q_SLOTS:
         checkIn.poke(false);
         QCOMPARE(net.made, 4);
         QTRY_VERIFY(service.requests.size() == 4 && service.requests.last().body.contains("\"cam\":true"));
+        QCOMPARE(net.timeouts.last(), 15000);
+        checkIn.start(); // every minute, unless told otherwise
+        QCOMPARE(checkIn.findChild<QTimer *>()->interval(), 60000);
         checkIn.start(100); // the timer forces check-ins
         clockMs += 5000;
         QTRY_COMPARE(net.made, 5);
@@ -113,13 +119,13 @@ private Q_SLOTS:
         const HttpStub::Request &r = service.requests.first();
         QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("GET /wp-json/brava/v1/mentors"));
         const qint64 t = QUrlQuery(r.url).queryItemValue(QStringLiteral("t")).toLongLong(); // a cache buster
-        QVERIFY(t >= before && t <= QDateTime::currentSecsSinceEpoch());
+        QVERIFY(t >= before && t <= QDateTime::currentSecsSinceEpoch() && net.timeouts.last() == 12000);
         fetch(R"({"2":"Cy"})"); // each answer replaces the roster whole
         QCOMPARE(roster.map(), (QMap<int, QString>{{2, QStringLiteral("Cy")}}));
         // Bad answers keep the roster as it was.
         QList<MentorRoster::Fault> faults;
         for (const HttpStub::Answer &bad : {HttpStub::status(200, "<html>busy</html>"), HttpStub::status(500, "[\"Ann\"]"), HttpStub::Answer{HttpStub::Answer::Reset},
-                                            HttpStub::status(200, QByteArray(MentorRoster::kMaxAnswerBytes, ' ') + "{}")})
+                                            HttpStub::status(200, QByteArray(65536, ' ') + "{}")})
             fetch(bad.body, bad.status, bad.kind), faults.append(roster.fault());
         QCOMPARE(faults, QList<MentorRoster::Fault>({MentorRoster::Fault::NotAnObject, MentorRoster::Fault::NotAnObject, MentorRoster::Fault::NoAnswer, MentorRoster::Fault::TooLarge}));
         QCOMPARE(roster.name(2), QStringLiteral("Cy"));

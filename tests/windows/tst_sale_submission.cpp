@@ -144,6 +144,7 @@ private Q_SLOTS:
         const struct { const char *name; bool phone; QString fault; Answers answers; QString message; int requests; } rows[] = {
             {"record answered 201", false, {}, {HttpStub::status(201, "{\"sale\":\"S\"}")}, noRoom, 1},
             {"numeric sale token", false, {}, {token("{\"sale\":5}")}, noRoom, 1},
+            {"sale token of 257 characters", false, {}, {token("{\"sale\":\"" + QByteArray(257, 'S') + "\"}")}, noRoom, 1},
             {"answer is no JSON", false, {}, {token("sale")}, noRoom, 1},
             {"record connection reset", false, {}, {HttpStub::Answer{HttpStub::Answer::Reset}}, noRoom, -1},
             {"no control room", false, QStringLiteral("closed"), {}, noRoom, 0},
@@ -187,9 +188,9 @@ private Q_SLOTS:
         stub->release(token());
         QTRY_COMPARE(form->statusLine()->text(), QStringLiteral("Confirmation upload failed"));
         QCOMPARE(stub->requests.size(), 2); // the record once, its confirmation once
-        stub->script({token("{\"sale\":\"S2\"}"), HttpStub::status(200)});
+        stub->script({token("{\"sale\":\"" + QByteArray(256, 'S') + "\"}"), HttpStub::status(200)}); // the longest token taken
         QCOMPARE(submit(), QStringLiteral("Saved ✓  Sent to the control room"));
-        QVERIFY(stub->requests.size() == 4 && stub->requests[2].url.path() == QStringLiteral("/sale") && query(3) == "sale=S2&kind=confirm&ext=pdf");
+        QVERIFY(stub->requests.size() == 4 && stub->requests[2].url.path() == QStringLiteral("/sale") && query(3) == "sale=" + QByteArray(256, 'S') + "&kind=confirm&ext=pdf");
     }
 
     void methodAndReopen()
@@ -202,7 +203,7 @@ private Q_SLOTS:
         QVERIFY(!form->callChoose()->isEnabled());
         form->methodGroup()->button(0)->click();
         QCOMPARE(form->callLabel()->text(), QStringLiteral("✓ Call.M4A"));
-        form->setConfirmSnapshot(QByteArray(2048, 'p')); // a snapshot replaces the file
+        form->setConfirmSnapshot(QByteArray(3000, 'p')); // a snapshot replaces the file; 1024 bytes a KB
         QCOMPARE(form->confirmLabel()->text(), QStringLiteral("✓ Screen snapped (2 KB)"));
         Q_EMIT snapper->done(ScreenSnapper::Outcome::NotAllowed, {});
         QCOMPARE(form->confirmLabel()->text(), QStringLiteral("Allow screenshots in your desktop's privacy settings"));

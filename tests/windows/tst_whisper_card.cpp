@@ -68,6 +68,7 @@ private Q_SLOTS:
             QCOMPARE(WhisperPage::parseSize(answer), QSize(812, 300));
         QCOMPARE(WhisperPage::place(QRect(0, 24, 1280, 776), QSize(812, 300)), QRect(234, 32, 812, 300));
         QCOMPARE(WhisperPage::place(QRect(100, 0, 1000, 700), QSize(812, 9000)), QRect(194, 8, 812, 692)); // no taller than the screen
+        QCOMPARE(WhisperPage::place(QRect(0, 0, 640, 480), QSize(812, 300)), QRect(0, 8, 640, 300));  // nor wider
         QVERIFY(WhisperCard().hideMs == 9000 && WhisperCard().releaseMs == 60000); // the real times, shortened in the tests below
     }
 

@@ -81,7 +81,8 @@ private Q_SLOTS:
         QCOMPARE(M::snap(r({10, 10}), {}), std::optional<QRect>());                                    // no screen
         QCOMPARE(M::firstFrame(QRect(0, 0, 1280, 760), true), QRect(1060, 554, 196, 182));
         QCOMPARE(M::firstFrame(QRect(0, 0, 1280, 760), false), QRect(1060, 602, 196, 134));
-        QVERIFY(M::kSnapDelayMs == 180 && M::kHelpFlashMs == 1400); // the real times
+        QVERIFY(M::kSnapDelayMs == 180 && M::kSnappingMs == 350 && M::kHelpFlashMs == 1400 && SaleForm::kHideAfterSuccessMs == 1300
+                && ScreenSnapper::kPortalTimeoutMs == 60000); // the real times
         QCOMPARE(M::parseFrame(QStringLiteral("{{12, -40}, {196, 182}}")), std::optional<QRect>(QRect(12, -40, 196, 182)));
         QCOMPARE(M::frameText(QRect(12, -40, 196, 182)), QStringLiteral("{{12, -40}, {196, 182}}"));
         QCOMPARE(M::parseFrame(QStringLiteral("{{1,2},{3,4}}")), std::optional<QRect>(QRect(1, 2, 3, 4)));
@@ -94,8 +95,10 @@ private Q_SLOTS:
     {
         for (const auto &[typed, sent] : {std::pair{"1200", 1200}, {"$1,250.50", 1251}, {"12.5", 13}, {"12.4", 12}, {" $ 900 ", 900}, {"1000000000", 1000000000}})
             QVERIFY2(SaleFormModel::apv(QString::fromUtf8(typed)) == sent, typed);
-        for (const char *typed : {"abc", "0", "", "1e9999", "..", "1000000001", "111111111111111111111111111111111", "١٢", "-5"})
+        for (const char *typed : {"abc", "0", "", "1e9999", "..", "1000000001", "111111111111111111111111111111111", "$1,000.00000000000000000000000000", "١٢", "-5"})
             QVERIFY2(!SaleFormModel::apv(QString::fromUtf8(typed)), typed);
+        QCOMPARE(SaleFormModel::confirmTypes().join(u' ') + u'|' + SaleFormModel::callTypes().join(u' '),
+                 QStringLiteral("pdf png jpg jpeg heic webp gif|m4a mp3 wav mp4 mov webm aac caf"));
         const SaleFormModel::Entry complete{7, true, QStringLiteral("Ann Lee"), QStringLiteral("1200"), false, true, true};
         const QString badLead = QStringLiteral("The lead's name has a character that can't be sent (a tab or line break?)");
         for (const auto &[change, message] : {std::pair{"", QString()}, {"computer nocall", QString()}, {"agent0", QStringLiteral("Finish setup first")},

@@ -1,4 +1,5 @@
 #include "AgentFixture.h"
+#include "CheckIn.h"
 #include "Connection.h"
 #include "DataFolder.h"
 #include "HttpStub.h"
@@ -57,10 +58,10 @@ class WizardTest : public QObject
     {
         m.reset();
         m = std::make_unique<WizardModel>(p->parts());
-        m->verifyTimeoutMs = 500;
+        QCOMPARE(std::exchange(m->verifyTimeoutMs, 500), 15000); // shortened from the real one
     }
     QQuickWindow *window() const { return f->app->wizardWindow(); }
-    // Texts of the visible items of the window.
+    // Texts of the visible items of the window, "-" before those that cannot be used.
     static QStringList texts(QQuickItem *item)
     {
         QStringList out;
@@ -68,7 +69,7 @@ class WizardTest : public QObject
             return out;
         const QString t = item->property("text").toString(), placeholder = item->property("placeholderText").toString();
         if (!t.isEmpty() || !placeholder.isEmpty())
-            out.append(t.isEmpty() ? placeholder : t);
+            out.append((item->isEnabled() ? QString() : QStringLiteral("-")) + (t.isEmpty() ? placeholder : t));
         for (QQuickItem *child : item->childItems())
             out += texts(child);
         return out;
@@ -141,6 +142,10 @@ private Q_SLOTS:
         QVERIFY(m->step() == 1 && m->furthest() == 3);
         m->go(3);
         QCOMPARE(home.settings().wizardStep(), 3);
+        bool relaunched = false; // "Restart App": the agent comes back at the step it left
+        m->onRelaunch = [&] { relaunched = true; };
+        m->relaunch(2);
+        QVERIFY(relaunched && home.settings().wizardStep() == 2 && home.log().contains(QStringLiteral("setup restarts the agent at step 2")));
         for (const auto &[testing, mic, sys, heard] : {std::tuple{true, 0.01f, 0.003f, false}, {true, 0.011f, 0.0031f, true}, {false, 0.5f, 0.5f, false}}) {
             init(); // at both thresholds, just above, outside a test
             if (testing)
@@ -199,6 +204,7 @@ private Q_SLOTS:
             m->verifyAndSave(); // no second request while one is in flight
             QTRY_VERIFY(!m->verifying());
             QVERIFY2(m->verifyErrorText() == error && m->nameText() == name, row);
+            QVERIFY2(error.isEmpty() || home.log().contains(error == unreachable ? QStringLiteral("agent check failed: ") : QStringLiteral("agent check refused: ") + error), row);
             QVERIFY2(m->step() == (error.isEmpty() ? 2 : 1) && home.settings().agentID() == (error.isEmpty() ? 17 : 0), row);
             QCOMPARE(web.requests.size(), answer.isEmpty() ? 0 : 1);
             if (answer.isEmpty())
@@ -207,7 +213,7 @@ private Q_SLOTS:
             QVERIFY(r.method == "POST" && r.url.path() == QLatin1String(WizardModel::kVerifyPath));
             QCOMPARE(r.headers.value("content-type"), QByteArray("application/json"));
             const QJsonObject sent = QJsonDocument::fromJson(r.body).object();
-            QVERIFY(sent.value(QStringLiteral("number")) == QJsonValue(17) && sent.value(QStringLiteral("name")) == QJsonValue(QStringLiteral("Ana Lee")) && sent.value(QStringLiteral("token")).isString());
+            QVERIFY(sent.value(QStringLiteral("number")) == QJsonValue(17) && sent.value(QStringLiteral("name")) == QJsonValue(QStringLiteral("Ana Lee")) && sent.value(QStringLiteral("token")) == QJsonValue(QString::fromLatin1(CheckIn::token)));
             web.release(HttpStub::status(200));
         }
     }
@@ -217,7 +223,7 @@ private Q_SLOTS:
     void screen()
     {
         const struct { const char *name, *setup; QStringList shows; } rows[] = {
-            {"0-welcome", "step=0", strings({"Welcome, Agent.", "Records only when the control room starts recording"})},
+            {"0-welcome", "step=0", strings({"Welcome, Agent.", "Records only when the control room starts recording", "-Get Started"})},
             {"0-welcome-agreed", "step=0 agree", strings({"Get Started"})},
             {"1-number-searching", "step=1", strings({"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"})},
             {"1-number-room-found", "step=1 room identity", strings({"Using control room: 127.0.0.1:", "Enter address manually"})},
@@ -275,8 +281,13 @@ private Q_SLOTS:
             }
             if (has("refused")) QTRY_VERIFY(model.hasVerifyError());
             QTRY_VERIFY(!has("room") || !model.server().isEmpty());
+            const QString chosen = model.server();
+            model.chooseRoom(has("room") ? 1 : 0); // past the list of rooms: nothing changes
+            QCOMPARE(model.server(), chosen);
             for (const QString &text : shows)
                 QTRY_VERIFY2(texts(w.rootObject()).filter(text).size() >= 1, qPrintable(text + QLatin1String(" in ") + texts(w.rootObject()).join(QLatin1Char('|'))));
+            const QStringList steps = WizardModel::stepNames(); // the strip leads up to the furthest step, no further
+            QVERIFY2(step == 6 || texts(w.rootObject()).join(u'|').contains(steps[step] + u'|' + steps[step] + QStringLiteral("|-") + steps[step + 1]), name);
             QVERIFY(w.grabWindow().save(TestDisplay::pictures("wizard-screens") + QLatin1Char('/') + QLatin1String(name) + QLatin1String(".png")));
             QTRY_COMPARE(web.hanging(), has("verifying") ? 1 : 0); // its check arrived, to be let go
             web.release(HttpStub::status(200));

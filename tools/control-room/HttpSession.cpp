@@ -14,7 +14,6 @@
 #include <vector>
 
 namespace {
-constexpr auto kIdle = std::chrono::seconds(60); // between two pieces of one request, and between requests
 constexpr auto kLinger = std::chrono::seconds(10); // what a client still sends after the last answer is dropped this long
 constexpr size_t kSmallBody = 64 << 10;
 

@@ -25,6 +25,8 @@ public:
     void abort();
 
     static constexpr std::uint64_t uploadLimit = std::uint64_t(8) << 30; ///< a 30-minute full-quality segment is under 2 GB
+    /// Longest silence between two pieces of one request, and between requests.
+    static constexpr auto kIdle = std::chrono::seconds(60);
 
 private:
     using Head = http::request_parser<http::empty_body>;

@@ -149,6 +149,8 @@ try {
     return new Promise((done) => { const t = setInterval(() => { if (window.__room.audioDropped > was) { clearInterval(t); done(window.__room.audioDropped - was); } }, 20); });
   });
   if (dropped < 48000 - 7200) throw new Error(`a burst of 48000 samples dropped only ${dropped}`);
+  const half = await page.evaluate(() => { playPcm(0, new Uint8Array([0, 0x40])); return document.getElementById('listen-level').style.width; });
+  if (half !== '50%') throw new Error(`0x4000 as 16-bit little-endian is half of full scale, not ${half}`);
   await page.screenshot({ path: path.join(screens, '04-listening.png') });
 
   step('whisper to agent 1');
