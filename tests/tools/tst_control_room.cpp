@@ -288,6 +288,7 @@ private Q_SLOTS:
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=confirm&ext=../x").arg(token), "png").first, 400);
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=confirm&ext=png").arg(token), "PNG").first, 200);
         QCOMPARE(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"fax","lead":"x","apv":1,"referral":"no"})").first, 400);
+        QCOMPARE(request("POST", QStringLiteral("/sale"), QByteArray(4 << 20, ' ')).first, 413); // read by the client still sending
         QCOMPARE(filesUnder(uploads()), QStringList({QStringLiteral("sales/%1/confirm.png").arg(token), QStringLiteral("sales/%1/sale.json").arg(token)}));
         const QJsonArray sales = room->state().value(QStringLiteral("sales")).toArray();
         QCOMPARE(sales.size(), 1);
