@@ -177,6 +177,7 @@ private Q_SLOTS:
     {
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
         home.settings().setUploadQuality(QStringLiteral("low"));
+        QCOMPARE(wishes().writerSetup().videoBitrate, 2000000); // the next take's camera rate
         f->room.send(J{{"type", "quality"}});
         QTRY_COMPARE(home.settings().uploadQuality(), QStringLiteral("full"));
         QTRY_COMPARE(home.log().count(QStringLiteral("upload quality set to full")), 1);

@@ -45,7 +45,7 @@ private Q_SLOTS:
                 announced.push_back(std::make_unique<QSignalSpy>(&settings, Settings::staticMetaObject.method(i)));
         QFile f(settings.path() + QStringLiteral(".new"));
         QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write("[General]\nagentID=12\nsetupDone=true\nagentName=\\nBo\\n\nwizardStep=oops\nuploadQuality=low\nserver=10.0.0.7:1\n"
+        f.write("[General]\nagentID=12\nsetupDone=1\nagentName=\\nBo\\n\nwizardStep=oops\nuploadQuality=low\nserver=10.0.0.7:1\n"
                 "wizardFurthest=4\nmicUID=m2\ncamUID=c2\nsaleWidgetFrame=\"{{12, 300}, {196, 182}}\"\n");
         f.close();
         QVERIFY(QFile::remove(settings.path()) && f.rename(settings.path()));
@@ -82,6 +82,7 @@ private Q_SLOTS:
     // A stored value outside its bounds reads as unset and is logged once, however often it is read.
     void outOfBoundsValuesReadAsUnset()
     {
+        QVERIFY(Settings::kMaxNameLength == 100 && Settings::kMaxServerLength == 255 && Settings::kMaxFrameLength == 64 && Settings::kSettleMs == 100);
         const QString name(Settings::kMaxNameLength, QLatin1Char('n')), address(Settings::kMaxServerLength, QLatin1Char('s'));
         const struct { const char *key; QString stored, read; } rows[] = { // id beyond 32 bits, negative, largest; name and address too long, at the limit
             {"agentID", QStringLiteral("99999999999"), QStringLiteral("0")}, {"agentID", QStringLiteral("-3"), QStringLiteral("0")},

@@ -97,7 +97,7 @@ private Q_SLOTS:
             const HttpStub::Request &r = server->requests.first();
             QCOMPARE(r.method + ' ' + r.url.path().toUtf8(), QByteArray("POST /upload"));
             QCOMPARE(r.url.query(QUrl::FullyEncoded), QStringLiteral("id=7&session=") + query);
-            QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type"), r.headers.value("content-type").constData());
+            QVERIFY2(r.body == file.toUtf8() && !r.headers.contains("content-type") && r.headers.value("host") == server->address().toUtf8(), r.headers.value("host").constData());
             QTRY_COMPARE(up->pendingCount(), 0);
             QVERIFY(QDir(folder("pending") + QLatin1Char('/') + SessionFolder::name(session)).isEmpty());
         }
