@@ -124,14 +124,15 @@ private Q_SLOTS:
         QCOMPARE(home.settings().path(), home.root() + QStringLiteral("/config/Brava Recorder/settings.ini"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
         // A session names exactly one folder inside writing/ and pending/, whatever its text, and
-        // the folder gives the session back.
-        const QStringList sessions = {QString(), QStringLiteral(".."), QStringLiteral("../../x"), QStringLiteral("%"),
-                                      QStringLiteral("%2F"), QString(QChar(0)) + QStringLiteral("x"), QStringLiteral("Zoë ☕")};
+        // the folder gives the session back; past 255 bytes the name is cut at a whole character and marked.
+        const QStringList sessions = {QString(), QStringLiteral(".."), QStringLiteral("../../x"), QStringLiteral("%"), QStringLiteral("%2F"), QString(QChar(0)) + QStringLiteral("x"),
+                                      QStringLiteral("Zoë ☕"), QString(85, QChar(0x6771)), QString(86, QChar(0x6771)), QStringLiteral("a") + QString::fromUtf8("😀").repeated(64)};
         QSet<QString> folders;
         for (const QString &session : sessions) {
             const QString folder = *folders.insert(SessionFolder::name(session));
-            QVERIFY2(!folder.isEmpty() && !folder.startsWith(QLatin1Char('.')) && !folder.contains(QLatin1Char('/')) && !folder.contains(QChar(0)), qPrintable(folder));
-            QCOMPARE(SessionFolder::sessionOf(folder), session);
+            QVERIFY2(!folder.isEmpty() && !folder.startsWith(QLatin1Char('.')) && !folder.contains(QLatin1Char('/')) && !folder.contains(QChar(0)) && folder.toUtf8().size() <= 255
+                     && QString::fromUtf8(folder.toUtf8()) == folder && folder.contains(QStringLiteral("%h")) == (session.toUtf8().size() > 255), qPrintable(folder));
+            QCOMPARE(SessionFolder::sessionOf(SessionFolder::make(home.root(), session)), session);
         }
         QCOMPARE(folders.size(), sessions.size());
     }
