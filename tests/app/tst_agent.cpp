@@ -367,6 +367,13 @@ private Q_SLOTS:
         QVERIFY(f->room.urls.size() == 3 && f->room.binaries.size() == 1);
         // Three connects and at least two retries.
         QVERIFY(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")) == 1 && conn.generation() >= generation + 5);
+        // A link that opened in between makes the same failure news again.
+        home.settings().setServer(f->room.address());
+        conn.open();
+        QTRY_VERIFY(conn.connected());
+        home.settings().setServer(QStringLiteral("127.0.0.1:1"));
+        conn.open();
+        QTRY_COMPARE(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")), 2);
         QCOMPARE(Connection(home.settings(), home.info()).retryMs, 2000); // the real delay, shortened above
     }
 

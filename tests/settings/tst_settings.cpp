@@ -67,6 +67,10 @@ private Q_SLOTS:
         const QSettings file(settings.path(), QSettings::IniFormat);
         QVERIFY(file.value("agentName") == QStringLiteral("Ana Lee") && file.value("server") == QStringLiteral("10.0.0.2:80"));
         QCOMPARE(file.value("agentID").toInt(), 12);
+        // A file that cannot be written is said in the log.
+        QVERIFY(QFile::remove(settings.path()) && QDir().mkdir(settings.path()));
+        settings.setAgentID(3);
+        QVERIFY(home.log().contains(QStringLiteral("settings: agentID could not be written to ") + settings.path()));
     }
 
     // Every upload quality word has its own bit rate; anything else is full quality.
