@@ -89,7 +89,7 @@ private Q_SLOTS:
         QVERIFY(Settings::kMaxNameLength == 100 && Settings::kMaxServerLength == 255 && Settings::kMaxFrameLength == 64 && Settings::kSettleMs == 100);
         const QString name(Settings::kMaxNameLength, QLatin1Char('n')), address(Settings::kMaxServerLength, QLatin1Char('s'));
         const struct { const char *key; QString stored, read; } rows[] = { // id beyond 32 bits, negative, largest; name and address too long, at the limit
-            {"agentID", QStringLiteral("99999999999"), QStringLiteral("0")}, {"agentID", QStringLiteral("-3"), QStringLiteral("0")},
+            {"agentID", QStringLiteral("99999999999"), QStringLiteral("0")}, {"agentID", QStringLiteral("-3"), QStringLiteral("0")}, {"agentID", QStringLiteral("18446744073709551623"), QStringLiteral("0")}, // 2^64 + 7 would wrap to 7
             {"agentID", QStringLiteral("2147483647"), QStringLiteral("2147483647")}, {"agentName", name + QLatin1Char('n'), QString()}, {"agentName", name, name},
             {"server", address + QLatin1Char('s'), QString()}, {"server", address, address}};
         for (const auto &r : rows) {
