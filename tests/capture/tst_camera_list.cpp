@@ -17,8 +17,10 @@ private Q_SLOTS:
         const QString nodes = root.path() + QStringLiteral("/sys/class/video4linux");
         QVERIFY(QDir().mkpath(nodes + QStringLiteral("/video0")));
         std::atomic<int> probes{0};
-        const auto probe = [&](const QString &path) { return ++probes, std::optional<V4L2Discovery::Caps>({QFileInfo(path).fileName(), {}, true}); };
+        // Node 3 cannot capture (as a webcam's metadata node).
+        const auto probe = [&](const QString &path) { return ++probes, std::optional<V4L2Discovery::Caps>({QFileInfo(path).fileName(), {}, !path.endsWith(u'3')}); };
         V4L2CameraBackend backend(V4L2Discovery(root.path(), probe), nodes);
+        const auto listed = [&] { QStringList out; for (const Device &d : backend.list()) out << d.name + u'=' + d.uid; return out.join(u' '); };
         QTRY_COMPARE(backend.list().size(), 1);
         const int probed = probes;
         QCOMPARE(backend.list().first().name, QStringLiteral("video0"));
@@ -28,6 +30,10 @@ private Q_SLOTS:
         QVERIFY(QDir(nodes + QStringLiteral("/video0")).removeRecursively());
         QTRY_COMPARE(backend.list().size(), 1);
         QCOMPARE(backend.list().first().name, QStringLiteral("video2"));
+        // Cameras come in node-number order, named by their udev link when there is one.
+        QVERIFY(QDir().mkpath(root.path() + QStringLiteral("/dev/v4l/by-id")) && QFile::link(root.path() + QStringLiteral("/dev/video10"), root.path() + QStringLiteral("/dev/v4l/by-id/usb-Cam-video-index0")));
+        QVERIFY(QDir().mkpath(nodes + QStringLiteral("/video10")) && QDir().mkpath(nodes + QStringLiteral("/video3")));
+        QTRY_COMPARE(listed(), QStringLiteral("video2=video2 video10=usb-Cam-video-index0"));
     }
 };
 
