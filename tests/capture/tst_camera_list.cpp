@@ -1,3 +1,4 @@
+#include "CameraAccess.h"
 #include "V4L2CameraBackend.h"
 
 #include <QDir>
@@ -38,6 +39,11 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(nodes + QStringLiteral("/video10")) && QDir().mkpath(port + QStringLiteral("/1-5:1.0")) && fixed.open(QIODevice::WriteOnly) && fixed.write("fixed\n") == 6 && fixed.flush());
         QVERIFY(QFile::link(port + QStringLiteral("/1-5:1.0"), nodes + QStringLiteral("/video10/device")) && QDir().mkpath(nodes + QStringLiteral("/video3")));
         QTRY_COMPARE(listed(), QStringLiteral("video2=video2 video10=usb-Cam-video-index0 built-in"));
+        // No video node: camera access is unknown; a node this user may open: allowed.
+        const QByteArray dev = QFile::encodeName(root.path() + QStringLiteral("/dev"));
+        QCOMPARE(CameraAccess::statusOf(dev.constData()), CameraAccess::Status::NotDetermined);
+        QVERIFY(QFile(root.path() + QStringLiteral("/dev/video2")).open(QIODevice::WriteOnly));
+        QCOMPARE(CameraAccess::statusOf(dev.constData()), CameraAccess::Status::Authorized);
     }
 };
 
