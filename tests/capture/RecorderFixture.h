@@ -41,6 +41,8 @@ struct RecorderFixture {
         CameraAccess::Status access() const override { return synthetic.access(); }
         CameraOpen open(const QString &uid, QSize wanted, FrameSink sink) override
         {
+            if (wanted != QSize(1920, 1080)) // what the recorder asks every camera for
+                return {nullptr, QStringLiteral("asked for another size")};
             if (isUnplugged(uid))
                 return {nullptr, QStringLiteral("No usable webcam found")};
             CameraOpen o = synthetic.open(uid, wanted, [this, uid, sink](TimedSample f) {

@@ -106,12 +106,13 @@ private Q_SLOTS:
     }
 
     // Each refusal (a source that cannot open, the server's, no microphones) shows its text and
-    // permission kind; what can record still records.
+    // permission kind, and logs why; what can record still records.
     void refusals()
     {
-        const struct { const char *refused, *error; int blocked, micChannels; } rows[] = {
-            {"out.monitor", "Computer audio blocked — re-run setup on this computer", 2, 1}, {"server", "Microphone blocked — re-run setup on this computer", 1, 0},
-            {"no mics", "No microphone found", 0, 0}, {"usbmic", "No microphone found", 0, 0}};
+        const struct { const char *refused, *error; int blocked, micChannels; const char *logged; } rows[] = {
+            {"out.monitor", "Computer audio blocked — re-run setup on this computer", 2, 1, "computer audio error: refused"},
+            {"server", "Microphone blocked — re-run setup on this computer", 1, 0, "computer audio error: the sound server refused this program"},
+            {"no mics", "No microphone found", 0, 0, "computer mic: none"}, {"usbmic", "No microphone found", 0, 0, "mic error: USB Mic: refused"}};
         for (const auto &r : rows) {
             f = std::make_unique<RecorderFixture>(0, true);
             f->audio->refused = {QString::fromUtf8(r.refused)};
@@ -121,7 +122,7 @@ private Q_SLOTS:
                 f->audio->devices.clear();
             QVERIFY(f->start(QStringLiteral("S3")));
             QCOMPARE(f->rec->lastError().value_or(QString()), QString::fromUtf8(r.error));
-            QVERIFY2(int(f->rec->blocked()) == r.blocked && f->audio->openChannels(usb) == r.micChannels, r.refused);
+            QVERIFY2(int(f->rec->blocked()) == r.blocked && f->audio->openChannels(usb) == r.micChannels && home.log().contains(QString::fromUtf8(r.logged)), r.refused);
             QVERIFY(f->stop());
         }
     }

@@ -100,6 +100,7 @@ private Q_SLOTS:
     // index. Ending again with nothing open, or a segment that holds no media yet, hands over no file.
     void rollOverFromTheCommonStart()
     {
+        QVERIFY(WriterSetup().segmentSeconds == 1800.0 && WriterSetup().videoBitrate == 8000000 && H264Format::kKeyInterval == 60 && SegmentWriter::kRetrySeconds == 2); // the real length, shortened here
         TrackWriter w(QStringLiteral("mic"), {writing(), 8000000, 2.0});
         attach(w);
         w.begin(QStringLiteral("S2"), 42);

@@ -38,6 +38,7 @@ private Q_SLOTS:
     }
     void answeringRoomsAreListedOnceInOrderOfArrival()
     {
+        QVERIFY(discovery->livenessIntervalMs == 4000 && discovery->probeTimeoutMs == 2000); // the real limits, shortened here
         discovery->probeTimeoutMs = 400;
         const quint16 slow = room({HttpStub::Answer::Reply, 200, {}, "text/plain", 250});
         const quint16 quick = room(HttpStub::status(404)); // any HTTP answer counts

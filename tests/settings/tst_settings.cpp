@@ -45,7 +45,7 @@ private Q_SLOTS:
                 announced.push_back(std::make_unique<QSignalSpy>(&settings, Settings::staticMetaObject.method(i)));
         QFile f(settings.path() + QStringLiteral(".new"));
         QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write("[General]\nagentID=12\nsetupDone=true\nagentName=\\nBo\\n\nwizardStep=oops\nuploadQuality=low\nserver=10.0.0.7:1\n"
+        f.write("[General]\nagentID=12\nsetupDone=1\nagentName=\\nBo\\n\nwizardStep=oops\nuploadQuality=low\nserver=10.0.0.7:1\n"
                 "wizardFurthest=4\nmicUID=m2\ncamUID=c2\nsaleWidgetFrame=\"{{12, 300}, {196, 182}}\"\n");
         f.close();
         QVERIFY(QFile::remove(settings.path()) && f.rename(settings.path()));
@@ -67,6 +67,10 @@ private Q_SLOTS:
         const QSettings file(settings.path(), QSettings::IniFormat);
         QVERIFY(file.value("agentName") == QStringLiteral("Ana Lee") && file.value("server") == QStringLiteral("10.0.0.2:80"));
         QCOMPARE(file.value("agentID").toInt(), 12);
+        // A file that cannot be written is said in the log.
+        QVERIFY(QFile::remove(settings.path()) && QDir().mkdir(settings.path()));
+        settings.setAgentID(3);
+        QVERIFY(home.log().contains(QStringLiteral("settings: agentID could not be written to ") + settings.path()));
     }
 
     // Every upload quality word has its own bit rate; anything else is full quality.
@@ -82,9 +86,10 @@ private Q_SLOTS:
     // A stored value outside its bounds reads as unset and is logged once, however often it is read.
     void outOfBoundsValuesReadAsUnset()
     {
+        QVERIFY(Settings::kMaxNameLength == 100 && Settings::kMaxServerLength == 255 && Settings::kMaxFrameLength == 64 && Settings::kSettleMs == 100);
         const QString name(Settings::kMaxNameLength, QLatin1Char('n')), address(Settings::kMaxServerLength, QLatin1Char('s'));
         const struct { const char *key; QString stored, read; } rows[] = { // id beyond 32 bits, negative, largest; name and address too long, at the limit
-            {"agentID", QStringLiteral("99999999999"), QStringLiteral("0")}, {"agentID", QStringLiteral("-3"), QStringLiteral("0")},
+            {"agentID", QStringLiteral("99999999999"), QStringLiteral("0")}, {"agentID", QStringLiteral("-3"), QStringLiteral("0")}, {"agentID", QStringLiteral("18446744073709551623"), QStringLiteral("0")}, // 2^64 + 7 would wrap to 7
             {"agentID", QStringLiteral("2147483647"), QStringLiteral("2147483647")}, {"agentName", name + QLatin1Char('n'), QString()}, {"agentName", name, name},
             {"server", address + QLatin1Char('s'), QString()}, {"server", address, address}};
         for (const auto &r : rows) {
@@ -123,14 +128,15 @@ private Q_SLOTS:
         QCOMPARE(home.settings().path(), home.root() + QStringLiteral("/config/Brava Recorder/settings.ini"));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
         // A session names exactly one folder inside writing/ and pending/, whatever its text, and
-        // the folder gives the session back.
-        const QStringList sessions = {QString(), QStringLiteral(".."), QStringLiteral("../../x"), QStringLiteral("%"),
-                                      QStringLiteral("%2F"), QString(QChar(0)) + QStringLiteral("x"), QStringLiteral("Zoë ☕")};
+        // the folder gives the session back; past 255 bytes the name is cut at a whole character and marked.
+        const QStringList sessions = {QString(), QStringLiteral(".."), QStringLiteral("../../x"), QStringLiteral("%"), QStringLiteral("%2F"), QString(QChar(0)) + QStringLiteral("x"),
+                                      QStringLiteral("Zoë ☕"), QString(85, QChar(0x6771)), QString(86, QChar(0x6771)), QStringLiteral("a") + QString::fromUtf8("😀").repeated(64)};
         QSet<QString> folders;
         for (const QString &session : sessions) {
             const QString folder = *folders.insert(SessionFolder::name(session));
-            QVERIFY2(!folder.isEmpty() && !folder.startsWith(QLatin1Char('.')) && !folder.contains(QLatin1Char('/')) && !folder.contains(QChar(0)), qPrintable(folder));
-            QCOMPARE(SessionFolder::sessionOf(folder), session);
+            QVERIFY2(!folder.isEmpty() && !folder.startsWith(QLatin1Char('.')) && !folder.contains(QLatin1Char('/')) && !folder.contains(QChar(0)) && folder.toUtf8().size() <= 255
+                     && QString::fromUtf8(folder.toUtf8()) == folder && folder.contains(QStringLiteral("%h")) == (session.toUtf8().size() > 255), qPrintable(folder));
+            QCOMPARE(SessionFolder::sessionOf(SessionFolder::make(home.root(), session)), session);
         }
         QCOMPARE(folders.size(), sessions.size());
     }

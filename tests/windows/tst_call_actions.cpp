@@ -47,6 +47,7 @@ private Q_SLOTS:
         actions.onReview = [&](qint64 secs) { reviews.append(secs); };
         actions.onConfirm = [&](const QString &text) { confirmed = text; };
 
+        QCOMPARE(AgentEvents::kTimeoutMs, 60000);
         actions.needHelp(); // without an agent number nothing goes out
         home.settings().setAgentID(7);
         actions.toggleCall();
