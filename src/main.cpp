@@ -11,8 +11,11 @@
 #include "QuitSignals.h"
 #include "SecondStart.h"
 #include "Settings.h"
+#include "WhisperCard.h"
 
 #include <QApplication>
+
+#include <unistd.h>
 
 int main(int argc, char *argv[])
 {
@@ -21,6 +24,7 @@ int main(int argc, char *argv[])
     // X11 (XWayland on a Wayland session) unless the user chose: only there can the call widget
     // stay above the dialer and keep its place.
     const DisplayPlatform::Choice display = DisplayPlatform::applyAtStartup();
+    const QString engineNote = WhisperCard::prepareEngine(::geteuid() == 0);
     if (display.platform.isEmpty() && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
         return CommandLine::noDisplay();
     QApplication app(argc, argv);
@@ -38,6 +42,8 @@ int main(int argc, char *argv[])
         return 0;
     }
     secondStart.listen();
+    if (!engineNote.isEmpty())
+        bravaLog(engineNote);
     // Read once: what this build was packaged with, and the user's settings (kept current from here on).
     const BuildInfo build = BuildInfo::read(BuildInfo::besideExecutable());
     Settings settings(DataFolder::settingsFilePath(), build);

@@ -22,6 +22,11 @@ public:
     explicit WhisperCard(QObject *parent = nullptr);
     ~WhisperCard() override;
 
+    /// Before the application object exists: the browser engine will not start inside its sandbox
+    /// as root and would end the whole agent at the first whisper, so as root it is told to run
+    /// without one. Returns the note for the log ("" when nothing was changed).
+    static QString prepareEngine(bool root);
+
     /// Shows (or replaces) the card for a message from this seat and sender.
     void show(const QString &text, int seat, const QString &from);
     /// Takes the card off the screen.

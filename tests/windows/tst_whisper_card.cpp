@@ -49,6 +49,17 @@ class WhisperCardTest : public QObject
     }
 
 private Q_SLOTS:
+    // As root the engine is told to run without its sandbox (it would end the agent otherwise);
+    // a choice already made in the environment stays, and nothing changes for other users.
+    void engineAsRoot()
+    {
+        const QByteArray chosen = qgetenv("QTWEBENGINE_DISABLE_SANDBOX");
+        qunsetenv("QTWEBENGINE_DISABLE_SANDBOX");
+        QVERIFY(WhisperCard::prepareEngine(false).isEmpty() && qEnvironmentVariableIsEmpty("QTWEBENGINE_DISABLE_SANDBOX"));
+        QVERIFY(WhisperCard::prepareEngine(true).startsWith(QLatin1String("running as root")) && qgetenv("QTWEBENGINE_DISABLE_SANDBOX") == "1");
+        QVERIFY(WhisperCard::prepareEngine(true).isEmpty());
+        qputenv("QTWEBENGINE_DISABLE_SANDBOX", chosen);
+    }
     // The sender's label, the text and the rules on the page, the page's measured size with a fallback
     // for any answer that is not one, the card's place, and the real times.
     void pageRules()
