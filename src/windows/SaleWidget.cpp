@@ -7,6 +7,7 @@
 #include <QGuiApplication>
 #include <QLabel>
 #include <QMouseEvent>
+#include <QPainterPath>
 #include <QPushButton>
 #include <QScreen>
 #include <QWidget>
@@ -101,6 +102,12 @@ void SaleWidget::build(bool withSale)
     w->setAttribute(Qt::WA_ShowWithoutActivating);
     w->setFocusPolicy(Qt::NoFocus);
     w->setFixedSize(M::kWidth, h);
+    // Without a compositor the see-through corners show black: only the rounded panel is shown.
+    if (!X11Desktop::compositing()) {
+        QPainterPath shape;
+        shape.addRoundedRect(QRectF(0, 0, M::kWidth, h), M::kPanelRadius, M::kPanelRadius);
+        w->setMask(QRegion(shape.toFillPolygon().toPolygon()));
+    }
 
     auto *panel = new QFrame(w);
     panel->setObjectName(QStringLiteral("panel"));

@@ -148,6 +148,7 @@ private Q_SLOTS:
 
         QImage shot = shoot(w, QStringLiteral("widget-with-sale"));
         QVERIFY(at(shot, 4, 90, M::navy()) && at(shot, 16, 40, M::blue()) && at(shot, 16, 88, M::blue()) && at(shot, 16, 136, M::red()));
+        QVERIFY2(!near(shot.pixelColor(1, 1), Qt::black, 40), "a black corner: the rounded panel is not cut out without a compositor");
         // The titles and the drag handle are drawn.
         QVERIFY(areaHas(shot, QRect(40, 30, 120, 20), Qt::white, 30) && areaHas(shot, QRect(60, 4, 76, 14), QColor(130, 140, 170), 60));
         QCOMPARE(widget.saleButton()->text(), QStringLiteral("Submit a Sale"));
