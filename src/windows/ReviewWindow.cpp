@@ -118,6 +118,10 @@ void ReviewWindow::rebuild()
             auto *b = new QPushButton(faces[i].first + QLatin1Char('\n') + faces[i].second, m_body);
             b->setGeometry(kLeft + i * step, y, width, 78);
             b->setStyleSheet(faceStyle(false));
+            // The colour emoji font first: other fonts draw some faces (😐, 😂, 😡) as plain outlines.
+            QFont face = b->font();
+            face.setFamilies({QStringLiteral("Noto Color Emoji"), face.family()});
+            b->setFont(face);
             b->setProperty("group", group);
             const QString label = faces[i].second;
             connect(b, &QPushButton::clicked, this, [this, group, label] { pick(group, label); });

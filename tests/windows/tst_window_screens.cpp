@@ -292,6 +292,15 @@ private Q_SLOTS:
             QVERIFY(!near(border(review.faces(0).at(2)), M::blue(), 30));
             QCOMPARE(near(border(review.faces(1).at(1)), M::blue(), 30), picks.contains(QStringLiteral("Angry")));
             QCOMPARE(review.outcome(), picks.isEmpty() ? QString() : QStringLiteral("Neutral"));
+            // Every face is drawn in colour: warm pixels in the emoji's half of its button.
+            for (QPushButton *b : review.faces(0) + review.faces(1)) {
+                const QRect g = b->geometry();
+                bool warm = false;
+                for (int y = g.top(); y < g.center().y() && !warm; ++y)
+                    for (int x = g.left(); x <= g.right() && !warm; ++x)
+                        warm = shot.pixelColor(x, y).red() - shot.pixelColor(x, y).blue() > 100;
+                QVERIFY2(warm, qPrintable(b->text()));
+            }
         }
     }
 };
