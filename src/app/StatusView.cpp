@@ -91,6 +91,6 @@ void StatusView::flashStatus(const QString &text)
 void StatusView::showCallTime(qint64 seconds)
 {
     m_callSeconds = seconds;
-    if (m_state.onCall() && m_tray && m_tray->hasCallItem())
+    if (m_state.onCall() && m_tray && m_tray->callItem())
         m_tray->setCallTitle(StatusMenu::callTimer(seconds));
 }

@@ -93,7 +93,7 @@ void TrayView::draw(const StatusMenu::State &state)
         if (StatusMenu::callControls(state) || m_callIcon)
             fill(m_callMenu, StatusMenu::callEntries(state));
         if (StatusMenu::callControls(state) && !m_callIcon) {
-            m_callIcon = new QSystemTrayIcon(QIcon(TrayTip::iconPath(TrayTip::Look::OnCall)), this);
+            m_callIcon = new QSystemTrayIcon(QIcon(QStringLiteral(":/icons/call.svg")), this); // a handset: not the main icon's look
             m_callIcon->setContextMenu(m_callMenu);
             opensOnLeftClick(m_callIcon, m_callMenu);
             m_callIcon->setToolTip(QStringLiteral(" 🔵 On a Call"));

@@ -38,8 +38,8 @@ public:
     QSystemTrayIcon *icon() const { return m_icon; }
     /// Sets the on-call item's title (the running call timer).
     void setCallTitle(const QString &title);
-    /// Whether the on-call item exists.
-    bool hasCallItem() const { return m_callIcon != nullptr; }
+    /// The on-call item while it exists (its own handset icon), else null.
+    QSystemTrayIcon *callItem() const { return m_callIcon; }
 
     /// The main menu as last drawn.
     QMenu *menu() const { return m_menu; }
