@@ -113,7 +113,8 @@ CheckIn::Flags AppDelegate::permissionFlags() const
 
 void AppDelegate::applicationDidFinishLaunching()
 {
-    bravaLog(QStringLiteral("start: Brava Recorder %1 (build %2)").arg(m_build.version(), m_build.buildNumber()));
+    bravaLog(QStringLiteral("start: Brava Recorder %1 (build %2)").arg(m_build.version(), m_build.buildNumber())
+             + (m_build.serverLocked() ? QStringLiteral(", fixed to control room ") + m_build.defaultServer() : QString()));
 
     // 1. The status item.
     m_status.show([](StatusMenu::Action a) { return canPerform(a); }, [this](StatusMenu::Action a) { perform(a); });

@@ -60,6 +60,12 @@ void AppUpdates::check(bool manual)
     if (!m_options.serverLocked || m_checking)
         return;
     m_checking = true;
+    if (m_options.webBase.isEmpty() && !manual) {
+        // A build made without an event web service has no feed to ask: nothing has failed.
+        bravaLog(QStringLiteral("no update feed configured"));
+        QMetaObject::invokeMethod(this, [this] { endCheck(); }, Qt::QueuedConnection);
+        return;
+    }
     const QUrl url(m_options.webBase + QLatin1String(kFeedPath));
     if (m_options.webBase.isEmpty() || !url.isValid() || url.scheme() != QLatin1String("https")) {
         QMetaObject::invokeMethod(

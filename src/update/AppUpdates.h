@@ -54,7 +54,8 @@ public:
     /// Shows the verified folder (FolderReveal::show unless replaced).
     std::function<void(const QString &)> reveal;
 
-    /// Starts a check unless the build is not locked or one is running; returns at once.
+    /// Starts a check unless the build is not locked or one is running; returns at once. An
+    /// automatic check in a build without an event web service only logs that no feed is configured.
     void check(bool manual);
     /// Offers the pending release when nothing runs, the agent is idle and it was not offered yet.
     void offerPending();

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# scripts/demo: its own check with two agents; the check failing, with the process named, when an
+# scripts/demo: its own check with two agents, fixed to its room and hearing its test tone; the check failing, with the process named, when an
 # agent leaves one behind; --agents from 1 to 110.   tst_demo.sh BUILD_DIR SOURCE_DIR
 set -uo pipefail
 build=$1 demo=$2/scripts/demo
@@ -9,7 +9,17 @@ trap '[ -s "$work/stray" ] && kill "$(cat "$work/stray")" 2>/dev/null; rm -rf "$
 fails=0
 check() { if "${@:2}"; then echo "PASS: $1"; else echo "FAIL: $1"; fails=$((fails + 1)); fi; }
 
-check "two agents record, upload and stop" "$demo" --check --agents 2
+# Without the test's sound server named, the demo starts its own (unless this computer runs one).
+mkdir -m 700 "$work/run"
+env -u PULSE_SERVER -u PULSE_RUNTIME_PATH XDG_RUNTIME_DIR="$work/run" "$demo" --check --agents 2 >"$work/out" 2>&1; code=$?
+sed 's/^/  /' "$work/out"
+check "two agents record, upload and stop" test $code -eq 0
+# Each runs as a build fixed to the demo's room, and where the demo plays its test tone into a
+# private sound server, each one's microphone track carries it.
+check "both agents offer the sale" test "$(grep -c '^demo: agent [12] is fixed to this room' "$work/out")" -eq 2
+if grep -q '^demo: playing a quiet test tone' "$work/out"; then
+  check "both microphone tracks carry the tone" test "$(grep -c "^demo: agent [12]'s microphone heard the test tone" "$work/out")" -eq 2
+fi
 # An agent that starts a child of its own and leaves it running.
 printf '#!/bin/sh\nsleep 300 &\necho $! >"%s"\nexec "%s" "$@"\n' "$work/stray" "$build/brava-recorder" >"$work/agent"
 chmod +x "$work/agent"

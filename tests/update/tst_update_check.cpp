@@ -164,6 +164,23 @@ private Q_SLOTS:
         unlocked.check(true);
         QVERIFY(!unlocked.checking());
     }
+
+    // A locked build without an event web service: the automatic check ends quietly, a manual
+    // one says it could not check.
+    void noFeedConfigured()
+    {
+        AppUpdates::Options o{.serverLocked = true, .webBase = {}, .runningVersion = QStringLiteral("1.9")};
+        for (const bool manual : {false, true}) {
+            AppUpdates u(kit.net, o);
+            QStringList alerts;
+            u.ask = [&alerts](const Alert &a, std::function<void(int)>) { alerts.append(a.message); };
+            QSignalSpy done(&u, &AppUpdates::checkFinished);
+            u.check(manual);
+            QVERIFY(done.wait(10000));
+            QCOMPARE(u.lastError(), manual ? QStringLiteral("Update service unavailable") : QString());
+            QCOMPARE(alerts, manual ? QStringList{QStringLiteral("Couldn’t check for updates")} : QStringList{});
+        }
+    }
 };
 
 QTEST_GUILESS_MAIN(UpdateCheckTest)
