@@ -39,7 +39,7 @@ int main(int argc, char *argv[])
         const bool heard = secondStart.knock();
         bravaLog(QStringLiteral("another Brava Recorder already runs for this account (") + lock.holder()
                  + (heard ? QStringLiteral("); this copy quits and the running one shows itself") : QStringLiteral("); this copy quits")));
-        return 0;
+        return CommandLine::alreadyRunning(heard);
     }
     secondStart.listen();
     if (!engineNote.isEmpty())

@@ -3,15 +3,38 @@
 #include "BuildInfo.h"
 #include "Maintenance.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string_view>
 
 namespace CommandLine {
 
+namespace {
+
+// Qt's own options, which the application object takes (with one dash or two).
+bool qtOption(std::string_view word)
+{
+    static constexpr std::string_view known[] = {
+        "platform", "platformpluginpath", "platformtheme", "plugin", "qmljsdebugger", "qwindowgeometry", "qwindowicon",
+        "qwindowtitle", "reverse", "session", "display", "geometry", "style", "stylesheet", "widgetcount", "nograb",
+        "dograb", "sync", "name", "title", "visual", "ncols", "cmap", "fn", "font", "bg", "background", "fg",
+        "foreground", "btn", "button", "im", "inputstyle"};
+    while (word.starts_with('-'))
+        word.remove_prefix(1);
+    word = word.substr(0, word.find('='));
+    return std::find(std::begin(known), std::end(known), word) != std::end(known);
+}
+
+} // namespace
+
 std::optional<int> answer(int argc, char *argv[])
 {
     for (int i = 1; i < argc; ++i) {
         const std::string_view word = argv[i];
+        if (word.starts_with("--") && word != "--help" && word != "--version" && !qtOption(word)) {
+            std::fprintf(stderr, "brava-recorder: unknown option %s (see --help)\n", argv[i]);
+            return 2;
+        }
         if (word == "--help" || word == "-h") {
             std::fputs("Usage: brava-recorder [--help] [--version]\n"
                        "\n"
@@ -32,6 +55,14 @@ std::optional<int> answer(int argc, char *argv[])
         }
     }
     return std::nullopt;
+}
+
+int alreadyRunning(bool shown)
+{
+    std::fputs(shown ? "Brava Recorder already runs for this account: it has been brought forward.\n"
+                     : "Brava Recorder already runs for this account.\n",
+               stderr);
+    return 0;
 }
 
 int noDisplay()

@@ -444,6 +444,7 @@ private Q_SLOTS:
         QVERIFY(file.open(QIODevice::WriteOnly));
         second.start(program, {});
         QVERIFY(second.waitForFinished(15000) && second.exitStatus() == QProcess::NormalExit && second.exitCode() == 0);
+        QVERIFY(second.readAllStandardError().contains("Brava Recorder already runs for this account: it has been brought forward."));
         QVERIFY(QFile::exists(growing) && first.state() == QProcess::Running);
         QFile log(data + QStringLiteral("/log.txt"));
         QVERIFY(log.open(QIODevice::ReadOnly));

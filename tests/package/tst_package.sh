@@ -66,6 +66,8 @@ check "the build tree's Info.ini does not" test -z "$(grep PackageManaged "$buil
 agent=$root/usr/bin/brava-recorder
 check "--version names the installed build" sh -c '"$1" --version | grep -qxE "Brava Recorder $2( \(test key\))? \(build $3\)"' _ "$agent" "${version%-*}" "${version##*-}"
 check "--help prints its usage and starts nothing" sh -c '"$1" --help | head -n1 | grep -qx "Usage: brava-recorder \[--help\] \[--version\]"' _ "$agent"
+check "an unknown option is refused" sh -c '"$1" --bogus 2>&1 >/dev/null | grep -qx "brava-recorder: unknown option --bogus (see --help)"; [ $? -eq 0 ] && { "$1" --bogus 2>/dev/null; [ $? -eq 2 ]; }' _ "$agent"
+check "the installed control room names its version" sh -c '[ "$("$1" --version)" = "brava-control-room $2" ]' _ "$root/usr/bin/brava-control-room" "${version%-*}"
 check "with no display it says so and ends" sh -c 'out=$(env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM timeout 20 "$1" 2>&1); [ $? -eq 1 ] && printf "%s\n" "$out" | grep -q "^brava-recorder: no display to show on"' _ "$agent"
 
 # The installed agent (started through its /usr/bin link) records a take for the reference room.

@@ -39,11 +39,13 @@ QString reachableHost()
 int main(int argc, char *argv[])
 {
     QCoreApplication app(argc, argv);
+    app.setApplicationVersion(QStringLiteral(BRAVA_ROOM_VERSION));
     QCommandLineParser options;
     options.setApplicationDescription(QStringLiteral("A control room for Brava Recorder agents: their links, uploads, events and "
                                                      "sales on one port, and the operator's page in a browser.\n\n")
                                       + CommandWords::usage());
     options.addHelpOption();
+    options.addVersionOption();
     const QCommandLineOption portOption(QStringLiteral("port"), QStringLiteral("Port to listen on (default 8080; 0 picks one)."), QStringLiteral("port"),
                                         QStringLiteral("8080"));
     const QCommandLineOption uploadsOption(QStringLiteral("uploads"), QStringLiteral("Folder for uploads and sales (default ./uploads)."),
