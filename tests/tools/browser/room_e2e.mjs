@@ -206,8 +206,11 @@ try {
   children.find((c) => c.name === 'agent2').kill('SIGKILL');
   await until('agent 2 shown away', async () => (await row(2, 'recording')) === 'away — was recording · e2e-2');
   const away = await page.evaluate(() => ({ row: document.getElementById('agent-2').className, live: document.querySelector('#agent-2 td.live').textContent,
-    listen: window.__room.listen, green: document.querySelector('#agent-2 td.actions button:nth-child(4)').className }));
-  if (JSON.stringify(away) !== JSON.stringify({ row: 'away', live: 'away — was live', listen: 0, green: '' })) throw new Error(`agent 2 away: ${JSON.stringify(away)}`);
+    listen: window.__room.listen, green: document.querySelector('#agent-2 td.actions button:nth-child(4)').className,
+    meters: [...document.querySelectorAll('#agent-2 .meter > div')].map((d) => d.style.width).join() }));
+  if (JSON.stringify(away) !== JSON.stringify({ row: 'away', live: 'away — was live', listen: 0, green: '', meters: '0%,0%' })) throw new Error(`agent 2 away: ${JSON.stringify(away)}`);
+  await page.click('#agent-2 button:text-is("Start")'); // reaches nobody: a warning in red
+  await page.waitForSelector('#feed li.sent.warning', { timeout: 10000 });
   await page.screenshot({ path: path.join(screens, '07-agent-away.png') });
   step('PASS');
 } catch (e) {

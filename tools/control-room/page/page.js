@@ -83,8 +83,8 @@ function render(a) {
   c.live.textContent = was + (a.live ? 'live' : 'not live') + (s.live && a.connected ? ' · heard' : '');
   if (!a.connected && room.listen === a.id) toggleListen(a.id);
   if (!a.connected && room.preview === a.id) togglePreview(a.id);
-  c.mic.firstChild.firstChild.style.width = level(s.mic);
-  c.sys.firstChild.firstChild.style.width = level(s.sys);
+  c.mic.firstChild.firstChild.style.width = level(a.connected && s.mic);
+  c.sys.firstChild.firstChild.style.width = level(a.connected && s.sys);
   const cams = s.cams || [];
   const cam = cams.find((x) => x.uid === s.camUID) || cams[0];
   c.devices.textContent = `${s.micName || 'no microphone'} · ${s.cam ? `${cam ? cam.name : 'camera'} ${s.camActive ? 'on' : 'off'}` : 'no camera'}`;
