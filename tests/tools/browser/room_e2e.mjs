@@ -209,6 +209,10 @@ try {
     listen: window.__room.listen, green: document.querySelector('#agent-2 td.actions button:nth-child(4)').className,
     meters: [...document.querySelectorAll('#agent-2 .meter > div')].map((d) => d.style.width).join() }));
   if (JSON.stringify(away) !== JSON.stringify({ row: 'away', live: 'away — was live', listen: 0, green: '', meters: '0%,0%' })) throw new Error(`agent 2 away: ${JSON.stringify(away)}`);
+  await page.fill('#whisper-to', '2');
+  await page.fill('#whisper-text', 'Are you there?');
+  await page.click('#whisper-send');
+  if (!(await page.textContent('#whisper-note')).includes('not connected')) throw new Error('a whisper to an agent away was not refused');
   await page.click('#agent-2 button:text-is("Start")'); // reaches nobody: a warning in red
   await page.waitForSelector('#feed li.sent.warning', { timeout: 10000 });
   await page.screenshot({ path: path.join(screens, '07-agent-away.png') });
