@@ -203,6 +203,7 @@ private Q_SLOTS:
         QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral("a whisper goes to one agent")));
         one->sendTextMessage(QStringLiteral(R"({"to":110,"command":{"type":"whisper","seat":9999,"text":"%1"}})").arg(QString(500, u'w')));
         QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral(R"("agent":110,"kind":"sent")"))); // the widest whisper goes out
+        QVERIFY(feed.last().contains(QStringLiteral("; warning: no agent connected"))); // to nobody: said so
         const auto to3 = [](QWebSocket &page, const char *command) {
             page.sendTextMessage(QStringLiteral(R"({"to":3,"command":%1})").arg(QLatin1String(command)));
         };
@@ -280,6 +281,9 @@ private Q_SLOTS:
 
     void saleIsStoredWithItsFiles()
     {
+        QString feed;
+        const auto page = open(QStringLiteral("/page?token=") + kToken);
+        connect(page.get(), &QWebSocket::textMessageReceived, this, [&](const QString &m) { feed += m; });
         const auto [status, answer] = request("POST", QStringLiteral("/sale"), R"({"id":110,"method":"phone","lead":")" + QByteArray(200, 'J') + R"(","apv":1000000000,"referral":"no"})" + QByteArray(60000, ' '));
         QCOMPARE(status, 200);
         const QString token = QJsonDocument::fromJson(answer).object().value(QStringLiteral("sale")).toString();
@@ -293,6 +297,7 @@ private Q_SLOTS:
         const QJsonArray sales = room->state().value(QStringLiteral("sales")).toArray();
         QCOMPARE(sales.size(), 1);
         QCOMPARE(sales.first().toObject().value(QStringLiteral("files")).toArray().size(), 2);
+        QTRY_VERIFY(feed.contains(QString(200, u'J') + QStringLiteral(" · $1,000,000,000 · phone · referral no")));
     }
 
     void typedCommandsAreCheckedWords()

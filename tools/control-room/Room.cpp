@@ -8,6 +8,9 @@
 
 #include <QDateTime>
 #include <QJsonDocument>
+#include <QLocale>
+
+#include <cmath>
 
 namespace {
 QString L(const char *word)
@@ -385,6 +388,9 @@ QString Room::command(int id, const QJsonObject &c)
     }
     const int sent = sendRaw(id, bytes(c));
     QString line = QStringLiteral("%1 sent to %2 agent(s)").arg(QString::fromStdString(bytes(c))).arg(sent);
+    const bool stream = type == L(Protocol::Command::listen) || type == L(Protocol::Command::preview);
+    if (sent == 0 && !stream && type != L(Protocol::Command::cameras)) // a wish for cameras holds for agents away
+        line += QStringLiteral("; warning: no agent connected to take it");
     if (notLive > 0)
         line += QStringLiteral("; warning: %1 of them not live, they record only after \"cameras on\" (Go Live)").arg(notLive);
     return line;
@@ -479,7 +485,14 @@ void Room::saleAdded(const QString &token)
     const QString path = QStringLiteral("sales/%1/sale.json").arg(token);
     m_files.insert(path);
     say(QStringLiteral("sale %1 from agent #%2").arg(token).arg(agent));
-    feed(QStringLiteral("sale"), agent, token, path);
+    // "Jane Q. Public · $1,251 · phone · referral yes": the lead is the agent's text, shown by the page as text only.
+    namespace S = Protocol::Sale;
+    const QJsonObject r = m_sales.sale(token);
+    const double apv = r.value(L(S::apv)).toDouble();
+    const QString line = QStringLiteral("%1 · $%2 · %3 · referral %4")
+                             .arg(r.value(L(S::lead)).toString(), QLocale(QLocale::English).toString(apv, 'f', apv == std::floor(apv) ? 0 : 2),
+                                  r.value(L(S::method)).toString(), r.value(L(S::referral)).toString());
+    feed(QStringLiteral("sale"), agent, line, path);
 }
 
 void Room::saleFileStored(const QString &token, const QString &path)

@@ -81,6 +81,12 @@ int SaleBook::agentOf(const QString &token) const
     return it == m_sales.end() ? 0 : it->second.value(L(Protocol::Sale::id)).toInt();
 }
 
+QJsonObject SaleBook::sale(const QString &token) const
+{
+    const auto it = m_sales.find(token);
+    return it == m_sales.end() ? QJsonObject() : it->second;
+}
+
 QJsonArray SaleBook::json() const
 {
     QJsonArray out;

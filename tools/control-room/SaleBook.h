@@ -22,6 +22,8 @@ public:
     void fileStored(const QString &token, const QString &path);
     /// The agent number of a known sale (0 when unknown).
     int agentOf(const QString &token) const;
+    /// The stored record of a known sale (empty when unknown).
+    QJsonObject sale(const QString &token) const;
     /// Every sale with its files, oldest first.
     QJsonArray json() const;
 

@@ -84,12 +84,19 @@ try {
   await page.waitForSelector('#agent-1');
   await page.waitForSelector('#agent-2');
   await page.screenshot({ path: path.join(screens, '01-agents-connected.png') });
+  if (await page.isVisible('#preview') || !(await page.isVisible('#no-preview'))) throw new Error('a preview picture shows before any frame');
 
   step('go live and start a session');
   await page.click('#all-live');
   await until('both agents live', async () => (await state()).agents.every((a) => a.live));
+  for (const bad of ['s'.repeat(65), 'two words', '.hidden', '  ']) { // refused beside the field, not cut or sent
+    await page.fill('#session', bad);
+    await page.click('#all-start');
+    if (!(await page.textContent('#session-note')).includes('1 to 64')) throw new Error(`session "${bad}" was not refused beside the field`);
+  }
   await page.fill('#session', 'e2e-1');
   await page.click('#all-start');
+  if ((await page.textContent('#session-note')) !== '') throw new Error('a good session still shows a refusal');
   await until('both agents recording', async () => (await state()).agents.every((a) => a.status.recording === true));
   const widths = async () => page.$$eval('td.mic .meter > div, td.sys .meter > div', (ds) => ds.map((d) => d.style.width));
   // The tone swells and fades, so each meter that follows the levels (both agents, both columns) shows several widths.
@@ -157,6 +164,12 @@ try {
   await page.fill('#whisper-text', 'To nobody in particular');
   await page.click('#whisper-send');
   if (!(await page.textContent('#whisper-note')).includes('1 to 110')) throw new Error('a whisper without an agent was not refused');
+  for (const [to, text, why] of [['99', 'hello', 'not connected'], ['1', '  ', 'Write what']]) {
+    await page.fill('#whisper-to', to);
+    await page.fill('#whisper-text', text);
+    await page.click('#whisper-send');
+    if (!(await page.textContent('#whisper-note')).includes(why)) throw new Error(`a whisper to ${to} of "${text}" was not refused with "${why}"`);
+  }
   await page.fill('#whisper-to', '1');
   await page.fill('#whisper-seat', '3');
   await page.fill('#whisper-text', 'Slow down and ask about the budget');
@@ -184,6 +197,25 @@ try {
   }
   await page.waitForSelector('#feed li.upload a');
   await page.screenshot({ path: path.join(screens, '06-stopped-files.png'), fullPage: true });
+
+  step('agent 2 drops while recording and heard');
+  await page.fill('#session', 'e2e-2');
+  await page.click('#all-start');
+  await until('agent 2 recording again', async () => (await row(2, 'recording')) === 'recording · e2e-2');
+  await page.click('#agent-2 button:text-is("Listen")');
+  children.find((c) => c.name === 'agent2').kill('SIGKILL');
+  await until('agent 2 shown away', async () => (await row(2, 'recording')) === 'away — was recording · e2e-2');
+  const away = await page.evaluate(() => ({ row: document.getElementById('agent-2').className, live: document.querySelector('#agent-2 td.live').textContent,
+    listen: window.__room.listen, green: document.querySelector('#agent-2 td.actions button:nth-child(4)').className,
+    meters: [...document.querySelectorAll('#agent-2 .meter > div')].map((d) => d.style.width).join() }));
+  if (JSON.stringify(away) !== JSON.stringify({ row: 'away', live: 'away — was live', listen: 0, green: '', meters: '0%,0%' })) throw new Error(`agent 2 away: ${JSON.stringify(away)}`);
+  await page.fill('#whisper-to', '2');
+  await page.fill('#whisper-text', 'Are you there?');
+  await page.click('#whisper-send');
+  if (!(await page.textContent('#whisper-note')).includes('not connected')) throw new Error('a whisper to an agent away was not refused');
+  await page.click('#agent-2 button:text-is("Start")'); // reaches nobody: a warning in red
+  await page.waitForSelector('#feed li.sent.warning', { timeout: 10000 });
+  await page.screenshot({ path: path.join(screens, '07-agent-away.png') });
   step('PASS');
 } catch (e) {
   failed = true;

@@ -55,7 +55,7 @@ function makeRow(id) {
   };
   const row = { tr, cells, agent: null };
   row.live = button('Go Live', () => send(id, { type: 'cameras', on: !row.agent.live }));
-  button('Start', () => send(id, { type: 'start', session: $('session').value.trim() }));
+  button('Start', () => start(id));
   button('Stop', () => send(id, { type: 'stop' }));
   row.listen = button('Listen', () => toggleListen(id));
   row.preview = button('Preview', () => togglePreview(id));
@@ -73,14 +73,18 @@ function render(a) {
   row.agent = a;
   const s = a.status || {};
   const c = row.cells;
-  row.tr.className = (a.connected ? '' : 'away') + (s.recording ? ' recording' : '');
+  // Away, its last status is old news: shown greyed as what it was, and nothing streams from it.
+  const was = a.connected ? '' : 'away — was ';
+  row.tr.className = a.connected ? (s.recording ? 'recording' : '') : 'away';
   c.id.textContent = a.id;
   c.name.textContent = a.name + (a.onCall ? ' · on a call' : '');
   c.link.textContent = a.connected ? 'connected' : 'away';
-  c.recording.textContent = s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'no';
-  c.live.textContent = (a.live ? 'live' : 'not live') + (s.live ? ' · heard' : '');
-  c.mic.firstChild.firstChild.style.width = level(s.mic);
-  c.sys.firstChild.firstChild.style.width = level(s.sys);
+  c.recording.textContent = was + (s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'not recording');
+  c.live.textContent = was + (a.live ? 'live' : 'not live') + (s.live && a.connected ? ' · heard' : '');
+  if (!a.connected && room.listen === a.id) toggleListen(a.id);
+  if (!a.connected && room.preview === a.id) togglePreview(a.id);
+  c.mic.firstChild.firstChild.style.width = level(a.connected && s.mic);
+  c.sys.firstChild.firstChild.style.width = level(a.connected && s.sys);
   const cams = s.cams || [];
   const cam = cams.find((x) => x.uid === s.camUID) || cams[0];
   c.devices.textContent = `${s.micName || 'no microphone'} · ${s.cam ? `${cam ? cam.name : 'camera'} ${s.camActive ? 'on' : 'off'}` : 'no camera'}`;
@@ -100,7 +104,7 @@ function time(iso) { return iso ? new Date(iso).toLocaleTimeString() : ''; }
 
 function addFeed(item) {
   const li = document.createElement('li');
-  li.className = item.kind;
+  li.className = item.kind + (/; warning: /.test(item.text) ? ' warning' : '');
   const t = document.createElement('time'); t.dateTime = item.time; t.textContent = time(item.time);
   const k = document.createElement('span'); k.className = 'kind'; k.textContent = item.kind + (item.agent ? ` #${item.agent}` : '');
   li.append(t, k);
@@ -149,6 +153,7 @@ function togglePreview(id) {
   if (was) send(was, { type: 'preview', on: false });
   room.preview = was === id ? 0 : id;
   $('preview-who').textContent = room.preview ? `of agent #${room.preview}` : '';
+  if (!room.preview) $('preview').removeAttribute('src');
   if (room.preview) send(id, { type: 'preview', on: true, hd: $('hd').checked });
   refreshCameras();
 }
@@ -187,16 +192,28 @@ function onFrame(data) {
 // ---- buttons for everyone -------------------------------------------------------------------
 $('all-live').onclick = () => send(0, { type: 'cameras', on: true });
 $('all-end-live').onclick = () => send(0, { type: 'cameras', on: false });
-$('all-start').onclick = () => send(0, { type: 'start', session: $('session').value.trim() });
+// The room's rule for a session name, checked here too so the operator sees why before sending.
+function start(to) {
+  const session = $('session').value.trim();
+  const ok = /^[A-Za-z0-9_+%-][A-Za-z0-9_.+%-]{0,63}$/.test(session);
+  $('session-note').textContent = ok ? '' : 'A session is 1 to 64 letters, digits or _.+-% and does not start with ".".';
+  if (ok) send(to, { type: 'start', session });
+}
+$('all-start').onclick = () => start(0);
 $('all-stop').onclick = () => send(0, { type: 'stop' });
 $('all-quality').onclick = () => send(0, { type: 'quality', q: $('quality').value });
 $('hd').onchange = () => { if (room.preview) send(room.preview, { type: 'preview', on: true, hd: $('hd').checked }); };
 $('camera').onchange = () => { if (room.preview) send(room.preview, { type: 'setCam', uid: $('camera').value }); };
 $('whisper-send').onclick = () => {
-  const to = Number($('whisper-to').value);
-  const ok = Number.isInteger(to) && to >= 1 && to <= 110;
-  $('whisper-note').textContent = ok ? '' : 'Name the agent: a number from 1 to 110.';
-  if (ok) send(to, { type: 'whisper', seat: Number($('whisper-seat').value), text: $('whisper-text').value });
+  const to = Number($('whisper-to').value), seat = Number($('whisper-seat').value), text = $('whisper-text').value;
+  const row = room.agents.get(to);
+  let why = '';
+  if (!(Number.isInteger(to) && to >= 1 && to <= 110)) why = 'Name the agent: a number from 1 to 110.';
+  else if (!row || !row.agent.connected) why = `Agent #${to} is not connected: the whisper would reach nobody.`;
+  else if (!(Number.isInteger(seat) && seat >= 0 && seat <= 9999)) why = 'The seat is a number from 0 to 9999.';
+  else if (!text.trim()) why = 'Write what to whisper (up to 500 characters).';
+  $('whisper-note').textContent = why;
+  if (!why) send(to, { type: 'whisper', seat, text });
 };
 
 connect();
