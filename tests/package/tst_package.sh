@@ -98,7 +98,7 @@ relaunched() { ! kill -0 "$first" 2>/dev/null && runs_new "$root/usr/lib/brava-r
 check "the agent relaunches into the new build" until_ok 40 relaunched
 check "and says why" grep -q "new version on disk (99)" "$log"
 # The new build has started (its handlers are in place before it says so), then it is stopped.
-until_ok 30 test "$(grep -c " start: " "$log")" -ge 2
+until_ok 30 sh -c '[ "$(grep -c " start: " "$1")" -ge 2 ]' _ "$log" # counted again on every try
 for pid in $first $(agents_here); do kill "$pid" 2>/dev/null; done
 wait "$first" 2>/dev/null
 until_ok 10 test -z "$(agents_here)" || for pid in $(agents_here); do kill -KILL "$pid"; done
