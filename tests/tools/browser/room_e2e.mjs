@@ -207,8 +207,8 @@ try {
   await until('agent 2 shown away', async () => (await row(2, 'recording')) === 'away — was recording · e2e-2');
   const away = await page.evaluate(() => ({ row: document.getElementById('agent-2').className, live: document.querySelector('#agent-2 td.live').textContent,
     listen: window.__room.listen, green: document.querySelector('#agent-2 td.actions button:nth-child(4)').className,
-    meters: [...document.querySelectorAll('#agent-2 .meter > div')].map((d) => d.style.width).join() }));
-  if (JSON.stringify(away) !== JSON.stringify({ row: 'away', live: 'away — was live', listen: 0, green: '', meters: '0%,0%' })) throw new Error(`agent 2 away: ${JSON.stringify(away)}`);
+    meters: [...document.querySelectorAll('#agent-2 .meter > div'), document.getElementById('listen-level')].map((d) => d.style.width).join() }));
+  if (JSON.stringify(away) !== JSON.stringify({ row: 'away', live: 'away — was live', listen: 2, green: 'waiting', meters: '0%,0%,0%' })) throw new Error(`agent 2 away: ${JSON.stringify(away)}`);
   await page.fill('#whisper-to', '2');
   await page.fill('#whisper-text', 'Are you there?');
   await page.click('#whisper-send');

@@ -81,8 +81,11 @@ function render(a) {
   c.link.textContent = a.connected ? 'connected' : 'away';
   c.recording.textContent = was + (s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'not recording');
   c.live.textContent = was + (a.live ? 'live' : 'not live') + (s.live && a.connected ? ' · heard' : '');
-  if (!a.connected && room.listen === a.id) toggleListen(a.id);
-  if (!a.connected && room.preview === a.id) togglePreview(a.id);
+  // Listening and the preview wait for an agent that dropped (a blip of its Wi-Fi): the room asks
+  // it again when it is back. Meanwhile the buttons say so instead of showing them on.
+  if (room.listen === a.id) $('listen-who').textContent = `to agent #${a.id}` + (a.connected ? '' : ' (away: resumes when it is back)');
+  if (room.listen === a.id && !a.connected) $('listen-level').style.width = '0%';
+  if (room.preview === a.id) $('preview-who').textContent = `of agent #${a.id}` + (a.connected ? '' : ' (away)');
   c.mic.firstChild.firstChild.style.width = level(a.connected && s.mic);
   c.sys.firstChild.firstChild.style.width = level(a.connected && s.sys);
   const cams = s.cams || [];
@@ -95,8 +98,10 @@ function render(a) {
   c.event.textContent = e.type ? `${e.type} ${time(e.time)}` : '';
   row.live.textContent = a.live ? 'End Live' : 'Go Live';
   row.live.classList.toggle('on', !!a.live);
-  row.listen.classList.toggle('on', room.listen === a.id);
-  row.preview.classList.toggle('on', room.preview === a.id);
+  row.listen.classList.toggle('on', room.listen === a.id && a.connected);
+  row.listen.classList.toggle('waiting', room.listen === a.id && !a.connected);
+  row.preview.classList.toggle('on', room.preview === a.id && a.connected);
+  row.preview.classList.toggle('waiting', room.preview === a.id && !a.connected);
 }
 
 // ---- feed -----------------------------------------------------------------------------------
