@@ -5,6 +5,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QShortcut>
 
 namespace {
 
@@ -69,6 +70,7 @@ ReviewWindow::ReviewWindow(QWidget *parent)
 {
     setWindowTitle(QStringLiteral("After-Call Review"));
     setObjectName(QStringLiteral("reviewWindow"));
+    new QShortcut(QKeySequence(Qt::Key_Escape), this, this, &ReviewWindow::skipTapped);
     setFixedSize(kWidth, kHeight);
     setStyleSheet(QStringLiteral("QWidget#reviewWindow { background-color: %1; }").arg(rgba(QColor(SaleWidgetModel::navy().rgb()))));
 }

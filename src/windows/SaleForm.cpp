@@ -8,6 +8,7 @@
 #include <QButtonGroup>
 #include <QDir>
 #include <QFileDialog>
+#include <QShortcut>
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QLabel>
@@ -147,6 +148,7 @@ void SaleForm::build()
 {
     setWindowTitle(QStringLiteral("Submit a Sale"));
     setObjectName(QStringLiteral("saleForm"));
+    new QShortcut(QKeySequence(Qt::Key_Escape), this, this, &QWidget::close); // as the title bar's close: what was typed stays
     resize(kWidth, kHeight);
     setMinimumSize(320, 240);
 

@@ -267,6 +267,8 @@ private Q_SLOTS:
             form.fitToScreen();
             QVERIFY(form.frameGeometry().height() > form.height()); // the window manager's frame is known
             QVERIFY(form.screen()->availableGeometry().adjusted(16, 16, -16, -16).contains(form.frameGeometry()));
+            QTest::keyClick(&form, Qt::Key_Escape); // as the title bar's close
+            QVERIFY(!form.isVisible());
         }
     }
 
@@ -301,6 +303,8 @@ private Q_SLOTS:
                         warm = shot.pixelColor(x, y).red() - shot.pixelColor(x, y).blue() > 100;
                 QVERIFY2(warm, qPrintable(b->text()));
             }
+            QTest::keyClick(&review, Qt::Key_Escape); // as Skip
+            QVERIFY(!review.isVisible());
         }
     }
 };
