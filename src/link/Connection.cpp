@@ -55,6 +55,13 @@ void Connection::open()
     ++m_generation;
     cancelSocket();
     m_replaced = false;
+    // The link that was up is gone with its socket: said now, whatever the new one does (an
+    // address that is no address never gets as far as failing).
+    if (m_connected.exchange(false)) {
+        bravaLog(QStringLiteral("disconnected"));
+        if (onChange)
+            onChange();
+    }
     if (m_settings.agentID() < 1)
         return;
     const QUrl url = linkURL();

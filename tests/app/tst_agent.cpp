@@ -357,6 +357,7 @@ private Q_SLOTS:
         // Without a number or a usable address no socket is made, not even by a retry, and sends are dropped.
         home.settings().setAgentID(0);
         conn.open();
+        QVERIFY(!conn.connected()); // the link that was up is gone at once, not left shown as up
         QTRY_COMPARE(f->room.agentCount(), 0);
         home.settings().setAgentID(7);
         // A room that keeps refusing the link is logged once, not at every retry.
@@ -374,6 +375,9 @@ private Q_SLOTS:
         home.settings().setServer(f->room.address());
         conn.open();
         QTRY_VERIFY(conn.connected());
+        home.settings().setServer(QStringLiteral("my room")); // no address at all: never tried, never shown as up
+        conn.open();
+        QVERIFY(!conn.connected());
         home.settings().setServer(QStringLiteral("127.0.0.1:1"));
         conn.open();
         QTRY_COMPARE(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")), 2);
