@@ -5,6 +5,7 @@
 #include "BuildInfo.h"
 #include "Connection.h"
 #include "Permissions.h"
+#include "QueryString.h"
 #include "Recorder.h"
 #include "RoomDiscovery.h"
 #include "Settings.h"
@@ -165,6 +166,15 @@ void WizardModel::setServer(const QString &text)
         return;
     m_server = text;
     Q_EMIT serverChanged();
+}
+
+QString WizardModel::serverProblem() const
+{
+    const QString typed = m_server.trimmed();
+    if (typed.isEmpty() || QueryString::at(QStringLiteral("ws"), typed, QStringLiteral("/agent"), {}).isValid())
+        return QString();
+    return QStringLiteral("“%1” is not a control-room address: type it as the control room shows it, such as 192.168.1.10:4777.")
+        .arg(typed.left(64));
 }
 
 void WizardModel::go(int target)

@@ -33,6 +33,7 @@ class WizardModel : public QObject
     Q_PROPERTY(bool agree READ agree WRITE setAgree NOTIFY agreeChanged)
     Q_PROPERTY(QString agentText READ agentText WRITE setAgentText NOTIFY agentTextChanged)
     Q_PROPERTY(QString server READ server WRITE setServer NOTIFY serverChanged)
+    Q_PROPERTY(QString serverProblem READ serverProblem NOTIFY serverChanged)
     Q_PROPERTY(QString nameText READ nameText WRITE setNameText NOTIFY nameTextChanged)
     Q_PROPERTY(bool micOK READ micOK NOTIFY permissionsChanged)
     Q_PROPERTY(bool micDenied READ micDenied NOTIFY permissionsChanged)
@@ -109,6 +110,8 @@ public:
     bool agree() const { return m_agree; }
     QString agentText() const { return m_agentText; }
     QString server() const { return m_server; }
+    /// Why the typed control-room address cannot be used ("" when it can, or when none is typed).
+    QString serverProblem() const;
     QString nameText() const { return m_nameText; }
     bool micOK() const { return m_micOK; }
     bool micDenied() const { return m_micDenied; }

@@ -227,6 +227,7 @@ private Q_SLOTS:
             {"0-welcome-agreed", "step=0 agree", strings({"Get Started"})},
             {"1-number-searching", "step=1", strings({"WHO ARE YOU?", "Searching your Wi-Fi for the control room…", "First and last name", "e.g. 17"})},
             {"1-number-room-found", "step=1 room identity", strings({"Using control room: 127.0.0.1:", "Enter address manually"})},
+            {"1-number-bad-address", "step=1 badAddress", strings({"“my room” is not a control-room address: type it as the control room shows it, such as 192.168.1.10:4777."})},
             {"1-number-preset", "step=1 locked identity", strings({"Connects to your control room automatically.", "Your name, and the agent number you got at check-in (1–110)."})},
             {"1-number-verifying", "step=1 locked identity verifying", strings({"CHECKING…"})},
             {"1-number-error", "step=1 locked identity refused", strings({"That name and number don't match our list. Double-check your agent number."})},
@@ -265,6 +266,7 @@ private Q_SLOTS:
             model.refreshPermissions();
             model.setAgree(has("agree"));
             if (has("asked")) model.askScreen();
+            if (has("badAddress")) model.setServer(QStringLiteral("my room"));
             if (has("askMic")) model.askMic();
             if (has("room")) parts.browser->announce(QStringLiteral("Room One"), room.port());
             if (has("verifying") || has("refused")) {

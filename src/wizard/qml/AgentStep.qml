@@ -74,6 +74,7 @@ ColumnLayout {
             text: wizard.server
             onTextEdited: wizard.server = text
         }
+        Warning { visible: wizard.serverProblem !== ""; text: wizard.serverProblem }
     }
 
     Warning { visible: wizard.hasVerifyError; text: wizard.verifyError }
