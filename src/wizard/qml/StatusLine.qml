@@ -8,7 +8,7 @@ RowLayout {
     property string noText
     spacing: 8
     Rectangle {
-        width: 18; height: 18; radius: 9
+        Layout.preferredWidth: 18; Layout.preferredHeight: 18; radius: 9 // the layout sizes it: never squeezed away
         color: ok ? "#2e9e44" : "transparent"
         border.color: ok ? "#2e9e44" : "#9a9a9a"
         border.width: 2
