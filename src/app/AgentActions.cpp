@@ -1,6 +1,7 @@
 #include "AgentActions.h"
 
 #include "AgentEvents.h"
+#include "BravaLog.h"
 #include "DataFolder.h"
 #include "Protocol.h"
 
@@ -82,5 +83,11 @@ void AgentActions::needHelp()
 
 void AgentActions::openFolder()
 {
-    QDesktopServices::openUrl(QUrl::fromLocalFile(DataFolder::dataDir()));
+    // Where the folder is, said in any case: a desktop without a file manager opens nothing.
+    const QString folder = DataFolder::dataDir();
+    const bool opened = QDesktopServices::openUrl(QUrl::fromLocalFile(folder));
+    if (!opened)
+        bravaLog(QStringLiteral("cannot open the backup folder ") + folder);
+    if (onConfirm)
+        onConfirm((opened ? QStringLiteral("Backup folder: ") : QStringLiteral("Cannot open the backup folder: ")) + folder);
 }
