@@ -40,9 +40,12 @@ ColumnLayout {
         Layout.fillWidth: true
         spacing: 6
         Text { text: "CONTROL ROOM"; font.pixelSize: 12; font.bold: true; color: "#667085" }
-        Warning {
+        Text {
+            // Still looking, not a fault: said in grey.
             visible: wizard.server.trim() === ""
             text: "Searching your Wi-Fi for the control room…"
+            font.pixelSize: 14
+            color: "#667085"
         }
         Text {
             objectName: "using"
@@ -63,6 +66,7 @@ ColumnLayout {
         Button {
             visible: !screen.manual
             flat: true
+            font.underline: true // a link to the field
             text: "Enter address manually"
             onClicked: screen.manual = true
         }
