@@ -24,6 +24,7 @@ ColumnLayout {
         placeholderText: "First and last name"
         text: wizard.nameText
         onTextEdited: wizard.nameText = text
+        onAccepted: next.press() // Enter goes on as Next does
     }
     TextField {
         objectName: "number"
@@ -31,6 +32,7 @@ ColumnLayout {
         placeholderText: "e.g. 17"
         text: wizard.agentText
         onTextEdited: wizard.agentText = text
+        onAccepted: next.press() // Enter goes on as Next does
     }
     Body { visible: wizard.serverLocked; text: "Connects to your control room automatically." }
 
@@ -77,6 +79,7 @@ ColumnLayout {
             placeholderText: "192.168.1.10:4777"
             text: wizard.server
             onTextEdited: wizard.server = text
+            onAccepted: next.press() // Enter goes on as Next does
         }
         Warning { visible: wizard.serverProblem !== ""; text: wizard.serverProblem }
     }
@@ -90,6 +93,8 @@ ColumnLayout {
         Text { text: "CHECKING…"; font.pixelSize: 14; font.bold: true }
     }
     Primary {
+        id: next
+        function press() { if (visible && enabled) wizard.verifyAndSave() }
         visible: !wizard.verifying
         text: "Next"
         enabled: wizard.hasAgentID && wizard.nameText.trim() !== ""
