@@ -19,8 +19,6 @@ public:
     bool listen();
     /// The second copy: knocks at the running copy's door, waiting at most `waitMs`; true when heard.
     bool knock(int waitMs = 2000);
-    /// The socket's path.
-    QString name() const { return m_name; }
 
 Q_SIGNALS:
     /// The program was started again.

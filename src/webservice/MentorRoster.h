@@ -25,7 +25,6 @@ public:
     /// Largest answer read, in bytes; a larger one is cut off and leaves the roster as it was.
     static constexpr qint64 kMaxAnswerBytes = 64 * 1024;
 
-    /// A roster fetched over `net`.
     /// A roster fetched over `net` from this build's event web service.
     MentorRoster(QNetworkAccessManager &net, const BuildInfo &build, QObject *parent = nullptr);
 

@@ -2,13 +2,13 @@
 
 #include "BravaLog.h"
 #include "SaleFormModel.h"
+#include "ScreenChanges.h"
 #include "SaleSubmission.h"
 #include "SaleWidgetModel.h"
 
 #include <QButtonGroup>
 #include <QDir>
 #include <QFileDialog>
-#include <QShortcut>
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QLabel>
@@ -16,6 +16,7 @@
 #include <QPushButton>
 #include <QScreen>
 #include <QScrollArea>
+#include <QShortcut>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -133,13 +134,7 @@ SaleForm::SaleForm(SaleSubmission &submission, ScreenSnapper &snapper, std::func
             finish(ok, message);
     });
     // A screen that changes (resolution, docks, another monitor) keeps the form inside it.
-    const auto refit = [this] { QTimer::singleShot(0, this, [this] { if (isVisible()) fitToScreen(); }); };
-    const auto watch = [this, refit](QScreen *s) { connect(s, &QScreen::availableGeometryChanged, this, refit); };
-    connect(qApp, &QGuiApplication::primaryScreenChanged, this, refit);
-    connect(qApp, &QGuiApplication::screenAdded, this, [refit, watch](QScreen *s) { watch(s); refit(); });
-    connect(qApp, &QGuiApplication::screenRemoved, this, refit);
-    for (QScreen *s : QGuiApplication::screens())
-        watch(s);
+    ScreenChanges::follow(this, [this] { QTimer::singleShot(0, this, [this] { if (isVisible()) fitToScreen(); }); });
 }
 
 SaleForm::~SaleForm() = default;

@@ -1,13 +1,13 @@
 #include "SaleWidget.h"
 
 #include "SaleWidgetModel.h"
+#include "ScreenChanges.h"
 #include "X11Desktop.h"
 
 #include <QFrame>
 #include <QGuiApplication>
 #include <QLabel>
 #include <QMouseEvent>
-#include <QPainterPath>
 #include <QPushButton>
 #include <QScreen>
 #include <QWidget>
@@ -62,18 +62,12 @@ SaleWidget::SaleWidget(FrameStore store, QObject *parent)
 
     // A screen unplugged, added or resized (a laptop leaving its dock) brings the panel back onto
     // the screens as they are now, snapped and saved like a move of the agent's.
-    const auto refit = [this] {
+    ScreenChanges::follow(this, [this] {
         if (m_window) {
             m_placed = QRect();
             m_snapJob.start();
         }
-    };
-    const auto watch = [this, refit](QScreen *s) { connect(s, &QScreen::availableGeometryChanged, this, refit); };
-    connect(qApp, &QGuiApplication::screenAdded, this, [refit, watch](QScreen *s) { watch(s); refit(); });
-    connect(qApp, &QGuiApplication::screenRemoved, this, refit);
-    connect(qApp, &QGuiApplication::primaryScreenChanged, this, refit);
-    for (QScreen *s : QGuiApplication::screens())
-        watch(s);
+    });
 }
 
 SaleWidget::~SaleWidget()
@@ -102,12 +96,7 @@ void SaleWidget::build(bool withSale)
     w->setAttribute(Qt::WA_ShowWithoutActivating);
     w->setFocusPolicy(Qt::NoFocus);
     w->setFixedSize(M::kWidth, h);
-    // Without a compositor the see-through corners show black: only the rounded panel is shown.
-    if (!X11Desktop::compositing()) {
-        QPainterPath shape;
-        shape.addRoundedRect(QRectF(0, 0, M::kWidth, h), M::kPanelRadius, M::kPanelRadius);
-        w->setMask(QRegion(shape.toFillPolygon().toPolygon()));
-    }
+    X11Desktop::cutToRoundedShape(w, QRectF(0, 0, M::kWidth, h), M::kPanelRadius); // no black corners
 
     auto *panel = new QFrame(w);
     panel->setObjectName(QStringLiteral("panel"));

@@ -6,8 +6,6 @@
 #include "X11Desktop.h"
 
 #include <QGuiApplication>
-#include <QPainterPath>
-#include <QRegion>
 #include <QScreen>
 #include <QWebEnginePage>
 #include <QWebEngineProfile>
@@ -102,14 +100,8 @@ void WhisperCard::measured(quint64 generation, const QVariant &answer)
     const QScreen *screen = QGuiApplication::primaryScreen();
     m_frame = WhisperPage::place(screen ? screen->availableGeometry() : QRect(0, 0, 1280, 800), WhisperPage::parseSize(answer));
     m_view->setGeometry(m_frame);
-    // Without a compositor the see-through glow around the card shows black: only the card is shown.
-    if (!X11Desktop::compositing()) {
-        QPainterPath card;
-        card.addRoundedRect(QRectF(QPointF(0, 0), m_frame.size()).adjusted(kGlow, kGlow, -kGlow, -kGlow), kRadius, kRadius);
-        m_view->setMask(QRegion(card.toFillPolygon().toPolygon()));
-    } else {
-        m_view->clearMask();
-    }
+    // Without a compositor the see-through glow around the card would show black: only the card is shown.
+    X11Desktop::cutToRoundedShape(m_view, QRectF(QPointF(0, 0), m_frame.size()).adjusted(kGlow, kGlow, -kGlow, -kGlow), kRadius);
     m_view->show();
     m_view->raise();
     m_hide.start(hideMs);

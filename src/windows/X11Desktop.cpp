@@ -1,6 +1,8 @@
 #include "X11Desktop.h"
 
 #include <QGuiApplication>
+#include <QPainterPath>
+#include <QRegion>
 #include <QWidget>
 #include <QtGui/qguiapplication_platform.h>
 
@@ -84,6 +86,15 @@ bool compositing()
     const bool owned = reply && reply->owner != XCB_NONE;
     std::free(reply);
     return owned;
+}
+
+void cutToRoundedShape(QWidget *window, const QRectF &shape, qreal radius)
+{
+    if (compositing())
+        return window->clearMask();
+    QPainterPath path;
+    path.addRoundedRect(shape, radius, radius);
+    window->setMask(QRegion(path.toFillPolygon().toPolygon()));
 }
 
 } // namespace X11Desktop

@@ -4,6 +4,7 @@
 
 #include <optional>
 
+class QRectF;
 class QWidget;
 
 // Puts a window on every workspace of an X11 desktop (the EWMH "all desktops" number), which Qt's
@@ -20,5 +21,8 @@ void showOnAllDesktops(QWidget *window);
 std::optional<quint32> desktopOf(QWidget *window);
 /// Whether a compositing manager draws see-through windows (false on X11 without one, true off X11).
 bool compositing();
+/// Without a compositor, cuts `window` to the rounded rectangle `shape` (its see-through rest
+/// would show black); with one, shows it whole.
+void cutToRoundedShape(QWidget *window, const QRectF &shape, qreal radius);
 
 } // namespace X11Desktop

@@ -10,6 +10,7 @@
 #include "TrayView.h"
 
 #include <QApplication>
+#include <QDesktopServices>
 #include <QMenu>
 #include <QMessageBox>
 #include <QSystemTrayIcon>
@@ -27,6 +28,7 @@ class AgentTest : public QObject
     TestHome home;
     SyntheticAudioBackend refusing;
     std::unique_ptr<AgentFixture> f;
+    QUrl opened; // what the desktop was asked to open
 
     Recorder &rec() { return f->app->recorder(); }
     Reconciler &wishes() { return f->app->commands().reconciler(); }
@@ -43,6 +45,9 @@ class AgentTest : public QObject
         const qsizetype before = f->room.statuses().size();
         return QTest::qWaitFor([&] { return f->room.statuses().size() >= before + n; }, 5000);
     }
+
+public Q_SLOTS:
+    void openUrl(const QUrl &url) { opened = url; }
 
 private Q_SLOTS:
     void init()
@@ -299,6 +304,11 @@ private Q_SLOTS:
         QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")) && f->app->status().tray()->tip().startsWith(QStringLiteral("Help sent — coaches alerted\n")));
         for (const char *type : {"call_start", "call_end", "help"})
             QCOMPARE(home.log().count(QStringLiteral("event sent: ") + QLatin1String(type) + QLatin1Char('\n')), 1);
+        // "Open Local Backup Folder" hands the data folder to the desktop and names it.
+        QDesktopServices::setUrlHandler(QStringLiteral("file"), this, "openUrl");
+        f->app->actions().openFolder();
+        QDesktopServices::unsetUrlHandler(QStringLiteral("file"));
+        QVERIFY(opened == QUrl::fromLocalFile(DataFolder::dataDir()) && tray->tip().startsWith(QStringLiteral("Backup folder: ") + DataFolder::dataDir()));
         // A camera this user may not open brings the wizard up at the camera step, with its repair.
         f->cameras.setRefused(true);
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
