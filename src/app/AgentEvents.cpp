@@ -31,6 +31,27 @@ void AgentEvents::post(const QString &type, const QList<QPair<QString, QString>>
     QNetworkRequest request(url);
     request.setTransferTimeout(kTimeoutMs);
     QNetworkReply *reply = m_net.post(request, QByteArray());
-    bravaLog(QStringLiteral("event sent: ") + type);
-    QObject::connect(reply, &QNetworkReply::finished, reply, &QObject::deleteLater);
+    QObject::connect(reply, &QNetworkReply::finished, reply, [this, reply, type] { finished(reply, type); });
+}
+
+void AgentEvents::finished(QNetworkReply *reply, const QString &type)
+{
+    reply->deleteLater();
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (reply->error() == QNetworkReply::NoError && status >= 200 && status < 300) {
+        bravaLog(QStringLiteral("event sent: ") + type);
+        m_note.clear();
+        return;
+    }
+    const QString reason = status > 0 ? QStringLiteral("the control room answered %1").arg(status) : reply->errorString();
+    m_note = QStringLiteral("event \"%1\" not delivered: %2").arg(type, reason);
+    m_noteAge.start();
+    bravaLog(m_note);
+    if (onUndelivered)
+        onUndelivered(type, reason);
+}
+
+QString AgentEvents::note() const
+{
+    return m_note.isEmpty() || m_noteAge.hasExpired(kNoteMs) ? QString() : m_note;
 }

@@ -54,6 +54,11 @@ AppDelegate::AppDelegate(Settings &settings, const BuildInfo &build, AudioBacken
         m_status.redraw();
     };
     m_actions.onConfirm = [this](const QString &text) { m_status.flashStatus(text); };
+    m_events.onUndelivered = [this](const QString &type, const QString &) {
+        if (type == QLatin1String(Protocol::Event::help))
+            m_status.flashStatus(QStringLiteral("Help not delivered — the control room can't be reached"));
+        publish();
+    };
     m_tick.setInterval(kTickMs);
     connect(&m_tick, &QTimer::timeout, this, &AppDelegate::tick);
     wireSettings();
@@ -236,6 +241,8 @@ std::optional<QString> AppDelegate::error() const
         return m_whisper.note(); // the coach's last whisper did not reach the screen
     if (const std::optional<QString> refusal = m_commands.refusal())
         return refusal;
+    if (const QString undelivered = m_events.note(); !undelivered.isEmpty())
+        return undelivered; // an event the control room did not take
     if (m_status.tray() && !m_status.tray()->note().isEmpty())
         return m_status.tray()->note(); // nothing on this desktop shows the agent's state
     return std::nullopt;

@@ -69,7 +69,7 @@ public:
 
     /// The fault the agent shows now (heartbeat "error", tray): the recorder's, else why the floating
     /// windows are missing, else why a whisper card was not shown, else a refused command, else
-    /// that there is no tray; none when all is well.
+    /// an event the control room did not take, else that there is no tray; none when all is well.
     std::optional<QString> error() const;
     /// Whether updating now would disturb the agent (recording, call, pending work).
     bool updateBusy() const;

@@ -304,6 +304,16 @@ private Q_SLOTS:
         QVERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help sent")) && f->app->status().tray()->tip().startsWith(QStringLiteral("Help sent — coaches alerted\n")));
         for (const char *type : {"call_start", "call_end", "help"})
             QCOMPARE(home.log().count(QStringLiteral("event sent: ") + QLatin1String(type) + QLatin1Char('\n')), 1);
+        // Help the control room never took says so, in the title, the log and the heartbeat's error.
+        const std::optional<QString> before = f->app->error(); // the no-tray note
+        home.settings().setServer(QStringLiteral("127.0.0.1:1"));
+        f->app->actions().needHelp();
+        QTRY_VERIFY(f->app->status().tray()->title().contains(QStringLiteral("Help not delivered")));
+        QVERIFY(f->app->error().value_or(QString()).startsWith(QStringLiteral("event \"help\" not delivered: ")));
+        QCOMPARE(home.log().count(QStringLiteral("event \"help\" not delivered")), 1);
+        home.settings().setServer(f->room.address());
+        f->app->actions().needHelp();
+        QTRY_VERIFY(f->app->error() == before);
         // "Open Local Backup Folder" hands the data folder to the desktop and names it.
         QDesktopServices::setUrlHandler(QStringLiteral("file"), this, "openUrl");
         f->app->actions().openFolder();
