@@ -30,8 +30,12 @@ std::optional<qint64> apv(const QString &typed)
         return std::nullopt;
     QString kept;
     for (const QChar c : typed) {
-        if ((c >= QLatin1Char('0') && c <= QLatin1Char('9')) || c == QLatin1Char('.'))
-            kept.append(c); // all else is dropped: "$1,250.50" and "1200 USD" read as typed
+        if (c.isDigit() && c.unicode() < 128)
+            kept.append(c);
+        else if (c == QLatin1Char('.'))
+            kept.append(c);
+        else if (c != QLatin1Char('$') && c != QLatin1Char(',') && !c.isSpace())
+            return std::nullopt; // "1e9999" is no dollar amount, and neither is "12 USD"
     }
     bool ok = false;
     const double value = kept.toDouble(&ok);

@@ -93,9 +93,9 @@ private Q_SLOTS:
     // What an APV reads as, which check a sale fails first, the sale record, and the display platform.
     void formRules()
     {
-        for (const auto &[typed, sent] : {std::pair{"1200", 1200}, {"$1,250.50", 1251}, {"12.5", 13}, {"12.4", 12}, {" $ 900 ", 900}, {"1200 USD", 1200}, {"-5", 5}, {"1000000000", 1000000000}})
+        for (const auto &[typed, sent] : {std::pair{"1200", 1200}, {"$1,250.50", 1251}, {"12.5", 13}, {"12.4", 12}, {" $ 900 ", 900}, {"1000000000", 1000000000}})
             QVERIFY2(SaleFormModel::apv(QString::fromUtf8(typed)) == sent, typed);
-        for (const char *typed : {"abc", "0", "", "..", "1.2.3", "1000000001", "111111111111111111111111111111111", "$1,000.00000000000000000000000000", "١٢"})
+        for (const char *typed : {"abc", "0", "", "1e9999", "..", "1000000001", "111111111111111111111111111111111", "$1,000.00000000000000000000000000", "١٢", "-5"})
             QVERIFY2(!SaleFormModel::apv(QString::fromUtf8(typed)), typed);
         QCOMPARE(SaleFormModel::confirmTypes().join(u' ') + u'|' + SaleFormModel::callTypes().join(u' '),
                  QStringLiteral("pdf png jpg jpeg heic webp gif|m4a mp3 wav mp4 mov webm aac caf"));
@@ -104,7 +104,7 @@ private Q_SLOTS:
         for (const auto &[change, message] : {std::pair{"", QString()}, {"computer nocall", QString()}, {"agent0", QStringLiteral("Finish setup first")},
                                               {"lead= \n", QStringLiteral("Enter the lead's name")},
                                               {"longlead", QStringLiteral("The lead's name is too long (at most 200 characters)")},
-                                              {"lead=Ann\tLee", badLead}, {"lead=Ann\nLee", badLead}, {"apv=abc", QStringLiteral("Enter the APV (dollar amount)")},
+                                              {"lead=Ann\tLee", badLead}, {"lead=Ann\nLee", badLead}, {"apv=1e9999", QStringLiteral("Enter the APV (dollar amount)")},
                                               {"noconfirm", QStringLiteral("Add a confirmation (file or snap)")}, {"nocall", QStringLiteral("Attach the full call recording")},
                                               {"agent0 lead= noconfirm", QStringLiteral("Finish setup first")}}) { // the first failing check wins
             SaleFormModel::Entry e = complete;
@@ -224,7 +224,7 @@ private Q_SLOTS:
         const struct { const char *name, *state; QString status; } rows[] = {
             {"phone", "phone", {}}, {"phone-no-lead", "phone submit", QStringLiteral("Enter the lead's name")},
             {"phone-no-call", "phone lead apv confirm submit", QStringLiteral("Attach the full call recording")}, {"phone-ready", "phone lead apv confirm call", {}},
-            {"computer", "computer", {}}, {"computer-bad-apv", "computer lead apv=abc submit", QStringLiteral("Enter the APV (dollar amount)")},
+            {"computer", "computer", {}}, {"computer-bad-apv", "computer lead apv=1e9999 submit", QStringLiteral("Enter the APV (dollar amount)")},
             {"computer-no-confirmation", "computer lead apv submit", QStringLiteral("Add a confirmation (file or snap)")}, {"computer-snapped", "computer lead apv snap", {}}};
         for (const auto &[name, state, status] : rows) {
             const QStringList words = QString::fromLatin1(state).split(QLatin1Char(' '));
