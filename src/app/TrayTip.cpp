@@ -59,7 +59,7 @@ QString text(const StatusMenu::State &s, const Facts &f)
         lines.append(f.session ? QStringLiteral("Recording session “%1”").arg(*f.session) : QStringLiteral("Recording"));
     if (s.live)
         lines.append(QStringLiteral("Listening live"));
-    if (f.previewing)
+    if (f.previewing && s.connected) // frames go nowhere while the link is down
         lines.append(QStringLiteral("Camera preview on"));
     if (s.onCall && f.callSeconds >= 0)
         lines.append(QStringLiteral("On a call %1:%2").arg(f.callSeconds / 60).arg(f.callSeconds % 60, 2, 10, QLatin1Char('0')));

@@ -38,7 +38,7 @@ QList<Case> cases()
 {
     const QString room = QStringLiteral("192.168.1.20:8080");
     return {
-        {"not connected", S{.agentID = 7}, {room, QStringLiteral("connection refused")}, TrayTip::Look::NotConnected,
+        {"not connected", S{.agentID = 7}, {room, QStringLiteral("connection refused"), {}, true}, TrayTip::Look::NotConnected, // no one sees a preview
          QStringLiteral("Brava Recorder\nLink down: not connected to the control room at 192.168.1.20:8080 (connection refused)\nNot recording"), kOrange},
         {"connected", connected(), {room}, TrayTip::Look::Connected,
          QStringLiteral("Brava Recorder ON\nLink up: connected to the control room at 192.168.1.20:8080\nNot recording")},
