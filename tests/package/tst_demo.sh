@@ -27,6 +27,24 @@ chmod +x "$work/agent"
 sed 's/^/  stderr: /' "$work/err"
 check "a process left running fails the check and is named" \
   test $failed -ne 0 -a "$(sed -n 's/^demo: left running: //p' "$work/err")" = "$(cat "$work/stray")"
+# Ctrl-C in the middle of a take, as a terminal sends it (to the demo's whole process group): the
+# take ends, reaches the room and stays; nothing else does.
+set -m
+mkfifo "$work/in"
+env -u PULSE_SERVER -u PULSE_RUNTIME_PATH XDG_RUNTIME_DIR="$work/run" "$demo" <"$work/in" >"$work/live" 2>&1 &
+demo_pid=$!
+exec 5>"$work/in"
+for _ in $(seq 1 300); do grep -q '^demo: operator page' "$work/live" && break; sleep 0.2; done
+printf 'cameras on\nstart s1\n' >&5
+for _ in $(seq 1 150); do grep -q '"recording":true' "$work/live" && break; sleep 0.2; done
+kill -INT -- -"$demo_pid"
+wait "$demo_pid"
+exec 5>&-
+set +m
+folder=$(sed -n 's/^demo: the uploads stay in \(.*\)\/uploads .*/\1/p' "$work/live")
+check "Ctrl-C keeps the take, uploaded whole, and only it" \
+  test -n "$folder" -a "$(cd "$folder" 2>/dev/null && find . -name '*_final.*' | wc -l)" -ge 3 -a "$(ls "$folder" 2>/dev/null | tr '\n' ' ')" = "room.log uploads "
+[ -n "$folder" ] && rm -rf "$folder"
 for case in "110 1" "111 2" "0 2"; do # 1: past the arguments, stopped by the missing build; 2: refused
   read -r n code <<<"$case"
   BRAVA_BUILD_DIR=$work/none "$demo" --agents "$n" 2>/dev/null
