@@ -130,7 +130,7 @@ void Connection::noteFailure(const QString &reason)
 {
     const QString text = QStringLiteral("cannot open the link to %1: %2").arg(m_settings.server(), reason);
     m_failureLog.log(text);
-    m_lastFailure = text;
+    m_lastFailure = reason; // shown beside the address, which is not repeated
 }
 
 void Connection::dropped(qint64 gen)

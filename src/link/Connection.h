@@ -44,7 +44,7 @@ public:
 
     /// True between the open of the current socket and its drop.
     bool connected() const { return m_connected; }
-    /// Why the link last failed to open, as logged; "" once a link has opened.
+    /// Why the link last failed to open (the socket's reason, without the address); "" once a link has opened.
     QString lastFailure() const { return m_lastFailure; }
     /// True after the control room said another computer took this agent number.
     bool replaced() const { return m_replaced; }
@@ -86,6 +86,6 @@ private:
     qint64 m_generation = 0;
     std::atomic<bool> m_connected{false}; // read by capture threads before they forward a frame
     bool m_replaced = false;
-    QString m_lastFailure; // why the link last failed to open; cleared when a link opens
+    QString m_lastFailure; // why the link last failed to open (the socket's reason); cleared when a link opens
     LogOnce m_failureLog;  // retries every 2 s meet the same refusal: logged once until it changes
 };

@@ -391,6 +391,7 @@ private Q_SLOTS:
         QVERIFY(f->room.urls.size() == 3 && f->room.binaries.size() == 1);
         // Three connects and at least two retries.
         QVERIFY(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")) == 1 && conn.generation() >= generation + 5);
+        QCOMPARE(conn.lastFailure(), QStringLiteral("Connection refused")); // the tray adds the address
         // A link that opened in between makes the same failure news again.
         home.settings().setServer(f->room.address());
         conn.open();
