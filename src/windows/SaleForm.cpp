@@ -331,7 +331,8 @@ void SaleForm::finish(bool ok, const QString &message)
     m_submit->setEnabled(true);
     if (!ok) {
         setStatus(message.isEmpty() ? QStringLiteral("Failed — try again") : message, errorColour());
-        bravaLog(QStringLiteral("sale not sent: ") + m_status->text());
+        const QString why = m_submission.why();
+        bravaLog(QStringLiteral("sale not sent: ") + m_status->text() + (why.isEmpty() ? QString() : QStringLiteral(" (") + why + QLatin1Char(')')));
         return;
     }
     setStatus(QStringLiteral("Saved ✓  Sent to the control room"), green());

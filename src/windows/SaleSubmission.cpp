@@ -25,6 +25,13 @@ bool ok200(QNetworkReply *reply)
         && reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == 200;
 }
 
+// Why an answer is not a 200, in words.
+QString answerProblem(QNetworkReply *reply)
+{
+    const int status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    return status > 0 && status != 200 ? QStringLiteral("the control room answered %1").arg(status) : reply->errorString();
+}
+
 } // namespace
 
 SaleSubmission::SaleSubmission(QNetworkAccessManager &net, QObject *parent)
@@ -49,6 +56,7 @@ bool SaleSubmission::submit(const QString &server, const Sale &sale)
     m_server = server;
     m_sale = sale;
     m_token.clear();
+    m_why.clear();
     postMeta();
     return true;
 }
@@ -58,6 +66,7 @@ void SaleSubmission::postMeta()
     const QUrl url = QueryString::at(QStringLiteral("http"), m_server, word(Protocol::Path::sale), {});
     const auto failed = [this] { finish(false, unreachable()); };
     if (!url.isValid()) {
+        m_why = QStringLiteral("no usable address in \"%1\"").arg(m_server);
         QTimer::singleShot(0, this, failed); // the caller hears of it the same way as of any other end
         return;
     }
@@ -77,6 +86,7 @@ void SaleSubmission::postMeta()
             ? QJsonDocument::fromJson(reply->read(kMaxAnswerBytes)).object().value(word(Protocol::Sale::token))
             : QJsonValue();
         if (!token.isString() || token.toString().isEmpty() || token.toString().size() > kMaxTokenLength) {
+            m_why = ok200(reply) ? QStringLiteral("no sale token in the answer") : answerProblem(reply);
             finish(false, unreachable());
             return;
         }
@@ -106,6 +116,7 @@ void SaleSubmission::uploadCall()
 {
     const Done done = [this](bool ok) { finish(ok, ok ? QString() : callFailed()); };
     if (m_sale.callFile.isEmpty()) {
+        m_why = QStringLiteral("no call recording attached");
         done(false);
         return;
     }
@@ -119,6 +130,8 @@ void SaleSubmission::uploadFile(const QString &kind, const QString &path, const 
     const QFileInfo info(path);
     auto file = std::make_unique<QFile>(path);
     if (!info.isFile() || !file->open(QIODevice::ReadOnly)) {
+        m_why = path + QStringLiteral(": ")
+            + (!info.exists() ? QStringLiteral("no such file") : !info.isFile() ? QStringLiteral("not a plain file") : file->errorString());
         QTimer::singleShot(0, this, [done] { done(false); });
         return;
     }
@@ -155,8 +168,10 @@ void SaleSubmission::sendFile(const QString &kind, const QString &ext, int timeo
     QNetworkReply *reply = post(request);
     m_reply = reply;
     connect(reply, &QNetworkReply::readyRead, reply, [reply] { reply->skip(reply->bytesAvailable()); });
-    connect(reply, &QNetworkReply::finished, this, [reply, done] {
+    connect(reply, &QNetworkReply::finished, this, [this, reply, done] {
         reply->deleteLater();
+        if (!ok200(reply))
+            m_why = answerProblem(reply);
         done(ok200(reply));
     });
 }

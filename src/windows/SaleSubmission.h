@@ -40,6 +40,9 @@ public:
     bool submit(const QString &server, const Sale &sale);
     /// Whether a submission runs.
     bool busy() const { return m_busy; }
+    /// What made the last submission fail, for the log (a file that would not open, the
+    /// control room's answer); "" after a success.
+    QString why() const { return m_why; }
 
     /// Idle time limits of the record, of a file and of a snapshot, in milliseconds.
     static constexpr int kRecordTimeoutMs = 20000;
@@ -74,6 +77,7 @@ private:
     Sale m_sale;
     QString m_token;
     bool m_busy = false;
+    QString m_why;
     std::unique_ptr<QFile> m_file;
     QPointer<QNetworkReply> m_reply;
 };
