@@ -11,7 +11,8 @@
 // program's folder (only an unpacked release in a folder this user owns under the home folder; a
 // package-managed install is left to the package manager and the alert says so) and the data
 // folder to the freedesktop Trash, removes the settings file and the autostart entry (a package's
-// entry for every user is switched off with this user's own hidden copy), and quits.
+// entry for every user is switched off with this user's own hidden copy), deletes the update work
+// folders that earlier versions left in the temporary folder, and quits.
 // Pending uploads are named in the alert, whose button then reads "Uninstall Anyway".
 class Uninstaller : public QObject
 {
@@ -24,6 +25,9 @@ public:
         QString settingsFile;
         QString autostartEntry;
         bool packageManaged = false; ///< installed by the system's package manager
+        /// Where earlier versions made their update work folders ("brava-update-*", removed);
+        /// the system's temporary folder when empty. Today's are in the data folder.
+        QString oldWorkRoot;
     };
     /// How the program itself is removed.
     enum class AppRemoval { Trash, Package, ByHand };
@@ -54,6 +58,7 @@ Q_SIGNALS:
 
 private:
     void remove();
+    void removeOldWorkFolders();
 
     Paths m_paths;
     bool m_running = false;

@@ -3,6 +3,7 @@
 // archives the unpacker refuses.
 #include "ArchiveUnpacker.h"
 #include "ReleaseManifest.h"
+#include "ReleaseVerifier.h"
 #include "TestHome.h"
 #include "TestLiterals.h"
 #include "UpdateDownload.h"
@@ -109,6 +110,10 @@ class UpdateDownloadTest : public QObject
         m_zip = answer.body;
         return {QStringLiteral("recorder"), QStringLiteral("linux"), version, QUrl(kit.base() + path), QString::fromLatin1(QCryptographicHash::hash(m_zip, QCryptographicHash::Sha256).toHex()), true};
     }
+    QStringList workFolders() const
+    {
+        return QDir(kit.dir.path()).entryList({QStringLiteral("brava-update-*")}, QDir::Dirs | QDir::NoDotAndDotDot);
+    }
     void installedUntouched()
     {
         QCOMPARE(QDir(kit.installed).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), strings({"brava-recorder"}));
@@ -124,6 +129,8 @@ private Q_SLOTS:
         const ArchiveUnpacker::Limits limits; // the real limits and time-outs, shortened below
         QVERIFY(limits.maxEntries == 20000 && limits.maxBytes == qint64(4) << 30 && ReleaseManifest::kMaxBytes == 4 << 20);
         QVERIFY(AppUpdates::kFeedTimeoutMs == 20000 && UpdateDownload::kTimeoutMs == 300000);
+        // Work folders live in the data folder (removed with it, never by a reboot), not in /tmp.
+        QCOMPARE(AppUpdates::defaultWorkRoot(), home.root() + QStringLiteral("/data/Brava Recorder/updates"));
     }
     void init()
     {
@@ -220,8 +227,10 @@ private Q_SLOTS:
         QFETCH(QString, detail);
         auto u = kit.updater();
         QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
+        const QStringList kept = workFolders(); // the verified ones of handOver
         u->download(forge());
         QVERIFY(done.wait(20000) && done[0][0].toBool() == false);
+        QTRY_COMPARE(workFolders(), kept); // the whole work folder is gone: partial archive, unpacked files
         QCOMPARE(u->lastError(), error);
         QVERIFY(kit.alerts.size() == 1 && kit.alerts[0].message == QStringLiteral("Update wasn’t opened"));
         QCOMPARE(kit.alerts[0].informative, QStringLiteral("The download or its signature could not be verified. Your installed app is "
@@ -230,6 +239,21 @@ private Q_SLOTS:
         installedUntouched();
         const QString line = home.log().split(QLatin1Char('\n')).filter(QStringLiteral("update refused: ")).last();
         QVERIFY2(line.contains(QStringLiteral("update refused: ") + error) && line.contains(detail), qPrintable(line));
+    }
+
+    // A build is unpacked into "unpacking" and named "verified" only once every check has passed.
+    void verifiedOnlyOnceVerified()
+    {
+        for (const bool tampered : {true, false}) {
+            const Release r = tampered ? publish(QStringLiteral("2.0"), {}, [](const QString &f) { writeFile(f + QLatin1String("/lib/data.txt"), "Release data\n"); }) : publish();
+            const QString work = kit.dir.filePath(QStringLiteral("direct-%1").arg(tampered));
+            QVERIFY(QDir().mkpath(work));
+            writeFile(work + QLatin1String("/a.zip"), m_zip);
+            const ReleaseVerifier::Result result = ReleaseVerifier::verify({work + QLatin1String("/a.zip"), work, r.version, QStringLiteral("com.vantorra.brava-recorder"),
+                                                                            UpdateKit::readAll(UpdateKit::key(QStringLiteral("test-public.pem"))), {}});
+            QCOMPARE(result.ok, !tampered);
+            QCOMPARE(QDir(work).entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList{tampered ? QStringLiteral("unpacking") : QStringLiteral("verified")});
+        }
     }
 
     // A release not newer than the running version is never downloaded (rollback), nor is any while busy.

@@ -160,7 +160,9 @@ private Q_SLOTS:
             QDir(home).removeRecursively();
             const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
             const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
-                                           home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package};
+                                           home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package, tmp.path() + QLatin1String("/tmp")};
+            const QString oldWork = paths.oldWorkRoot + QLatin1String("/brava-update-1/Brava Recorder-2.0-linux.zip.part"), other = paths.oldWorkRoot + QLatin1String("/other/file");
+            writeFile(oldWork), writeFile(other);
             for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
                                         paths.settingsFile, paths.autostartEntry})
                 writeFile(file);
@@ -193,6 +195,7 @@ private Q_SLOTS:
             }
             QTRY_VERIFY(quit);
             QVERIFY(cleared);
+            QVERIFY(!QFileInfo::exists(QFileInfo(oldWork).path()) && QFileInfo::exists(other)); // an earlier version's download, nothing else
             QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
             if (noTrash) {
                 // Both folders stay where they were, and the person is told so before the agent goes.
