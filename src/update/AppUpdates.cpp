@@ -13,6 +13,7 @@
 #include <QDir>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QPointer>
 #include <QThread>
 #include <QUuid>
 
@@ -31,7 +32,7 @@ AppUpdates::AppUpdates(QNetworkAccessManager &net, Options options, QObject *par
     , m_options(std::move(options))
 {
     ask = [](const Alert &alert, std::function<void(int)> answer) { AlertBox::show(alert, std::move(answer)); };
-    reveal = [](const QString &path) { FolderReveal::show(path); };
+    reveal = [](const QString &path, std::function<void()> failed) { FolderReveal::show(path, std::move(failed)); };
     if (m_options.workRoot.isEmpty())
         m_options.workRoot = defaultWorkRoot();
 }
@@ -277,12 +278,15 @@ void AppUpdates::handOver()
         show(UpdateAlerts::verifiedButBusy());
         return;
     }
-    show(UpdateAlerts::verified(m_options.installedFolder, m_options.packageManaged), [this, folder = m_verified](int button) {
+    show(UpdateAlerts::verified(m_options.installedFolder, m_verified, m_options.packageManaged), [this, folder = m_verified](int button) {
         if (button != 0)
             return;
         if (isBusy())
             show(UpdateAlerts::verifiedButBusy());
         else if (reveal)
-            reveal(folder);
+            reveal(folder, [self = QPointer<AppUpdates>(this), folder] {
+                if (self)
+                    self->show(UpdateAlerts::notShown(folder));
+            });
     });
 }

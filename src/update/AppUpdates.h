@@ -51,8 +51,8 @@ public:
     std::function<bool()> isBusy = [] { return true; };
     /// Shows an alert (AlertBox::show unless replaced).
     AskFunction ask;
-    /// Shows the verified folder (FolderReveal::show unless replaced).
-    std::function<void(const QString &)> reveal;
+    /// Shows the verified folder, calling back when nothing could (FolderReveal::show unless replaced).
+    std::function<void(const QString &, std::function<void()>)> reveal;
 
     /// Starts a check unless the build is not locked or one is running; returns at once. An
     /// automatic check in a build without an event web service only logs that no feed is configured.

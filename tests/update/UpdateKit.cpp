@@ -59,6 +59,10 @@ std::unique_ptr<AppUpdates> UpdateKit::updater(const QString &version)
             QMetaObject::invokeMethod(&net, [reply, a = answer] { reply(a); }, Qt::QueuedConnection);
     };
     u->isBusy = [this] { return busy; };
-    u->reveal = [this](const QString &path) { revealed.append(path); };
+    u->reveal = [this](const QString &path, std::function<void()> failed) {
+        revealed.append(path);
+        if (revealFails)
+            failed();
+    };
     return u;
 }

@@ -25,11 +25,13 @@ private Q_SLOTS:
     void alerts()
     {
         using U = Uninstaller;
+        const QString kVerified = QStringLiteral("/home/agent/.local/share/Brava Recorder/updates/brava-update-0c1d9e2f-5a7b-4c3d-9e8f-1a2b3c4d5e6f/verified/Brava Recorder");
         const QList<std::pair<const char *, Alert>> rows = {
             {"update-up-to-date", UpdateAlerts::upToDate(QStringLiteral("1.9"))}, {"update-available-busy", UpdateAlerts::availableButBusy(QStringLiteral("2.0"))},
             {"update-check-failed", UpdateAlerts::checkFailed()}, {"update-offer", UpdateAlerts::offer(QStringLiteral("2.0"))},
-            {"update-verified", UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"), false)},
-            {"update-verified-package", UpdateAlerts::verified(QStringLiteral("/usr/lib/brava-recorder"), true)},
+            {"update-verified", UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"), kVerified, false)},
+            {"update-verified-package", UpdateAlerts::verified(QStringLiteral("/usr/lib/brava-recorder"), kVerified, true)},
+            {"update-not-shown", UpdateAlerts::notShown(kVerified)},
             {"update-verified-busy", UpdateAlerts::verifiedButBusy()}, {"update-not-opened", UpdateAlerts::notOpened()},
             {"uninstall", U::confirmation(0, U::AppRemoval::Trash, QString())}, {"uninstall-pending", U::confirmation(3, U::AppRemoval::Trash, QString())},
             {"uninstall-package", U::confirmation(0, U::AppRemoval::Package, QString())},
