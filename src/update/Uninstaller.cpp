@@ -7,6 +7,7 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
@@ -58,11 +59,22 @@ Alert Uninstaller::confirmation(int pending, AppRemoval removal, const QString &
     return a;
 }
 
+// The pieces of a running take (and of one cut short) are in writing/<session>/ until they are
+// finished and handed to the upload queue; a session folder's notes (".session") are no recording.
+int Uninstaller::piecesBeingWritten() const
+{
+    int pieces = 0;
+    for (QDirIterator it(m_paths.dataFolder + QStringLiteral("/writing"), QDir::Files, QDirIterator::Subdirectories); it.hasNext(); it.next())
+        ++pieces;
+    return pieces;
+}
+
 void Uninstaller::start()
 {
     if (m_running)
         return;
-    const Alert question = confirmation(pendingCount(), removalOf(m_paths.appFolder, m_paths.packageManaged), m_paths.appFolder);
+    const Alert question = confirmation(pendingCount() + piecesBeingWritten(), removalOf(m_paths.appFolder, m_paths.packageManaged),
+                                        m_paths.appFolder);
     m_running = true;
     ask(question, [this](int button) {
         if (button != 0) {

@@ -13,7 +13,8 @@
 // folder to the freedesktop Trash, removes the settings file and the autostart entry (a package's
 // entry for every user is switched off with this user's own hidden copy), deletes the update work
 // folders that earlier versions left in the temporary folder, and quits.
-// Pending uploads are named in the alert, whose button then reads "Uninstall Anyway".
+// Recordings not uploaded yet (pending uploads and the pieces of a running take in writing/) are
+// counted in the alert, whose button then reads "Uninstall Anyway".
 class Uninstaller : public QObject
 {
     Q_OBJECT
@@ -34,7 +35,7 @@ public:
 
     explicit Uninstaller(Paths paths, QObject *parent = nullptr);
 
-    /// The number of recordings not uploaded yet.
+    /// The number of recording files waiting in the upload queue.
     std::function<int()> pendingCount = [] { return 0; };
     /// Stops the recorder and calls back once it has stopped.
     std::function<void(std::function<void()>)> stopRecorder = [](std::function<void()> done) { done(); };
@@ -59,6 +60,7 @@ Q_SIGNALS:
 private:
     void remove();
     void removeOldWorkFolders();
+    int piecesBeingWritten() const;
 
     Paths m_paths;
     bool m_running = false;

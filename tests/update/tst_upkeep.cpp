@@ -164,7 +164,8 @@ private Q_SLOTS:
             const QString oldWork = paths.oldWorkRoot + QLatin1String("/brava-update-1/Brava Recorder-2.0-linux.zip.part"), other = paths.oldWorkRoot + QLatin1String("/other/file");
             writeFile(oldWork), writeFile(other);
             for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
-                                        paths.settingsFile, paths.autostartEntry})
+                                        paths.settingsFile, paths.autostartEntry, paths.dataFolder + QLatin1String("/writing/s2/.session"),
+                                        paths.dataFolder + QLatin1String("/writing/s2/sys_1_00000.m4a"), paths.dataFolder + QLatin1String("/writing/s2/cam_1_00000.mp4")})
                 writeFile(file);
             Uninstaller u(paths);
             QList<Alert> alerts;
@@ -184,7 +185,7 @@ private Q_SLOTS:
                 writeFile(trash); // a file where the Trash would be: nothing can be moved there
             const QStringList before = filesBelow(home, trash);
             u.start();
-            QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
+            QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("4 recording file(s)"))); // 2 to upload, 2 of a running take
             if (answer != 0) {
                 // The answer is queued, and so is the recorder's stop: two rounds of events would reach a removal.
                 QCoreApplication::processEvents();
@@ -200,7 +201,8 @@ private Q_SLOTS:
             if (noTrash) {
                 // Both folders stay where they were, and the person is told so before the agent goes.
                 QCOMPARE(filesBelow(home, trash), (QStringList{paths.dataFolder + QLatin1String("/log.txt"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
-                                                               app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
+                                                               paths.dataFolder + QLatin1String("/writing/s2/.session"), paths.dataFolder + QLatin1String("/writing/s2/cam_1_00000.mp4"),
+                                                               paths.dataFolder + QLatin1String("/writing/s2/sys_1_00000.m4a"), app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
                 QCOMPARE(readFile(paths.dataFolder + QLatin1String("/log.txt")).count("cannot move to the Trash, left in place"), 2);
                 QVERIFY(alerts.size() == 2 && alerts[1].informative == QLatin1String("Remove by hand what is left:\n") + app + QLatin1Char('\n') + paths.dataFolder);
                 continue;
