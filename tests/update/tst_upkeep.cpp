@@ -1,5 +1,6 @@
 // Upkeep: relaunching into a newer build once the old process has gone, and uninstalling to the
 // Trash with nothing of the agent left outside it.
+#include "AppUpdates.h"
 #include "BuildInfo.h"
 #include "LoginItem.h"
 #include "Relaunch.h"
@@ -115,6 +116,20 @@ private Q_SLOTS:
             QCOMPARE(QString::fromUtf8(readFile(folder + QLatin1String("/started"))).trimmed(), exe);
             QCOMPARE(QDir(work).entryList(QDir::Files), QStringList());
         }
+    }
+
+    // Start at login never points into a temporary folder or the updater's work folders.
+    void loginItemOnlyForLastingPlaces()
+    {
+        QVERIFY(QDir().mkpath(tmp.path() + QLatin1String("/t")));
+        qputenv("TMPDIR", QFile::encodeName(tmp.path() + QLatin1String("/t"))); // apart from the home and its data folder
+        const auto restore = qScopeGuard([] { qunsetenv("TMPDIR"); });
+        const QString verified = QLatin1String("/brava-update-1/verified/Brava Recorder/brava-recorder");
+        const QList<std::pair<QString, bool>> rows = {
+            {QDir::tempPath() + QLatin1String("/x/brava-recorder"), false}, {AppUpdates::defaultWorkRoot() + verified, false},
+            {home + QLatin1String("/Apps/Brava Recorder/brava-recorder"), true}, {QStringLiteral("/usr/lib/brava-recorder/brava-recorder"), true}};
+        for (const auto &[exe, lasting] : rows)
+            QVERIFY2(LoginItem::lastingPlace(exe) == lasting, qPrintable(exe));
     }
 
     void confirmation()
