@@ -10,7 +10,6 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -102,17 +101,10 @@ void Uninstaller::remove()
         beforeRemoving();
     QFile::remove(m_paths.settingsFile);
     QDir().rmdir(QFileInfo(m_paths.settingsFile).path()); // only when empty
+    // This user's own entry goes; a package's entry for every user goes with the package (and a
+    // desktop skips it once the program is gone: TryExec).
+    QFile::remove(m_paths.autostartEntry);
     const AppRemoval removal = removalOf(m_paths.appFolder, m_paths.packageManaged);
-    if (removal != AppRemoval::Package) {
-        QFile::remove(m_paths.autostartEntry);
-    } else {
-        // The package starts the agent at login for every user; this user's hidden copy says no.
-        QDir().mkpath(QFileInfo(m_paths.autostartEntry).path());
-        QSaveFile hidden(m_paths.autostartEntry);
-        if (!hidden.open(QIODevice::WriteOnly) || hidden.write("[Desktop Entry]\nType=Application\nName=Brava Recorder\nHidden=true\n") < 0
-            || !hidden.commit())
-            bravaLog(QStringLiteral("uninstall: cannot switch off the start at login in ") + m_paths.autostartEntry);
-    }
     removeOldWorkFolders();
     // Failures to reach the Trash do not stop the uninstall; nothing is deleted outright, and the
     // person is told what is left before the agent goes.

@@ -10,8 +10,9 @@
 // Removes the agent from this computer after asking: stops the recorder, then moves the
 // program's folder (only an unpacked release in a folder this user owns under the home folder; a
 // package-managed install is left to the package manager and the alert says so) and the data
-// folder to the freedesktop Trash, removes the settings file and the autostart entry (a package's
-// entry for every user is switched off with this user's own hidden copy), deletes the update work
+// folder to the freedesktop Trash, removes the settings file and this user's autostart entry (a
+// package's entry for every user goes with the package, which the alert says to remove; no hidden
+// copy is left to outlive it), deletes the update work
 // folders that earlier versions left in the temporary folder, and quits.
 // Recordings not uploaded yet (pending uploads and the pieces of a running take in writing/) are
 // counted in the alert, whose button then reads "Uninstall Anyway".

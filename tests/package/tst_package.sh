@@ -108,6 +108,7 @@ check "a stop (SIGTERM) ends it as Quit does" sh -c 'tail -n2 "$1" | grep -q "st
 check "dpkg --root removes it" "${dpkg[@]}" --remove brava-recorder
 check "the programs are gone" test ! -e "$root/usr/lib/brava-recorder/brava-recorder" -a ! -L "$root/usr/bin/brava-recorder"
 check "the user's pending recording stays after the removal" test -s "$take"
+check "the autostart entry the removal leaves is skipped without the program" grep -qx "TryExec=brava-recorder" "$root/etc/xdg/autostart/brava-recorder.desktop"
 check "dpkg --root purges it" "${dpkg[@]}" --purge brava-recorder
 check "and after the purge" test -s "$take"
 check "the autostart entry goes with the purge" test ! -e "$root/etc/xdg/autostart/brava-recorder.desktop"
