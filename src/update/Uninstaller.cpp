@@ -41,7 +41,12 @@ Alert Uninstaller::confirmation(int pending, AppRemoval removal, const QString &
 {
     Alert a;
     a.message = QStringLiteral("Uninstall Brava Recorder?");
-    if (pending == 0)
+    // With a package the program itself stays until the package is removed: the first sentence
+    // names only what goes now.
+    if (pending == 0 && removal == AppRemoval::Package)
+        a.informative = QStringLiteral("This removes Brava Recorder's settings and recordings from this computer. "
+                                       "Recordings already sent to the control room aren't affected.");
+    else if (pending == 0)
         a.informative = QStringLiteral("This removes Brava Recorder and its settings from this computer. Recordings "
                                        "already sent to the control room aren't affected.");
     else

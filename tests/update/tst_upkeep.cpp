@@ -141,7 +141,8 @@ private Q_SLOTS:
         const QList<std::tuple<int, R, QString, QString>> rows = { // pending, removal: text, first button; critical while files wait
             {0, R::Trash, none, QStringLiteral("Uninstall")},
             {3, R::Trash, QLatin1String("3") + waiting, QStringLiteral("Uninstall Anyway")},
-            {0, R::Package, none + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the brava-recorder package afterwards."), QStringLiteral("Uninstall")},
+            {0, R::Package, QLatin1String("This removes Brava Recorder's settings and recordings from this computer. Recordings already sent to the control room aren't affected.")
+                                + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the brava-recorder package afterwards."), QStringLiteral("Uninstall")},
             {1, R::ByHand, QLatin1String("1") + waiting + QLatin1String("\n\nThe program's folder stays where it is: /opt/b"), QStringLiteral("Uninstall Anyway")}};
         for (const auto &[pending, removal, text, button] : rows) {
             const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
