@@ -6,6 +6,7 @@
 #include "UpdateAlerts.h"
 
 #include <QDir>
+#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -47,6 +48,9 @@ private Q_SLOTS:
             for (QAbstractButton *b : box->buttons())
                 QVERIFY2(alert.buttons.contains(b->text()), qPrintable(b->text()));
             QCOMPARE(box->defaultButton()->text(), alert.buttons.first());
+            // Wide enough for the title, and the text reads as long lines, not a narrow column.
+            const auto *info = box->findChild<QLabel *>(QStringLiteral("qt_msgbox_informativelabel"));
+            QVERIFY2(box->width() >= AlertBox::kMinWidth && info && info->width() >= AlertBox::kMinWidth * 2 / 3, name);
             QVERIFY(box->grab().save(shots + QLatin1Char('/') + QLatin1String(name) + QStringLiteral(".png")));
             box->defaultButton()->click();
             QTRY_COMPARE(answered, 0);
