@@ -13,6 +13,11 @@ check() { # check "what" command...: one line per check, the failures counted
 }
 has() { grep -q -- "$2" <<<"$1"; }
 
+# scripts/package makes no package that trusts the repository's test key unless told so, and says
+# so before it installs or builds anything.
+refusal=$(BRAVA_PACKAGE_DIR="$work/refused" "$src/scripts/package" -DBRAVA_BUILD=2 2>&1 >/dev/null)
+check "scripts/package refuses to build without an update key" test $? -eq 2 -a ! -e "$work/refused"
+check "and says how to name one" has "$refusal" 'scripts/package -DBRAVA_UPDATE_KEY=/path/to/publisher-public.pem'
 (cd "$build" && cpack -G DEB -B "$work/out") >"$work/cpack.log" 2>&1 || { cat "$work/cpack.log"; echo "FAIL: cpack"; exit 1; }
 deb=$(ls "$work"/out/brava-recorder_*.deb)
 info=$(dpkg-deb --info "$deb")
