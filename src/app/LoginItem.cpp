@@ -55,7 +55,7 @@ void registerCurrentUser()
     if (exe.isEmpty())
         return;
     if (!lastingPlace(exe)) {
-        bravaLog(QStringLiteral("start at login left as it is: this copy runs from a temporary folder (") + exe + QLatin1Char(')'));
+        bravaLog(QStringLiteral("start at login left as it is: this copy runs from a temporary folder or an update's work folder (") + exe + QLatin1Char(')'));
         return;
     }
     QDir().mkpath(QFileInfo(entryPath()).absolutePath());
