@@ -1,5 +1,7 @@
 #include "LoginItem.h"
 
+#include "AppUpdates.h"
+#include "BravaLog.h"
 #include "XdgFolder.h"
 
 #include <QCoreApplication>
@@ -34,11 +36,28 @@ QString entryPath()
     return xdgFolder(XdgFolder::Autostart) + QStringLiteral("/brava-recorder.desktop");
 }
 
+bool lastingPlace(const QString &exe)
+{
+    const auto real = [](const QString &path) -> QString { // a QString, not a builder of temporaries
+        const QString canonical = QFileInfo(path).canonicalFilePath();
+        return (canonical.isEmpty() ? QDir::cleanPath(QFileInfo(path).absoluteFilePath()) : canonical) + QLatin1Char('/');
+    };
+    const QString place = real(exe);
+    for (const QString &passing : {QDir::tempPath(), AppUpdates::defaultWorkRoot()})
+        if (const QString root = real(passing); !passing.isEmpty() && root != QLatin1String("/") && place.startsWith(root))
+            return false;
+    return true;
+}
+
 void registerCurrentUser()
 {
     const QString exe = QCoreApplication::applicationFilePath();
     if (exe.isEmpty())
         return;
+    if (!lastingPlace(exe)) {
+        bravaLog(QStringLiteral("start at login left as it is: this copy runs from a temporary folder or an update's work folder (") + exe + QLatin1Char(')'));
+        return;
+    }
     QDir().mkpath(QFileInfo(entryPath()).absolutePath());
     const QByteArray text = "[Desktop Entry]\n"
                             "Type=Application\n"

@@ -9,7 +9,11 @@ namespace LoginItem {
 QString execQuoted(const QString &path);
 /// Path of the autostart entry ($XDG_CONFIG_HOME/autostart/brava-recorder.desktop).
 QString entryPath();
-/// Writes (or refreshes) the autostart entry for this executable; failures are ignored.
+/// False for an executable that lives where it does not last: under the temporary folder or the
+/// updater's work folders (a verified build started from where it was checked).
+bool lastingPlace(const QString &exe);
+/// Writes (or refreshes) the autostart entry for this executable, unless it lives where it does
+/// not last (then the entry is left as it is, and the log says so); failures are ignored.
 void registerCurrentUser();
 /// Removes the autostart entry.
 void unregister();

@@ -1,6 +1,7 @@
 #include "AlertBox.h"
 
 #include <QAbstractButton>
+#include <QGridLayout>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -26,6 +27,10 @@ QMessageBox *show(const Alert &alert, std::function<void(int)> answer)
         if (answer)
             answer(int(buttons.indexOf(box->clickedButton())));
     });
+    // A message box takes the width of its main text, which for a short one cuts the window's title
+    // and wraps the informative text into many short lines: a spacer across the box keeps it wider.
+    if (auto *grid = qobject_cast<QGridLayout *>(box->layout()))
+        grid->addItem(new QSpacerItem(kMinWidth, 0, QSizePolicy::Fixed, QSizePolicy::Fixed), grid->rowCount(), 0, 1, grid->columnCount());
     box->show();
     box->raise();
     box->activateWindow();

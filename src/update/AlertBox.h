@@ -10,5 +10,7 @@ namespace AlertBox {
 
 /// Shows the alert in front and returns the box (deleted when closed).
 QMessageBox *show(const Alert &alert, std::function<void(int)> answer);
+/// The narrowest box in pixels: room for the title and a few long lines of text.
+constexpr int kMinWidth = 440;
 
 } // namespace AlertBox

@@ -2,6 +2,7 @@
 
 #include "AlertBox.h"
 #include "BravaLog.h"
+#include "DataFolder.h"
 #include "FolderReveal.h"
 #include "ReleaseFeed.h"
 #include "ReleaseVerifier.h"
@@ -12,6 +13,7 @@
 #include <QDir>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QPointer>
 #include <QThread>
 #include <QUuid>
 
@@ -30,9 +32,14 @@ AppUpdates::AppUpdates(QNetworkAccessManager &net, Options options, QObject *par
     , m_options(std::move(options))
 {
     ask = [](const Alert &alert, std::function<void(int)> answer) { AlertBox::show(alert, std::move(answer)); };
-    reveal = [](const QString &path) { FolderReveal::show(path); };
-    if (m_options.tempRoot.isEmpty())
-        m_options.tempRoot = QDir::tempPath();
+    reveal = [](const QString &path, std::function<void()> failed) { FolderReveal::show(path, std::move(failed)); };
+    if (m_options.workRoot.isEmpty())
+        m_options.workRoot = defaultWorkRoot();
+}
+
+QString AppUpdates::defaultWorkRoot()
+{
+    return DataFolder::pathOf(QStringLiteral("updates"));
 }
 
 AppUpdates::~AppUpdates() = default;
@@ -186,14 +193,15 @@ void AppUpdates::download(const Release &release)
     }
     m_checking = true;
     m_verified.clear();
-    const QString work = m_options.tempRoot + QStringLiteral("/brava-update-")
+    const QString work = m_options.workRoot + QStringLiteral("/brava-update-")
         + QUuid::createUuid().toString(QUuid::WithoutBraces);
-    if (::mkdir(QFile::encodeName(work).constData(), 0700) != 0) {
+    if (!QDir().mkpath(m_options.workRoot) || ::mkdir(QFile::encodeName(work).constData(), 0700) != 0) {
         QMetaObject::invokeMethod(
             this, [this] { verified(false, QStringLiteral("cannot make the work folder"), QString(), QString()); },
             Qt::QueuedConnection);
         return;
     }
+    m_work = work;
     const QString file = work + QLatin1Char('/') + UpdatePolicy::archiveName(release.version);
     auto *transfer = new UpdateDownload(m_net, release.url, host(), file + QStringLiteral(".part"),
                                         m_options.maxDownloadBytes, this);
@@ -237,15 +245,31 @@ void AppUpdates::verified(bool ok, const QString &error, const QString &detail, 
     if (!ok) {
         m_lastError = error;
         bravaLog(QStringLiteral("update refused: ") + error + (detail.isEmpty() ? QString() : QStringLiteral(" (") + detail + QLatin1Char(')')));
+        discardWork();
         show(UpdateAlerts::notOpened());
         Q_EMIT downloadFinished(false);
         return;
     }
     m_lastError.clear();
+    m_work.clear(); // kept: the person starts or copies the verified build from there
     m_verified = folder;
     bravaLog(QStringLiteral("update verified: ") + folder);
     handOver();
     Q_EMIT downloadFinished(true);
+}
+
+// A refused or failed download leaves nothing: the whole work folder (a partial archive of up to the
+// cap, an unpacked build that did not verify) goes at once, off the main thread.
+void AppUpdates::discardWork()
+{
+    if (m_work.isEmpty())
+        return;
+    QThread *worker = QThread::create([work = std::exchange(m_work, QString())] {
+        if (!QDir(work).removeRecursively())
+            bravaLog(QStringLiteral("update: cannot remove ") + work);
+    });
+    connect(worker, &QThread::finished, worker, &QObject::deleteLater);
+    worker->start();
 }
 
 void AppUpdates::handOver()
@@ -254,12 +278,15 @@ void AppUpdates::handOver()
         show(UpdateAlerts::verifiedButBusy());
         return;
     }
-    show(UpdateAlerts::verified(m_options.installedFolder, m_options.packageManaged), [this, folder = m_verified](int button) {
+    show(UpdateAlerts::verified(m_options.installedFolder, m_verified, m_options.packageManaged), [this, folder = m_verified](int button) {
         if (button != 0)
             return;
         if (isBusy())
             show(UpdateAlerts::verifiedButBusy());
         else if (reveal)
-            reveal(folder);
+            reveal(folder, [self = QPointer<AppUpdates>(this), folder] {
+                if (self)
+                    self->show(UpdateAlerts::notShown(folder));
+            });
     });
 }

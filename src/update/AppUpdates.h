@@ -33,7 +33,7 @@ public:
         QString installedFolder;    ///< the running agent's folder, named in the instructions
         bool packageManaged = false; ///< installed by the system's package manager
         QByteArray publicKeyPem;    ///< key the release manifest must be signed with
-        QString tempRoot;           ///< where work folders go; the system's temporary folder when empty
+        QString workRoot;           ///< where work folders go; defaultWorkRoot() when empty
         qint64 maxDownloadBytes = BRAVA_UPDATE_MAX_BYTES;
         ArchiveUnpacker::Limits limits;
     };
@@ -51,8 +51,8 @@ public:
     std::function<bool()> isBusy = [] { return true; };
     /// Shows an alert (AlertBox::show unless replaced).
     AskFunction ask;
-    /// Shows the verified folder (FolderReveal::show unless replaced).
-    std::function<void(const QString &)> reveal;
+    /// Shows the verified folder, calling back when nothing could (FolderReveal::show unless replaced).
+    std::function<void(const QString &, std::function<void()>)> reveal;
 
     /// Starts a check unless the build is not locked or one is running; returns at once. An
     /// automatic check in a build without an event web service only logs that no feed is configured.
@@ -75,6 +75,8 @@ public:
     /// The web service host release URLs must be on.
     QString host() const;
 
+    /// The data folder's "updates": found and removed with the data folder, never cleaned by a reboot.
+    static QString defaultWorkRoot();
     /// Version order (UpdatePolicy::newer).
     static bool newer(const QString &a, const QString &b);
 
@@ -93,6 +95,7 @@ private:
                     const QString &sha256);
     void verified(bool ok, const QString &error, const QString &detail, const QString &folder);
     void handOver();
+    void discardWork();
     void show(const Alert &alert, std::function<void(int)> answer = {});
 
     QNetworkAccessManager &m_net;
@@ -102,4 +105,5 @@ private:
     QString m_prompted;
     QString m_lastError;
     QString m_verified;
+    QString m_work; ///< the running download's work folder
 };

@@ -61,8 +61,8 @@ bool ReleaseVerifier::isNativeElf(const QString &path)
 
 ReleaseVerifier::Result ReleaseVerifier::verify(const Input &in)
 {
-    // 1. Unpack.
-    const QString unpackFolder = in.workFolder + QStringLiteral("/verified");
+    // 1. Unpack, into a folder that is named "verified" only once every step below has passed.
+    const QString unpackFolder = in.workFolder + QStringLiteral("/unpacking");
     if (!QDir().mkdir(unpackFolder))
         return fail(kSignatureFailed, QStringLiteral("cannot make the unpack folder"));
     QFile::setPermissions(unpackFolder, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
@@ -139,5 +139,8 @@ ReleaseVerifier::Result ReleaseVerifier::verify(const Input &in)
                                     .toString();
     if (infoVersion != in.version || manifest->version != in.version)
         return fail(kVersionMismatch, QStringLiteral("archive holds version ") + infoVersion);
-    return Result{true, QString(), QString(), app};
+    const QString verified = in.workFolder + QStringLiteral("/verified");
+    if (!QDir().rename(unpackFolder, verified))
+        return fail(kIntegrityFailed, QStringLiteral("cannot name the verified folder"));
+    return Result{true, QString(), QString(), verified + QLatin1Char('/') + top};
 }

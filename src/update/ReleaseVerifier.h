@@ -7,14 +7,15 @@
 
 // Proves a downloaded release archive (already checked against the feed's digest) to be a build of
 // this agent, signed by the publisher, in the expected version, in this order:
-//   1. unpack into <work>/verified (ArchiveUnpacker): a refusal is "Signature validation failed";
+//   1. unpack into <work>/unpacking (ArchiveUnpacker): a refusal is "Signature validation failed";
 //   2. the folder kAppFolder must be there, and nothing beside it: "Download integrity check failed";
 //   3. the manifest's Ed25519 signature, the identifier, and the manifest covering every file and
 //      link of the folder and nothing else (digest, size, mode, target): "Signature validation failed";
 //   4. the assessment: the executable is an ELF for this machine's architecture, no entry is
 //      set-uid or set-gid, no link leaves the folder: "Signature validation failed";
 //   5. the version in the manifest and in the folder's Info.ini equal the release's:
-//      "Update version mismatch".
+//      "Update version mismatch";
+//   6. only then is <work>/unpacking renamed <work>/verified.
 // Blocking; run it off the main thread.
 class ReleaseVerifier
 {

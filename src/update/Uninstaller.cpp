@@ -7,9 +7,9 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -41,7 +41,12 @@ Alert Uninstaller::confirmation(int pending, AppRemoval removal, const QString &
 {
     Alert a;
     a.message = QStringLiteral("Uninstall Brava Recorder?");
-    if (pending == 0)
+    // With a package the program itself stays until the package is removed: the first sentence
+    // names only what goes now.
+    if (pending == 0 && removal == AppRemoval::Package)
+        a.informative = QStringLiteral("This removes Brava Recorder's settings and recordings from this computer. "
+                                       "Recordings already sent to the control room aren't affected.");
+    else if (pending == 0)
         a.informative = QStringLiteral("This removes Brava Recorder and its settings from this computer. Recordings "
                                        "already sent to the control room aren't affected.");
     else
@@ -58,11 +63,22 @@ Alert Uninstaller::confirmation(int pending, AppRemoval removal, const QString &
     return a;
 }
 
+// The pieces of a running take (and of one cut short) are in writing/<session>/ until they are
+// finished and handed to the upload queue; a session folder's notes (".session") are no recording.
+int Uninstaller::piecesBeingWritten() const
+{
+    int pieces = 0;
+    for (QDirIterator it(m_paths.dataFolder + QStringLiteral("/writing"), QDir::Files, QDirIterator::Subdirectories); it.hasNext(); it.next())
+        ++pieces;
+    return pieces;
+}
+
 void Uninstaller::start()
 {
     if (m_running)
         return;
-    const Alert question = confirmation(pendingCount(), removalOf(m_paths.appFolder, m_paths.packageManaged), m_paths.appFolder);
+    const Alert question = confirmation(pendingCount() + piecesBeingWritten(), removalOf(m_paths.appFolder, m_paths.packageManaged),
+                                        m_paths.appFolder);
     m_running = true;
     ask(question, [this](int button) {
         if (button != 0) {
@@ -73,6 +89,16 @@ void Uninstaller::start()
     });
 }
 
+// Downloads and unpacked builds of earlier versions, in the temporary folder: this user's only.
+void Uninstaller::removeOldWorkFolders()
+{
+    const QString root = m_paths.oldWorkRoot.isEmpty() ? QDir::tempPath() : m_paths.oldWorkRoot;
+    const QFileInfoList old = QDir(root).entryInfoList({QStringLiteral("brava-update-*")}, QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden);
+    for (const QFileInfo &work : old)
+        if (!work.isSymLink() && work.ownerId() == ::geteuid() && !QDir(work.filePath()).removeRecursively())
+            bravaLog(QStringLiteral("uninstall: cannot remove ") + work.filePath());
+}
+
 void Uninstaller::remove()
 {
     bravaLog(QStringLiteral("uninstall: removing settings, start at login and the data folder"));
@@ -80,17 +106,11 @@ void Uninstaller::remove()
         beforeRemoving();
     QFile::remove(m_paths.settingsFile);
     QDir().rmdir(QFileInfo(m_paths.settingsFile).path()); // only when empty
+    // This user's own entry goes; a package's entry for every user goes with the package (and a
+    // desktop skips it once the program is gone: TryExec).
+    QFile::remove(m_paths.autostartEntry);
     const AppRemoval removal = removalOf(m_paths.appFolder, m_paths.packageManaged);
-    if (removal != AppRemoval::Package) {
-        QFile::remove(m_paths.autostartEntry);
-    } else {
-        // The package starts the agent at login for every user; this user's hidden copy says no.
-        QDir().mkpath(QFileInfo(m_paths.autostartEntry).path());
-        QSaveFile hidden(m_paths.autostartEntry);
-        if (!hidden.open(QIODevice::WriteOnly) || hidden.write("[Desktop Entry]\nType=Application\nName=Brava Recorder\nHidden=true\n") < 0
-            || !hidden.commit())
-            bravaLog(QStringLiteral("uninstall: cannot switch off the start at login in ") + m_paths.autostartEntry);
-    }
+    removeOldWorkFolders();
     // Failures to reach the Trash do not stop the uninstall; nothing is deleted outright, and the
     // person is told what is left before the agent goes.
     QStringList left;

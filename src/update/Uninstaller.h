@@ -10,9 +10,12 @@
 // Removes the agent from this computer after asking: stops the recorder, then moves the
 // program's folder (only an unpacked release in a folder this user owns under the home folder; a
 // package-managed install is left to the package manager and the alert says so) and the data
-// folder to the freedesktop Trash, removes the settings file and the autostart entry (a package's
-// entry for every user is switched off with this user's own hidden copy), and quits.
-// Pending uploads are named in the alert, whose button then reads "Uninstall Anyway".
+// folder to the freedesktop Trash, removes the settings file and this user's autostart entry (a
+// package's entry for every user goes with the package, which the alert says to remove; no hidden
+// copy is left to outlive it), deletes the update work
+// folders that earlier versions left in the temporary folder, and quits.
+// Recordings not uploaded yet (pending uploads and the pieces of a running take in writing/) are
+// counted in the alert, whose button then reads "Uninstall Anyway".
 class Uninstaller : public QObject
 {
     Q_OBJECT
@@ -24,13 +27,16 @@ public:
         QString settingsFile;
         QString autostartEntry;
         bool packageManaged = false; ///< installed by the system's package manager
+        /// Where earlier versions made their update work folders ("brava-update-*", removed);
+        /// the system's temporary folder when empty. Today's are in the data folder.
+        QString oldWorkRoot;
     };
     /// How the program itself is removed.
     enum class AppRemoval { Trash, Package, ByHand };
 
     explicit Uninstaller(Paths paths, QObject *parent = nullptr);
 
-    /// The number of recordings not uploaded yet.
+    /// The number of recording files waiting in the upload queue.
     std::function<int()> pendingCount = [] { return 0; };
     /// Stops the recorder and calls back once it has stopped.
     std::function<void(std::function<void()>)> stopRecorder = [](std::function<void()> done) { done(); };
@@ -54,6 +60,8 @@ Q_SIGNALS:
 
 private:
     void remove();
+    void removeOldWorkFolders();
+    int piecesBeingWritten() const;
 
     Paths m_paths;
     bool m_running = false;

@@ -29,18 +29,25 @@ Alert offer(const QString &version)
             {QStringLiteral("Download Update"), QStringLiteral("Later")}};
 }
 
-Alert verified(const QString &installedFolder, bool packageManaged)
+Alert verified(const QString &installedFolder, const QString &verifiedFolder, bool packageManaged)
 {
     // A package's folder belongs to the package manager: the new version comes as a package, or
-    // runs from the verified folder.
+    // runs from the verified folder. The verified folder is named whatever the file manager does.
     const QString how = packageManaged
         ? QStringLiteral("This copy was installed with the system's packages (") + installedFolder
             + QStringLiteral("): install the brava-recorder package of the new version, or quit Brava Recorder and "
                              "start the verified one from the folder shown in the file manager.")
         : QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + installedFolder
             + QStringLiteral(") with the verified one shown in the file manager. Open it again.");
-    return {QStringLiteral("Update verified"), how + QStringLiteral(" Your agent number and settings stay saved."),
+    return {QStringLiteral("Update verified"),
+            how + QStringLiteral(" Your agent number and settings stay saved.\n\nThe verified folder: ") + verifiedFolder,
             {QStringLiteral("Show Verified App"), QStringLiteral("Later")}};
+}
+
+Alert notShown(const QString &verifiedFolder)
+{
+    return {QStringLiteral("Couldn’t show the verified folder"),
+            QStringLiteral("No file manager on this computer opened it (the log says why). Open it yourself: ") + verifiedFolder};
 }
 
 Alert verifiedButBusy()

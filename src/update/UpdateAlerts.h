@@ -13,8 +13,10 @@ Alert availableButBusy(const QString &version);
 Alert checkFailed();
 /// The offer of a newer release: "Download Update" or "Later".
 Alert offer(const QString &version);
-/// The verified release with the instructions: "Show Verified App" or "Later".
-Alert verified(const QString &installedFolder, bool packageManaged);
+/// The verified release with the instructions and its folder: "Show Verified App" or "Later".
+Alert verified(const QString &installedFolder, const QString &verifiedFolder, bool packageManaged);
+/// Neither the file manager nor the desktop's opener showed the verified folder.
+Alert notShown(const QString &verifiedFolder);
 /// Verified, but recording or uploads have started.
 Alert verifiedButBusy();
 /// The download or its verification failed.

@@ -13,6 +13,11 @@ check() { # check "what" command...: one line per check, the failures counted
 }
 has() { grep -q -- "$2" <<<"$1"; }
 
+# scripts/package makes no package that trusts the repository's test key unless told so, and says
+# so before it installs or builds anything.
+refusal=$(BRAVA_PACKAGE_DIR="$work/refused" "$src/scripts/package" -DBRAVA_BUILD=2 2>&1 >/dev/null)
+check "scripts/package refuses to build without an update key" test $? -eq 2 -a ! -e "$work/refused"
+check "and says how to name one" has "$refusal" 'scripts/package -DBRAVA_UPDATE_KEY=/path/to/publisher-public.pem'
 (cd "$build" && cpack -G DEB -B "$work/out") >"$work/cpack.log" 2>&1 || { cat "$work/cpack.log"; echo "FAIL: cpack"; exit 1; }
 deb=$(ls "$work"/out/brava-recorder_*.deb)
 info=$(dpkg-deb --info "$deb")
@@ -108,6 +113,7 @@ check "a stop (SIGTERM) ends it as Quit does" sh -c 'tail -n2 "$1" | grep -q "st
 check "dpkg --root removes it" "${dpkg[@]}" --remove brava-recorder
 check "the programs are gone" test ! -e "$root/usr/lib/brava-recorder/brava-recorder" -a ! -L "$root/usr/bin/brava-recorder"
 check "the user's pending recording stays after the removal" test -s "$take"
+check "the autostart entry the removal leaves is skipped without the program" grep -qx "TryExec=brava-recorder" "$root/etc/xdg/autostart/brava-recorder.desktop"
 check "dpkg --root purges it" "${dpkg[@]}" --purge brava-recorder
 check "and after the purge" test -s "$take"
 check "the autostart entry goes with the purge" test ! -e "$root/etc/xdg/autostart/brava-recorder.desktop"

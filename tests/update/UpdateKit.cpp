@@ -51,7 +51,7 @@ std::unique_ptr<AppUpdates> UpdateKit::updater(const QString &version)
 {
     const AppUpdates::Options o{.serverLocked = true, .webBase = base(), .runningVersion = version,
                                 .identifier = QStringLiteral("com.vantorra.brava-recorder"), .installedFolder = installed,
-                                .publicKeyPem = readAll(key(QStringLiteral("test-public.pem"))), .tempRoot = dir.path(), .maxDownloadBytes = kCap};
+                                .publicKeyPem = readAll(key(QStringLiteral("test-public.pem"))), .workRoot = dir.path(), .maxDownloadBytes = kCap};
     auto u = std::make_unique<AppUpdates>(net, o);
     u->ask = [this](const Alert &alert, std::function<void(int)> reply) {
         alerts.append(alert);
@@ -59,6 +59,10 @@ std::unique_ptr<AppUpdates> UpdateKit::updater(const QString &version)
             QMetaObject::invokeMethod(&net, [reply, a = answer] { reply(a); }, Qt::QueuedConnection);
     };
     u->isBusy = [this] { return busy; };
-    u->reveal = [this](const QString &path) { revealed.append(path); };
+    u->reveal = [this](const QString &path, std::function<void()> failed) {
+        revealed.append(path);
+        if (revealFails)
+            failed();
+    };
     return u;
 }

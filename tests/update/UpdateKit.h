@@ -42,5 +42,6 @@ public:
     int answer = -1;
     bool busy = false;
     QStringList revealed;
+    bool revealFails = false; ///< nothing on the desktop can show the folder
     static constexpr qint64 kCap = 1 << 20;
 };

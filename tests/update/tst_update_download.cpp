@@ -3,6 +3,7 @@
 // archives the unpacker refuses.
 #include "ArchiveUnpacker.h"
 #include "ReleaseManifest.h"
+#include "ReleaseVerifier.h"
 #include "TestHome.h"
 #include "TestLiterals.h"
 #include "UpdateDownload.h"
@@ -109,6 +110,10 @@ class UpdateDownloadTest : public QObject
         m_zip = answer.body;
         return {QStringLiteral("recorder"), QStringLiteral("linux"), version, QUrl(kit.base() + path), QString::fromLatin1(QCryptographicHash::hash(m_zip, QCryptographicHash::Sha256).toHex()), true};
     }
+    QStringList workFolders() const
+    {
+        return QDir(kit.dir.path()).entryList({QStringLiteral("brava-update-*")}, QDir::Dirs | QDir::NoDotAndDotDot);
+    }
     void installedUntouched()
     {
         QCOMPARE(QDir(kit.installed).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), strings({"brava-recorder"}));
@@ -124,22 +129,25 @@ private Q_SLOTS:
         const ArchiveUnpacker::Limits limits; // the real limits and time-outs, shortened below
         QVERIFY(limits.maxEntries == 20000 && limits.maxBytes == qint64(4) << 30 && ReleaseManifest::kMaxBytes == 4 << 20);
         QVERIFY(AppUpdates::kFeedTimeoutMs == 20000 && UpdateDownload::kTimeoutMs == 300000);
+        // Work folders live in the data folder (removed with it, never by a reboot), not in /tmp.
+        QCOMPARE(AppUpdates::defaultWorkRoot(), home.root() + QStringLiteral("/data/Brava Recorder/updates"));
     }
     void init()
     {
         kit.alerts.clear();
         kit.revealed.clear();
-        kit.busy = false;
+        kit.busy = kit.revealFails = false;
         kit.answer = 0;
     }
 
     // Idle, busy once verified, or busy again at the click: the file manager only when idle (after
-    // busy at the click, two alerts: the instructions, then busy).
+    // busy at the click, two alerts: the instructions, then busy); when nothing can show the
+    // folder, an alert names it.
     void handOver()
     {
-        const struct { bool busyWhenVerified, busyAtClick; int alerts; } rows[] = {{false, false, 1}, {true, true, 1}, {false, true, 2}};
-        for (const auto &[busyWhenVerified, busyAtClick, alerts] : rows) {
-            kit.alerts.clear(), kit.revealed.clear(), kit.busy = false;
+        const struct { bool busyWhenVerified, busyAtClick, revealFails; int alerts; } rows[] = {{false, false, false, 1}, {true, true, false, 1}, {false, true, false, 2}, {false, false, true, 2}};
+        for (const auto &[busyWhenVerified, busyAtClick, revealFails, alerts] : rows) {
+            kit.alerts.clear(), kit.revealed.clear(), kit.busy = false, kit.revealFails = revealFails;
             auto u = kit.updater();
             QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
             u->download(publish());
@@ -149,15 +157,21 @@ private Q_SLOTS:
             const QString folder = u->verifiedFolder();
             QTRY_COMPARE(kit.alerts.size(), alerts);
             QTRY_COMPARE(kit.revealed, busyAtClick ? QStringList() : QStringList{folder});
-            QCOMPARE(kit.alerts.last().message, QStringLiteral("Update verified"));
             installedUntouched();
             if (busyAtClick) {
+                QCOMPARE(kit.alerts.last().message, QStringLiteral("Update verified"));
                 QCOMPARE(kit.alerts.last().informative, QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
                 continue;
             }
             QCOMPARE(kit.alerts[0].informative, QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + kit.installed
-                                                    + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number and settings stay saved."));
+                                                    + QStringLiteral(") with the verified one shown in the file manager. Open it again. Your agent number and settings stay saved.\n\n"
+                                                                     "The verified folder: ") + folder);
             QCOMPARE(kit.alerts[0].buttons.value(0), QStringLiteral("Show Verified App"));
+            if (revealFails) {
+                QCOMPARE(kit.alerts[1].message + u'|' + kit.alerts[1].informative, QStringLiteral("Couldn’t show the verified folder|No file manager on this computer opened it "
+                                                                                                  "(the log says why). Open it yourself: ") + folder);
+                kit.revealFails = false;
+            }
             QVERIFY2(folder.startsWith(kit.dir.path() + QLatin1String("/brava-update-")) && folder.endsWith(QLatin1String("/verified/Brava Recorder")), qPrintable(folder));
             QCOMPARE(QFile::permissions(QFileInfo(folder).path()) & 0x0077, QFile::Permissions());
             QVERIFY(QFileInfo(folder + QLatin1String("/brava-recorder")).isExecutable());
@@ -220,8 +234,10 @@ private Q_SLOTS:
         QFETCH(QString, detail);
         auto u = kit.updater();
         QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
+        const QStringList kept = workFolders(); // the verified ones of handOver
         u->download(forge());
         QVERIFY(done.wait(20000) && done[0][0].toBool() == false);
+        QTRY_COMPARE(workFolders(), kept); // the whole work folder is gone: partial archive, unpacked files
         QCOMPARE(u->lastError(), error);
         QVERIFY(kit.alerts.size() == 1 && kit.alerts[0].message == QStringLiteral("Update wasn’t opened"));
         QCOMPARE(kit.alerts[0].informative, QStringLiteral("The download or its signature could not be verified. Your installed app is "
@@ -230,6 +246,21 @@ private Q_SLOTS:
         installedUntouched();
         const QString line = home.log().split(QLatin1Char('\n')).filter(QStringLiteral("update refused: ")).last();
         QVERIFY2(line.contains(QStringLiteral("update refused: ") + error) && line.contains(detail), qPrintable(line));
+    }
+
+    // A build is unpacked into "unpacking" and named "verified" only once every check has passed.
+    void verifiedOnlyOnceVerified()
+    {
+        for (const bool tampered : {true, false}) {
+            const Release r = tampered ? publish(QStringLiteral("2.0"), {}, [](const QString &f) { writeFile(f + QLatin1String("/lib/data.txt"), "Release data\n"); }) : publish();
+            const QString work = kit.dir.filePath(QStringLiteral("direct-%1").arg(tampered));
+            QVERIFY(QDir().mkpath(work));
+            writeFile(work + QLatin1String("/a.zip"), m_zip);
+            const ReleaseVerifier::Result result = ReleaseVerifier::verify({work + QLatin1String("/a.zip"), work, r.version, QStringLiteral("com.vantorra.brava-recorder"),
+                                                                            UpdateKit::readAll(UpdateKit::key(QStringLiteral("test-public.pem"))), {}});
+            QCOMPARE(result.ok, !tampered);
+            QCOMPARE(QDir(work).entryList(QDir::Dirs | QDir::NoDotAndDotDot), QStringList{tampered ? QStringLiteral("unpacking") : QStringLiteral("verified")});
+        }
     }
 
     // A release not newer than the running version is never downloaded (rollback), nor is any while busy.

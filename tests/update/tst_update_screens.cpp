@@ -6,6 +6,7 @@
 #include "UpdateAlerts.h"
 
 #include <QDir>
+#include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -25,11 +26,13 @@ private Q_SLOTS:
     void alerts()
     {
         using U = Uninstaller;
+        const QString kVerified = QStringLiteral("/home/agent/.local/share/Brava Recorder/updates/brava-update-0c1d9e2f-5a7b-4c3d-9e8f-1a2b3c4d5e6f/verified/Brava Recorder");
         const QList<std::pair<const char *, Alert>> rows = {
             {"update-up-to-date", UpdateAlerts::upToDate(QStringLiteral("1.9"))}, {"update-available-busy", UpdateAlerts::availableButBusy(QStringLiteral("2.0"))},
             {"update-check-failed", UpdateAlerts::checkFailed()}, {"update-offer", UpdateAlerts::offer(QStringLiteral("2.0"))},
-            {"update-verified", UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"), false)},
-            {"update-verified-package", UpdateAlerts::verified(QStringLiteral("/usr/lib/brava-recorder"), true)},
+            {"update-verified", UpdateAlerts::verified(QStringLiteral("/home/agent/Apps/Brava Recorder"), kVerified, false)},
+            {"update-verified-package", UpdateAlerts::verified(QStringLiteral("/usr/lib/brava-recorder"), kVerified, true)},
+            {"update-not-shown", UpdateAlerts::notShown(kVerified)},
             {"update-verified-busy", UpdateAlerts::verifiedButBusy()}, {"update-not-opened", UpdateAlerts::notOpened()},
             {"uninstall", U::confirmation(0, U::AppRemoval::Trash, QString())}, {"uninstall-pending", U::confirmation(3, U::AppRemoval::Trash, QString())},
             {"uninstall-package", U::confirmation(0, U::AppRemoval::Package, QString())},
@@ -45,6 +48,9 @@ private Q_SLOTS:
             for (QAbstractButton *b : box->buttons())
                 QVERIFY2(alert.buttons.contains(b->text()), qPrintable(b->text()));
             QCOMPARE(box->defaultButton()->text(), alert.buttons.first());
+            // Wide enough for the title, and the text reads as long lines, not a narrow column.
+            const auto *info = box->findChild<QLabel *>(QStringLiteral("qt_msgbox_informativelabel"));
+            QVERIFY2(box->width() >= AlertBox::kMinWidth && info && info->width() >= AlertBox::kMinWidth * 2 / 3, name);
             QVERIFY(box->grab().save(shots + QLatin1Char('/') + QLatin1String(name) + QStringLiteral(".png")));
             box->defaultButton()->click();
             QTRY_COMPARE(answered, 0);

@@ -1,5 +1,6 @@
 // Upkeep: relaunching into a newer build once the old process has gone, and uninstalling to the
 // Trash with nothing of the agent left outside it.
+#include "AppUpdates.h"
 #include "BuildInfo.h"
 #include "LoginItem.h"
 #include "Relaunch.h"
@@ -117,6 +118,20 @@ private Q_SLOTS:
         }
     }
 
+    // Start at login never points into a temporary folder or the updater's work folders.
+    void loginItemOnlyForLastingPlaces()
+    {
+        QVERIFY(QDir().mkpath(tmp.path() + QLatin1String("/t")));
+        qputenv("TMPDIR", QFile::encodeName(tmp.path() + QLatin1String("/t"))); // apart from the home and its data folder
+        const auto restore = qScopeGuard([] { qunsetenv("TMPDIR"); });
+        const QString verified = QLatin1String("/brava-update-1/verified/Brava Recorder/brava-recorder");
+        const QList<std::pair<QString, bool>> rows = {
+            {QDir::tempPath() + QLatin1String("/x/brava-recorder"), false}, {AppUpdates::defaultWorkRoot() + verified, false},
+            {home + QLatin1String("/Apps/Brava Recorder/brava-recorder"), true}, {QStringLiteral("/usr/lib/brava-recorder/brava-recorder"), true}};
+        for (const auto &[exe, lasting] : rows)
+            QVERIFY2(LoginItem::lastingPlace(exe) == lasting, qPrintable(exe));
+    }
+
     void confirmation()
     {
         using R = Uninstaller::AppRemoval;
@@ -126,7 +141,8 @@ private Q_SLOTS:
         const QList<std::tuple<int, R, QString, QString>> rows = { // pending, removal: text, first button; critical while files wait
             {0, R::Trash, none, QStringLiteral("Uninstall")},
             {3, R::Trash, QLatin1String("3") + waiting, QStringLiteral("Uninstall Anyway")},
-            {0, R::Package, none + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the brava-recorder package afterwards."), QStringLiteral("Uninstall")},
+            {0, R::Package, QLatin1String("This removes Brava Recorder's settings and recordings from this computer. Recordings already sent to the control room aren't affected.")
+                                + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the brava-recorder package afterwards."), QStringLiteral("Uninstall")},
             {1, R::ByHand, QLatin1String("1") + waiting + QLatin1String("\n\nThe program's folder stays where it is: /opt/b"), QStringLiteral("Uninstall Anyway")}};
         for (const auto &[pending, removal, text, button] : rows) {
             const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
@@ -160,9 +176,12 @@ private Q_SLOTS:
             QDir(home).removeRecursively();
             const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
             const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
-                                           home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package};
+                                           home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package, tmp.path() + QLatin1String("/tmp")};
+            const QString oldWork = paths.oldWorkRoot + QLatin1String("/brava-update-1/Brava Recorder-2.0-linux.zip.part"), other = paths.oldWorkRoot + QLatin1String("/other/file");
+            writeFile(oldWork), writeFile(other);
             for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
-                                        paths.settingsFile, paths.autostartEntry})
+                                        paths.settingsFile, paths.autostartEntry, paths.dataFolder + QLatin1String("/writing/s2/.session"),
+                                        paths.dataFolder + QLatin1String("/writing/s2/sys_1_00000.m4a"), paths.dataFolder + QLatin1String("/writing/s2/cam_1_00000.mp4")})
                 writeFile(file);
             Uninstaller u(paths);
             QList<Alert> alerts;
@@ -182,7 +201,7 @@ private Q_SLOTS:
                 writeFile(trash); // a file where the Trash would be: nothing can be moved there
             const QStringList before = filesBelow(home, trash);
             u.start();
-            QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("2 recording file(s)")));
+            QVERIFY(alerts.size() == 1 && alerts[0].informative.startsWith(QLatin1String("4 recording file(s)"))); // 2 to upload, 2 of a running take
             if (answer != 0) {
                 // The answer is queued, and so is the recorder's stop: two rounds of events would reach a removal.
                 QCoreApplication::processEvents();
@@ -193,21 +212,22 @@ private Q_SLOTS:
             }
             QTRY_VERIFY(quit);
             QVERIFY(cleared);
+            QVERIFY(!QFileInfo::exists(QFileInfo(oldWork).path()) && QFileInfo::exists(other)); // an earlier version's download, nothing else
             QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
             if (noTrash) {
                 // Both folders stay where they were, and the person is told so before the agent goes.
                 QCOMPARE(filesBelow(home, trash), (QStringList{paths.dataFolder + QLatin1String("/log.txt"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
-                                                               app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
+                                                               paths.dataFolder + QLatin1String("/writing/s2/.session"), paths.dataFolder + QLatin1String("/writing/s2/cam_1_00000.mp4"),
+                                                               paths.dataFolder + QLatin1String("/writing/s2/sys_1_00000.m4a"), app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
                 QCOMPARE(readFile(paths.dataFolder + QLatin1String("/log.txt")).count("cannot move to the Trash, left in place"), 2);
                 QVERIFY(alerts.size() == 2 && alerts[1].informative == QLatin1String("Remove by hand what is left:\n") + app + QLatin1Char('\n') + paths.dataFolder);
                 continue;
             }
             QCOMPARE(alerts.size(), 1);
             if (package) {
-                // The package's folder is the package manager's; the package's start at login for
-                // every user is switched off by this user's hidden copy.
-                QCOMPARE(filesBelow(home, trash), (QStringList{paths.autostartEntry, app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
-                QVERIFY(readFile(paths.autostartEntry).contains("\nHidden=true\n"));
+                // The package's folder is the package manager's; this user's autostart entry goes
+                // (no hidden copy that would outlive the package).
+                QCOMPARE(filesBelow(home, trash), (QStringList{app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
                 QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
                 continue;
             }
