@@ -225,6 +225,18 @@ private Q_SLOTS:
         agent->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=3").arg(port)));
         QTRY_COMPARE(got.size(), 7);
         QCOMPARE(got.last(), QStringLiteral(R"({"on":true,"type":"listen"})"));
+        // End Live: the agent ends both itself; the page is told and nothing asks for them again.
+        to3(*one, R"({"type":"preview","on":true})");
+        QTRY_COMPARE(got.size(), 8);
+        room->command(3, QJsonObject{{QStringLiteral("type"), QStringLiteral("cameras")}, {QStringLiteral("on"), false}});
+        QTRY_COMPARE(feed.filter(QStringLiteral(R"("kind":"ended")")).size(), 2);
+        agent->close();
+        QTRY_COMPARE(room->agentCount(), 0);
+        agent->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=3").arg(port)));
+        QTRY_COMPARE(room->agentCount(), 1);
+        room->send(3, "{}");
+        QTRY_COMPARE(got.last(), QStringLiteral("{}"));
+        QCOMPARE(got.size(), 10);
     }
 
     // A call gives up on a network thread that does not answer, and the room serves on once it does.

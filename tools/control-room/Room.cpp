@@ -357,6 +357,25 @@ int Room::wanting(int id, bool seeing) const
     return n;
 }
 
+bool Room::endStreams(int id)
+{
+    // The agent ended its live audio and preview itself (End Live): each page that had one is
+    // told, shows it off, and nothing asks for it again until the operator presses it again.
+    bool ended = false;
+    for (auto &[_, page] : m_pages) {
+        for (const bool seeing : {false, true}) {
+            int &mine = seeing ? page.preview : page.listen;
+            if (mine == 0 || (id != 0 && mine != id))
+                continue;
+            const QString stream = seeing ? L(Protocol::Command::preview) : L(Protocol::Command::listen);
+            page.link->sendText(bytes({{QStringLiteral("kind"), QStringLiteral("ended")}, {QStringLiteral("stream"), stream},
+                                       {QStringLiteral("agent"), std::exchange(mine, 0)}}));
+            ended = true;
+        }
+    }
+    return ended;
+}
+
 void Room::letGo(Link &page, bool seeing)
 {
     // The agent streams on while another page still wants it.
@@ -370,10 +389,12 @@ QString Room::command(int id, const QJsonObject &c)
 {
     const QString type = c.value(L(Protocol::type)).toString();
     // The wish holds for agents away now too: they are asked again when they come back.
+    const bool endLive = type == L(Protocol::Command::cameras) && !c.value(L(Protocol::Command::on)).toBool();
     if (type == L(Protocol::Command::cameras))
         for (auto &[n, a] : m_records)
             if (id == 0 || n == id)
-                a.camerasOn = c.value(L(Protocol::Command::on)).toBool();
+                a.camerasOn = !endLive;
+    const bool streamsEnded = endLive && endStreams(id);
     int notLive = 0;
     std::set<int> targets;
     for (auto &[_, l] : m_agents)
@@ -393,6 +414,8 @@ QString Room::command(int id, const QJsonObject &c)
         line += QStringLiteral("; warning: no agent connected to take it");
     if (notLive > 0)
         line += QStringLiteral("; warning: %1 of them not live, they record only after \"cameras on\" (Go Live)").arg(notLive);
+    if (streamsEnded)
+        line += QStringLiteral("; listening and previews of it ended: press them again after Go Live");
     return line;
 }
 

@@ -111,6 +111,7 @@ private:
     void pageMessage(WsLink &link, std::string &&message);
     int wanting(int id, bool seeing) const;
     void letGo(Link &page, bool seeing);
+    bool endStreams(int id);
     void feed(const QString &kind, int agent, const QString &text, const QString &link = QString());
     void toPages(const QByteArray &json);
     void say(const QString &line) const;

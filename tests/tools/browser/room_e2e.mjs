@@ -216,6 +216,11 @@ try {
   await page.click('#agent-2 button:text-is("Start")'); // reaches nobody: a warning in red
   await page.waitForSelector('#feed li.sent.warning', { timeout: 10000 });
   await page.screenshot({ path: path.join(screens, '07-agent-away.png') });
+
+  step('End Live ends the preview of agent 1: shown off, not resumed by Go Live');
+  await page.click('#agent-1 button:text-is("End Live")');
+  await page.waitForFunction(() => window.__room.preview === 0 && !document.getElementById('preview').src
+    && document.querySelector('#agent-1 td.actions button:nth-child(5)').className === '', null, { timeout: 10000 });
   step('PASS');
 } catch (e) {
   failed = true;

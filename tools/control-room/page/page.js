@@ -38,6 +38,11 @@ function onText(m) {
     refreshCameras();
   } else if (m.kind === 'feed') {
     addFeed(m.item);
+  } else if (m.kind === 'ended') { // End Live: the agent stopped it; shown off until pressed again
+    if (m.stream === 'listen' && room.listen === m.agent) showListen(0);
+    if (m.stream === 'preview' && room.preview === m.agent) showPreview(0);
+    const row = room.agents.get(m.agent);
+    if (row && row.agent) render(row.agent);
   }
 }
 
@@ -127,8 +132,7 @@ function addFeed(item) {
 async function toggleListen(id) {
   const was = room.listen;
   if (was) send(was, { type: 'listen', on: false });
-  room.listen = was === id ? 0 : id;
-  $('listen-who').textContent = room.listen ? `to agent #${room.listen}` : 'to nobody';
+  showListen(was === id ? 0 : id);
   if (!room.listen) return;
   if (!room.audio) {
     room.audio = new AudioContext({ sampleRate: 48000, latencyHint: 'interactive' });
@@ -139,6 +143,12 @@ async function toggleListen(id) {
   }
   await room.audio.resume();
   send(id, { type: 'listen', on: true });
+}
+
+function showListen(id) {
+  room.listen = id;
+  $('listen-who').textContent = id ? `to agent #${id}` : 'to nobody';
+  if (!id) $('listen-level').style.width = '0%';
 }
 
 function playPcm(source, bytes) {
@@ -156,10 +166,14 @@ function playPcm(source, bytes) {
 function togglePreview(id) {
   const was = room.preview;
   if (was) send(was, { type: 'preview', on: false });
-  room.preview = was === id ? 0 : id;
-  $('preview-who').textContent = room.preview ? `of agent #${room.preview}` : '';
-  if (!room.preview) $('preview').removeAttribute('src');
+  showPreview(was === id ? 0 : id);
   if (room.preview) send(id, { type: 'preview', on: true, hd: $('hd').checked });
+}
+
+function showPreview(id) {
+  room.preview = id;
+  $('preview-who').textContent = id ? `of agent #${id}` : '';
+  if (!id) $('preview').removeAttribute('src');
   refreshCameras();
 }
 
