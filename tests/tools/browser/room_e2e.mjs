@@ -147,7 +147,12 @@ try {
   step('listen to agent 2');
   await page.click('#agent-2 button:text-is("Listen")');
   await page.waitForFunction(() => window.__room.audioSamples > 48000 / 2, null, { timeout: 20000 });
-  const before = await page.evaluate(() => { window.__room.link.close(); return window.__room.audioSamples; });
+  await page.evaluate(() => window.__room.link.close());
+  await page.waitForSelector('#all-live:disabled', { timeout: 5000 }); // nothing pressed while the link is down is lost silently
+  if (await page.evaluate(() => send(1, { type: 'stop' })) || !(await page.textContent('#link-note')).includes('not sent: not connected to the room (stop to #1)')) throw new Error('a command without a link was not refused');
+  await page.waitForSelector('#agent-1 button:text-is("Stop"):enabled', { timeout: 10000 });
+  if (await page.textContent('#link-note')) throw new Error('the note stays after the reconnect');
+  const before = await page.evaluate(() => window.__room.audioSamples);
   await page.waitForFunction((n) => window.__room.audioSamples > n + 48000, before, { timeout: 20000 }); // heard again after a reconnect
   // A second of audio at once is cut down to the jitter buffer (150 ms) rather than heard late.
   const dropped = await page.evaluate(() => {

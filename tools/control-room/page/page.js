@@ -7,22 +7,31 @@ window.__room = room; // for tests and for a look from the console
 
 const $ = (id) => document.getElementById(id);
 
+// Nothing is dropped silently: without a link the buttons are off, and anything else says so.
 function send(to, command) {
-  if (room.link && room.link.readyState === WebSocket.OPEN)
-    room.link.send(JSON.stringify({ to, command }));
+  const up = room.link && room.link.readyState === WebSocket.OPEN;
+  if (up) room.link.send(JSON.stringify({ to, command }));
+  else $('link-note').textContent = `not sent: not connected to the room (${command.type}${to ? ` to #${to}` : ''})`;
+  return up;
+}
+
+function linked(up, text) {
+  $('link-state').textContent = text; $('link-state').className = up ? 'good' : 'bad';
+  for (const b of document.querySelectorAll('button')) b.disabled = !up;
+  if (up) $('link-note').textContent = '';
 }
 
 function connect() {
   const ws = new WebSocket(`ws://${location.host}/page`);
   ws.binaryType = 'arraybuffer';
   ws.onopen = () => {
-    $('link-state').textContent = 'connected'; $('link-state').className = 'good';
+    linked(true, 'connected');
     // A new link starts with nothing on: ask again for what this page shows as on.
     if (room.listen) send(room.listen, { type: 'listen', on: true });
     if (room.preview) send(room.preview, { type: 'preview', on: true, hd: $('hd').checked });
   };
   ws.onclose = () => {
-    $('link-state').textContent = 'not connected — retrying'; $('link-state').className = 'bad';
+    linked(false, 'not connected — retrying');
     setTimeout(connect, 2000);
   };
   ws.onmessage = (e) => (typeof e.data === 'string' ? onText(JSON.parse(e.data)) : onFrame(e.data));
@@ -56,7 +65,8 @@ function makeRow(id) {
   for (const c of columns) { const td = document.createElement('td'); td.className = c; tr.appendChild(td); cells[c] = td; }
   for (const k of ['mic', 'sys']) cells[k].innerHTML = '<div class="meter"><div></div></div>';
   const button = (label, action) => {
-    const b = document.createElement('button'); b.textContent = label; b.onclick = action; cells.actions.appendChild(b); return b;
+    const b = document.createElement('button'); b.textContent = label; b.onclick = action; b.disabled = room.link.readyState !== WebSocket.OPEN;
+    cells.actions.appendChild(b); return b;
   };
   const row = { tr, cells, agent: null };
   row.live = button('Go Live', () => send(id, { type: 'cameras', on: !row.agent.live }));
@@ -235,4 +245,5 @@ $('whisper-send').onclick = () => {
   if (!why) send(to, { type: 'whisper', seat, text });
 };
 
+linked(false, 'connecting…');
 connect();
