@@ -161,8 +161,9 @@ try {
     return new Promise((done) => { const t = setInterval(() => { if (window.__room.audioDropped > was) { clearInterval(t); done(window.__room.audioDropped - was); } }, 20); });
   });
   if (dropped < 48000 - 7200) throw new Error(`a burst of 48000 samples dropped only ${dropped}`);
-  const half = await page.evaluate(() => { playPcm(0, new Uint8Array([0, 0x40])); return document.getElementById('listen-level').style.width; });
-  if (half !== '50%') throw new Error(`0x4000 as 16-bit little-endian is half of full scale, not ${half}`);
+  // Meters in dB from -60 to 0: half of full scale (0x4000, 16-bit little-endian) is -6 dB, speech at 0.01 is a third.
+  const half = await page.evaluate(() => { playPcm(0, new Uint8Array([0, 0x40])); return [document.getElementById('listen-level').style.width, document.querySelector('#listen-box .meter').title, level(0.01), level(0)].join(); });
+  if (half !== '90%,-6 dB,33%,0%') throw new Error(`meters: ${half}`);
   await page.screenshot({ path: path.join(screens, '04-listening.png') });
 
   step('whisper to agent 1');

@@ -80,7 +80,13 @@ function makeRow(id) {
   return row;
 }
 
-function level(value) { return `${Math.round(Math.min(1, Math.max(0, Number(value) || 0)) * 100)}%`; }
+// Meters read in decibels as sound meters do: -60 dB (and silence) at the left, full scale at the right.
+function dB(value) { const v = Math.min(1, Number(value) || 0); return v > 0 ? Math.max(-60, 20 * Math.log10(v)) : -60; }
+function level(value) { return `${Math.round((dB(value) + 60) / 60 * 100)}%`; }
+function meter(bar, value) {
+  bar.style.width = level(value);
+  bar.parentNode.title = dB(value) > -60 ? `${Math.round(dB(value))} dB` : 'silent (below -60 dB)';
+}
 
 function render(a) {
   let row = room.agents.get(a.id);
@@ -101,8 +107,8 @@ function render(a) {
   if (room.listen === a.id) $('listen-who').textContent = `to agent #${a.id}` + (a.connected ? '' : ' (away: resumes when it is back)');
   if (room.listen === a.id && !a.connected) $('listen-level').style.width = '0%';
   if (room.preview === a.id) $('preview-who').textContent = `of agent #${a.id}` + (a.connected ? '' : ' (away)');
-  c.mic.firstChild.firstChild.style.width = level(a.connected && s.mic);
-  c.sys.firstChild.firstChild.style.width = level(a.connected && s.sys);
+  meter(c.mic.firstChild.firstChild, a.connected && s.mic);
+  meter(c.sys.firstChild.firstChild, a.connected && s.sys);
   const cams = s.cams || [];
   const cam = cams.find((x) => x.uid === s.camUID) || cams[0];
   c.devices.textContent = `${s.micName || 'no microphone'} · ${s.cam ? `${cam ? cam.name : 'camera'} ${s.camActive ? 'on' : 'off'}` : 'no camera'}`;
@@ -168,7 +174,7 @@ function playPcm(source, bytes) {
   const samples = new Float32Array(n);
   let peak = 0;
   for (let i = 0; i < n; i++) { samples[i] = view.getInt16(i * 2, true) / 32768; peak = Math.max(peak, Math.abs(samples[i])); }
-  $('listen-level').style.width = level(peak);
+  meter($('listen-level'), peak);
   if (room.node) room.node.port.postMessage({ source, samples }, [samples.buffer]);
 }
 
