@@ -191,6 +191,33 @@ private Q_SLOTS:
         QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
     }
 
+    // Go Live and Start for every agent reach agents that connect later; a command to one agent stays with it.
+    void lateAgentsGetWhatEveryAgentWasAsked()
+    {
+        const auto cmd = [&](int to, const char *json) { return room->command(to, QJsonDocument::fromJson(json).object()); };
+        QVERIFY(cmd(0, R"({"type":"cameras","on":true})").contains(QStringLiteral("; warning: no agent connected now; kept")));
+        cmd(0, R"({"type":"start","session":"s9"})");
+        std::vector<std::unique_ptr<QWebSocket>> links;
+        const auto comes = [&](int id) { // what agent `id` is sent as it connects
+            auto got = std::make_shared<QStringList>();
+            links.push_back(std::make_unique<QWebSocket>());
+            connect(links.back().get(), &QWebSocket::textMessageReceived, this, [got](const QString &m) { got->append(m); });
+            links.back()->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=%2").arg(port).arg(id)));
+            const bool in = QTest::qWaitFor([&] { return room->send(id, "{}") > 0; }, 5000) && QTest::qWaitFor([&] { return got->contains(QStringLiteral("{}")); }, 5000);
+            return in ? got->mid(0, got->indexOf(QStringLiteral("{}"))).join(QLatin1Char(' ')) : QStringLiteral("(no link)");
+        };
+        const QString both = QStringLiteral(R"({"on":true,"type":"cameras"} {"session":"s9","type":"start"})");
+        QCOMPARE(comes(6), both);
+        cmd(6, R"({"type":"stop"})");
+        QCOMPARE(comes(7), both);
+        links.front()->close();
+        QTRY_COMPARE(room->agentCount(), 1);
+        QCOMPARE(comes(6), QStringLiteral(R"({"on":true,"type":"cameras"})")); // back after a drop
+        QCOMPARE(room->state().value(QStringLiteral("all")).toObject(), QJsonObject({{QStringLiteral("live"), true}, {QStringLiteral("session"), QStringLiteral("s9")}}));
+        cmd(0, R"({"type":"cameras","on":false})");
+        QCOMPARE(comes(8), QString());
+    }
+
     // A whisper, listen and preview name one agent; an agent streams while any page still wants it.
     void pagesShareWhatAnAgentStreams()
     {

@@ -37,7 +37,7 @@ struct Room::Agent
     QString summary; // the status without its levels, to print changes only
     bool connected = false;
     bool camerasOn = false; // as this room last asked, kept while the agent is away
-    QString session;        // of the last "start" sent to it
+    QString session;        // of the last "start" sent to it, until a stop or End Live
     int uploading = 0;
     int stored = 0;
     QJsonObject lastEvent;
@@ -73,7 +73,13 @@ void Room::say(const QString &line) const
 
 Room::Agent &Room::record(int id)
 {
-    return m_records[id];
+    // A number first seen now takes what the operator asked of every agent.
+    const auto [it, added] = m_records.try_emplace(id);
+    if (added) {
+        it->second.camerasOn = m_allLive;
+        it->second.session = m_allSession;
+    }
+    return it->second;
 }
 
 quint16 Room::listen(const tcp::endpoint &at)
@@ -202,6 +208,8 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
         a.connected = true;
         if (a.camerasOn && id > 0) // back after a drop or a restart: still live as the operator asked
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::cameras)}, {L(Protocol::Command::on), true}}));
+        if (!a.session.isEmpty() && id > 0) // the same session again is nothing new to an agent that records it
+            l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::start)}, {L(Protocol::Command::session), a.session}}));
         if (id > 0 && wanting(id, false) > 0) // it stopped live audio when its link dropped; a page still listens
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::listen)}, {L(Protocol::Command::on), true}}));
         a.name = q.queryItemValue(L(name), QUrl::FullyDecoded).left(200);
@@ -389,29 +397,36 @@ QString Room::command(int id, const QJsonObject &c)
 {
     const QString type = c.value(L(Protocol::type)).toString();
     // The wish holds for agents away now too: they are asked again when they come back.
+    // What is asked of every agent is kept for agents that connect later too.
     const bool endLive = type == L(Protocol::Command::cameras) && !c.value(L(Protocol::Command::on)).toBool();
-    if (type == L(Protocol::Command::cameras))
-        for (auto &[n, a] : m_records)
-            if (id == 0 || n == id)
-                a.camerasOn = !endLive;
+    const bool start = type == L(Protocol::Command::start);
+    const QString session = start ? c.value(L(Protocol::Command::session)).toString() : QString();
+    if (id == 0 && type == L(Protocol::Command::cameras))
+        m_allLive = !endLive;
+    if (id == 0 && (start || endLive || type == L(Protocol::Command::stop)))
+        m_allSession = session;
+    for (auto &[n, a] : m_records) {
+        if (id != 0 && n != id)
+            continue;
+        if (type == L(Protocol::Command::cameras))
+            a.camerasOn = !endLive;
+        if (start || endLive || type == L(Protocol::Command::stop))
+            a.session = session;
+    }
     const bool streamsEnded = endLive && endStreams(id);
     int notLive = 0;
     std::set<int> targets;
     for (auto &[_, l] : m_agents)
         if (id == 0 || l.id == id)
             targets.insert(l.id);
-    for (int t : targets) {
-        Agent &a = record(t);
-        if (type == L(Protocol::Command::start)) {
-            a.session = c.value(L(Protocol::Command::session)).toString();
-            notLive += !a.camerasOn;
-        }
-    }
+    for (int t : targets)
+        notLive += start && !record(t).camerasOn;
     const int sent = sendRaw(id, bytes(c));
     QString line = QStringLiteral("%1 sent to %2 agent(s)").arg(QString::fromStdString(bytes(c))).arg(sent);
     const bool stream = type == L(Protocol::Command::listen) || type == L(Protocol::Command::preview);
-    if (sent == 0 && !stream && type != L(Protocol::Command::cameras)) // a wish for cameras holds for agents away
-        line += QStringLiteral("; warning: no agent connected to take it");
+    const bool kept = (start || type == L(Protocol::Command::cameras) || type == L(Protocol::Command::stop)) && (id == 0 || m_records.count(id));
+    if (sent == 0 && !stream)
+        line += kept ? QStringLiteral("; warning: no agent connected now; kept for when it connects") : QStringLiteral("; warning: no agent connected to take it");
     if (notLive > 0)
         line += QStringLiteral("; warning: %1 of them not live, they record only after \"cameras on\" (Go Live)").arg(notLive);
     if (streamsEnded)
@@ -563,7 +578,8 @@ QJsonObject Room::state(bool withFiles) const
                                   {QStringLiteral("lastEvent"), a.lastEvent}, {QStringLiteral("onCall"), a.onCall},
                                   {QStringLiteral("os"), a.os}, {QStringLiteral("version"), a.version}});
     }
-    QJsonObject out{{QStringLiteral("name"), m_name}, {QStringLiteral("agents"), agents}, {QStringLiteral("sales"), m_sales.json()}};
+    QJsonObject out{{QStringLiteral("name"), m_name}, {QStringLiteral("agents"), agents}, {QStringLiteral("sales"), m_sales.json()},
+                    {QStringLiteral("all"), QJsonObject{{QStringLiteral("live"), m_allLive}, {QStringLiteral("session"), m_allSession}}}};
     if (withFiles) {
         QJsonArray files;
         for (const QString &f : m_files)

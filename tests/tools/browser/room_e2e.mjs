@@ -98,6 +98,7 @@ try {
   await page.click('#all-start');
   if ((await page.textContent('#session-note')) !== '') throw new Error('a good session still shows a refusal');
   await until('both agents recording', async () => (await state()).agents.every((a) => a.status.recording === true));
+  if ((await page.textContent('#all-state')) !== 'every agent: live · recording e2e-1') throw new Error('the page does not show what every agent was asked');
   const widths = async () => page.$$eval('td.mic .meter > div, td.sys .meter > div', (ds) => ds.map((d) => d.style.width));
   // The tone swells and fades, so each meter that follows the levels (both agents, both columns) shows several widths.
   const seen = [0, 1, 2, 3].map(() => new Set());

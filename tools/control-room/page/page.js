@@ -43,6 +43,7 @@ function onText(m) {
     room.lastState = m;
     if (m.name) { $('room-name').textContent = m.name; document.title = m.name; }
     for (const a of m.agents) render(a);
+    if (m.all) $('all-state').textContent = `every agent: ${m.all.live ? 'live' : 'not live'}${m.all.session ? ` · recording ${m.all.session}` : ''}`;
     if (m.feed) { $('feed').textContent = ''; m.feed.forEach(addFeed); }
     refreshCameras();
   } else if (m.kind === 'feed') {
