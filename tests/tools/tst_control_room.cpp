@@ -214,6 +214,16 @@ private Q_SLOTS:
         QTRY_COMPARE(room->agentCount(), 1);
         QCOMPARE(comes(6), QStringLiteral(R"({"on":true,"type":"cameras"})")); // back after a drop
         QCOMPARE(room->state().value(QStringLiteral("all")).toObject(), QJsonObject({{QStringLiteral("live"), true}, {QStringLiteral("session"), QStringLiteral("s9")}}));
+        // Released: the number's own wishes (here live without a session, listened to) go; the next computer with it is new.
+        const auto page = open(QStringLiteral("/page?token=") + kToken);
+        QSignalSpy feed(page.get(), &QWebSocket::textMessageReceived);
+        page->sendTextMessage(QStringLiteral(R"({"to":6,"command":{"type":"listen","on":true}})"));
+        QTRY_VERIFY(feed.size() >= 2); // the state, then the command in the feed
+        cmd(6, R"({"type":"release"})");
+        QCOMPARE(room->state()[QStringLiteral("agents")][0].toObject().value(QStringLiteral("released")), QJsonValue(true));
+        links.back()->close();
+        QTRY_COMPARE(room->agentCount(), 1);
+        QCOMPARE(comes(6), both);
         cmd(0, R"({"type":"cameras","on":false})");
         QCOMPARE(comes(8), QString());
     }

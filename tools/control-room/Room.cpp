@@ -38,6 +38,7 @@ struct Room::Agent
     bool connected = false;
     bool camerasOn = false; // as this room last asked, kept while the agent is away
     QString session;        // of the last "start" sent to it, until a stop or End Live
+    bool released = false;  // its computer was told to free the number: the next one with it starts afresh
     int uploading = 0;
     int stored = 0;
     QJsonObject lastEvent;
@@ -206,6 +207,10 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
         m_agents[&l] = Link{l.shared_from_this(), id};
         Agent &a = record(id);
         a.connected = true;
+        if (std::exchange(a.released, false)) { // a computer set up with a released number: a new agent
+            a.camerasOn = m_allLive;
+            a.session = m_allSession;
+        }
         if (a.camerasOn && id > 0) // back after a drop or a restart: still live as the operator asked
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::cameras)}, {L(Protocol::Command::on), true}}));
         if (!a.session.isEmpty() && id > 0) // the same session again is nothing new to an agent that records it
@@ -419,8 +424,16 @@ QString Room::command(int id, const QJsonObject &c)
     for (auto &[_, l] : m_agents)
         if (id == 0 || l.id == id)
             targets.insert(l.id);
-    for (int t : targets)
-        notLive += start && !record(t).camerasOn;
+    for (int t : targets) {
+        Agent &a = record(t);
+        notLive += start && !a.camerasOn;
+        if (type == L(Protocol::Command::release)) { // its wishes go with the computer that let go of the number
+            a.released = true;
+            a.camerasOn = false;
+            a.session.clear();
+            endStreams(t);
+        }
+    }
     const int sent = sendRaw(id, bytes(c));
     QString line = QStringLiteral("%1 sent to %2 agent(s)").arg(QString::fromStdString(bytes(c))).arg(sent);
     const bool stream = type == L(Protocol::Command::listen) || type == L(Protocol::Command::preview);
@@ -572,7 +585,7 @@ QJsonObject Room::state(bool withFiles) const
     for (const auto &[id, a] : m_records) {
         if (id == 0)
             continue;
-        agents.append(QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("name"), a.name}, {QStringLiteral("connected"), a.connected},
+        agents.append(QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("name"), a.name}, {QStringLiteral("connected"), a.connected}, {QStringLiteral("released"), a.released},
                                   {QStringLiteral("live"), a.camerasOn}, {QStringLiteral("session"), a.session}, {QStringLiteral("status"), a.status},
                                   {QStringLiteral("uploading"), a.uploading}, {QStringLiteral("stored"), a.stored},
                                   {QStringLiteral("lastEvent"), a.lastEvent}, {QStringLiteral("onCall"), a.onCall},

@@ -228,6 +228,12 @@ try {
   await page.click('#agent-1 button:text-is("End Live")');
   await page.waitForFunction(() => window.__room.preview === 0 && !document.getElementById('preview').src
     && document.querySelector('#agent-1 td.actions button:nth-child(5)').className === '', null, { timeout: 10000 });
+
+  step('release agent 1: shown released, not away');
+  page.once('dialog', (d) => d.accept());
+  await page.click('#agent-1 button:text-is("Release")');
+  await until('agent 1 released', async () => [await row(1, 'link'), await row(1, 'live'), await row(1, 'recording')].join() === 'released,,');
+  await page.screenshot({ path: path.join(screens, '08-released.png') });
   step('PASS');
 } catch (e) {
   failed = true;

@@ -96,13 +96,14 @@ function render(a) {
   const s = a.status || {};
   const c = row.cells;
   // Away, its last status is old news: shown greyed as what it was, and nothing streams from it.
+  // Released, the number is free: nothing of its computer counts any more.
   const was = a.connected ? '' : 'away — was ';
   row.tr.className = a.connected ? (s.recording ? 'recording' : '') : 'away';
   c.id.textContent = a.id;
   c.name.textContent = a.name + (a.onCall ? ' · on a call' : '');
-  c.link.textContent = a.connected ? 'connected' : 'away';
-  c.recording.textContent = was + (s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'not recording');
-  c.live.textContent = was + (a.live ? 'live' : 'not live') + (s.live && a.connected ? ' · heard' : '');
+  c.link.textContent = a.connected ? 'connected' : a.released ? 'released' : 'away';
+  c.recording.textContent = a.released && !a.connected ? '' : was + (s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'not recording');
+  c.live.textContent = a.released && !a.connected ? '' : was + (a.live ? 'live' : 'not live') + (s.live && a.connected ? ' · heard' : '');
   // Listening and the preview wait for an agent that dropped (a blip of its Wi-Fi): the room asks
   // it again when it is back. Meanwhile the buttons say so instead of showing them on.
   if (room.listen === a.id) $('listen-who').textContent = `to agent #${a.id}` + (a.connected ? '' : ' (away: resumes when it is back)');
