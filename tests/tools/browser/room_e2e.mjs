@@ -98,7 +98,7 @@ try {
   await page.click('#all-start');
   if ((await page.textContent('#session-note')) !== '') throw new Error('a good session still shows a refusal');
   await until('both agents recording', async () => (await state()).agents.every((a) => a.status.recording === true));
-  if ((await page.textContent('#all-state')) !== 'every agent: live · recording e2e-1') throw new Error('the page does not show what every agent was asked');
+  await until('what every agent was asked on the page', async () => (await page.textContent('#all-state')) === 'every agent: live · recording e2e-1');
   const widths = async () => page.$$eval('td.mic .meter > div, td.sys .meter > div', (ds) => ds.map((d) => d.style.width));
   // The tone swells and fades, so each meter that follows the levels (both agents, both columns) shows several widths.
   const seen = [0, 1, 2, 3].map(() => new Set());
@@ -171,11 +171,11 @@ try {
   await page.fill('#whisper-text', 'To nobody in particular');
   await page.click('#whisper-send');
   if (!(await page.textContent('#whisper-note')).includes('1 to 110')) throw new Error('a whisper without an agent was not refused');
-  for (const [to, text, why] of [['99', 'hello', 'not connected'], ['1', '  ', 'Write what']]) {
+  for (const [to, text, why] of [['99', 'hello', 'not connected'], ['1', '  ', 'Write what'], ['1', 'w'.repeat(501), 'has 501 characters; the room takes up to 500']]) {
     await page.fill('#whisper-to', to);
     await page.fill('#whisper-text', text);
     await page.click('#whisper-send');
-    if (!(await page.textContent('#whisper-note')).includes(why)) throw new Error(`a whisper to ${to} of "${text}" was not refused with "${why}"`);
+    if (!(await page.textContent('#whisper-note')).includes(why)) throw new Error(`a whisper to ${to} of "${text.slice(0, 20)}" was not refused with "${why}"`);
   }
   await page.fill('#whisper-to', '1');
   await page.fill('#whisper-seat', '3');
@@ -184,6 +184,7 @@ try {
   await page.waitForFunction(() => [...document.querySelectorAll('#feed li.sent')].some((li) => li.textContent.includes('whisper') && li.textContent.includes('to 1 agent')),
     null, { timeout: 10000 });
   const log = (id) => fs.readFileSync(path.join(work, `agent${id}`, 'data', 'Brava Recorder', 'log.txt'), 'utf8');
+  if (await page.inputValue('#whisper-text')) throw new Error('the whisper stays in its box once sent');
   await until('the whisper in agent 1\'s log', () => log(1).includes('whisper from seat 3: Slow down and ask about the budget'));
   if (log(2).includes('whisper') || log(1).includes('To nobody')) throw new Error('a whisper reached the wrong agent');
   await page.screenshot({ path: path.join(screens, '05-whisper.png') });

@@ -249,8 +249,9 @@ $('whisper-send').onclick = () => {
   else if (!row || !row.agent.connected) why = `Agent #${to} is not connected: the whisper would reach nobody.`;
   else if (!(Number.isInteger(seat) && seat >= 0 && seat <= 9999)) why = 'The seat is a number from 0 to 9999.';
   else if (!text.trim()) why = 'Write what to whisper (up to 500 characters).';
+  else if (text.length > 500) why = `The whisper has ${text.length} characters; the room takes up to 500. Shorten it.`;
   $('whisper-note').textContent = why;
-  if (!why) send(to, { type: 'whisper', seat, text });
+  if (!why && send(to, { type: 'whisper', seat, text })) $('whisper-text').value = ''; // pressed again, it is not sent twice
 };
 
 linked(false, 'connecting…');
