@@ -159,6 +159,32 @@ private Q_SLOTS:
         QVERIFY(said.first().first().toString().startsWith(QStringLiteral("upload agent7/full/mic_123_12_final.m4a not stored: cannot write")));
     }
 
+    // A stored file is served whole or as the one range of bytes asked for, so that a player can seek in it.
+    void storedFilesAnswerRanges()
+    {
+        QByteArray body(100000, 0);
+        for (int i = 0; i < body.size(); ++i)
+            body[i] = char(i * 7 + i / 251);
+        QCOMPARE(request("POST", q(QStringLiteral("r")), body).first, 200);
+        const struct { const char *range; int status; const char *contentRange; int first, length; } rows[] = {
+            {"", 200, "", 0, 100000}, {"bytes=100-199", 206, "bytes 100-199/100000", 100, 100}, {"bytes=99990-", 206, "bytes 99990-99999/100000", 99990, 10},
+            {"bytes=-5", 206, "bytes 99995-99999/100000", 99995, 5}, {"bytes=99000-200000", 206, "bytes 99000-99999/100000", 99000, 1000},
+            {"bytes=0-0", 206, "bytes 0-0/100000", 0, 1}, {"bytes=100000-", 416, "bytes */100000", 0, 0}, {"bytes=-0", 416, "bytes */100000", 0, 0},
+            {"bytes=5-1", 200, "", 0, 100000}, {"bytes=0-1,5-6", 200, "", 0, 100000}, {"bytes=x-", 200, "", 0, 100000}};
+        for (const auto &r : rows) {
+            QNetworkRequest get(url(QStringLiteral("/files/agent7/r/mic_123_12_final.m4a")));
+            get.setRawHeader("Authorization", "Bearer " + kToken.toLatin1());
+            if (*r.range)
+                get.setRawHeader("Range", r.range);
+            QNetworkReply *reply = net.get(get);
+            QVERIFY(QSignalSpy(reply, &QNetworkReply::finished).wait(10000));
+            reply->deleteLater();
+            const QByteArray got = reply->readAll();
+            QVERIFY2(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == r.status && reply->rawHeader("Content-Range") == r.contentRange
+                         && (r.status == 416 || (got == body.mid(r.first, r.length) && reply->rawHeader("Accept-Ranges") == "bytes")), r.range);
+        }
+    }
+
     // An oversized frame ends only its own link; a start warns about the agents left that are not live.
     void hugeWebSocketFrameEndsOnlyThatLink()
     {
