@@ -213,6 +213,11 @@ private Q_SLOTS:
         QCOMPARE(again.first().first().toString(), QStringLiteral(R"({"on":true,"type":"cameras"})"));
         QVERIFY(!room->command(0, start).contains(QStringLiteral("not live")));
         QCOMPARE(room->state()[QStringLiteral("agents")][1][QStringLiteral("session")].toString(), QStringLiteral("s1"));
+        good->sendTextMessage(QStringLiteral(R"({"type":"status","recording":true})"));
+        QTRY_VERIFY(room->state()[QStringLiteral("agents")][1][QStringLiteral("status")][QStringLiteral("recording")].toBool());
+        QSignalSpy said(room.get(), &ControlRoomServer::said);
+        room->list();
+        QVERIFY(said.last().first().toString().contains(QStringLiteral(": live, recording s1, ")));
         dropAndBack(false);
         QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
     }
@@ -381,11 +386,17 @@ private Q_SLOTS:
             {"start s1", R"({"session":"s1","type":"start"})"}, {"start ../x", ""}, {"start", ""}, {"quality med", R"({"q":"med","type":"quality"})"},
             {"quality best", ""}, {"cameras on", R"({"on":true,"type":"cameras"})"}, {"listen maybe", ""},
             {"preview on hd", R"({"hd":true,"on":true,"type":"preview"})"}, {"whisper 3 ask  twice", R"({"seat":3,"text":"ask twice","type":"whisper"})"},
-            {"whisper hi there", ""}, {"dance", ""}};
+            {"whisper hi there", ""}, {"dance", ""}, {"preview on ultra", ""}, {"setCam", ""}, {"setCam cam-2", R"({"type":"setCam","uid":"cam-2"})"},
+            {"json {bad", ""}, {"json [1]", ""}, {R"(json  {"type": "x"})", R"({"type":"x"})"}};
         for (const auto &r : rows) {
             QString why;
-            const auto c = CommandWords::fromWords(QString::fromUtf8(r.line).split(QLatin1Char(' '), Qt::SkipEmptyParts), &why);
-            QCOMPARE(c ? QJsonDocument(*c).toJson(QJsonDocument::Compact) : QByteArray(), QByteArray(r.json));
+            const QString line = QString::fromUtf8(r.line);
+            QByteArray got;
+            if (line.startsWith(QLatin1String("json")))
+                got = CommandWords::json(line.mid(4), &why).value_or(QByteArray());
+            else if (const auto c = CommandWords::fromWords(line.split(QLatin1Char(' '), Qt::SkipEmptyParts), &why))
+                got = QJsonDocument(*c).toJson(QJsonDocument::Compact);
+            QCOMPARE(got, QByteArray(r.json));
             QVERIFY2(why.isEmpty() == (*r.json != 0), r.line);
         }
         QString why; // a device uid as long as a sound server's names get

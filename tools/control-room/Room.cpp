@@ -467,9 +467,12 @@ QStringList Room::list() const
         if (it == m_records.end())
             continue;
         const Agent &a = it->second;
-        lines.append(QStringLiteral("agent #%1 %2: %3, live audio %4 bytes, %5 preview frames, %6 stored, %7 uploading")
+        const bool recording = a.status.value(L(Protocol::Status::recording)).toBool();
+        lines.append(QStringLiteral("agent #%1 %2: %3, %4, live audio %5 bytes, %6 preview frames, %7 stored, %8 uploading")
                          .arg(l.id)
-                         .arg(a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"))
+                         .arg(a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"),
+                              recording ? QStringLiteral("recording ") + (a.session.isEmpty() ? QStringLiteral("(a session it had)") : a.session)
+                                        : QStringLiteral("not recording"))
                          .arg(a.liveBytes)
                          .arg(a.previews)
                          .arg(a.stored)

@@ -127,12 +127,15 @@ int main(int argc, char *argv[])
             out << CommandWords::usage() << Qt::flush;
             return;
         }
+        QString reason;
         if (cmd == QLatin1String("json")) {
-            const QByteArray json = line.mid(line.indexOf(QLatin1String("json")) + 4).trimmed().toUtf8();
-            out << "sent to " << room.send(target, json) << " agent(s)" << Qt::endl;
+            const auto json = CommandWords::json(line.mid(line.indexOf(QLatin1String("json")) + 4), &reason);
+            if (json)
+                out << "sent to " << room.send(target, *json) << " agent(s)" << Qt::endl;
+            else
+                out << "refused: " << reason << Qt::endl;
             return;
         }
-        QString reason;
         const auto command = CommandWords::fromWords(words, &reason);
         out << (command ? room.command(target, *command) : QStringLiteral("refused: ") + reason) << Qt::endl;
     };
