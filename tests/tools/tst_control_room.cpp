@@ -271,7 +271,7 @@ private Q_SLOTS:
         QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral("a whisper goes to one agent")));
         one->sendTextMessage(QStringLiteral(R"({"to":110,"command":{"type":"whisper","seat":9999,"text":"%1"}})").arg(QString(500, u'w')));
         QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral(R"("agent":110,"kind":"sent")"))); // the widest whisper goes out
-        QVERIFY(feed.last().contains(QStringLiteral("; warning: no agent connected"))); // to nobody: said so
+        QVERIFY(feed.last().contains(QStringLiteral("→ #110: whisper (seat 9999): www")) && feed.last().contains(QStringLiteral("; warning: no agent connected"))); // to nobody: said so
         const auto to3 = [](QWebSocket &page, const char *command) {
             page.sendTextMessage(QStringLiteral(R"({"to":3,"command":%1})").arg(QLatin1String(command)));
         };

@@ -117,6 +117,26 @@ std::optional<QJsonObject> checked(const QJsonObject &c, QString *why)
     return out;
 }
 
+QString describe(const QJsonObject &c)
+{
+    using namespace Protocol::Command;
+    const QString type = c.value(L(Protocol::type)).toString();
+    const auto onOff = [&] { return c.value(L(on)).toBool() ? QStringLiteral(" on") : QStringLiteral(" off"); };
+    if (type == L(start))
+        return type + QLatin1Char(' ') + c.value(L(session)).toString();
+    if (type == L(cameras) || type == L(listen))
+        return type + onOff();
+    if (type == L(preview))
+        return type + onOff() + (c.value(L(hd)).toBool() ? QStringLiteral(" hd") : QString());
+    if (type == L(quality))
+        return type + QLatin1Char(' ') + c.value(L(q)).toString();
+    if (type == L(whisper))
+        return QStringLiteral("whisper (seat %1): %2").arg(c.value(L(seat)).toInt()).arg(c.value(L(text)).toString());
+    if (type == L(setCam) || type == L(setMic))
+        return type + QLatin1Char(' ') + c.value(L(uid)).toString(QStringLiteral("(the default)"));
+    return type;
+}
+
 QString usage()
 {
     return QStringLiteral(

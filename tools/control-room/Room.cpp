@@ -435,7 +435,9 @@ QString Room::command(int id, const QJsonObject &c)
         }
     }
     const int sent = sendRaw(id, bytes(c));
-    QString line = QStringLiteral("%1 sent to %2 agent(s)").arg(QString::fromStdString(bytes(c))).arg(sent);
+    QString line = QStringLiteral("→ %1: %2 — sent to %3 agent(s)")
+                       .arg(id == 0 ? QStringLiteral("all") : QStringLiteral("#%1").arg(id), CommandWords::describe(c))
+                       .arg(sent);
     const bool stream = type == L(Protocol::Command::listen) || type == L(Protocol::Command::preview);
     const bool kept = (start || type == L(Protocol::Command::cameras) || type == L(Protocol::Command::stop)) && (id == 0 || m_records.count(id));
     if (sent == 0 && !stream)

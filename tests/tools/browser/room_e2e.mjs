@@ -121,6 +121,7 @@ try {
   await page.click('#agent-1 button:text-is("Preview")');
   await page.waitForFunction(() => window.__room.previewFrames > 2, null, { timeout: 20000 });
   await page.waitForFunction(() => document.getElementById('preview').naturalWidth === 480, null, { timeout: 10000 });
+  if ((await page.textContent('#preview-label')) !== '#1 E2E Agent 1') throw new Error('the preview is not labelled with its agent');
   await page.screenshot({ path: path.join(screens, '03-preview.png') });
 
   step('HD preview, then the second camera of agent 1');
@@ -181,8 +182,12 @@ try {
   await page.fill('#whisper-seat', '3');
   await page.fill('#whisper-text', 'Slow down and ask about the budget');
   await page.click('#whisper-send');
-  await page.waitForFunction(() => [...document.querySelectorAll('#feed li.sent')].some((li) => li.textContent.includes('whisper') && li.textContent.includes('to 1 agent')),
+  await page.waitForFunction(() => [...document.querySelectorAll('#feed li.sent')].some((li) => li.textContent.includes('→ #1: whisper (seat 3): Slow down and ask about the budget — sent to 1 agent')),
     null, { timeout: 10000 });
+  // A call for help stands out, and a long text wraps inside the feed.
+  await fetch(`http://127.0.0.1:${port}/event?id=1&type=help&note=${'n'.repeat(200)}`, { method: 'POST' });
+  await page.waitForSelector('#feed li.event.attention', { timeout: 10000 });
+  if (await page.$eval('#feed', (f) => f.scrollWidth > f.clientWidth)) throw new Error('a long feed line does not wrap');
   const log = (id) => fs.readFileSync(path.join(work, `agent${id}`, 'data', 'Brava Recorder', 'log.txt'), 'utf8');
   if (await page.inputValue('#whisper-text')) throw new Error('the whisper stays in its box once sent');
   await until('the whisper in agent 1\'s log', () => log(1).includes('whisper from seat 3: Slow down and ask about the budget'));

@@ -109,6 +109,7 @@ function render(a) {
   if (room.listen === a.id) $('listen-who').textContent = `to agent #${a.id}` + (a.connected ? '' : ' (away: resumes when it is back)');
   if (room.listen === a.id && !a.connected) $('listen-level').style.width = '0%';
   if (room.preview === a.id) $('preview-who').textContent = `of agent #${a.id}` + (a.connected ? '' : ' (away)');
+  if (room.preview === a.id) $('preview-label').textContent = `#${a.id} ${a.name}`; // on the picture: agents' cameras look alike
   meter(c.mic.firstChild.firstChild, a.connected && s.mic);
   meter(c.sys.firstChild.firstChild, a.connected && s.sys);
   const cams = s.cams || [];
@@ -132,9 +133,10 @@ function time(iso) { return iso ? new Date(iso).toLocaleTimeString() : ''; }
 
 function addFeed(item) {
   const li = document.createElement('li');
-  li.className = item.kind + (/; warning: /.test(item.text) ? ' warning' : '');
+  // An agent asking for help stands out; so do warnings.
+  li.className = item.kind + (/; warning: /.test(item.text) ? ' warning' : '') + (item.kind === 'event' && /^help\b/.test(item.text) ? ' attention' : '');
   const t = document.createElement('time'); t.dateTime = item.time; t.textContent = time(item.time);
-  const k = document.createElement('span'); k.className = 'kind'; k.textContent = item.kind + (item.agent ? ` #${item.agent}` : '');
+  const k = document.createElement('span'); k.className = 'kind'; k.textContent = item.kind + (item.agent && item.kind !== 'sent' ? ` #${item.agent}` : ''); // "→ #3: …" names it
   li.append(t, k);
   if (item.link) {
     const a = document.createElement('a'); a.href = item.link; a.target = '_blank'; a.textContent = item.text; li.append(a);
@@ -191,6 +193,7 @@ function togglePreview(id) {
 function showPreview(id) {
   room.preview = id;
   $('preview-who').textContent = id ? `of agent #${id}` : '';
+  if (!id) $('preview-label').textContent = '';
   if (!id) $('preview').removeAttribute('src');
   refreshCameras();
 }
