@@ -192,6 +192,8 @@ asio::awaitable<bool> HttpSession::serve(Head &head)
     if (!head.is_done()) // a GET with a body: not read, so the connection cannot go on
         co_return co_await answer(http::status::bad_request, "a GET has no body\n", "text/plain", false);
 
+    if (is(path, "/favicon.ico")) // what every browser asks for: no icon, and no error in its console
+        co_return co_await answer(http::status::no_content, std::string(), "image/x-icon");
     if (!operatorIn) // the agents' liveness probe gets an answer too
         co_return co_await answer(http::status::unauthorized,
                                   "Brava control room. Open the page with the address printed when the room started (it holds the operator token).\n");

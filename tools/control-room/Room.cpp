@@ -95,7 +95,7 @@ quint16 Room::listen(const tcp::endpoint &at)
     if (!ec)
         acceptor->listen(asio::socket_base::max_listen_connections, ec);
     if (ec) {
-        say(QStringLiteral("cannot listen on port %1: %2").arg(at.port()).arg(QString::fromStdString(ec.message())));
+        say(QStringLiteral("cannot listen on %1 port %2: %3").arg(QString::fromStdString(at.address().to_string())).arg(at.port()).arg(QString::fromStdString(ec.message())));
         return 0;
     }
     m_at = acceptor->local_endpoint();

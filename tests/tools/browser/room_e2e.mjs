@@ -1,7 +1,7 @@
 // The operator's page end to end: the control room, two agents on the test sound server with
 // synthetic cameras, and headless chromium driven by Playwright. Screenshots of each step land
 // in <build>/room-screens/. Skips (exit 77) when chromium or playwright-core is missing.
-import { spawn, execFileSync } from 'node:child_process';
+import { spawn, spawnSync, execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
@@ -59,6 +59,11 @@ try {
   const [port, token] = [Number(address[1]), address[2]];
   const state = async () => (await fetch(`http://127.0.0.1:${port}/api/state`, { headers: { Authorization: `Bearer ${token}` } })).json();
 
+  step('a second room on the same port says so once and leaves no folder');
+  const other = spawnSync(path.join(build, 'brava-control-room'), ['--port', String(port), '--uploads', path.join(work, 'second')], { encoding: 'utf8', timeout: 20000 });
+  if (other.status !== 1 || (other.stdout + other.stderr).split('cannot listen').length !== 2 || fs.existsSync(path.join(work, 'second')))
+    throw new Error(`a room that cannot listen: ${other.status} ${other.stdout}${other.stderr}`);
+
   step('two agents');
   for (const id of [1, 2]) {
     const home = path.join(work, `agent${id}`);
@@ -80,6 +85,8 @@ try {
   browser = await chromium.launch({ executablePath: chromiumPath, env: browserEnv, args: ['--no-sandbox', '--headless', '--disable-gpu',
     '--autoplay-policy=no-user-gesture-required', '--disable-background-networking', '--disable-component-update', '--disable-sync'] });
   const page = await browser.newPage({ viewport: { width: 1400, height: 900 } });
+  const refused = []; // nothing the page asks for (its icon included) is answered with an error
+  page.on('response', (r) => { if (r.status() >= 400) refused.push(`${r.status()} ${r.url()}`); });
   await page.goto(`http://127.0.0.1:${port}/?token=${token}`);
   await page.waitForSelector('#agent-1');
   await page.waitForSelector('#agent-2');
@@ -240,6 +247,7 @@ try {
   await page.click('#agent-1 button:text-is("Release")');
   await until('agent 1 released', async () => [await row(1, 'link'), await row(1, 'live'), await row(1, 'recording')].join() === 'released,,');
   await page.screenshot({ path: path.join(screens, '08-released.png') });
+  if (refused.length) throw new Error(`the page got errors: ${refused.join(', ')}`);
   step('PASS');
 } catch (e) {
   failed = true;

@@ -109,7 +109,7 @@ function render(a) {
   if (room.listen === a.id) $('listen-who').textContent = `to agent #${a.id}` + (a.connected ? '' : ' (away: resumes when it is back)');
   if (room.listen === a.id && !a.connected) $('listen-level').style.width = '0%';
   if (room.preview === a.id) $('preview-who').textContent = `of agent #${a.id}` + (a.connected ? '' : ' (away)');
-  if (room.preview === a.id) $('preview-label').textContent = `#${a.id} ${a.name}`; // on the picture: agents' cameras look alike
+  if (room.preview === a.id) labelPreview();
   meter(c.mic.firstChild.firstChild, a.connected && s.mic);
   meter(c.sys.firstChild.firstChild, a.connected && s.sys);
   const cams = s.cams || [];
@@ -193,9 +193,15 @@ function togglePreview(id) {
 function showPreview(id) {
   room.preview = id;
   $('preview-who').textContent = id ? `of agent #${id}` : '';
-  if (!id) $('preview-label').textContent = '';
+  labelPreview();
   if (!id) $('preview').removeAttribute('src');
   refreshCameras();
+}
+
+// On the picture itself: the agents' cameras look alike.
+function labelPreview() {
+  const row = room.agents.get(room.preview);
+  $('preview-label').textContent = row ? `#${room.preview} ${row.agent.name}` : '';
 }
 
 function refreshCameras() {
