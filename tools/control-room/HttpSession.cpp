@@ -44,8 +44,8 @@ std::optional<std::pair<std::uint64_t, std::uint64_t>> byteRange(std::string_vie
 {
     if (!header.starts_with("bytes=") || header.find(',') != std::string_view::npos || header.find('-') == std::string_view::npos)
         return std::nullopt;
-    const std::string_view spec = header.substr(6);
-    const std::string_view a = spec.substr(0, spec.find('-')), b = spec.substr(spec.find('-') + 1);
+    const std::string_view asked = header.substr(6);
+    const std::string_view a = asked.substr(0, asked.find('-')), b = asked.substr(asked.find('-') + 1);
     const auto first = number(a), last = number(b);
     if (a.empty() && last) // the last n bytes
         return *last == 0 || size == 0 ? std::pair<std::uint64_t, std::uint64_t>(1, 0) : std::pair(size - std::min(*last, size), size - 1);
