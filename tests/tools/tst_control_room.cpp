@@ -159,6 +159,32 @@ private Q_SLOTS:
         QVERIFY(said.first().first().toString().startsWith(QStringLiteral("upload agent7/full/mic_123_12_final.m4a not stored: cannot write")));
     }
 
+    // A stored file is served whole or as the one range of bytes asked for, so that a player can seek in it.
+    void storedFilesAnswerRanges()
+    {
+        QByteArray body(100000, 0);
+        for (int i = 0; i < body.size(); ++i)
+            body[i] = char(i * 7 + i / 251);
+        QCOMPARE(request("POST", q(QStringLiteral("r")), body).first, 200);
+        const struct { const char *range; int status; const char *contentRange; int first, length; } rows[] = {
+            {"", 200, "", 0, 100000}, {"bytes=100-199", 206, "bytes 100-199/100000", 100, 100}, {"bytes=99990-", 206, "bytes 99990-99999/100000", 99990, 10},
+            {"bytes=-5", 206, "bytes 99995-99999/100000", 99995, 5}, {"bytes=99000-200000", 206, "bytes 99000-99999/100000", 99000, 1000},
+            {"bytes=0-0", 206, "bytes 0-0/100000", 0, 1}, {"bytes=100000-", 416, "bytes */100000", 0, 0}, {"bytes=-0", 416, "bytes */100000", 0, 0},
+            {"bytes=5-1", 200, "", 0, 100000}, {"bytes=0-1,5-6", 200, "", 0, 100000}, {"bytes=x-", 200, "", 0, 100000}};
+        for (const auto &r : rows) {
+            QNetworkRequest get(url(QStringLiteral("/files/agent7/r/mic_123_12_final.m4a")));
+            get.setRawHeader("Authorization", "Bearer " + kToken.toLatin1());
+            if (*r.range)
+                get.setRawHeader("Range", r.range);
+            QNetworkReply *reply = net.get(get);
+            QVERIFY(QSignalSpy(reply, &QNetworkReply::finished).wait(10000));
+            reply->deleteLater();
+            const QByteArray got = reply->readAll();
+            QVERIFY2(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == r.status && reply->rawHeader("Content-Range") == r.contentRange
+                         && (r.status == 416 || (got == body.mid(r.first, r.length) && reply->rawHeader("Accept-Ranges") == "bytes")), r.range);
+        }
+    }
+
     // An oversized frame ends only its own link; a start warns about the agents left that are not live.
     void hugeWebSocketFrameEndsOnlyThatLink()
     {
@@ -187,8 +213,50 @@ private Q_SLOTS:
         QCOMPARE(again.first().first().toString(), QStringLiteral(R"({"on":true,"type":"cameras"})"));
         QVERIFY(!room->command(0, start).contains(QStringLiteral("not live")));
         QCOMPARE(room->state()[QStringLiteral("agents")][1][QStringLiteral("session")].toString(), QStringLiteral("s1"));
+        good->sendTextMessage(QStringLiteral(R"({"type":"status","recording":true})"));
+        QTRY_VERIFY(room->state()[QStringLiteral("agents")][1][QStringLiteral("status")][QStringLiteral("recording")].toBool());
+        QSignalSpy said(room.get(), &ControlRoomServer::said);
+        room->list();
+        QVERIFY(said.last().first().toString().contains(QStringLiteral(": live, recording s1, ")));
         dropAndBack(false);
         QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
+    }
+
+    // Go Live and Start for every agent reach agents that connect later; a command to one agent stays with it.
+    void lateAgentsGetWhatEveryAgentWasAsked()
+    {
+        const auto cmd = [&](int to, const char *json) { return room->command(to, QJsonDocument::fromJson(json).object()); };
+        QVERIFY(cmd(0, R"({"type":"cameras","on":true})").contains(QStringLiteral("; warning: no agent connected now; kept")));
+        cmd(0, R"({"type":"start","session":"s9"})");
+        std::vector<std::unique_ptr<QWebSocket>> links;
+        const auto comes = [&](int id) { // what agent `id` is sent as it connects
+            auto got = std::make_shared<QStringList>();
+            links.push_back(std::make_unique<QWebSocket>());
+            connect(links.back().get(), &QWebSocket::textMessageReceived, this, [got](const QString &m) { got->append(m); });
+            links.back()->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=%2").arg(port).arg(id)));
+            const bool in = QTest::qWaitFor([&] { return room->send(id, "{}") > 0; }, 5000) && QTest::qWaitFor([&] { return got->contains(QStringLiteral("{}")); }, 5000);
+            return in ? got->mid(0, got->indexOf(QStringLiteral("{}"))).join(QLatin1Char(' ')) : QStringLiteral("(no link)");
+        };
+        const QString both = QStringLiteral(R"({"on":true,"type":"cameras"} {"session":"s9","type":"start"})");
+        QCOMPARE(comes(6), both);
+        cmd(6, R"({"type":"stop"})");
+        QCOMPARE(comes(7), both);
+        links.front()->close();
+        QTRY_COMPARE(room->agentCount(), 1);
+        QCOMPARE(comes(6), QStringLiteral(R"({"on":true,"type":"cameras"})")); // back after a drop
+        QCOMPARE(room->state().value(QStringLiteral("all")).toObject(), QJsonObject({{QStringLiteral("live"), true}, {QStringLiteral("session"), QStringLiteral("s9")}}));
+        // Released: the number's own wishes (here live without a session, listened to) go; the next computer with it is new.
+        const auto page = open(QStringLiteral("/page?token=") + kToken);
+        QSignalSpy feed(page.get(), &QWebSocket::textMessageReceived);
+        page->sendTextMessage(QStringLiteral(R"({"to":6,"command":{"type":"listen","on":true}})"));
+        QTRY_VERIFY(feed.size() >= 2); // the state, then the command in the feed
+        cmd(6, R"({"type":"release"})");
+        QCOMPARE(room->state()[QStringLiteral("agents")][0].toObject().value(QStringLiteral("released")), QJsonValue(true));
+        links.back()->close();
+        QTRY_COMPARE(room->agentCount(), 1);
+        QCOMPARE(comes(6), both);
+        cmd(0, R"({"type":"cameras","on":false})");
+        QCOMPARE(comes(8), QString());
     }
 
     // A whisper, listen and preview name one agent; an agent streams while any page still wants it.
@@ -203,7 +271,7 @@ private Q_SLOTS:
         QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral("a whisper goes to one agent")));
         one->sendTextMessage(QStringLiteral(R"({"to":110,"command":{"type":"whisper","seat":9999,"text":"%1"}})").arg(QString(500, u'w')));
         QTRY_VERIFY(feed.join(QString()).contains(QStringLiteral(R"("agent":110,"kind":"sent")"))); // the widest whisper goes out
-        QVERIFY(feed.last().contains(QStringLiteral("; warning: no agent connected"))); // to nobody: said so
+        QVERIFY(feed.last().contains(QStringLiteral("→ #110: whisper (seat 9999): www")) && feed.last().contains(QStringLiteral("; warning: no agent connected"))); // to nobody: said so
         const auto to3 = [](QWebSocket &page, const char *command) {
             page.sendTextMessage(QStringLiteral(R"({"to":3,"command":%1})").arg(QLatin1String(command)));
         };
@@ -225,6 +293,18 @@ private Q_SLOTS:
         agent->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=3").arg(port)));
         QTRY_COMPARE(got.size(), 7);
         QCOMPARE(got.last(), QStringLiteral(R"({"on":true,"type":"listen"})"));
+        // End Live: the agent ends both itself; the page is told and nothing asks for them again.
+        to3(*one, R"({"type":"preview","on":true})");
+        QTRY_COMPARE(got.size(), 8);
+        room->command(3, QJsonObject{{QStringLiteral("type"), QStringLiteral("cameras")}, {QStringLiteral("on"), false}});
+        QTRY_COMPARE(feed.filter(QStringLiteral(R"("kind":"ended")")).size(), 2);
+        agent->close();
+        QTRY_COMPARE(room->agentCount(), 0);
+        agent->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=3").arg(port)));
+        QTRY_COMPARE(room->agentCount(), 1);
+        room->send(3, "{}");
+        QTRY_COMPARE(got.last(), QStringLiteral("{}"));
+        QCOMPARE(got.size(), 10);
     }
 
     // A call gives up on a network thread that does not answer, and the room serves on once it does.
@@ -271,7 +351,7 @@ private Q_SLOTS:
         const QList<std::tuple<QByteArray, QByteArray, int>> rows = {
             {"/", {}, 401}, {"/?token=" + token, {}, 200}, {"/?token=" + zeros, {}, 401}, {"/api/state", {}, 401}, {"/api/state", bearer, 200},
             {"/api/state", bearer.left(20), 401}, {"/api/state", "brava_token=" + token, 200}, {"/api/state", "brava_token=" + zeros, 401},
-            {"/worklet.js", bearer, 200}, {"/files/../../etc/passwd", bearer, 404}};
+            {"/worklet.js", bearer, 200}, {"/files/../../etc/passwd", bearer, 404}, {"/favicon.ico", {}, 204}};
         for (const auto &[path, auth, status] : rows)
             QVERIFY2(request("GET", QString::fromLatin1(path), {}, auth).first == status, QByteArray(path + ' ' + auth).constData());
         // An HTTP/1.0 client is answered in its own version; the cookie stays with this site.
@@ -306,11 +386,17 @@ private Q_SLOTS:
             {"start s1", R"({"session":"s1","type":"start"})"}, {"start ../x", ""}, {"start", ""}, {"quality med", R"({"q":"med","type":"quality"})"},
             {"quality best", ""}, {"cameras on", R"({"on":true,"type":"cameras"})"}, {"listen maybe", ""},
             {"preview on hd", R"({"hd":true,"on":true,"type":"preview"})"}, {"whisper 3 ask  twice", R"({"seat":3,"text":"ask twice","type":"whisper"})"},
-            {"whisper hi there", ""}, {"dance", ""}};
+            {"whisper hi there", ""}, {"dance", ""}, {"preview on ultra", ""}, {"setCam", ""}, {"setCam cam-2", R"({"type":"setCam","uid":"cam-2"})"},
+            {"json {bad", ""}, {"json [1]", ""}, {R"(json  {"type": "x"})", R"({"type":"x"})"}};
         for (const auto &r : rows) {
             QString why;
-            const auto c = CommandWords::fromWords(QString::fromUtf8(r.line).split(QLatin1Char(' '), Qt::SkipEmptyParts), &why);
-            QCOMPARE(c ? QJsonDocument(*c).toJson(QJsonDocument::Compact) : QByteArray(), QByteArray(r.json));
+            const QString line = QString::fromUtf8(r.line);
+            QByteArray got;
+            if (line.startsWith(QLatin1String("json")))
+                got = CommandWords::json(line.mid(4), &why).value_or(QByteArray());
+            else if (const auto c = CommandWords::fromWords(line.split(QLatin1Char(' '), Qt::SkipEmptyParts), &why))
+                got = QJsonDocument(*c).toJson(QJsonDocument::Compact);
+            QCOMPARE(got, QByteArray(r.json));
             QVERIFY2(why.isEmpty() == (*r.json != 0), r.line);
         }
         QString why; // a device uid as long as a sound server's names get

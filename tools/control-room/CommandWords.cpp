@@ -4,6 +4,8 @@
 #include "StrictInt.h"
 #include "UploadPlace.h"
 
+#include <QJsonDocument>
+
 namespace {
 QString L(const char *word)
 {
@@ -40,6 +42,8 @@ std::optional<QJsonObject> fromWords(const QStringList &w, QString *why)
         if (!flag)
             return refuse(why, QStringLiteral("say on or off"));
         o.insert(L(on), *flag);
+        if (cmd == L(preview) && !w.value(2).isEmpty() && w.value(2) != QLatin1String("hd"))
+            return refuse(why, QStringLiteral("preview on|off [hd]"));
         if (cmd == L(preview))
             o.insert(L(hd), w.value(2) == QLatin1String("hd"));
     } else if (cmd == L(quality))
@@ -50,9 +54,23 @@ std::optional<QJsonObject> fromWords(const QStringList &w, QString *why)
             return refuse(why, QStringLiteral("whisper <seat> <text>"));
         o.insert(L(seat), *s);
         o.insert(L(text), w.mid(2).join(QLatin1Char(' ')));
-    } else if (cmd == L(setCam) || cmd == L(setMic))
+    } else if (cmd == L(setCam) || cmd == L(setMic)) {
+        if (w.value(1).isEmpty())
+            return refuse(why, cmd + QStringLiteral(" <uid>: name the device"));
         o.insert(L(uid), w.value(1));
+    }
     return checked(o, why);
+}
+
+std::optional<QByteArray> json(const QString &text, QString *why)
+{
+    QJsonParseError error;
+    const QJsonDocument d = QJsonDocument::fromJson(text.trimmed().toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError || !d.isObject()) {
+        *why = QStringLiteral("json takes one JSON object, {...}");
+        return std::nullopt;
+    }
+    return d.toJson(QJsonDocument::Compact);
 }
 
 std::optional<QJsonObject> checked(const QJsonObject &c, QString *why)
@@ -99,6 +117,26 @@ std::optional<QJsonObject> checked(const QJsonObject &c, QString *why)
     return out;
 }
 
+QString describe(const QJsonObject &c)
+{
+    using namespace Protocol::Command;
+    const QString type = c.value(L(Protocol::type)).toString();
+    const auto onOff = [&] { return c.value(L(on)).toBool() ? QStringLiteral(" on") : QStringLiteral(" off"); };
+    if (type == L(start))
+        return type + QLatin1Char(' ') + c.value(L(session)).toString();
+    if (type == L(cameras) || type == L(listen))
+        return type + onOff();
+    if (type == L(preview))
+        return type + onOff() + (c.value(L(hd)).toBool() ? QStringLiteral(" hd") : QString());
+    if (type == L(quality))
+        return type + QLatin1Char(' ') + c.value(L(q)).toString();
+    if (type == L(whisper))
+        return QStringLiteral("whisper (seat %1): %2").arg(c.value(L(seat)).toInt()).arg(c.value(L(text)).toString());
+    if (type == L(setCam) || type == L(setMic))
+        return type + QLatin1Char(' ') + c.value(L(uid)).toString(QStringLiteral("(the default)"));
+    return type;
+}
+
 QString usage()
 {
     return QStringLiteral(
@@ -110,11 +148,13 @@ QString usage()
         "  preview on|off [hd]   camera preview pictures\n"
         "  quality low|med|full  upload quality\n"
         "  whisper <seat> <text> a coaching message from the mentor at <seat>\n"
-        "  setCam <uid> | setMic <uid>\n"
+        "  setCam <uid>          preview this camera\n"
+        "  setMic <uid>          record this microphone\n"
         "  release               free the agent number\n"
-        "  json {...}            send this JSON as it is\n"
-        "  list                  the connected agents\n"
-        "  quit\n");
+        "  json {...}            send this JSON object as it is\n"
+        "  list                  the connected agents: live, recording and session, what arrived\n"
+        "  help                  this list\n"
+        "  quit                  stop the room\n");
 }
 
 } // namespace CommandWords

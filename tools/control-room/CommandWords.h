@@ -13,6 +13,10 @@ namespace CommandWords {
 std::optional<QJsonObject> fromWords(const QStringList &words, QString *why);
 /// The command if it is one agents understand with arguments of the right kind and size.
 std::optional<QJsonObject> checked(const QJsonObject &command, QString *why);
+/// The compact text of a typed "json" line's object, or nothing with the reason.
+std::optional<QByteArray> json(const QString &text, QString *why);
+/// A checked command in words for the operator ("start s1", "whisper (seat 3): hi").
+QString describe(const QJsonObject &command);
 /// The usage text of the typed commands.
 QString usage();
 } // namespace CommandWords

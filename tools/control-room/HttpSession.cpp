@@ -1,5 +1,6 @@
 #include "HttpSession.h"
 
+#include "FileWindow.h"
 #include "Protocol.h"
 #include "Room.h"
 #include "UploadPlace.h"
@@ -9,6 +10,7 @@
 #include <QRandomGenerator>
 #include <QUrlQuery>
 
+#include <charconv>
 #include <cerrno>
 #include <filesystem>
 #include <vector>
@@ -27,6 +29,31 @@ bool diskFault(const beast::error_code &ec)
 {
     return ec.category() == beast::system_category()
            && (ec.value() == ENOSPC || ec.value() == EDQUOT || ec.value() == EFBIG || ec.value() == EIO || ec.value() == EROFS);
+}
+std::optional<std::uint64_t> number(std::string_view digits)
+{
+    std::uint64_t n = 0;
+    const auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), n);
+    return !digits.empty() && ec == std::errc() && end == digits.data() + digits.size() ? std::optional(n) : std::nullopt;
+}
+
+// The bytes a Range header asks of a file of `size` bytes, as first and last: nothing when it
+// asks for the whole file (no header, several ranges, a form not understood), first > last when
+// the file has none of them.
+std::optional<std::pair<std::uint64_t, std::uint64_t>> byteRange(std::string_view header, std::uint64_t size)
+{
+    if (!header.starts_with("bytes=") || header.find(',') != std::string_view::npos || header.find('-') == std::string_view::npos)
+        return std::nullopt;
+    const std::string_view asked = header.substr(6);
+    const std::string_view a = asked.substr(0, asked.find('-')), b = asked.substr(asked.find('-') + 1);
+    const auto first = number(a), last = number(b);
+    if (a.empty() && last) // the last n bytes
+        return *last == 0 || size == 0 ? std::pair<std::uint64_t, std::uint64_t>(1, 0) : std::pair(size - std::min(*last, size), size - 1);
+    if (!first || (!b.empty() && (!last || *last < *first)))
+        return std::nullopt;
+    if (*first >= size)
+        return std::pair<std::uint64_t, std::uint64_t>(1, 0);
+    return std::pair(*first, std::min(last.value_or(size - 1), size - 1));
 }
 } // namespace
 
@@ -165,6 +192,8 @@ asio::awaitable<bool> HttpSession::serve(Head &head)
     if (!head.is_done()) // a GET with a body: not read, so the connection cannot go on
         co_return co_await answer(http::status::bad_request, "a GET has no body\n", "text/plain", false);
 
+    if (is(path, "/favicon.ico")) // what every browser asks for: no icon, and no error in its console
+        co_return co_await answer(http::status::no_content, std::string(), "image/x-icon");
     if (!operatorIn) // the agents' liveness probe gets an answer too
         co_return co_await answer(http::status::unauthorized,
                                   "Brava control room. Open the page with the address printed when the room started (it holds the operator token).\n");
@@ -174,7 +203,7 @@ asio::awaitable<bool> HttpSession::serve(Head &head)
         const QString rel = url.path(QUrl::FullyDecoded).mid(7);
         if (!m_room.fileKnown(rel))
             co_return co_await answer(http::status::not_found, "no such file\n");
-        co_return co_await sendFile(m_room.uploads().filePath(rel));
+        co_return co_await sendFile(m_room.uploads().filePath(rel), req[http::field::range]);
     }
     if (const std::string *asset = m_room.asset(std::string(path))) {
         const char *type = path.ends_with(".js") ? "text/javascript; charset=utf-8"
@@ -280,11 +309,34 @@ asio::awaitable<bool> HttpSession::answer(http::status status, std::string body,
     co_return !ec && keep;
 }
 
-asio::awaitable<bool> HttpSession::sendFile(const QString &path)
+asio::awaitable<bool> HttpSession::sendFile(const QString &path, std::string_view range)
 {
-    http::response<http::file_body> res{http::status::ok, m_version};
+    // A player seeks in a long recording by asking for one range of its bytes at a time.
+    http::response<http::basic_file_body<FileWindow>> res{http::status::ok, m_version};
     beast::error_code ec;
-    res.body().open(path.toStdString().c_str(), beast::file_mode::scan, ec);
+    FileWindow file;
+    file.open(path.toStdString().c_str(), beast::file_mode::scan, ec);
+    const std::uint64_t size = file.size(ec);
+    if (ec)
+        co_return co_await answer(http::status::not_found, "no such file\n");
+    res.set(http::field::accept_ranges, "bytes");
+    if (const auto part = byteRange(range, size)) {
+        if (part->first > part->second) {
+            http::response<http::string_body> refusal{http::status::range_not_satisfiable, m_version};
+            refusal.set(http::field::server, "brava-control-room");
+            refusal.set(http::field::content_range, "bytes */" + std::to_string(size));
+            refusal.prepare_payload();
+            m_stream.expires_after(kIdle);
+            co_await http::async_write(m_stream, refusal, noThrow(ec));
+            co_return !ec;
+        }
+        file.narrow(part->first, part->second - part->first + 1, ec);
+        if (ec)
+            co_return co_await answer(http::status::internal_server_error, "cannot read the file\n");
+        res.result(http::status::partial_content);
+        res.set(http::field::content_range, "bytes " + std::to_string(part->first) + '-' + std::to_string(part->second) + '/' + std::to_string(size));
+    }
+    res.body().reset(std::move(file), ec);
     if (ec)
         co_return co_await answer(http::status::not_found, "no such file\n");
     const QString suffix = QFileInfo(path).suffix();

@@ -36,7 +36,7 @@ private:
     asio::awaitable<std::optional<std::string>> receiveSmall(Head &head);
     asio::awaitable<bool> answer(http::status status, std::string body, const char *type = "text/plain; charset=utf-8",
                                  bool keep = true, std::string cookie = {});
-    asio::awaitable<bool> sendFile(const QString &path);
+    asio::awaitable<bool> sendFile(const QString &path, std::string_view range);
 
     beast::tcp_stream m_stream;
     beast::flat_buffer m_buffer;

@@ -37,7 +37,8 @@ struct Room::Agent
     QString summary; // the status without its levels, to print changes only
     bool connected = false;
     bool camerasOn = false; // as this room last asked, kept while the agent is away
-    QString session;        // of the last "start" sent to it
+    QString session;        // of the last "start" sent to it, until a stop or End Live
+    bool released = false;  // its computer was told to free the number: the next one with it starts afresh
     int uploading = 0;
     int stored = 0;
     QJsonObject lastEvent;
@@ -73,7 +74,13 @@ void Room::say(const QString &line) const
 
 Room::Agent &Room::record(int id)
 {
-    return m_records[id];
+    // A number first seen now takes what the operator asked of every agent.
+    const auto [it, added] = m_records.try_emplace(id);
+    if (added) {
+        it->second.camerasOn = m_allLive;
+        it->second.session = m_allSession;
+    }
+    return it->second;
 }
 
 quint16 Room::listen(const tcp::endpoint &at)
@@ -88,7 +95,7 @@ quint16 Room::listen(const tcp::endpoint &at)
     if (!ec)
         acceptor->listen(asio::socket_base::max_listen_connections, ec);
     if (ec) {
-        say(QStringLiteral("cannot listen on port %1: %2").arg(at.port()).arg(QString::fromStdString(ec.message())));
+        say(QStringLiteral("cannot listen on %1 port %2: %3").arg(QString::fromStdString(at.address().to_string())).arg(at.port()).arg(QString::fromStdString(ec.message())));
         return 0;
     }
     m_at = acceptor->local_endpoint();
@@ -200,8 +207,14 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
         m_agents[&l] = Link{l.shared_from_this(), id};
         Agent &a = record(id);
         a.connected = true;
+        if (std::exchange(a.released, false)) { // a computer set up with a released number: a new agent
+            a.camerasOn = m_allLive;
+            a.session = m_allSession;
+        }
         if (a.camerasOn && id > 0) // back after a drop or a restart: still live as the operator asked
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::cameras)}, {L(Protocol::Command::on), true}}));
+        if (!a.session.isEmpty() && id > 0) // the same session again is nothing new to an agent that records it
+            l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::start)}, {L(Protocol::Command::session), a.session}}));
         if (id > 0 && wanting(id, false) > 0) // it stopped live audio when its link dropped; a page still listens
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::listen)}, {L(Protocol::Command::on), true}}));
         a.name = q.queryItemValue(L(name), QUrl::FullyDecoded).left(200);
@@ -357,6 +370,25 @@ int Room::wanting(int id, bool seeing) const
     return n;
 }
 
+bool Room::endStreams(int id)
+{
+    // The agent ended its live audio and preview itself (End Live): each page that had one is
+    // told, shows it off, and nothing asks for it again until the operator presses it again.
+    bool ended = false;
+    for (auto &[_, page] : m_pages) {
+        for (const bool seeing : {false, true}) {
+            int &mine = seeing ? page.preview : page.listen;
+            if (mine == 0 || (id != 0 && mine != id))
+                continue;
+            const QString stream = seeing ? L(Protocol::Command::preview) : L(Protocol::Command::listen);
+            page.link->sendText(bytes({{QStringLiteral("kind"), QStringLiteral("ended")}, {QStringLiteral("stream"), stream},
+                                       {QStringLiteral("agent"), std::exchange(mine, 0)}}));
+            ended = true;
+        }
+    }
+    return ended;
+}
+
 void Room::letGo(Link &page, bool seeing)
 {
     // The agent streams on while another page still wants it.
@@ -370,10 +402,23 @@ QString Room::command(int id, const QJsonObject &c)
 {
     const QString type = c.value(L(Protocol::type)).toString();
     // The wish holds for agents away now too: they are asked again when they come back.
-    if (type == L(Protocol::Command::cameras))
-        for (auto &[n, a] : m_records)
-            if (id == 0 || n == id)
-                a.camerasOn = c.value(L(Protocol::Command::on)).toBool();
+    // What is asked of every agent is kept for agents that connect later too.
+    const bool endLive = type == L(Protocol::Command::cameras) && !c.value(L(Protocol::Command::on)).toBool();
+    const bool start = type == L(Protocol::Command::start);
+    const QString session = start ? c.value(L(Protocol::Command::session)).toString() : QString();
+    if (id == 0 && type == L(Protocol::Command::cameras))
+        m_allLive = !endLive;
+    if (id == 0 && (start || endLive || type == L(Protocol::Command::stop)))
+        m_allSession = session;
+    for (auto &[n, a] : m_records) {
+        if (id != 0 && n != id)
+            continue;
+        if (type == L(Protocol::Command::cameras))
+            a.camerasOn = !endLive;
+        if (start || endLive || type == L(Protocol::Command::stop))
+            a.session = session;
+    }
+    const bool streamsEnded = endLive && endStreams(id);
     int notLive = 0;
     std::set<int> targets;
     for (auto &[_, l] : m_agents)
@@ -381,18 +426,26 @@ QString Room::command(int id, const QJsonObject &c)
             targets.insert(l.id);
     for (int t : targets) {
         Agent &a = record(t);
-        if (type == L(Protocol::Command::start)) {
-            a.session = c.value(L(Protocol::Command::session)).toString();
-            notLive += !a.camerasOn;
+        notLive += start && !a.camerasOn;
+        if (type == L(Protocol::Command::release)) { // its wishes go with the computer that let go of the number
+            a.released = true;
+            a.camerasOn = false;
+            a.session.clear();
+            endStreams(t);
         }
     }
     const int sent = sendRaw(id, bytes(c));
-    QString line = QStringLiteral("%1 sent to %2 agent(s)").arg(QString::fromStdString(bytes(c))).arg(sent);
+    QString line = QStringLiteral("→ %1: %2 — sent to %3 agent(s)")
+                       .arg(id == 0 ? QStringLiteral("all") : QStringLiteral("#%1").arg(id), CommandWords::describe(c))
+                       .arg(sent);
     const bool stream = type == L(Protocol::Command::listen) || type == L(Protocol::Command::preview);
-    if (sent == 0 && !stream && type != L(Protocol::Command::cameras)) // a wish for cameras holds for agents away
-        line += QStringLiteral("; warning: no agent connected to take it");
+    const bool kept = (start || type == L(Protocol::Command::cameras) || type == L(Protocol::Command::stop)) && (id == 0 || m_records.count(id));
+    if (sent == 0 && !stream)
+        line += kept ? QStringLiteral("; warning: no agent connected now; kept for when it connects") : QStringLiteral("; warning: no agent connected to take it");
     if (notLive > 0)
         line += QStringLiteral("; warning: %1 of them not live, they record only after \"cameras on\" (Go Live)").arg(notLive);
+    if (streamsEnded)
+        line += QStringLiteral("; listening and previews of it ended: press them again after Go Live");
     return line;
 }
 
@@ -416,9 +469,12 @@ QStringList Room::list() const
         if (it == m_records.end())
             continue;
         const Agent &a = it->second;
-        lines.append(QStringLiteral("agent #%1 %2: %3, live audio %4 bytes, %5 preview frames, %6 stored, %7 uploading")
+        const bool recording = a.status.value(L(Protocol::Status::recording)).toBool();
+        lines.append(QStringLiteral("agent #%1 %2: %3, %4, live audio %5 bytes, %6 preview frames, %7 stored, %8 uploading")
                          .arg(l.id)
-                         .arg(a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"))
+                         .arg(a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"),
+                              recording ? QStringLiteral("recording ") + (a.session.isEmpty() ? QStringLiteral("(a session it had)") : a.session)
+                                        : QStringLiteral("not recording"))
                          .arg(a.liveBytes)
                          .arg(a.previews)
                          .arg(a.stored)
@@ -534,13 +590,14 @@ QJsonObject Room::state(bool withFiles) const
     for (const auto &[id, a] : m_records) {
         if (id == 0)
             continue;
-        agents.append(QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("name"), a.name}, {QStringLiteral("connected"), a.connected},
+        agents.append(QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("name"), a.name}, {QStringLiteral("connected"), a.connected}, {QStringLiteral("released"), a.released},
                                   {QStringLiteral("live"), a.camerasOn}, {QStringLiteral("session"), a.session}, {QStringLiteral("status"), a.status},
                                   {QStringLiteral("uploading"), a.uploading}, {QStringLiteral("stored"), a.stored},
                                   {QStringLiteral("lastEvent"), a.lastEvent}, {QStringLiteral("onCall"), a.onCall},
                                   {QStringLiteral("os"), a.os}, {QStringLiteral("version"), a.version}});
     }
-    QJsonObject out{{QStringLiteral("name"), m_name}, {QStringLiteral("agents"), agents}, {QStringLiteral("sales"), m_sales.json()}};
+    QJsonObject out{{QStringLiteral("name"), m_name}, {QStringLiteral("agents"), agents}, {QStringLiteral("sales"), m_sales.json()},
+                    {QStringLiteral("all"), QJsonObject{{QStringLiteral("live"), m_allLive}, {QStringLiteral("session"), m_allSession}}}};
     if (withFiles) {
         QJsonArray files;
         for (const QString &f : m_files)

@@ -111,6 +111,7 @@ private:
     void pageMessage(WsLink &link, std::string &&message);
     int wanting(int id, bool seeing) const;
     void letGo(Link &page, bool seeing);
+    bool endStreams(int id);
     void feed(const QString &kind, int agent, const QString &text, const QString &link = QString());
     void toPages(const QByteArray &json);
     void say(const QString &line) const;
@@ -129,6 +130,8 @@ private:
     std::map<WsLink *, Link> m_agents;
     std::map<WsLink *, Link> m_pages;
     std::map<int, Agent> m_records;
+    bool m_allLive = false; // the last Go Live or End Live for every agent
+    QString m_allSession;   // the last start for every agent, until a stop or End Live for every agent
     std::vector<std::weak_ptr<HttpSession>> m_sessions;
     std::set<QString> m_files;
     SaleBook m_sales;

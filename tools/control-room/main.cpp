@@ -74,17 +74,15 @@ int main(int argc, char *argv[])
         return 2;
     }
     const QDir uploads(rest.value(1, options.value(uploadsOption)));
-    if (!QDir().mkpath(uploads.path())) {
-        QTextStream(stderr) << "cannot make the uploads folder " << uploads.path() << Qt::endl;
-        return 1;
-    }
     const QString name = options.isSet(nameOption) ? options.value(nameOption).left(63) : QStringLiteral("Control room on ") + QHostInfo::localHostName();
 
     ControlRoomServer room(uploads);
     room.setName(name);
     const quint16 bound = room.listen(quint16(*port), address);
-    if (!bound) {
-        QTextStream(stderr) << "cannot listen on " << address.toString() << " port " << *port << Qt::endl;
+    if (!bound) // the room said why
+        return 1;
+    if (!QDir().mkpath(uploads.path())) { // only now: a room that cannot listen leaves no folder behind
+        QTextStream(stderr) << "cannot make the uploads folder " << uploads.path() << Qt::endl;
         return 1;
     }
     out << "control room \"" << name << "\" on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
@@ -127,12 +125,15 @@ int main(int argc, char *argv[])
             out << CommandWords::usage() << Qt::flush;
             return;
         }
+        QString reason;
         if (cmd == QLatin1String("json")) {
-            const QByteArray json = line.mid(line.indexOf(QLatin1String("json")) + 4).trimmed().toUtf8();
-            out << "sent to " << room.send(target, json) << " agent(s)" << Qt::endl;
+            const auto json = CommandWords::json(line.mid(line.indexOf(QLatin1String("json")) + 4), &reason);
+            if (json)
+                out << "sent to " << room.send(target, *json) << " agent(s)" << Qt::endl;
+            else
+                out << "refused: " << reason << Qt::endl;
             return;
         }
-        QString reason;
         const auto command = CommandWords::fromWords(words, &reason);
         out << (command ? room.command(target, *command) : QStringLiteral("refused: ") + reason) << Qt::endl;
     };

@@ -1,7 +1,7 @@
 // The operator's page end to end: the control room, two agents on the test sound server with
 // synthetic cameras, and headless chromium driven by Playwright. Screenshots of each step land
 // in <build>/room-screens/. Skips (exit 77) when chromium or playwright-core is missing.
-import { spawn, execFileSync } from 'node:child_process';
+import { spawn, spawnSync, execFileSync } from 'node:child_process';
 import fs from 'node:fs';
 import os from 'node:os';
 import path from 'node:path';
@@ -59,6 +59,11 @@ try {
   const [port, token] = [Number(address[1]), address[2]];
   const state = async () => (await fetch(`http://127.0.0.1:${port}/api/state`, { headers: { Authorization: `Bearer ${token}` } })).json();
 
+  step('a second room on the same port says so once and leaves no folder');
+  const other = spawnSync(path.join(build, 'brava-control-room'), ['--port', String(port), '--uploads', path.join(work, 'second')], { encoding: 'utf8', timeout: 20000 });
+  if (other.status !== 1 || (other.stdout + other.stderr).split('cannot listen').length !== 2 || fs.existsSync(path.join(work, 'second')))
+    throw new Error(`a room that cannot listen: ${other.status} ${other.stdout}${other.stderr}`);
+
   step('two agents');
   for (const id of [1, 2]) {
     const home = path.join(work, `agent${id}`);
@@ -80,6 +85,8 @@ try {
   browser = await chromium.launch({ executablePath: chromiumPath, env: browserEnv, args: ['--no-sandbox', '--headless', '--disable-gpu',
     '--autoplay-policy=no-user-gesture-required', '--disable-background-networking', '--disable-component-update', '--disable-sync'] });
   const page = await browser.newPage({ viewport: { width: 1400, height: 900 } });
+  const refused = []; // nothing the page asks for (its icon included) is answered with an error
+  page.on('response', (r) => { if (r.status() >= 400) refused.push(`${r.status()} ${r.url()}`); });
   await page.goto(`http://127.0.0.1:${port}/?token=${token}`);
   await page.waitForSelector('#agent-1');
   await page.waitForSelector('#agent-2');
@@ -98,6 +105,7 @@ try {
   await page.click('#all-start');
   if ((await page.textContent('#session-note')) !== '') throw new Error('a good session still shows a refusal');
   await until('both agents recording', async () => (await state()).agents.every((a) => a.status.recording === true));
+  await until('what every agent was asked on the page', async () => (await page.textContent('#all-state')) === 'every agent: live · recording e2e-1');
   const widths = async () => page.$$eval('td.mic .meter > div, td.sys .meter > div', (ds) => ds.map((d) => d.style.width));
   // The tone swells and fades, so each meter that follows the levels (both agents, both columns) shows several widths.
   const seen = [0, 1, 2, 3].map(() => new Set());
@@ -120,6 +128,7 @@ try {
   await page.click('#agent-1 button:text-is("Preview")');
   await page.waitForFunction(() => window.__room.previewFrames > 2, null, { timeout: 20000 });
   await page.waitForFunction(() => document.getElementById('preview').naturalWidth === 480, null, { timeout: 10000 });
+  if ((await page.textContent('#preview-label')) !== '#1 E2E Agent 1') throw new Error('the preview is not labelled with its agent');
   await page.screenshot({ path: path.join(screens, '03-preview.png') });
 
   step('HD preview, then the second camera of agent 1');
@@ -147,7 +156,12 @@ try {
   step('listen to agent 2');
   await page.click('#agent-2 button:text-is("Listen")');
   await page.waitForFunction(() => window.__room.audioSamples > 48000 / 2, null, { timeout: 20000 });
-  const before = await page.evaluate(() => { window.__room.link.close(); return window.__room.audioSamples; });
+  await page.evaluate(() => window.__room.link.close());
+  await page.waitForSelector('#all-live:disabled', { timeout: 5000 }); // nothing pressed while the link is down is lost silently
+  if (await page.evaluate(() => send(1, { type: 'stop' })) || !(await page.textContent('#link-note')).includes('not sent: not connected to the room (stop to #1)')) throw new Error('a command without a link was not refused');
+  await page.waitForSelector('#agent-1 button:text-is("Stop"):enabled', { timeout: 10000 });
+  if (await page.textContent('#link-note')) throw new Error('the note stays after the reconnect');
+  const before = await page.evaluate(() => window.__room.audioSamples);
   await page.waitForFunction((n) => window.__room.audioSamples > n + 48000, before, { timeout: 20000 }); // heard again after a reconnect
   // A second of audio at once is cut down to the jitter buffer (150 ms) rather than heard late.
   const dropped = await page.evaluate(() => {
@@ -156,27 +170,33 @@ try {
     return new Promise((done) => { const t = setInterval(() => { if (window.__room.audioDropped > was) { clearInterval(t); done(window.__room.audioDropped - was); } }, 20); });
   });
   if (dropped < 48000 - 7200) throw new Error(`a burst of 48000 samples dropped only ${dropped}`);
-  const half = await page.evaluate(() => { playPcm(0, new Uint8Array([0, 0x40])); return document.getElementById('listen-level').style.width; });
-  if (half !== '50%') throw new Error(`0x4000 as 16-bit little-endian is half of full scale, not ${half}`);
+  // Meters in dB from -60 to 0: half of full scale (0x4000, 16-bit little-endian) is -6 dB, speech at 0.01 is a third.
+  const half = await page.evaluate(() => { playPcm(0, new Uint8Array([0, 0x40])); return [document.getElementById('listen-level').style.width, document.querySelector('#listen-box .meter').title, level(0.01), level(0)].join(); });
+  if (half !== '90%,-6 dB,33%,0%') throw new Error(`meters: ${half}`);
   await page.screenshot({ path: path.join(screens, '04-listening.png') });
 
   step('whisper to agent 1');
   await page.fill('#whisper-text', 'To nobody in particular');
   await page.click('#whisper-send');
   if (!(await page.textContent('#whisper-note')).includes('1 to 110')) throw new Error('a whisper without an agent was not refused');
-  for (const [to, text, why] of [['99', 'hello', 'not connected'], ['1', '  ', 'Write what']]) {
+  for (const [to, text, why] of [['99', 'hello', 'not connected'], ['1', '  ', 'Write what'], ['1', 'w'.repeat(501), 'has 501 characters; the room takes up to 500']]) {
     await page.fill('#whisper-to', to);
     await page.fill('#whisper-text', text);
     await page.click('#whisper-send');
-    if (!(await page.textContent('#whisper-note')).includes(why)) throw new Error(`a whisper to ${to} of "${text}" was not refused with "${why}"`);
+    if (!(await page.textContent('#whisper-note')).includes(why)) throw new Error(`a whisper to ${to} of "${text.slice(0, 20)}" was not refused with "${why}"`);
   }
   await page.fill('#whisper-to', '1');
   await page.fill('#whisper-seat', '3');
   await page.fill('#whisper-text', 'Slow down and ask about the budget');
   await page.click('#whisper-send');
-  await page.waitForFunction(() => [...document.querySelectorAll('#feed li.sent')].some((li) => li.textContent.includes('whisper') && li.textContent.includes('to 1 agent')),
+  await page.waitForFunction(() => [...document.querySelectorAll('#feed li.sent')].some((li) => li.textContent.includes('→ #1: whisper (seat 3): Slow down and ask about the budget — sent to 1 agent')),
     null, { timeout: 10000 });
+  // A call for help stands out, and a long text wraps inside the feed.
+  await fetch(`http://127.0.0.1:${port}/event?id=1&type=help&note=${'n'.repeat(200)}`, { method: 'POST' });
+  await page.waitForSelector('#feed li.event.attention', { timeout: 10000 });
+  if (await page.$eval('#feed', (f) => f.scrollWidth > f.clientWidth)) throw new Error('a long feed line does not wrap');
   const log = (id) => fs.readFileSync(path.join(work, `agent${id}`, 'data', 'Brava Recorder', 'log.txt'), 'utf8');
+  if (await page.inputValue('#whisper-text')) throw new Error('the whisper stays in its box once sent');
   await until('the whisper in agent 1\'s log', () => log(1).includes('whisper from seat 3: Slow down and ask about the budget'));
   if (log(2).includes('whisper') || log(1).includes('To nobody')) throw new Error('a whisper reached the wrong agent');
   await page.screenshot({ path: path.join(screens, '05-whisper.png') });
@@ -216,6 +236,18 @@ try {
   await page.click('#agent-2 button:text-is("Start")'); // reaches nobody: a warning in red
   await page.waitForSelector('#feed li.sent.warning', { timeout: 10000 });
   await page.screenshot({ path: path.join(screens, '07-agent-away.png') });
+
+  step('End Live ends the preview of agent 1: shown off, not resumed by Go Live');
+  await page.click('#agent-1 button:text-is("End Live")');
+  await page.waitForFunction(() => window.__room.preview === 0 && !document.getElementById('preview').src
+    && document.querySelector('#agent-1 td.actions button:nth-child(5)').className === '', null, { timeout: 10000 });
+
+  step('release agent 1: shown released, not away');
+  page.once('dialog', (d) => d.accept());
+  await page.click('#agent-1 button:text-is("Release")');
+  await until('agent 1 released', async () => [await row(1, 'link'), await row(1, 'live'), await row(1, 'recording')].join() === 'released,,');
+  await page.screenshot({ path: path.join(screens, '08-released.png') });
+  if (refused.length) throw new Error(`the page got errors: ${refused.join(', ')}`);
   step('PASS');
 } catch (e) {
   failed = true;

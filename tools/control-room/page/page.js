@@ -7,22 +7,31 @@ window.__room = room; // for tests and for a look from the console
 
 const $ = (id) => document.getElementById(id);
 
+// Nothing is dropped silently: without a link the buttons are off, and anything else says so.
 function send(to, command) {
-  if (room.link && room.link.readyState === WebSocket.OPEN)
-    room.link.send(JSON.stringify({ to, command }));
+  const up = room.link && room.link.readyState === WebSocket.OPEN;
+  if (up) room.link.send(JSON.stringify({ to, command }));
+  else $('link-note').textContent = `not sent: not connected to the room (${command.type}${to ? ` to #${to}` : ''})`;
+  return up;
+}
+
+function linked(up, text) {
+  $('link-state').textContent = text; $('link-state').className = up ? 'good' : 'bad';
+  for (const b of document.querySelectorAll('button')) b.disabled = !up;
+  if (up) $('link-note').textContent = '';
 }
 
 function connect() {
   const ws = new WebSocket(`ws://${location.host}/page`);
   ws.binaryType = 'arraybuffer';
   ws.onopen = () => {
-    $('link-state').textContent = 'connected'; $('link-state').className = 'good';
+    linked(true, 'connected');
     // A new link starts with nothing on: ask again for what this page shows as on.
     if (room.listen) send(room.listen, { type: 'listen', on: true });
     if (room.preview) send(room.preview, { type: 'preview', on: true, hd: $('hd').checked });
   };
   ws.onclose = () => {
-    $('link-state').textContent = 'not connected — retrying'; $('link-state').className = 'bad';
+    linked(false, 'not connected — retrying');
     setTimeout(connect, 2000);
   };
   ws.onmessage = (e) => (typeof e.data === 'string' ? onText(JSON.parse(e.data)) : onFrame(e.data));
@@ -34,10 +43,16 @@ function onText(m) {
     room.lastState = m;
     if (m.name) { $('room-name').textContent = m.name; document.title = m.name; }
     for (const a of m.agents) render(a);
+    if (m.all) $('all-state').textContent = `every agent: ${m.all.live ? 'live' : 'not live'}${m.all.session ? ` · recording ${m.all.session}` : ''}`;
     if (m.feed) { $('feed').textContent = ''; m.feed.forEach(addFeed); }
     refreshCameras();
   } else if (m.kind === 'feed') {
     addFeed(m.item);
+  } else if (m.kind === 'ended') { // End Live: the agent stopped it; shown off until pressed again
+    if (m.stream === 'listen' && room.listen === m.agent) showListen(0);
+    if (m.stream === 'preview' && room.preview === m.agent) showPreview(0);
+    const row = room.agents.get(m.agent);
+    if (row && row.agent) render(row.agent);
   }
 }
 
@@ -51,7 +66,8 @@ function makeRow(id) {
   for (const c of columns) { const td = document.createElement('td'); td.className = c; tr.appendChild(td); cells[c] = td; }
   for (const k of ['mic', 'sys']) cells[k].innerHTML = '<div class="meter"><div></div></div>';
   const button = (label, action) => {
-    const b = document.createElement('button'); b.textContent = label; b.onclick = action; cells.actions.appendChild(b); return b;
+    const b = document.createElement('button'); b.textContent = label; b.onclick = action; b.disabled = room.link.readyState !== WebSocket.OPEN;
+    cells.actions.appendChild(b); return b;
   };
   const row = { tr, cells, agent: null };
   row.live = button('Go Live', () => send(id, { type: 'cameras', on: !row.agent.live }));
@@ -65,7 +81,13 @@ function makeRow(id) {
   return row;
 }
 
-function level(value) { return `${Math.round(Math.min(1, Math.max(0, Number(value) || 0)) * 100)}%`; }
+// Meters read in decibels as sound meters do: -60 dB (and silence) at the left, full scale at the right.
+function dB(value) { const v = Math.min(1, Number(value) || 0); return v > 0 ? Math.max(-60, 20 * Math.log10(v)) : -60; }
+function level(value) { return `${Math.round((dB(value) + 60) / 60 * 100)}%`; }
+function meter(bar, value) {
+  bar.style.width = level(value);
+  bar.parentNode.title = dB(value) > -60 ? `${Math.round(dB(value))} dB` : 'silent (below -60 dB)';
+}
 
 function render(a) {
   let row = room.agents.get(a.id);
@@ -74,20 +96,22 @@ function render(a) {
   const s = a.status || {};
   const c = row.cells;
   // Away, its last status is old news: shown greyed as what it was, and nothing streams from it.
+  // Released, the number is free: nothing of its computer counts any more.
   const was = a.connected ? '' : 'away — was ';
   row.tr.className = a.connected ? (s.recording ? 'recording' : '') : 'away';
   c.id.textContent = a.id;
   c.name.textContent = a.name + (a.onCall ? ' · on a call' : '');
-  c.link.textContent = a.connected ? 'connected' : 'away';
-  c.recording.textContent = was + (s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'not recording');
-  c.live.textContent = was + (a.live ? 'live' : 'not live') + (s.live && a.connected ? ' · heard' : '');
+  c.link.textContent = a.connected ? 'connected' : a.released ? 'released' : 'away';
+  c.recording.textContent = a.released && !a.connected ? '' : was + (s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'not recording');
+  c.live.textContent = a.released && !a.connected ? '' : was + (a.live ? 'live' : 'not live') + (s.live && a.connected ? ' · heard' : '');
   // Listening and the preview wait for an agent that dropped (a blip of its Wi-Fi): the room asks
   // it again when it is back. Meanwhile the buttons say so instead of showing them on.
   if (room.listen === a.id) $('listen-who').textContent = `to agent #${a.id}` + (a.connected ? '' : ' (away: resumes when it is back)');
   if (room.listen === a.id && !a.connected) $('listen-level').style.width = '0%';
   if (room.preview === a.id) $('preview-who').textContent = `of agent #${a.id}` + (a.connected ? '' : ' (away)');
-  c.mic.firstChild.firstChild.style.width = level(a.connected && s.mic);
-  c.sys.firstChild.firstChild.style.width = level(a.connected && s.sys);
+  if (room.preview === a.id) labelPreview();
+  meter(c.mic.firstChild.firstChild, a.connected && s.mic);
+  meter(c.sys.firstChild.firstChild, a.connected && s.sys);
   const cams = s.cams || [];
   const cam = cams.find((x) => x.uid === s.camUID) || cams[0];
   c.devices.textContent = `${s.micName || 'no microphone'} · ${s.cam ? `${cam ? cam.name : 'camera'} ${s.camActive ? 'on' : 'off'}` : 'no camera'}`;
@@ -109,9 +133,10 @@ function time(iso) { return iso ? new Date(iso).toLocaleTimeString() : ''; }
 
 function addFeed(item) {
   const li = document.createElement('li');
-  li.className = item.kind + (/; warning: /.test(item.text) ? ' warning' : '');
+  // An agent asking for help stands out; so do warnings.
+  li.className = item.kind + (/; warning: /.test(item.text) ? ' warning' : '') + (item.kind === 'event' && /^help\b/.test(item.text) ? ' attention' : '');
   const t = document.createElement('time'); t.dateTime = item.time; t.textContent = time(item.time);
-  const k = document.createElement('span'); k.className = 'kind'; k.textContent = item.kind + (item.agent ? ` #${item.agent}` : '');
+  const k = document.createElement('span'); k.className = 'kind'; k.textContent = item.kind + (item.agent && item.kind !== 'sent' ? ` #${item.agent}` : ''); // "→ #3: …" names it
   li.append(t, k);
   if (item.link) {
     const a = document.createElement('a'); a.href = item.link; a.target = '_blank'; a.textContent = item.text; li.append(a);
@@ -127,8 +152,7 @@ function addFeed(item) {
 async function toggleListen(id) {
   const was = room.listen;
   if (was) send(was, { type: 'listen', on: false });
-  room.listen = was === id ? 0 : id;
-  $('listen-who').textContent = room.listen ? `to agent #${room.listen}` : 'to nobody';
+  showListen(was === id ? 0 : id);
   if (!room.listen) return;
   if (!room.audio) {
     room.audio = new AudioContext({ sampleRate: 48000, latencyHint: 'interactive' });
@@ -141,6 +165,12 @@ async function toggleListen(id) {
   send(id, { type: 'listen', on: true });
 }
 
+function showListen(id) {
+  room.listen = id;
+  $('listen-who').textContent = id ? `to agent #${id}` : 'to nobody';
+  if (!id) $('listen-level').style.width = '0%';
+}
+
 function playPcm(source, bytes) {
   // 16-bit little-endian mono at 48 kHz, as the agent sends it.
   const n = bytes.byteLength >> 1;
@@ -148,7 +178,7 @@ function playPcm(source, bytes) {
   const samples = new Float32Array(n);
   let peak = 0;
   for (let i = 0; i < n; i++) { samples[i] = view.getInt16(i * 2, true) / 32768; peak = Math.max(peak, Math.abs(samples[i])); }
-  $('listen-level').style.width = level(peak);
+  meter($('listen-level'), peak);
   if (room.node) room.node.port.postMessage({ source, samples }, [samples.buffer]);
 }
 
@@ -156,11 +186,22 @@ function playPcm(source, bytes) {
 function togglePreview(id) {
   const was = room.preview;
   if (was) send(was, { type: 'preview', on: false });
-  room.preview = was === id ? 0 : id;
-  $('preview-who').textContent = room.preview ? `of agent #${room.preview}` : '';
-  if (!room.preview) $('preview').removeAttribute('src');
+  showPreview(was === id ? 0 : id);
   if (room.preview) send(id, { type: 'preview', on: true, hd: $('hd').checked });
+}
+
+function showPreview(id) {
+  room.preview = id;
+  $('preview-who').textContent = id ? `of agent #${id}` : '';
+  labelPreview();
+  if (!id) $('preview').removeAttribute('src');
   refreshCameras();
+}
+
+// On the picture itself: the agents' cameras look alike.
+function labelPreview() {
+  const row = room.agents.get(room.preview);
+  $('preview-label').textContent = row ? `#${room.preview} ${row.agent.name}` : '';
 }
 
 function refreshCameras() {
@@ -217,8 +258,10 @@ $('whisper-send').onclick = () => {
   else if (!row || !row.agent.connected) why = `Agent #${to} is not connected: the whisper would reach nobody.`;
   else if (!(Number.isInteger(seat) && seat >= 0 && seat <= 9999)) why = 'The seat is a number from 0 to 9999.';
   else if (!text.trim()) why = 'Write what to whisper (up to 500 characters).';
+  else if (text.length > 500) why = `The whisper has ${text.length} characters; the room takes up to 500. Shorten it.`;
   $('whisper-note').textContent = why;
-  if (!why) send(to, { type: 'whisper', seat, text });
+  if (!why && send(to, { type: 'whisper', seat, text })) $('whisper-text').value = ''; // pressed again, it is not sent twice
 };
 
+linked(false, 'connecting…');
 connect();
