@@ -31,7 +31,7 @@ void AgentEvents::post(const QString &type, const QList<QPair<QString, QString>>
     QNetworkRequest request(url);
     request.setTransferTimeout(kTimeoutMs);
     QNetworkReply *reply = m_net.post(request, QByteArray());
-    QObject::connect(reply, &QNetworkReply::finished, reply, [this, reply, type] { finished(reply, type); });
+    QObject::connect(reply, &QNetworkReply::finished, &m_replies, [this, reply, type] { finished(reply, type); });
 }
 
 void AgentEvents::finished(QNetworkReply *reply, const QString &type)

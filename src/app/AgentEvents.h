@@ -2,6 +2,7 @@
 
 #include <QElapsedTimer>
 #include <QList>
+#include <QObject>
 #include <QPair>
 #include <QString>
 
@@ -43,4 +44,5 @@ private:
     const Settings &m_settings;
     QString m_note;
     QElapsedTimer m_noteAge;
+    QObject m_replies; // the answers' context: none is heard after this object is gone
 };
