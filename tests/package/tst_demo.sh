@@ -50,5 +50,7 @@ for case in "110 1" "111 2" "0 2"; do # 1: past the arguments, stopped by the mi
   BRAVA_BUILD_DIR=$work/none "$demo" --agents "$n" 2>/dev/null
   check "--agents $n ends with $code" test $? -eq "$code"
 done
+"$demo" --agents 2>/dev/null
+check "--agents without a number ends with 2" test $? -eq 2
 echo "$fails check(s) failed"
 [ "$fails" -eq 0 ]
