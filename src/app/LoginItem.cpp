@@ -49,9 +49,9 @@ bool lastingPlace(const QString &exe)
     return true;
 }
 
-void registerCurrentUser()
+void registerCurrentUser(const QString &program)
 {
-    const QString exe = QCoreApplication::applicationFilePath();
+    const QString exe = program.isEmpty() ? QCoreApplication::applicationFilePath() : program;
     if (exe.isEmpty())
         return;
     if (!lastingPlace(exe)) {

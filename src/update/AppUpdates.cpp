@@ -10,6 +10,7 @@
 #include "UpdateDownload.h"
 #include "UpdatePolicy.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -202,6 +203,7 @@ void AppUpdates::download(const Release &release)
         return;
     }
     m_work = work;
+    pruneEarlier(work);
     const QString file = work + QLatin1Char('/') + UpdatePolicy::archiveName(release.version);
     auto *transfer = new UpdateDownload(m_net, release.url, host(), file + QStringLiteral(".part"),
                                         m_options.maxDownloadBytes, this);
@@ -267,6 +269,20 @@ void AppUpdates::discardWork()
     QThread *worker = QThread::create([work = std::exchange(m_work, QString())] {
         if (!QDir(work).removeRecursively())
             bravaLog(QStringLiteral("update: cannot remove ") + work);
+    });
+    connect(worker, &QThread::finished, worker, &QObject::deleteLater);
+    worker->start();
+}
+
+// A new download takes the place of the earlier ones (a verified build from before, what a crash
+// left), except the folder this agent itself runs from; off the main thread.
+void AppUpdates::pruneEarlier(const QString &keep)
+{
+    QThread *worker = QThread::create([root = m_options.workRoot, keep, running = QCoreApplication::applicationFilePath()] {
+        for (const QFileInfo &work : QDir(root).entryInfoList({QStringLiteral("brava-update-*")}, QDir::Dirs | QDir::NoDotAndDotDot))
+            if (work.filePath() != keep && !work.isSymLink() && !running.startsWith(work.filePath() + QLatin1Char('/'))
+                && !QDir(work.filePath()).removeRecursively())
+                bravaLog(QStringLiteral("update: cannot remove ") + work.filePath());
     });
     connect(worker, &QThread::finished, worker, &QObject::deleteLater);
     worker->start();

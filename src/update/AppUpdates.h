@@ -96,6 +96,7 @@ private:
     void verified(bool ok, const QString &error, const QString &detail, const QString &folder);
     void handOver();
     void discardWork();
+    void pruneEarlier(const QString &keep);
     void show(const Alert &alert, std::function<void(int)> answer = {});
 
     QNetworkAccessManager &m_net;

@@ -89,16 +89,6 @@ void Uninstaller::start()
     });
 }
 
-// Downloads and unpacked builds of earlier versions, in the temporary folder: this user's only.
-void Uninstaller::removeOldWorkFolders()
-{
-    const QString root = m_paths.oldWorkRoot.isEmpty() ? QDir::tempPath() : m_paths.oldWorkRoot;
-    const QFileInfoList old = QDir(root).entryInfoList({QStringLiteral("brava-update-*")}, QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden);
-    for (const QFileInfo &work : old)
-        if (!work.isSymLink() && work.ownerId() == ::geteuid() && !QDir(work.filePath()).removeRecursively())
-            bravaLog(QStringLiteral("uninstall: cannot remove ") + work.filePath());
-}
-
 void Uninstaller::remove()
 {
     bravaLog(QStringLiteral("uninstall: removing settings, start at login and the data folder"));
@@ -110,7 +100,6 @@ void Uninstaller::remove()
     // desktop skips it once the program is gone: TryExec).
     QFile::remove(m_paths.autostartEntry);
     const AppRemoval removal = removalOf(m_paths.appFolder, m_paths.packageManaged);
-    removeOldWorkFolders();
     // Failures to reach the Trash do not stop the uninstall; nothing is deleted outright, and the
     // person is told what is left before the agent goes.
     QStringList left;

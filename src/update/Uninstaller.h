@@ -12,8 +12,7 @@
 // package-managed install is left to the package manager and the alert says so) and the data
 // folder to the freedesktop Trash, removes the settings file and this user's autostart entry (a
 // package's entry for every user goes with the package, which the alert says to remove; no hidden
-// copy is left to outlive it), deletes the update work
-// folders that earlier versions left in the temporary folder, and quits.
+// copy is left to outlive it), and quits.
 // Recordings not uploaded yet (pending uploads and the pieces of a running take in writing/) are
 // counted in the alert, whose button then reads "Uninstall Anyway".
 class Uninstaller : public QObject
@@ -27,9 +26,6 @@ public:
         QString settingsFile;
         QString autostartEntry;
         bool packageManaged = false; ///< installed by the system's package manager
-        /// Where earlier versions made their update work folders ("brava-update-*", removed);
-        /// the system's temporary folder when empty. Today's are in the data folder.
-        QString oldWorkRoot;
     };
     /// How the program itself is removed.
     enum class AppRemoval { Trash, Package, ByHand };
@@ -60,7 +56,6 @@ Q_SIGNALS:
 
 private:
     void remove();
-    void removeOldWorkFolders();
     int piecesBeingWritten() const;
 
     Paths m_paths;

@@ -128,8 +128,12 @@ private Q_SLOTS:
         const QList<std::pair<QString, bool>> rows = {
             {QDir::tempPath() + QLatin1String("/x/brava-recorder"), false}, {AppUpdates::defaultWorkRoot() + verified, false},
             {home + QLatin1String("/Apps/Brava Recorder/brava-recorder"), true}, {QStringLiteral("/usr/lib/brava-recorder/brava-recorder"), true}};
-        for (const auto &[exe, lasting] : rows)
+        for (const auto &[exe, lasting] : rows) {
             QVERIFY2(LoginItem::lastingPlace(exe) == lasting, qPrintable(exe));
+            QFile::remove(LoginItem::entryPath());
+            LoginItem::registerCurrentUser(exe); // written only for a lasting place
+            QVERIFY2(readFile(LoginItem::entryPath()).contains(QByteArray("Exec=" + LoginItem::execQuoted(exe).toUtf8())) == lasting, qPrintable(exe));
+        }
     }
 
     void confirmation()
@@ -176,9 +180,7 @@ private Q_SLOTS:
             QDir(home).removeRecursively();
             const QString app = home + QLatin1String("/Apps/Brava Recorder"), trash = home + QLatin1String("/.local/share/Trash");
             const Uninstaller::Paths paths{app, home + QLatin1String("/.local/share/Brava Recorder"), home + QLatin1String("/.config/Brava Recorder/settings.ini"),
-                                           home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package, tmp.path() + QLatin1String("/tmp")};
-            const QString oldWork = paths.oldWorkRoot + QLatin1String("/brava-update-1/Brava Recorder-2.0-linux.zip.part"), other = paths.oldWorkRoot + QLatin1String("/other/file");
-            writeFile(oldWork), writeFile(other);
+                                           home + QLatin1String("/.config/autostart/brava-recorder.desktop"), package};
             for (const QString &file : QStringList{app + QLatin1String("/brava-recorder"), app + QLatin1String("/RELEASE-MANIFEST"), paths.dataFolder + QLatin1String("/pending/s1/mic_1_00000_final.m4a"),
                                         paths.settingsFile, paths.autostartEntry, paths.dataFolder + QLatin1String("/writing/s2/.session"),
                                         paths.dataFolder + QLatin1String("/writing/s2/sys_1_00000.m4a"), paths.dataFolder + QLatin1String("/writing/s2/cam_1_00000.mp4")})
@@ -212,7 +214,6 @@ private Q_SLOTS:
             }
             QTRY_VERIFY(quit);
             QVERIFY(cleared);
-            QVERIFY(!QFileInfo::exists(QFileInfo(oldWork).path()) && QFileInfo::exists(other)); // an earlier version's download, nothing else
             QVERIFY(!QFileInfo::exists(home + QLatin1String("/.config/Brava Recorder")));
             if (noTrash) {
                 // Both folders stay where they were, and the person is told so before the agent goes.
