@@ -159,7 +159,8 @@ private Q_SLOTS:
         QVERIFY(said.first().first().toString().startsWith(QStringLiteral("upload agent7/full/mic_123_12_final.m4a not stored: cannot write")));
     }
 
-    // A stored file is served whole or as the one range of bytes asked for, so that a player can seek in it.
+    // A stored file is served whole or as the one range of bytes asked for, so that a player can seek in it;
+    // one gone from the disk since is not found.
     void storedFilesAnswerRanges()
     {
         QByteArray body(100000, 0);
@@ -183,6 +184,8 @@ private Q_SLOTS:
             QVERIFY2(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == r.status && reply->rawHeader("Content-Range") == r.contentRange
                          && (r.status == 416 || (got == body.mid(r.first, r.length) && reply->rawHeader("Accept-Ranges") == "bytes")), r.range);
         }
+        QVERIFY(QFile::remove(uploads() + QStringLiteral("/agent7/r/mic_123_12_final.m4a"))); // stored, then gone from the disk
+        QCOMPARE(request("GET", QStringLiteral("/files/agent7/r/mic_123_12_final.m4a"), {}, "Bearer " + kToken.toLatin1()).first, 404);
     }
 
     // An oversized frame ends only its own link; a start warns about the agents left that are not live.
