@@ -221,6 +221,11 @@ private Q_SLOTS:
         QSignalSpy said(room.get(), &ControlRoomServer::said);
         room->list();
         QVERIFY(said.last().first().toString().contains(QStringLiteral(": live, recording s1, ")));
+        // A "%1" in a session is the operator's text, not a place for the numbers after it.
+        const QJsonObject percent{{QStringLiteral("type"), QStringLiteral("start")}, {QStringLiteral("session"), QStringLiteral("a%1")}};
+        QCOMPARE(room->command(0, percent), QStringLiteral("→ all: start a%1 — sent to 1 agent(s)"));
+        room->list();
+        QCOMPARE(said.last().first().toString(), QStringLiteral("agent #2 : live, recording a%1, live audio 0 bytes, 0 preview frames, 0 stored, 0 uploading"));
         dropAndBack(false);
         QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
     }

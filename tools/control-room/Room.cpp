@@ -435,9 +435,9 @@ QString Room::command(int id, const QJsonObject &c)
         }
     }
     const int sent = sendRaw(id, bytes(c));
+    // One pass: a "%1" in a session or a whisper is text, not a place for the count.
     QString line = QStringLiteral("→ %1: %2 — sent to %3 agent(s)")
-                       .arg(id == 0 ? QStringLiteral("all") : QStringLiteral("#%1").arg(id), CommandWords::describe(c))
-                       .arg(sent);
+                       .arg(id == 0 ? QStringLiteral("all") : QStringLiteral("#%1").arg(id), CommandWords::describe(c), QString::number(sent));
     const bool stream = type == L(Protocol::Command::listen) || type == L(Protocol::Command::preview);
     const bool kept = (start || type == L(Protocol::Command::cameras) || type == L(Protocol::Command::stop)) && (id == 0 || m_records.count(id));
     if (sent == 0 && !stream)
@@ -471,14 +471,10 @@ QStringList Room::list() const
         const Agent &a = it->second;
         const bool recording = a.status.value(L(Protocol::Status::recording)).toBool();
         lines.append(QStringLiteral("agent #%1 %2: %3, %4, live audio %5 bytes, %6 preview frames, %7 stored, %8 uploading")
-                         .arg(l.id)
-                         .arg(a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"),
+                         .arg(QString::number(l.id), a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"),
                               recording ? QStringLiteral("recording ") + (a.session.isEmpty() ? QStringLiteral("(a session it had)") : a.session)
-                                        : QStringLiteral("not recording"))
-                         .arg(a.liveBytes)
-                         .arg(a.previews)
-                         .arg(a.stored)
-                         .arg(a.uploading));
+                                        : QStringLiteral("not recording"),
+                              QString::number(a.liveBytes), QString::number(a.previews), QString::number(a.stored), QString::number(a.uploading)));
     }
     if (lines.isEmpty())
         lines.append(QStringLiteral("no agents"));
