@@ -263,6 +263,8 @@ private Q_SLOTS:
         links.back()->close();
         QTRY_COMPARE(room->agentCount(), 1);
         QCOMPARE(comes(6), both);
+        cmd(0, R"({"type":"stop"})"); // a stop for every agent: the session is no longer kept, live still is
+        QCOMPARE(comes(9), QStringLiteral(R"({"on":true,"type":"cameras"})"));
         cmd(0, R"({"type":"cameras","on":false})");
         QCOMPARE(comes(8), QString());
     }
