@@ -315,6 +315,15 @@ private Q_SLOTS:
         room->send(3, "{}");
         QTRY_COMPARE(got.last(), QStringLiteral("{}"));
         QCOMPARE(got.size(), 10);
+        // Back while a page listens and sees it: both are asked again, the preview as the page chose it.
+        to3(*one, R"({"type":"listen","on":true})");
+        to3(*one, R"({"type":"preview","on":true,"hd":true})");
+        QTRY_COMPARE(got.size(), 12);
+        agent->close();
+        QTRY_COMPARE(room->agentCount(), 0);
+        agent->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=3").arg(port)));
+        QTRY_COMPARE(got.size(), 14);
+        QCOMPARE(got.mid(12), QStringList({QStringLiteral(R"({"on":true,"type":"listen"})"), QStringLiteral(R"({"hd":true,"on":true,"type":"preview"})")}));
     }
 
     // A call gives up on a network thread that does not answer, and the room serves on once it does.

@@ -45,6 +45,7 @@ struct Room::Agent
     bool onCall = false;
     qint64 liveBytes = 0;
     int previews = 0;
+    bool previewHd = false; // as a page last asked for its preview, to ask again when it is back
 };
 
 Room::Room(asio::io_context &io, const QDir &uploads, OperatorToken token, std::map<std::string, std::string> assets, RoomHooks hooks)
@@ -217,6 +218,9 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::start)}, {L(Protocol::Command::session), a.session}}));
         if (id > 0 && wanting(id, false) > 0) // it stopped live audio when its link dropped; a page still listens
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::listen)}, {L(Protocol::Command::on), true}}));
+        if (id > 0 && wanting(id, true) > 0) // and its preview, as a page still sees it
+            l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::preview)}, {L(Protocol::Command::on), true},
+                              {L(Protocol::Command::hd), a.previewHd}}));
         a.name = q.queryItemValue(L(name), QUrl::FullyDecoded).left(200);
         a.os = q.queryItemValue(L(os), QUrl::FullyDecoded).left(20);
         a.version = q.queryItemValue(L(version), QUrl::FullyDecoded).left(40);
@@ -354,6 +358,8 @@ void Room::pageMessage(WsLink &l, std::string &&message)
             mine = id;
         else if (mine == id)
             mine = 0;
+        if (on && seeing)
+            record(id).previewHd = c->value(L(C::hd)).toBool();
         if (!on && wanting(id, seeing) > 0) {
             feed(QStringLiteral("kept"), id, QStringLiteral("%1 stays on: another page still has it").arg(type));
             return;
