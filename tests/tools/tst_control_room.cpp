@@ -159,7 +159,8 @@ private Q_SLOTS:
         QVERIFY(said.first().first().toString().startsWith(QStringLiteral("upload agent7/full/mic_123_12_final.m4a not stored: cannot write")));
     }
 
-    // A stored file is served whole or as the one range of bytes asked for, so that a player can seek in it.
+    // A stored file is served whole or as the one range of bytes asked for, so that a player can seek in it;
+    // one gone from the disk since is not found.
     void storedFilesAnswerRanges()
     {
         QByteArray body(100000, 0);
@@ -183,6 +184,8 @@ private Q_SLOTS:
             QVERIFY2(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt() == r.status && reply->rawHeader("Content-Range") == r.contentRange
                          && (r.status == 416 || (got == body.mid(r.first, r.length) && reply->rawHeader("Accept-Ranges") == "bytes")), r.range);
         }
+        QVERIFY(QFile::remove(uploads() + QStringLiteral("/agent7/r/mic_123_12_final.m4a"))); // stored, then gone from the disk
+        QCOMPARE(request("GET", QStringLiteral("/files/agent7/r/mic_123_12_final.m4a"), {}, "Bearer " + kToken.toLatin1()).first, 404);
     }
 
     // An oversized frame ends only its own link; a start warns about the agents left that are not live.
@@ -218,6 +221,11 @@ private Q_SLOTS:
         QSignalSpy said(room.get(), &ControlRoomServer::said);
         room->list();
         QVERIFY(said.last().first().toString().contains(QStringLiteral(": live, recording s1, ")));
+        // A "%1" in a session is the operator's text, not a place for the numbers after it.
+        const QJsonObject percent{{QStringLiteral("type"), QStringLiteral("start")}, {QStringLiteral("session"), QStringLiteral("a%1")}};
+        QCOMPARE(room->command(0, percent), QStringLiteral("→ all: start a%1 — sent to 1 agent(s)"));
+        room->list();
+        QCOMPARE(said.last().first().toString(), QStringLiteral("agent #2 : live, recording a%1, live audio 0 bytes, 0 preview frames, 0 stored, 0 uploading"));
         dropAndBack(false);
         QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
     }
@@ -255,6 +263,8 @@ private Q_SLOTS:
         links.back()->close();
         QTRY_COMPARE(room->agentCount(), 1);
         QCOMPARE(comes(6), both);
+        cmd(0, R"({"type":"stop"})"); // a stop for every agent: the session is no longer kept, live still is
+        QCOMPARE(comes(9), QStringLiteral(R"({"on":true,"type":"cameras"})"));
         cmd(0, R"({"type":"cameras","on":false})");
         QCOMPARE(comes(8), QString());
     }
@@ -305,6 +315,15 @@ private Q_SLOTS:
         room->send(3, "{}");
         QTRY_COMPARE(got.last(), QStringLiteral("{}"));
         QCOMPARE(got.size(), 10);
+        // Back while a page listens and sees it: both are asked again, the preview as the page chose it.
+        to3(*one, R"({"type":"listen","on":true})");
+        to3(*one, R"({"type":"preview","on":true,"hd":true})");
+        QTRY_COMPARE(got.size(), 12);
+        agent->close();
+        QTRY_COMPARE(room->agentCount(), 0);
+        agent->open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=3").arg(port)));
+        QTRY_COMPARE(got.size(), 14);
+        QCOMPARE(got.mid(12), QStringList({QStringLiteral(R"({"on":true,"type":"listen"})"), QStringLiteral(R"({"hd":true,"on":true,"type":"preview"})")}));
     }
 
     // A call gives up on a network thread that does not answer, and the room serves on once it does.

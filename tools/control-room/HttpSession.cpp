@@ -316,9 +316,9 @@ asio::awaitable<bool> HttpSession::sendFile(const QString &path, std::string_vie
     beast::error_code ec;
     FileWindow file;
     file.open(path.toStdString().c_str(), beast::file_mode::scan, ec);
-    const std::uint64_t size = file.size(ec);
-    if (ec)
+    if (ec) // known to the room but gone from the disk
         co_return co_await answer(http::status::not_found, "no such file\n");
+    const std::uint64_t size = file.size(ec);
     res.set(http::field::accept_ranges, "bytes");
     if (const auto part = byteRange(range, size)) {
         if (part->first > part->second) {
@@ -337,8 +337,6 @@ asio::awaitable<bool> HttpSession::sendFile(const QString &path, std::string_vie
         res.set(http::field::content_range, "bytes " + std::to_string(part->first) + '-' + std::to_string(part->second) + '/' + std::to_string(size));
     }
     res.body().reset(std::move(file), ec);
-    if (ec)
-        co_return co_await answer(http::status::not_found, "no such file\n");
     const QString suffix = QFileInfo(path).suffix();
     res.set(http::field::content_type, suffix == QLatin1String("json") ? "application/json"
                                        : suffix == QLatin1String("m4a") ? "audio/mp4"

@@ -45,6 +45,7 @@ struct Room::Agent
     bool onCall = false;
     qint64 liveBytes = 0;
     int previews = 0;
+    bool previewHd = false; // as a page last asked for its preview, to ask again when it is back
 };
 
 Room::Room(asio::io_context &io, const QDir &uploads, OperatorToken token, std::map<std::string, std::string> assets, RoomHooks hooks)
@@ -217,6 +218,9 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::start)}, {L(Protocol::Command::session), a.session}}));
         if (id > 0 && wanting(id, false) > 0) // it stopped live audio when its link dropped; a page still listens
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::listen)}, {L(Protocol::Command::on), true}}));
+        if (id > 0 && wanting(id, true) > 0) // and its preview, as a page still sees it
+            l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::preview)}, {L(Protocol::Command::on), true},
+                              {L(Protocol::Command::hd), a.previewHd}}));
         a.name = q.queryItemValue(L(name), QUrl::FullyDecoded).left(200);
         a.os = q.queryItemValue(L(os), QUrl::FullyDecoded).left(20);
         a.version = q.queryItemValue(L(version), QUrl::FullyDecoded).left(40);
@@ -354,6 +358,8 @@ void Room::pageMessage(WsLink &l, std::string &&message)
             mine = id;
         else if (mine == id)
             mine = 0;
+        if (on && seeing)
+            record(id).previewHd = c->value(L(C::hd)).toBool();
         if (!on && wanting(id, seeing) > 0) {
             feed(QStringLiteral("kept"), id, QStringLiteral("%1 stays on: another page still has it").arg(type));
             return;
@@ -435,9 +441,9 @@ QString Room::command(int id, const QJsonObject &c)
         }
     }
     const int sent = sendRaw(id, bytes(c));
+    // One pass: a "%1" in a session or a whisper is text, not a place for the count.
     QString line = QStringLiteral("→ %1: %2 — sent to %3 agent(s)")
-                       .arg(id == 0 ? QStringLiteral("all") : QStringLiteral("#%1").arg(id), CommandWords::describe(c))
-                       .arg(sent);
+                       .arg(id == 0 ? QStringLiteral("all") : QStringLiteral("#%1").arg(id), CommandWords::describe(c), QString::number(sent));
     const bool stream = type == L(Protocol::Command::listen) || type == L(Protocol::Command::preview);
     const bool kept = (start || type == L(Protocol::Command::cameras) || type == L(Protocol::Command::stop)) && (id == 0 || m_records.count(id));
     if (sent == 0 && !stream)
@@ -471,14 +477,10 @@ QStringList Room::list() const
         const Agent &a = it->second;
         const bool recording = a.status.value(L(Protocol::Status::recording)).toBool();
         lines.append(QStringLiteral("agent #%1 %2: %3, %4, live audio %5 bytes, %6 preview frames, %7 stored, %8 uploading")
-                         .arg(l.id)
-                         .arg(a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"),
+                         .arg(QString::number(l.id), a.name, a.camerasOn ? QStringLiteral("live") : QStringLiteral("not live"),
                               recording ? QStringLiteral("recording ") + (a.session.isEmpty() ? QStringLiteral("(a session it had)") : a.session)
-                                        : QStringLiteral("not recording"))
-                         .arg(a.liveBytes)
-                         .arg(a.previews)
-                         .arg(a.stored)
-                         .arg(a.uploading));
+                                        : QStringLiteral("not recording"),
+                              QString::number(a.liveBytes), QString::number(a.previews), QString::number(a.stored), QString::number(a.uploading)));
     }
     if (lines.isEmpty())
         lines.append(QStringLiteral("no agents"));

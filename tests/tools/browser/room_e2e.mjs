@@ -235,6 +235,8 @@ try {
   if (!(await page.textContent('#whisper-note')).includes('not connected')) throw new Error('a whisper to an agent away was not refused');
   await page.click('#agent-2 button:text-is("Start")'); // reaches nobody: a warning in red
   await page.waitForSelector('#feed li.sent.warning', { timeout: 10000 });
+  const warned = await page.textContent('#feed li.sent.warning');
+  if (!warned.includes('kept for when it connects')) throw new Error(`a start to agent 2 away, not kept: ${warned}`);
   await page.screenshot({ path: path.join(screens, '07-agent-away.png') });
 
   step('End Live ends the preview of agent 1: shown off, not resumed by Go Live');
