@@ -136,10 +136,10 @@ try {
   await page.waitForFunction(() => document.getElementById('preview').naturalWidth === 640, null, { timeout: 10000 });
   await page.waitForFunction(() => document.querySelectorAll('#camera option').length === 3, null, { timeout: 10000 });
   const [, , second] = await page.$$eval('#camera option', (os) => os.map((o) => ({ uid: o.value, name: o.textContent })));
-  await page.selectOption('#camera', second.uid);
   // Synthetic camera 1 is tinted red, camera 2 green: the preview's red stands above its luma, then below.
   const redness = () => page.evaluate(() => {
     const img = document.getElementById('preview'), c = document.createElement('canvas');
+    if (!img.naturalWidth) return NaN; // between two frames
     c.width = img.naturalWidth; c.height = img.naturalHeight;
     const g = c.getContext('2d');
     g.drawImage(img, 0, 0);
@@ -148,7 +148,7 @@ try {
     for (let i = 0; i < d.length; i += 4) sum += d[i] - (0.299 * d[i] + 0.587 * d[i + 1] + 0.114 * d[i + 2]);
     return sum / (d.length / 4);
   });
-  if (!(await redness() > 10)) throw new Error(`the first camera's preview is not red (${await redness()})`);
+  await until('the first camera\'s preview in red', async () => (await redness()) > 10);
   await page.selectOption('#camera', second.uid);
   await until('the preview of agent 1\'s second camera', async () => (await redness()) < -10);
   await page.screenshot({ path: path.join(screens, '03b-hd-second-camera.png') });
