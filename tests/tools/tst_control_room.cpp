@@ -133,6 +133,11 @@ private Q_SLOTS:
         const QByteArray served = rawHead("GET /files/agent7/show-1/mic_123_12_final.m4a HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer " + kToken.toLatin1() + "\r\n\r\n");
         QVERIFY2(served.startsWith("HTTP/1.1 200") && served.contains("\r\nContent-Type: audio/mp4\r\n") && HttpSession::kIdle == std::chrono::seconds(60), served.constData());
         QTcpSocket socket;
+        socket.connectToHost(QHostAddress::LocalHost, port); // a HEAD: the length a GET would bring, and no body
+        socket.write("HEAD /files/agent7/show-1/mic_123_12_final.m4a HTTP/1.1\r\nHost: x\r\nConnection: close\r\nAuthorization: Bearer " + kToken.toLatin1() + "\r\n\r\n");
+        QByteArray headOnly;
+        QVERIFY(QTest::qWaitFor([&] { headOnly += socket.readAll(); return socket.state() == QAbstractSocket::UnconnectedState; }, 10000));
+        QVERIFY2(headOnly.contains("\r\nContent-Length: 300000\r\n") && headOnly.endsWith("\r\n\r\n"), headOnly.right(200).constData());
         socket.connectToHost(QHostAddress::LocalHost, port);
         QVERIFY(socket.waitForConnected(5000));
         socket.write("POST " + q(QStringLiteral("cut")).toLatin1() + " HTTP/1.1\r\nHost: x\r\nContent-Length: 2147483648\r\n\r\n");

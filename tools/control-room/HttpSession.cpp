@@ -82,6 +82,8 @@ asio::awaitable<void> HttpSession::run()
     auto self = shared_from_this();
     for (;;) {
         beast::error_code ec;
+        m_headOnly = false;
+        m_clientKeeps = false; // a request that cannot be read ends the connection
         Head head;
         head.header_limit(16 << 10);
         head.body_limit(uploadLimit); // checked against Content-Length as the header ends; smaller per route
@@ -94,7 +96,9 @@ asio::awaitable<void> HttpSession::run()
             break;
         }
         m_version = head.get().version();
-        if (!co_await serve(head) || m_moved)
+        m_headOnly = head.get().method() == http::verb::head;
+        m_clientKeeps = head.get().keep_alive();
+        if (!co_await serve(head) || m_moved || !m_clientKeeps)
             break;
     }
     if (!m_moved) {
@@ -300,13 +304,24 @@ asio::awaitable<bool> HttpSession::answer(http::status status, std::string body,
     res.set(http::field::cache_control, "no-store");
     if (!cookie.empty())
         res.set(http::field::set_cookie, cookie);
-    res.keep_alive(keep);
+    res.keep_alive(keep && m_clientKeeps);
     res.body() = std::move(body);
     res.prepare_payload();
-    beast::error_code ec;
     m_stream.expires_after(kIdle);
-    co_await http::async_write(m_stream, res, noThrow(ec));
-    co_return !ec && keep;
+    co_return co_await send(res) && keep;
+}
+
+template<class Body>
+asio::awaitable<bool> HttpSession::send(http::response<Body> &res)
+{
+    beast::error_code ec;
+    if (m_headOnly) { // the length of what a GET would bring, and no body
+        http::response_serializer<Body> head(res);
+        co_await http::async_write_header(m_stream, head, noThrow(ec));
+    } else {
+        co_await http::async_write(m_stream, res, noThrow(ec));
+    }
+    co_return !ec;
 }
 
 asio::awaitable<bool> HttpSession::sendFile(const QString &path, std::string_view range)
@@ -325,10 +340,10 @@ asio::awaitable<bool> HttpSession::sendFile(const QString &path, std::string_vie
             http::response<http::string_body> refusal{http::status::range_not_satisfiable, m_version};
             refusal.set(http::field::server, "brava-control-room");
             refusal.set(http::field::content_range, "bytes */" + std::to_string(size));
+            refusal.keep_alive(m_clientKeeps);
             refusal.prepare_payload();
             m_stream.expires_after(kIdle);
-            co_await http::async_write(m_stream, refusal, noThrow(ec));
-            co_return !ec;
+            co_return co_await send(refusal);
         }
         file.narrow(part->first, part->second - part->first + 1, ec);
         if (ec)
@@ -345,8 +360,7 @@ asio::awaitable<bool> HttpSession::sendFile(const QString &path, std::string_vie
                                        : suffix == QLatin1String("pdf") ? "application/pdf"
                                                                           : "application/octet-stream");
     res.prepare_payload();
-    res.keep_alive(true);
+    res.keep_alive(m_clientKeeps);
     m_stream.expires_never();
-    co_await http::async_write(m_stream, res, noThrow(ec));
-    co_return !ec;
+    co_return co_await send(res);
 }

@@ -37,10 +37,15 @@ private:
     asio::awaitable<bool> answer(http::status status, std::string body, const char *type = "text/plain; charset=utf-8",
                                  bool keep = true, std::string cookie = {});
     asio::awaitable<bool> sendFile(const QString &path, std::string_view range);
+    /// Writes `res` (only its header when the request was a HEAD); false when the write failed.
+    template<class Body>
+    asio::awaitable<bool> send(http::response<Body> &res);
 
     beast::tcp_stream m_stream;
     beast::flat_buffer m_buffer;
     Room &m_room;
     unsigned m_version = 11;
     bool m_moved = false;
+    bool m_headOnly = false; ///< the request being answered is a HEAD
+    bool m_clientKeeps = true; ///< the client did not ask to close after this request
 };
