@@ -128,8 +128,8 @@ int main(int argc, char *argv[])
         QString reason;
         if (cmd == QLatin1String("json")) {
             const auto json = CommandWords::json(line.mid(line.indexOf(QLatin1String("json")) + 4), &reason);
-            if (json)
-                out << "sent to " << room.send(target, *json) << " agent(s)" << Qt::endl;
+            if (const int sent = json ? room.send(target, *json) : 0; json)
+                out << "sent to " << sent << " agent(s)" << (sent == 0 ? "; warning: no agent connected to take it" : "") << Qt::endl;
             else
                 out << "refused: " << reason << Qt::endl;
             return;

@@ -59,6 +59,9 @@ try {
   const [port, token] = [Number(address[1]), address[2]];
   const state = async () => (await fetch(`http://127.0.0.1:${port}/api/state`, { headers: { Authorization: `Bearer ${token}` } })).json();
 
+  room.stdin.write('json {"type":"ping"}\n'); // typed before any agent is there
+  await until('the terminal\'s warning', () => room.output.includes('sent to 0 agent(s); warning: no agent connected to take it'));
+
   step('a second room on the same port says so once and leaves no folder');
   const other = spawnSync(path.join(build, 'brava-control-room'), ['--port', String(port), '--uploads', path.join(work, 'second')], { encoding: 'utf8', timeout: 20000 });
   if (other.status !== 1 || (other.stdout + other.stderr).split('cannot listen').length !== 2 || fs.existsSync(path.join(work, 'second')))
