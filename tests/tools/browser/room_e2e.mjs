@@ -96,6 +96,9 @@ try {
   await page.screenshot({ path: path.join(screens, '01-agents-connected.png') });
   if (await page.isVisible('#preview') || !(await page.isVisible('#no-preview'))) throw new Error('a preview picture shows before any frame');
 
+  if (!(await page.isDisabled('#agent-1 button:text-is("Listen")')) || !(await page.isDisabled('#agent-1 button:text-is("Preview")')))
+    throw new Error('Listen and Preview can be pressed for an agent that is not live');
+
   step('go live and start a session');
   await page.click('#all-live');
   await until('both agents live', async () => (await state()).agents.every((a) => a.live));

@@ -19,6 +19,8 @@ function linked(up, text) {
   $('link-state').textContent = text; $('link-state').className = up ? 'good' : 'bad';
   for (const b of document.querySelectorAll('button')) b.disabled = !up;
   if (up) $('link-note').textContent = '';
+  if (up) for (const row of room.agents.values()) if (row.agent) render(row.agent); // what each row allows
+
 }
 
 function connect() {
@@ -126,6 +128,12 @@ function render(a) {
   row.listen.classList.toggle('waiting', room.listen === a.id && !a.connected);
   row.preview.classList.toggle('on', room.preview === a.id && a.connected);
   row.preview.classList.toggle('waiting', room.preview === a.id && !a.connected);
+  // An agent sends sound and pictures only while live: until then the buttons wait (one on stays off-able).
+  const up = room.link && room.link.readyState === WebSocket.OPEN;
+  for (const [b, on] of [[row.listen, room.listen === a.id], [row.preview, room.preview === a.id]]) {
+    b.disabled = !up || (!a.live && !on);
+    b.title = a.live ? '' : 'Go Live first: the agent sends sound and pictures only while live';
+  }
 }
 
 // ---- feed -----------------------------------------------------------------------------------
