@@ -170,11 +170,11 @@ try {
   const before = await page.evaluate(() => window.__room.audioSamples);
   await page.waitForFunction((n) => window.__room.audioSamples > n + 48000, before, { timeout: 20000 }); // heard again after a reconnect
   // A second of audio at once is cut down to the jitter buffer (150 ms) rather than heard late.
-  const dropped = await page.evaluate(() => {
-    const was = window.__room.audioDropped;
-    window.__room.node.port.postMessage({ source: 1, samples: new Float32Array(48000) });
-    return new Promise((done) => { const t = setInterval(() => { if (window.__room.audioDropped > was) { clearInterval(t); done(window.__room.audioDropped - was); } }, 20); });
-  });
+  const dropped = await page.evaluate(() => new Promise((done) => {
+    const port = window.__room.node.port;
+    port.addEventListener('message', (e) => { if (e.data.tag === 'burst') done(e.data.droppedNow); });
+    port.postMessage({ source: 1, samples: new Float32Array(48000), tag: 'burst' });
+  }));
   if (dropped < 48000 - 7200) throw new Error(`a burst of 48000 samples dropped only ${dropped}`);
   // Meters in dB from -60 to 0: half of full scale (0x4000, 16-bit little-endian) is -6 dB, speech at 0.01 is a third.
   const half = await page.evaluate(() => { playPcm(0, new Uint8Array([0, 0x40])); return [document.getElementById('listen-level').style.width, document.querySelector('#listen-box .meter').title, level(0.01), level(0)].join(); });
