@@ -51,6 +51,8 @@ void AgentWindows::update()
         });
         connect(m_widget.get(), &SaleWidget::helpPressed, this, [this] { m_actions.needHelp(); });
         connect(m_widget.get(), &SaleWidget::salePressed, this, [this] { m_actions.snapSale(); });
+        connect(m_widget.get(), &SaleWidget::menuAsked, this, &AgentWindows::menuAsked);
+        m_widget->setTip(m_tip);
     }
     m_widget->show(m_state.serverLocked());
     if (m_widget->callActive() != onCall)
@@ -83,6 +85,19 @@ void AgentWindows::disableFloating(const QString &note)
     m_note = note;
     m_widget.reset();
     bravaLog(note);
+}
+
+void AgentWindows::setTip(const QString &tip)
+{
+    m_tip = tip;
+    if (m_widget && m_widget->tip() != tip)
+        m_widget->setTip(tip);
+}
+
+void AgentWindows::helpNotSent()
+{
+    if (m_widget)
+        m_widget->flashHelpNotSent();
 }
 
 bool AgentWindows::isUploading() const

@@ -44,6 +44,15 @@ public:
     void disableFloating(const QString &note);
     /// Why the floating widget cannot be used ("" when it can).
     QString note() const { return m_note; }
+    /// Sets the widget's tooltip, now and whenever it is made again.
+    void setTip(const QString &tip);
+    /// Says on the widget that the last call for help did not reach the control room.
+    void helpNotSent();
+
+Q_SIGNALS:
+    /// The widget was right-clicked at `globalPos`: the agent's menu is asked for there.
+    void menuAsked(const QPoint &globalPos);
+public:
 
     /// The windows (null until first needed).
     SaleWidget *widget() const { return m_widget.get(); }
@@ -57,6 +66,7 @@ private:
     const AgentState &m_state;
     bool m_floating = true;
     QString m_note;
+    QString m_tip;
     std::unique_ptr<SaleSubmission> m_submission;
     std::unique_ptr<ScreenSnapper> m_snapper;
     std::unique_ptr<SaleWidget> m_widget;

@@ -13,6 +13,8 @@
 #include "TrayView.h"
 
 #include <QCoreApplication>
+#include <QCursor>
+#include <QMenu>
 #include <QMessageBox>
 #include <QPointer>
 
@@ -45,6 +47,7 @@ AppDelegate::AppDelegate(Settings &settings, const BuildInfo &build, AudioBacken
     m_commands.onReplaced = [this] { showReplacedAlert(); };
     connect(&m_commands, &Commands::whisper, &m_state, &AgentState::announceWhisper);
     connect(&m_state, &AgentState::whisper, &m_whisper, &WhisperCard::show);
+    connect(&m_windows, &AgentWindows::menuAsked, this, &AppDelegate::popUpMenu);
     connect(&m_setupRoute, &SetupRoute::setupNeeded, this, [this](SetupStep::Step step) {
         m_state.announceSetupNeeded(step);
         showWizard();
@@ -55,8 +58,10 @@ AppDelegate::AppDelegate(Settings &settings, const BuildInfo &build, AudioBacken
     };
     m_actions.onConfirm = [this](const QString &text) { m_status.flashStatus(text); };
     m_events.onUndelivered = [this](const QString &type, const QString &) {
-        if (type == QLatin1String(Protocol::Event::help))
+        if (type == QLatin1String(Protocol::Event::help)) {
             m_status.flashStatus(QStringLiteral("Help not delivered — the control room can't be reached"));
+            m_windows.helpNotSent();
+        }
         publish();
     };
     m_tick.setInterval(kTickMs);
@@ -243,8 +248,6 @@ std::optional<QString> AppDelegate::error() const
         return refusal;
     if (const QString undelivered = m_events.note(); !undelivered.isEmpty())
         return undelivered; // an event the control room did not take
-    if (m_status.tray() && !m_status.tray()->note().isEmpty())
-        return m_status.tray()->note(); // nothing on this desktop shows the agent's state
     return std::nullopt;
 }
 
@@ -284,6 +287,8 @@ void AppDelegate::tick()
     publish();
     m_status.refresh();
     m_status.showCallTime(m_actions.callSeconds());
+    // Without a tray the panel is where the agent's state can be read: it carries the tray's tooltip.
+    m_windows.setTip(trayMissing() ? m_status.tray()->tip() : QString());
     cameraRefusalToSetup();
 }
 
@@ -378,6 +383,19 @@ void AppDelegate::startedAgain()
     if (m_wizardOpen || !m_settings.setupDone())
         return showWizard();
     m_status.flashStatus(QStringLiteral("Brava Recorder is already running"));
+    if (trayMissing()) // the menu has no tray to open from: it opens where the pointer is
+        popUpMenu(QCursor::pos());
+}
+
+bool AppDelegate::trayMissing() const
+{
+    return m_status.tray() && !m_status.tray()->note().isEmpty();
+}
+
+void AppDelegate::popUpMenu(const QPoint &globalPos)
+{
+    if (m_status.tray())
+        m_status.tray()->menu()->popup(globalPos);
 }
 
 void AppDelegate::finishWizard()

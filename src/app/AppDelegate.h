@@ -58,8 +58,11 @@ public:
     /// Opens the setup wizard (at the stored wizardStep), or brings it to the front.
     void showWizard();
     /// The program was started again while this agent runs: the setup comes forward while it is
-    /// not done, else a short message says the agent is already running.
+    /// not done, else a short message says the agent is already running (and, on a desktop
+    /// without a tray, the agent's menu opens at the pointer).
     void startedAgain();
+    /// Opens the agent's menu at `globalPos` (the tray's menu, kept even without a tray).
+    void popUpMenu(const QPoint &globalPos);
     /// The wizard's final button: stops the sound check, records that setup is done, closes the
     /// wizard and connects.
     void finishWizard();
@@ -69,7 +72,7 @@ public:
 
     /// The fault the agent shows now (heartbeat "error", tray): the recorder's, else why the floating
     /// windows are missing, else why a whisper card was not shown, else a refused command, else
-    /// an event the control room did not take, else that there is no tray; none when all is well.
+    /// an event the control room did not take; none when all is well.
     std::optional<QString> error() const;
     /// Whether updating now would disturb the agent (recording, call, pending work).
     bool updateBusy() const;
@@ -120,6 +123,7 @@ private:
     static bool canPerform(StatusMenu::Action action);
     CheckIn::Flags permissionFlags() const;
     void wizardClosed();
+    bool trayMissing() const;
     Maintenance::Parts maintenanceParts();
 
     // Read by capture threads before they forward live audio or a preview frame.

@@ -41,7 +41,8 @@ std::optional<int> answer(int argc, char *argv[])
                        "The Brava Recorder agent: records this computer's microphone, its sound output and its\n"
                        "cameras for the event's control room, and uploads every piece. It runs in the desktop\n"
                        "session, with an icon in the tray (and a floating call panel); the first start opens\n"
-                       "the setup. Settings: $XDG_CONFIG_HOME/Brava Recorder/settings.ini; recordings and\n"
+                       "the setup. On a desktop without a tray, right-click the panel for the menu, or start\n"
+                       "brava-recorder again: the menu opens at the pointer. Settings: $XDG_CONFIG_HOME/Brava Recorder/settings.ini; recordings and\n"
                        "log.txt: $XDG_DATA_HOME/Brava Recorder.\n",
                        stdout);
             return 0;

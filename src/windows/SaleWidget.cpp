@@ -4,6 +4,7 @@
 #include "ScreenChanges.h"
 #include "X11Desktop.h"
 
+#include <QContextMenuEvent>
 #include <QFrame>
 #include <QGuiApplication>
 #include <QLabel>
@@ -57,7 +58,6 @@ SaleWidget::SaleWidget(FrameStore store, QObject *parent)
     m_snapEnd.setInterval(M::kSnappingMs);
     connect(&m_snapEnd, &QTimer::timeout, this, [this] { m_snapping = false; });
     m_flashEnd.setSingleShot(true);
-    m_flashEnd.setInterval(M::kHelpFlashMs);
     connect(&m_flashEnd, &QTimer::timeout, this, [this] { setCall(m_callActive); });
 
     // A screen unplugged, added or resized (a laptop leaving its dock) brings the panel back onto
@@ -105,6 +105,8 @@ void SaleWidget::build(bool withSale)
                              .arg(rgba(M::navy()))
                              .arg(M::kPanelRadius));
     panel->installEventFilter(this);
+    panel->setToolTip(m_tip);
+    m_panel = panel;
 
     auto *handle = new QLabel(M::handleText(), panel);
     handle->setGeometry(M::handleFrame());
@@ -175,7 +177,28 @@ void SaleWidget::drawCall(bool helpFlash)
 void SaleWidget::flashHelp()
 {
     drawCall(true);
-    m_flashEnd.start();
+    m_flashEnd.start(M::kHelpFlashMs);
+}
+
+void SaleWidget::flashHelpNotSent()
+{
+    flashLook(M::helpNotSentLook(), M::kHelpFailedMs);
+}
+
+void SaleWidget::flashLook(const M::CallLook &look, int ms)
+{
+    if (!m_callBtn)
+        return;
+    m_callBtn->setText(look.title);
+    m_callBtn->setStyleSheet(buttonStyle(look.colour, look.pixelSize));
+    m_flashEnd.start(ms);
+}
+
+void SaleWidget::setTip(const QString &tip)
+{
+    m_tip = tip;
+    if (m_panel)
+        m_panel->setToolTip(tip);
 }
 
 void SaleWidget::snap()
@@ -190,6 +213,10 @@ bool SaleWidget::eventFilter(QObject *watched, QEvent *event)
         moved();
     } else if (m_window && watched != m_window) {
         // Dragging the background moves the panel: by the window manager when it can, else here.
+        if (event->type() == QEvent::ContextMenu) { // the agent's menu, where a desktop has no tray to open it
+            Q_EMIT menuAsked(static_cast<QContextMenuEvent *>(event)->globalPos());
+            return true;
+        }
         auto *mouse = static_cast<QMouseEvent *>(event);
         if (event->type() == QEvent::MouseButtonPress && mouse->button() == Qt::LeftButton) {
             QWindow *handle = m_window->windowHandle();

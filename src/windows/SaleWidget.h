@@ -1,5 +1,7 @@
 #pragma once
 
+#include "SaleWidgetModel.h"
+
 #include <QObject>
 #include <QPoint>
 #include <QPointer>
@@ -37,6 +39,12 @@ public:
     void setCall(bool active);
     /// Confirms a help request on the call button for a moment.
     void flashHelp();
+    /// Says on the call button, for a while, that the last help request did not reach the control room.
+    void flashHelpNotSent();
+    /// Sets the panel's tooltip (what the agent is doing, on a desktop without a tray).
+    void setTip(const QString &tip);
+    /// The panel's tooltip as last set.
+    QString tip() const { return m_tip; }
     /// Shows the panel with its last choice of buttons and asks for the sale form.
     void snap();
 
@@ -56,6 +64,8 @@ Q_SIGNALS:
     void salePressed();
     /// The help button was pressed (the widget confirms it itself).
     void helpPressed();
+    /// The panel was right-clicked at `globalPos`: the agent's menu is asked for there.
+    void menuAsked(const QPoint &globalPos);
 
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
@@ -63,6 +73,7 @@ protected:
 private:
     void build(bool withSale);
     void drawCall(bool helpFlash);
+    void flashLook(const SaleWidgetModel::CallLook &look, int ms);
     void moved();
     void snapToEdge();
 
@@ -70,6 +81,8 @@ private:
     QPointer<QWidget> m_window;
     QPointer<QPushButton> m_callBtn;
     QPointer<QPushButton> m_saleBtn;
+    QPointer<QWidget> m_panel;
+    QString m_tip;
     bool m_callActive = false;
     bool m_showSale = true;
     bool m_snapping = false;

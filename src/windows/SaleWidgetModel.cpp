@@ -46,6 +46,11 @@ CallLook callLook(bool callActive, bool helpFlash)
     return {callActive ? QStringLiteral("⏹  End the Call") : QStringLiteral("🎧  On a Call"), colour, 15};
 }
 
+CallLook helpNotSentLook()
+{
+    return {QStringLiteral("Help not sent ✗"), red(), 14};
+}
+
 QString frameText(const QRect &f)
 {
     return QStringLiteral("{{%1, %2}, {%3, %4}}").arg(f.x()).arg(f.y()).arg(f.width()).arg(f.height());

@@ -32,6 +32,8 @@ constexpr int kSnapDelayMs = 180;
 constexpr int kSnappingMs = 350;
 /// How long "Help sent ✓" stays on the call button.
 constexpr int kHelpFlashMs = 1400;
+/// How long "Help not sent ✗" stays on it (a call for help that did not reach the control room).
+constexpr int kHelpFailedMs = 5000;
 
 /// Panel background.
 QColor navy();
@@ -67,6 +69,8 @@ struct CallLook {
 };
 /// The call button for this call state, or while confirming a help request.
 CallLook callLook(bool callActive, bool helpFlash);
+/// The call button while saying that a help request did not reach the control room.
+CallLook helpNotSentLook();
 
 /// "{{x, y}, {w, h}}".
 QString frameText(const QRect &frame);

@@ -68,7 +68,7 @@ private Q_SLOTS:
     {
         QFile entry(home.root() + QStringLiteral("/config/autostart/brava-recorder.desktop"));
         QVERIFY(entry.open(QIODevice::ReadOnly) && entry.readAll().contains(QByteArray("Exec=\"" + QCoreApplication::applicationFilePath().toUtf8() + "\"")));
-        // No tray in the offscreen platform: said once, in every status, and the menu is kept all the same.
+        // No tray in the offscreen platform: said once in the log (no fault in the status), and the menu is kept all the same.
         const QString noTray = QStringLiteral("no system tray on this desktop: running without a menu");
         QCOMPARE(home.log().count(noTray), 1);
         QCOMPARE(home.log().count(QStringLiteral("start: Brava Recorder 2.5 (build ")), 1);
@@ -81,7 +81,7 @@ private Q_SLOTS:
         QVERIFY(heartbeats(1));
         const QJsonObject o = f->room.statuses().last();
         QVERIFY(o.value(QLatin1String("mic")).isDouble() && o.value(QLatin1String("camError")).isNull() && o.value(QLatin1String("rate")) == QJsonValue(48000));
-        QVERIFY(o.value(QLatin1String("error")).toString() == noTray && o.value(QLatin1String("cams")).toArray().size() == 1);
+        QVERIFY(o.value(QLatin1String("error")).isNull() && o.value(QLatin1String("cams")).toArray().size() == 1);
         // The menu is drawn again only when what it shows changed.
         const int before = f->app->status().tray()->drawCount();
         for (int i = 0; i < 3; ++i)
@@ -293,10 +293,10 @@ private Q_SLOTS:
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", true}}));
         f->app->actions().toggleCall();
         QVERIFY(f->app->updateBusy());
-        QTRY_COMPARE(menu().value(4), QStringLiteral("⏹  End the Call")); // after the no-tray note
+        QTRY_COMPARE(menu().value(3), QStringLiteral("⏹  End the Call"));
         // Cameras off mid-call hide the call controls, but the call item stays: it ends the call.
         QVERIFY(f->command(J{{"type", "cameras"}, {"on", false}}));
-        QTRY_VERIFY(!menu().value(4).contains(QStringLiteral("Call")));
+        QTRY_VERIFY(!menu().value(3).contains(QStringLiteral("Call")));
         const TrayView *tray = f->app->status().tray();
         // Told apart at a glance from the main icon on a call.
         QVERIFY(tray->callItem() && tray->callItem()->icon().pixmap(22).toImage() != QIcon(TrayTip::iconPath(TrayTip::Look::OnCall)).pixmap(22).toImage());
@@ -351,7 +351,7 @@ private Q_SLOTS:
             f->room.send(c); // (not command(): its marker is a command taken)
         QVERIFY(heartbeats(2) && refusalShown());
         QVERIFY(f->command(J{{"type", "stop"}}) && heartbeats(2));
-        QVERIFY(f->room.statuses().last().value(QLatin1String("error")).toString().startsWith(QStringLiteral("no system tray"))); // no tray here
+        QVERIFY(f->room.statuses().last().value(QLatin1String("error")).isNull()); // the refusal ended with the command taken
         home.settings().setMicUID(QStringLiteral("keep"));
         for (const auto &[command, line] : commands) {
             QVERIFY(f->command(command));

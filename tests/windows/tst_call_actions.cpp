@@ -9,6 +9,7 @@
 #include "TestLiterals.h"
 #include "TrayView.h"
 
+#include <QContextMenuEvent>
 #include <QLineEdit>
 #include <QMenu>
 #include <QNetworkAccessManager>
@@ -116,6 +117,22 @@ private Q_SLOTS:
         QCOMPARE(w->callButton()->text(), QStringLiteral("Help sent ✓"));
         QTRY_COMPARE(f.room.events.size(), 2);
         QTRY_COMPARE_WITH_TIMEOUT(w->callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
+        // Help the control room never took is said on the panel too: it is all this agent sees.
+        home.settings().setServer(QStringLiteral("127.0.0.1:1"));
+        help->click();
+        QTRY_COMPARE(w->callButton()->text(), QStringLiteral("Help not sent ✗"));
+        home.settings().setServer(f.room.address());
+        // The panel carries what the tray would say, and opens the agent's menu on a right click;
+        // so does starting the program again.
+        QMenu *menu = f.app->status().tray()->menu();
+        QTRY_VERIFY(w->tip().contains(QStringLiteral("On a call")) && w->tip() == f.app->status().tray()->tip());
+        QContextMenuEvent rightClick(QContextMenuEvent::Mouse, QPoint(4, 4), w->window()->mapToGlobal(QPoint(4, 4)));
+        QApplication::sendEvent(w->window()->findChild<QWidget *>(QStringLiteral("panel")), &rightClick);
+        QTRY_VERIFY(menu->isVisible());
+        menu->hide();
+        f.app->startedAgain();
+        QTRY_VERIFY(menu->isVisible());
+        menu->hide();
 
         w->saleButton()->click();
         QVERIFY(f.app->windows().form() && f.app->windows().form()->isVisible());
