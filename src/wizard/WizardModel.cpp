@@ -47,6 +47,7 @@ WizardModel::WizardModel(Parts parts, QObject *parent)
     , m_net(parts.net)
     , m_settings(parts.settings)
     , m_build(parts.build)
+    , m_trayAvailable(parts.trayAvailable)
 {
     m_step = SetupStep::clamp(m_settings.wizardStep());
     m_furthest = qBound(m_step, m_settings.wizardFurthest(), int(SetupStep::Done));
@@ -175,6 +176,14 @@ QString WizardModel::serverProblem() const
         return QString();
     return QStringLiteral("“%1” is not a control-room address: type it as the control room shows it, such as 192.168.1.10:4777.")
         .arg(typed.left(64));
+}
+
+void WizardModel::setTrayAvailable(bool available)
+{
+    if (m_trayAvailable == available)
+        return;
+    m_trayAvailable = available;
+    Q_EMIT trayAvailableChanged();
 }
 
 void WizardModel::go(int target)
@@ -329,7 +338,10 @@ void WizardModel::verifyAndSave()
     const QString name = TextTools::trimSpacesAndTabs(m_nameText);
     if (!agentID() || name.isEmpty() || m_verifying)
         return;
-    if (!m_build.serverLocked()) {
+    // Without a preset room, or without an event web service, there is no list to check against.
+    if (!m_build.serverLocked() || m_build.webServiceURL().isEmpty()) {
+        if (m_build.serverLocked())
+            bravaLog(QStringLiteral("this build has no event web service: agent %1 is taken unchecked").arg(*agentID()));
         setVerify(false, std::nullopt);
         saveAgent();
         return;

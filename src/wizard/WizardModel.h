@@ -63,6 +63,7 @@ class WizardModel : public QObject
     Q_PROPERTY(bool hasAgentID READ hasAgentID NOTIFY agentTextChanged)
     Q_PROPERTY(int agentNumber READ agentNumber NOTIFY agentTextChanged)
     Q_PROPERTY(QStringList rooms READ rooms NOTIFY roomsChanged)
+    Q_PROPERTY(bool trayAvailable READ trayAvailable WRITE setTrayAvailable NOTIFY trayAvailableChanged)
 
 public:
     /// The parts the model works with; all outlive it.
@@ -75,6 +76,8 @@ public:
         QNetworkAccessManager &net;
         Settings &settings;
         const BuildInfo &build;
+        /// The desktop shows a system tray (without one the agent is reached through its panel).
+        bool trayAvailable = true;
     };
 
     /// A model that starts where the agent left setup (settings wizardStep, wizardFurthest,
@@ -144,6 +147,10 @@ public:
     int agentNumber() const { return agentID().value_or(0); }
     /// Discovered control rooms as "name (host:port)", in order of arrival.
     QStringList rooms() const { return m_rooms; }
+    /// The desktop shows a system tray, so the agent's icon and menu are there.
+    bool trayAvailable() const { return m_trayAvailable; }
+    /// Tells the model whether a tray is there now (a tray host may start during setup).
+    void setTrayAvailable(bool available);
 
     /// Sets typed or ticked fields (the screens write them through the properties).
     void setAgree(bool on);
@@ -175,7 +182,8 @@ public:
     Q_INVOKABLE void autoFillRoom();
     /// Uses the discovered room at this index of rooms().
     Q_INVOKABLE void chooseRoom(int index);
-    /// The identity step's Next: checks name and number (preset control room only), then saves.
+    /// The identity step's Next: checks name and number against the event web service's list (a
+    /// build with a preset control room and an event web service only), then saves.
     Q_INVOKABLE void verifyAndSave();
     /// Stores identity and address, connects with them and moves to the microphone step.
     Q_INVOKABLE void saveAgent();
@@ -208,6 +216,7 @@ Q_SIGNALS:
     void testingChanged();
     void verifyChanged();
     void roomsChanged();
+    void trayAvailableChanged();
 
 private:
     void setFurthest(int furthest);
@@ -254,5 +263,6 @@ private:
     bool m_hasCamera = false;
     bool m_sandboxed = false;
     QStringList m_rooms;
+    bool m_trayAvailable = true;
     QPointer<QNetworkReply> m_reply;
 };

@@ -138,6 +138,10 @@ private Q_SLOTS:
         m->go(2);
         QVERIFY(m->step() == 2 && m->furthest() == 3);
         m->back();
+        QSignalSpy trayChanges(m.get(), &WizardModel::trayAvailableChanged); // a tray host may come or go during setup
+        m->setTrayAvailable(false);
+        m->setTrayAvailable(false);
+        QVERIFY(trayChanges.size() == 1 && !m->trayAvailable());
         make();
         QVERIFY(m->step() == 1 && m->furthest() == 3);
         m->go(3);
@@ -168,12 +172,14 @@ private Q_SLOTS:
         }
     }
 
-    // answer: "hang" is no answer in time, none is no preset room; error: none is saved and moved on.
+    // answer: "hang" is no answer in time, none is no preset room, "none" a preset room with no event
+    // web service; error: none is saved and moved on.
     void verifyAnswers()
     {
         const QString mismatch = WizardModel::mismatchText(), unreachable = WizardModel::unreachableText();
         const struct { const char *name; QByteArray answer; QString error, savedName; } rows[] = {
             {"no preset room: saved unasked", {}, {}, QStringLiteral("Ana Lee")},
+            {"no web service: no list, saved unasked", "none", {}, QStringLiteral("Ana Lee")},
             {"ok, list spelling wins", "{\"ok\":true,\"name\":\"Ana  LEE\"}", {}, QStringLiteral("Ana  LEE")},
             {"ok, blank name", "{\"ok\":true,\"name\":\"   \"}", {}, QStringLiteral("Ana Lee")},
             {"ok as text is no ok", "{\"ok\":\"true\"}", mismatch, QStringLiteral("Ana Lee")},
@@ -185,8 +191,9 @@ private Q_SLOTS:
             {"time-out", "hang", unreachable, QStringLiteral("Ana Lee")}};
         for (const auto &[row, answer, error, name] : rows) {
             init();
-            if (!answer.isEmpty()) // a build with a preset control room and this web service
-                home.useInfo(QStringLiteral("127.0.0.1:1"), QStringLiteral("2.5"), QLatin1String("http://") + web.address());
+            const bool asks = !answer.isEmpty() && answer != "none";
+            if (!answer.isEmpty()) // a build with a preset control room and this web service, or none
+                home.useInfo(QStringLiteral("127.0.0.1:1"), QStringLiteral("2.5"), asks ? QLatin1String("http://") + web.address() : QString());
             make();
             m->setStep(1);
             for (const auto &[typedName, number] : {std::pair{"Ana", "0"}, {" \t", "17"}}) { // an incomplete identity does nothing
@@ -197,17 +204,17 @@ private Q_SLOTS:
             }
             m->setNameText(QStringLiteral("Ana Lee"));
             m->setAgentText(QStringLiteral("+17"));
-            if (!answer.isEmpty()) // the status code does not matter; only the body does
+            if (asks) // the status code does not matter; only the body does
                 web.script({answer == "hang" ? HttpStub::hang() : HttpStub::status(500, answer)});
             m->verifyAndSave();
-            QCOMPARE(m->verifying(), !answer.isEmpty());
+            QCOMPARE(m->verifying(), asks);
             m->verifyAndSave(); // no second request while one is in flight
             QTRY_VERIFY(!m->verifying());
             QVERIFY2(m->verifyErrorText() == error && m->nameText() == name, row);
             QVERIFY2(error.isEmpty() || home.log().contains(error == unreachable ? QStringLiteral("agent check failed: ") : QStringLiteral("agent check refused: ") + error), row);
             QVERIFY2(m->step() == (error.isEmpty() ? 2 : 1) && home.settings().agentID() == (error.isEmpty() ? 17 : 0), row);
-            QCOMPARE(web.requests.size(), answer.isEmpty() ? 0 : 1);
-            if (answer.isEmpty())
+            QCOMPARE(web.requests.size(), asks ? 1 : 0);
+            if (!asks)
                 continue;
             const HttpStub::Request &r = web.requests.first();
             QVERIFY(r.method == "POST" && r.url.path() == QLatin1String(WizardModel::kVerifyPath));
@@ -244,7 +251,8 @@ private Q_SLOTS:
             {"4-camera-none", "step=4 camera=none", strings({"No webcam detected on this computer — that's okay, your audio still records. Plug one in before the event if you'd like to be on camera."})},
             {"5-test-connected", "step=5 identity levels connected", strings({"Quick Sound Check", "Connected to control room as Agent #17", "Heard", "Ready"})},
             {"5-test-not-connected", "step=5", strings({"Not connected to control room — check Wi-Fi", "Skip test", "Finish"})},
-            {"6-done", "step=6", strings({"You're In.", "a red dot while you are recorded", "Done"})}};
+            {"6-done", "step=6", strings({"You're In.", "runs quietly in your system tray", "a red dot while you are recorded", "Done"})},
+            {"6-done-no-tray", "step=6 noTray", strings({"in the background", "Your desktop has no system tray: Brava Recorder's panel appears", "Right-click the panel"})}};
         for (const auto &[name, setup, shows] : rows) {
             const QStringList words = QString::fromLatin1(setup).split(QLatin1Char(' '));
             const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
@@ -262,7 +270,9 @@ private Q_SLOTS:
             parts.audio.accessAnswer = has("access=unknown") ? AudioBackend::Access::Unknown
                                  : has("access=refused") ? AudioBackend::Access::Refused : AudioBackend::Access::Allowed;
             if (has("monitor=none")) parts.audio.monitor.reset();
-            WizardModel model(parts.parts());
+            WizardModel::Parts modelParts = parts.parts();
+            modelParts.trayAvailable = !has("noTray");
+            WizardModel model(modelParts);
             model.refreshPermissions();
             model.setAgree(has("agree"));
             if (has("asked")) model.askScreen();
