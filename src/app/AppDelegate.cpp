@@ -368,7 +368,7 @@ void AppDelegate::showWizard()
     m_wizardModel.reset();
     bravaLog(QStringLiteral("the setup wizard opens at step %1").arg(m_settings.wizardStep()));
     m_wizardOpen = true;
-    m_wizardModel.reset(new WizardModel({m_recorder, m_permissions, m_conn, m_discovery, m_net, m_settings, m_build}));
+    m_wizardModel.reset(new WizardModel({m_recorder, m_permissions, m_conn, m_discovery, m_net, m_settings, m_build, !trayMissing()}));
     m_wizardModel->onFinish = [this] { finishWizard(); };
     m_wizardModel->onRelaunch = [this] { m_upkeep.relaunchSelf(); };
     m_wizardModel->refreshPermissions(); // the screens show the answers from the start, not one tick later

@@ -281,6 +281,7 @@ private Q_SLOTS:
         f->room.send(J{{"type", "release"}});
         QTRY_COMPARE(home.settings().agentID(), 0);
         QVERIFY(!home.settings().setupDone() && !f->app->connection().connected() && !wishes().desiredSession && f->app->wizardOpen());
+        QVERIFY(!f->app->wizardModel()->trayAvailable()); // its last screen tells where the agent is without a tray
         QTRY_VERIFY(!rec().running());
         // Without setup, wishes are kept but not carried out; and the link stays down.
         f->app->commands().handle(J{{"type", "start"}, {"session", "late"}});
