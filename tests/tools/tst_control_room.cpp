@@ -417,8 +417,11 @@ private Q_SLOTS:
         QCOMPARE(request("POST", q(QStringLiteral("s1")), "piece").first, 200);
         const QString sale = QString::fromLatin1(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":"L","apv":5,"referral":"no"})").second.mid(9, 21));
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=call&ext=m4a").arg(sale), "call").first, 200);
+        const QString later = QString::fromLatin1(request("POST", QStringLiteral("/sale"), R"({"id":8,"method":"computer","lead":"N","apv":6,"referral":"yes"})").second.mid(9, 21));
+        const auto sales = [&] { return room->state().value(QStringLiteral("sales")).toVariant().toList(); };
+        const QVariantList before = sales();
         const QString linked = QStringLiteral("sales/0001-") + QString(16, QLatin1Char('a')), outside = top.filePath(QStringLiteral("outside"));
-        const QStringList planted = {QStringLiteral("sales/0002-%1/sale.json").arg(QString(16, QLatin1Char('b'))), QStringLiteral("sales/notes.txt"),
+        const QStringList planted = {QStringLiteral("sales/0003-%1/sale.json").arg(QString(16, QLatin1Char('b'))), QStringLiteral("sales/notes.txt"),
                                      QStringLiteral("sales/%1/notes.txt").arg(sale), QStringLiteral("agent07/s1/mic_1_1.m4a"), QStringLiteral("agent7/s1/mic_1_1.wav"),
                                      QStringLiteral("agent7/s1/.mic_1_1.m4a.part-1"), linked + QStringLiteral("/sale.json"), QStringLiteral("agent7/s1/mic_9_9.m4a")};
         for (const QString &path : planted.mid(0, 6)) // a spoilt record, strays, an upload in flight
@@ -432,15 +435,16 @@ private Q_SLOTS:
         left.close();
         room.reset();
         start();
-        QTRY_VERIFY(!printed->isEmpty() && printed->last().first().toString().startsWith(QStringLiteral("took back 1 stored pieces and 1 sales")));
+        QTRY_VERIFY(!printed->isEmpty() && printed->last().first().toString().startsWith(QStringLiteral("took back 1 stored pieces and 2 sales")));
         QCOMPARE(printed->count(), 8); // each of 7 skipped entries once, then the summary
-        const QStringList kept = {QStringLiteral("agent7/s1/mic_123_12_final.m4a"), QStringLiteral("sales/%1/call.m4a").arg(sale), QStringLiteral("sales/%1/sale.json").arg(sale)};
+        const QStringList kept = {QStringLiteral("agent7/s1/mic_123_12_final.m4a"), QStringLiteral("sales/%1/call.m4a").arg(sale), QStringLiteral("sales/%1/sale.json").arg(sale),
+                                 QStringLiteral("sales/%1/sale.json").arg(later)};
         QCOMPARE(room->state().value(QStringLiteral("files")).toVariant().toStringList(), kept);
-        QCOMPARE(room->state().value(QStringLiteral("sales")).toArray().first()[QStringLiteral("files")].toArray().size(), 2);
+        QCOMPARE(sales(), before); // in their order, with their files
         for (const QString &path : kept + planted)
             QVERIFY2(request("GET", QStringLiteral("/files/") + path, {}, "Bearer " + kToken.toLatin1()).first == (kept.contains(path) ? 200 : 404), qPrintable(path));
         QVERIFY(!left.exists());
-        QVERIFY(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":"M","apv":5,"referral":"no"})").second.startsWith("{\"sale\":\"0003-"));
+        QVERIFY(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":"M","apv":5,"referral":"no"})").second.startsWith("{\"sale\":\"0004-"));
     }
 
     void typedCommandsAreCheckedWords()
