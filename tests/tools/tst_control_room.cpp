@@ -429,6 +429,7 @@ private Q_SLOTS:
         QFile record(outside + QStringLiteral("/sale.json")); // a whole record, out of the folder: links to it are not followed
         QVERIFY(QDir().mkpath(outside) && record.open(QIODevice::WriteOnly) && record.write(QJsonDocument(QJsonObject{{QStringLiteral("sale"), linked.mid(6)}, {QStringLiteral("id"), 7}, {QStringLiteral("method"), QStringLiteral("phone")},
                                                                                                     {QStringLiteral("lead"), QStringLiteral("X")}, {QStringLiteral("apv"), 1}, {QStringLiteral("referral"), QStringLiteral("no")}}).toJson()));
+        record.close();
         QVERIFY(QFile::link(outside, uploads() + QLatin1Char('/') + linked) && QFile::link(record.fileName(), uploads() + QLatin1Char('/') + planted.last()));
         QFile left(uploads() + QStringLiteral("/agent7/s1/.mic_2_2.m4a.part-2")); // from a run that ended mid-upload
         QVERIFY(left.open(QIODevice::WriteOnly) && left.setFileTime(QDateTime::currentDateTime().addSecs(-60), QFileDevice::FileModificationTime));
