@@ -105,8 +105,9 @@ quint16 Room::listen(const tcp::endpoint &at)
     m_at = acceptor->local_endpoint();
     m_acceptor = std::move(acceptor);
     if (!std::exchange(m_learning, true))
-        asio::co_spawn(m_io, learnStored(), asio::detached); // its sales before any request is read
-    acceptNext(m_acceptor);
+        asio::co_spawn(m_io, learnStored(m_acceptor), asio::detached); // accepts once its sales are back
+    else
+        acceptNext(m_acceptor);
     if (!std::exchange(m_ticking, true))
         asio::co_spawn(m_io, tickLoop(), asio::detached);
     return m_at.port();
@@ -149,10 +150,11 @@ asio::awaitable<void> Room::tickLoop()
     }
 }
 
-asio::awaitable<void> Room::learnStored()
+asio::awaitable<void> Room::learnStored(std::shared_ptr<tcp::acceptor> acceptor)
 {
-    // Sales first and at once (a few per agent and day), so that a new one numbers on after them;
-    // then the pieces a few hundred entries at a time (tens of thousands a day), serving between.
+    // Sales first and at once (a few per agent and day), before the first connection is taken from
+    // the backlog, so that a new one numbers on after them; then the pieces a few hundred entries
+    // at a time (tens of thousands a day), serving between.
     QElapsedTimer clock;
     clock.start();
     QStringList skipped;
@@ -161,6 +163,7 @@ asio::awaitable<void> Room::learnStored()
     for (const QJsonValue &sale : sales)
         for (const QJsonValue &file : sale[QStringLiteral("files")].toArray())
             m_files.insert(file.toString());
+    acceptNext(acceptor); // gone down meanwhile: it is closed and takes nothing
     StoredScan scan(m_uploads, m_startedAt);
     while (scan.step(256, m_files, skipped) && !m_closed)
         co_await asio::post(m_io, asio::use_awaitable);

@@ -51,8 +51,8 @@ public:
     /// The name announced and shown on the page.
     void setName(const QString &name) { m_name = name; }
 
-    /// Starts listening; the port, or 0. The first time, takes back the sales stored before and
-    /// then, between serving, the pieces (saying what it skipped and a summary when done).
+    /// Starts listening; the port, or 0. The first time, takes back the sales stored before (then
+    /// takes connections) and, between serving, the pieces (saying what it skipped and a summary).
     quint16 listen(const tcp::endpoint &at);
     /// Stops listening and ends every connection.
     void goDown();
@@ -109,7 +109,7 @@ private:
     };
     void acceptNext(const std::shared_ptr<tcp::acceptor> &acceptor);
     asio::awaitable<void> tickLoop();
-    asio::awaitable<void> learnStored();
+    asio::awaitable<void> learnStored(std::shared_ptr<tcp::acceptor> acceptor);
     void agentMessage(WsLink &link, std::string &&message, bool binary);
     void pageMessage(WsLink &link, std::string &&message);
     int wanting(int id, bool seeing) const;
