@@ -24,6 +24,7 @@ class ControlRoomTest : public QObject
     Q_OBJECT
     QTemporaryDir top; // the uploads folder is top/uploads: anything beside it escaped
     std::unique_ptr<ControlRoomServer> room;
+    std::unique_ptr<QSignalSpy> printed; // what the room printed since it started
     QNetworkAccessManager net;
     quint16 port = 0;
 
@@ -81,8 +82,13 @@ private Q_SLOTS:
     {
         QDir(uploads()).removeRecursively();
         QDir().mkpath(uploads());
+        start();
+    }
+    void start()
+    {
         room = std::make_unique<ControlRoomServer>(QDir(uploads()), nullptr, kToken);
         room->quiet = true;
+        printed = std::make_unique<QSignalSpy>(room.get(), &ControlRoomServer::said);
         port = room->listen(0, QHostAddress::LocalHost);
         QVERIFY(port);
     }
@@ -402,6 +408,44 @@ private Q_SLOTS:
         QCOMPARE(sales.size(), 1);
         QCOMPARE(sales.first().toObject().value(QStringLiteral("files")).toArray().size(), 2);
         QTRY_VERIFY(feed.contains(QString(200, u'J') + QStringLiteral(" · $1,000,000,000 · phone · referral no")));
+    }
+
+    // A restarted room takes back what it stored: pieces and sales listed and served, numbering going on;
+    // what it would not have written (strays, links out, spoilt records, partial uploads) is said once and never served.
+    void aRestartedRoomTakesBackWhatItStored()
+    {
+        QCOMPARE(request("POST", q(QStringLiteral("s1")), "piece").first, 200);
+        const QString sale = QString::fromLatin1(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":"L","apv":5,"referral":"no"})").second.mid(9, 21));
+        QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=call&ext=m4a").arg(sale), "call").first, 200);
+        const QString later = QString::fromLatin1(request("POST", QStringLiteral("/sale"), R"({"id":8,"method":"computer","lead":"N","apv":6,"referral":"yes"})").second.mid(9, 21));
+        const auto sales = [&] { return room->state().value(QStringLiteral("sales")).toVariant().toList(); };
+        const QVariantList before = sales();
+        const QString linked = QStringLiteral("sales/0001-") + QString(16, QLatin1Char('a')), outside = top.filePath(QStringLiteral("outside"));
+        const QStringList planted = {QStringLiteral("sales/0003-%1/sale.json").arg(QString(16, QLatin1Char('b'))), QStringLiteral("sales/notes.txt"),
+                                     QStringLiteral("sales/%1/notes.txt").arg(sale), QStringLiteral("agent07/s1/mic_1_1.m4a"), QStringLiteral("agent7/s1/mic_1_1.wav"),
+                                     QStringLiteral("agent7/s1/.mic_1_1.m4a.part-1"), linked + QStringLiteral("/sale.json"), QStringLiteral("agent7/s1/mic_9_9.m4a")};
+        for (const QString &path : planted.mid(0, 6)) // a spoilt record, strays, an upload in flight
+            QVERIFY(QDir(uploads()).mkpath(QFileInfo(path).path()) && QFile(uploads() + QLatin1Char('/') + path).open(QIODevice::WriteOnly));
+        QFile record(outside + QStringLiteral("/sale.json")); // a whole record, out of the folder: links to it are not followed
+        QVERIFY(QDir().mkpath(outside) && record.open(QIODevice::WriteOnly) && record.write(QJsonDocument(QJsonObject{{QStringLiteral("sale"), linked.mid(6)}, {QStringLiteral("id"), 7}, {QStringLiteral("method"), QStringLiteral("phone")},
+                                                                                                    {QStringLiteral("lead"), QStringLiteral("X")}, {QStringLiteral("apv"), 1}, {QStringLiteral("referral"), QStringLiteral("no")}}).toJson()));
+        record.close();
+        QVERIFY(QFile::link(outside, uploads() + QLatin1Char('/') + linked) && QFile::link(record.fileName(), uploads() + QLatin1Char('/') + planted.last()));
+        QFile left(uploads() + QStringLiteral("/agent7/s1/.mic_2_2.m4a.part-2")); // from a run that ended mid-upload
+        QVERIFY(left.open(QIODevice::WriteOnly) && left.setFileTime(QDateTime::currentDateTime().addSecs(-60), QFileDevice::FileModificationTime));
+        left.close();
+        room.reset();
+        start();
+        QTRY_VERIFY(!printed->isEmpty() && printed->last().first().toString().startsWith(QStringLiteral("took back 1 stored pieces and 2 sales")));
+        QCOMPARE(printed->count(), 8); // each of 7 skipped entries once, then the summary
+        const QStringList kept = {QStringLiteral("agent7/s1/mic_123_12_final.m4a"), QStringLiteral("sales/%1/call.m4a").arg(sale), QStringLiteral("sales/%1/sale.json").arg(sale),
+                                 QStringLiteral("sales/%1/sale.json").arg(later)};
+        QCOMPARE(room->state().value(QStringLiteral("files")).toVariant().toStringList(), kept);
+        QCOMPARE(sales(), before); // in their order, with their files
+        for (const QString &path : kept + planted)
+            QVERIFY2(request("GET", QStringLiteral("/files/") + path, {}, "Bearer " + kToken.toLatin1()).first == (kept.contains(path) ? 200 : 404), qPrintable(path));
+        QVERIFY(!left.exists());
+        QVERIFY(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":"M","apv":5,"referral":"no"})").second.startsWith("{\"sale\":\"0004-"));
     }
 
     void typedCommandsAreCheckedWords()

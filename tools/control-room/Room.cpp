@@ -3,10 +3,12 @@
 #include "CommandWords.h"
 #include "HttpSession.h"
 #include "Protocol.h"
+#include "StoredScan.h"
 #include "UploadPlace.h"
 #include "WsLink.h"
 
 #include <QDateTime>
+#include <QElapsedTimer>
 #include <QJsonDocument>
 #include <QLocale>
 
@@ -55,6 +57,7 @@ Room::Room(asio::io_context &io, const QDir &uploads, OperatorToken token, std::
     , m_assets(std::move(assets))
     , m_hooks(std::move(hooks))
     , m_tick(io)
+    , m_startedAt(QDateTime::currentDateTimeUtc().addSecs(-5)) // a file's time can lag the clock a little
     , m_sales(uploads)
 {
 }
@@ -101,7 +104,10 @@ quint16 Room::listen(const tcp::endpoint &at)
     }
     m_at = acceptor->local_endpoint();
     m_acceptor = std::move(acceptor);
-    acceptNext(m_acceptor);
+    if (!std::exchange(m_learning, true))
+        asio::co_spawn(m_io, learnStored(m_acceptor), asio::detached); // accepts once its sales are back
+    else
+        acceptNext(m_acceptor);
     if (!std::exchange(m_ticking, true))
         asio::co_spawn(m_io, tickLoop(), asio::detached);
     return m_at.port();
@@ -144,6 +150,34 @@ asio::awaitable<void> Room::tickLoop()
     }
 }
 
+asio::awaitable<void> Room::learnStored(std::shared_ptr<tcp::acceptor> acceptor)
+{
+    // Sales first and at once (a few per agent and day), before the first connection is taken from
+    // the backlog, so that a new one numbers on after them; then the pieces a few hundred entries
+    // at a time (tens of thousands a day), serving between.
+    QElapsedTimer clock;
+    clock.start();
+    QStringList skipped;
+    m_sales.learnStored(skipped);
+    const QJsonArray sales = m_sales.json();
+    for (const QJsonValue &sale : sales)
+        for (const QJsonValue &file : sale[QStringLiteral("files")].toArray())
+            m_files.insert(file.toString());
+    acceptNext(acceptor); // gone down meanwhile: it is closed and takes nothing
+    StoredScan scan(m_uploads, m_startedAt);
+    while (scan.step(256, m_files, skipped) && !m_closed)
+        co_await asio::post(m_io, asio::use_awaitable);
+    if (m_closed)
+        co_return;
+    constexpr int kSaidMax = 20;
+    for (const QString &line : skipped.mid(0, kSaidMax))
+        say(QStringLiteral("skipped in the uploads folder: ") + line);
+    if (skipped.size() > kSaidMax)
+        say(QStringLiteral("skipped in the uploads folder: %1 more").arg(skipped.size() - kSaidMax));
+    say(QStringLiteral("took back %1 stored pieces and %2 sales in %3 ms; removed %4 partial uploads left from before")
+            .arg(scan.found()).arg(sales.size()).arg(clock.elapsed()).arg(scan.removed()));
+}
+
 void Room::track(const std::shared_ptr<HttpSession> &session)
 {
     std::erase_if(m_sessions, [](const std::weak_ptr<HttpSession> &s) { return s.expired(); });
@@ -169,6 +203,7 @@ void Room::goDown()
 
 void Room::close()
 {
+    m_closed = true;
     goDown();
     m_tick.cancel();
     m_agents.clear();

@@ -4,6 +4,7 @@
 #include "OperatorToken.h"
 #include "SaleBook.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonObject>
@@ -50,7 +51,8 @@ public:
     /// The name announced and shown on the page.
     void setName(const QString &name) { m_name = name; }
 
-    /// Starts listening; the port, or 0.
+    /// Starts listening; the port, or 0. The first time, takes back the sales stored before (then
+    /// takes connections) and, between serving, the pieces (saying what it skipped and a summary).
     quint16 listen(const tcp::endpoint &at);
     /// Stops listening and ends every connection.
     void goDown();
@@ -107,6 +109,7 @@ private:
     };
     void acceptNext(const std::shared_ptr<tcp::acceptor> &acceptor);
     asio::awaitable<void> tickLoop();
+    asio::awaitable<void> learnStored(std::shared_ptr<tcp::acceptor> acceptor);
     void agentMessage(WsLink &link, std::string &&message, bool binary);
     void pageMessage(WsLink &link, std::string &&message);
     int wanting(int id, bool seeing) const;
@@ -127,6 +130,9 @@ private:
     tcp::endpoint m_at;
     asio::steady_timer m_tick;
     bool m_ticking = false;
+    bool m_learning = false; // what is stored is taken back once, as the room first listens
+    bool m_closed = false;
+    QDateTime m_startedAt;
     std::map<WsLink *, Link> m_agents;
     std::map<WsLink *, Link> m_pages;
     std::map<int, Agent> m_records;

@@ -8,12 +8,25 @@
 #include <QRandomGenerator>
 #include <QRegularExpression>
 
+#include <algorithm>
+
 namespace {
 QString L(const char *word)
 {
     return QLatin1String(word);
 }
 } // namespace
+
+bool SaleBook::recordOk(const QJsonObject &r)
+{
+    using namespace Protocol::Sale;
+    const double agent = r.value(L(id)).toDouble(0);
+    const QString m = r.value(L(method)).toString(), ref = r.value(L(referral)).toString(), who = r.value(L(lead)).toString();
+    const double value = r.value(L(apv)).toDouble(-1);
+    return agent >= 1 && agent <= 110 && agent == int(agent) && (m == QLatin1String("phone") || m == QLatin1String("computer"))
+           && (ref == QLatin1String("yes") || ref == QLatin1String("no")) && !who.trimmed().isEmpty() && who.size() <= 200
+           && value >= 0 && value <= 1e9;
+}
 
 SaleBook::SaleBook(const QDir &uploads)
     : m_uploads(uploads)
@@ -23,17 +36,15 @@ SaleBook::SaleBook(const QDir &uploads)
 std::optional<QString> SaleBook::add(const QJsonObject &r, QString *why)
 {
     using namespace Protocol::Sale;
-    const double agent = r.value(L(id)).toDouble(0);
-    const QString m = r.value(L(method)).toString(), ref = r.value(L(referral)).toString(), who = r.value(L(lead)).toString();
-    const double value = r.value(L(apv)).toDouble(-1);
-    if (agent < 1 || agent > 110 || agent != int(agent) || (m != QLatin1String("phone") && m != QLatin1String("computer"))
-        || (ref != QLatin1String("yes") && ref != QLatin1String("no")) || who.trimmed().isEmpty() || who.size() > 200
-        || value < 0 || value > 1e9) {
+    if (!recordOk(r)) {
         *why = QStringLiteral("a sale has id 1 to 110, method phone or computer, a lead, an apv and referral yes or no");
         return std::nullopt;
     }
+    const int agent = r.value(L(id)).toInt();
+    const QString m = r.value(L(method)).toString(), ref = r.value(L(referral)).toString(), who = r.value(L(lead)).toString();
+    const double value = r.value(L(apv)).toDouble();
     const QString token = QStringLiteral("%1-%2").arg(++m_count, 4, 10, QLatin1Char('0')).arg(QRandomGenerator::system()->generate64(), 16, 16, QLatin1Char('0'));
-    QJsonObject sale{{L(Protocol::Sale::token), token}, {L(id), int(agent)}, {L(method), m}, {L(lead), who.trimmed()},
+    QJsonObject sale{{L(Protocol::Sale::token), token}, {L(id), agent}, {L(method), m}, {L(lead), who.trimmed()},
                      {L(apv), value}, {L(referral), ref},
                      {QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)}};
     const QString folder = QStringLiteral("sales/") + token;
@@ -93,4 +104,48 @@ QJsonArray SaleBook::json() const
     for (const QString &token : m_order)
         out.append(m_sales.at(token));
     return out;
+}
+
+void SaleBook::learnStored(QStringList &skipped)
+{
+    static const QRegularExpression folderOk(QStringLiteral("^([0-9]{4,9})-[0-9a-f]{16}$"));
+    const QDir sales(m_uploads.filePath(QStringLiteral("sales")));
+    std::vector<std::pair<QString, QJsonObject>> found; // by the time it was made
+    for (const QFileInfo &entry : sales.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name)) {
+        const QString token = entry.fileName(), rel = QStringLiteral("sales/") + token;
+        const auto number = folderOk.match(token);
+        if (entry.isSymLink() || !entry.isDir() || !number.hasMatch()) {
+            skipped.append(rel + QStringLiteral(": not a sale folder the room makes"));
+            continue;
+        }
+        m_count = std::max(m_count, number.captured(1).toInt()); // even a spoilt one keeps its number
+        QFile file(entry.filePath() + QStringLiteral("/sale.json"));
+        QJsonParseError error{};
+        const QJsonObject r = QFileInfo(file).isSymLink() || !file.open(QIODevice::ReadOnly)
+                                  ? QJsonObject()
+                                  : QJsonDocument::fromJson(file.read(64 << 10), &error).object();
+        if (error.error != QJsonParseError::NoError || r.value(L(Protocol::Sale::token)).toString() != token || !recordOk(r)) {
+            skipped.append(rel + QStringLiteral("/sale.json: not a sale record"));
+            continue;
+        }
+        found.emplace_back(r.value(QStringLiteral("time")).toString() + token, r);
+    }
+    std::sort(found.begin(), found.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+    for (auto &[_, r] : found) {
+        const QString token = r.value(L(Protocol::Sale::token)).toString(), rel = QStringLiteral("sales/") + token;
+        r.insert(QStringLiteral("files"), QJsonArray{QString(rel + QStringLiteral("/sale.json"))});
+        m_sales[token] = r;
+        m_order.append(token);
+        for (const QFileInfo &entry : QDir(sales.filePath(token)).entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name)) {
+            const QString name = entry.fileName(), path = rel + QLatin1Char('/') + name;
+            const qsizetype dot = name.indexOf(QLatin1Char('.'));
+            QString why;
+            if (name == QLatin1String("sale.json") || (name.startsWith(QLatin1Char('.')) && name.contains(QLatin1String(".part-"))))
+                continue; // the record, and a partial upload (the scan of the pieces removes leftovers)
+            if (!entry.isSymLink() && entry.isFile() && filePlace(token, name.left(dot), name.mid(dot + 1), &why) == path)
+                fileStored(token, path);
+            else
+                skipped.append(path + QStringLiteral(": not a file of a sale"));
+        }
+    }
 }

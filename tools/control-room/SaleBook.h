@@ -7,8 +7,9 @@
 #include <map>
 #include <optional>
 
-// The sales agents submitted: each record gets a token and a folder sales/<token>/ under the
-// uploads folder holding "sale.json" and the sale's files ("confirm.<ext>", "call.<ext>").
+// The sales agents submitted: each record gets a token <number>-<16 hex digits> and a folder
+// sales/<token>/ under the uploads folder holding "sale.json" and the sale's files
+// ("confirm.<ext>", "call.<ext>").
 class SaleBook
 {
 public:
@@ -26,8 +27,13 @@ public:
     QJsonObject sale(const QString &token) const;
     /// Every sale with its files, oldest first.
     QJsonArray json() const;
+    /// Takes back the sales an earlier run stored, oldest first, so that numbering goes on after
+    /// them; a line per entry skipped (not a sale folder, not a sale record, a link) in `skipped`.
+    void learnStored(QStringList &skipped);
 
 private:
+    static bool recordOk(const QJsonObject &record);
+
     QDir m_uploads;
     std::map<QString, QJsonObject> m_sales;
     QStringList m_order;

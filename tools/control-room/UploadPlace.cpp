@@ -5,6 +5,8 @@
 
 #include <QRegularExpression>
 
+#include <map>
+
 namespace {
 QString value(const QUrlQuery &q, const char *key)
 {
@@ -13,8 +15,12 @@ QString value(const QUrlQuery &q, const char *key)
 
 bool matches(const QString &text, const char *pattern)
 {
-    const QRegularExpression re{QLatin1String(pattern)};
-    return re.match(text).hasMatch();
+    // Compiled once per pattern and thread: a restarted room checks every stored name with these.
+    thread_local std::map<const char *, QRegularExpression> compiled;
+    auto it = compiled.find(pattern);
+    if (it == compiled.end())
+        it = compiled.emplace(pattern, QRegularExpression(QLatin1String(pattern))).first;
+    return it->second.match(text).hasMatch();
 }
 } // namespace
 
@@ -56,5 +62,24 @@ std::optional<UploadPlace> UploadPlace::fromQuery(const QUrlQuery &q, QString *w
         return refuse(U::ext);
     p.folder = QStringLiteral("agent%1/%2").arg(p.agent).arg(p.session);
     p.file = t + QLatin1Char('_') + tk + QLatin1Char('_') + ix + (fin == QLatin1String("1") ? QStringLiteral("_final") : QString()) + QLatin1Char('.') + ex;
+    return p;
+}
+
+std::optional<UploadPlace> UploadPlace::fromPath(const QString &path)
+{
+    // Read back into a query and named again: only what the room itself would have written matches.
+    static const QRegularExpression piece(QStringLiteral("^agent([0-9]{1,3})/([^/]+)/([a-z0-9]+)_([0-9]+)_([0-9]+)(_final)?\\.([a-z0-9]+)$"));
+    const auto m = piece.match(path);
+    if (!m.hasMatch())
+        return std::nullopt;
+    namespace U = Protocol::UploadQuery;
+    QUrlQuery q;
+    q.setQueryItems({{QLatin1String(U::id), m.captured(1)}, {QLatin1String(U::session), QString::fromLatin1(QUrl::toPercentEncoding(m.captured(2)))}, {QLatin1String(U::track), m.captured(3)},
+                     {QLatin1String(U::take), m.captured(4)}, {QLatin1String(U::index), m.captured(5)},
+                     {QLatin1String(U::final), m.captured(6).isEmpty() ? QStringLiteral("0") : QStringLiteral("1")}, {QLatin1String(U::ext), m.captured(7)}});
+    QString why;
+    auto p = fromQuery(q, &why);
+    if (!p || p->folder + QLatin1Char('/') + p->file != path)
+        return std::nullopt;
     return p;
 }

@@ -16,6 +16,8 @@ struct UploadPlace
 
     /// The place named by an upload's query, or nothing with the reason in `why`.
     static std::optional<UploadPlace> fromQuery(const QUrlQuery &query, QString *why);
+    /// The place of a stored piece by its path under the uploads folder, when fromQuery would name it so.
+    static std::optional<UploadPlace> fromPath(const QString &path);
     /// A session word this room starts and stores: 1 to 64 of letters, digits, "_.+-%", not starting with ".".
     static bool sessionOk(const QString &session);
     /// An agent number: 1 to 110.
