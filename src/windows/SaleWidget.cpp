@@ -167,9 +167,13 @@ void SaleWidget::setCall(bool active)
 
 void SaleWidget::drawCall(bool helpFlash)
 {
+    drawLook(M::callLook(m_callActive, helpFlash));
+}
+
+void SaleWidget::drawLook(const M::CallLook &look)
+{
     if (!m_callBtn)
         return;
-    const M::CallLook look = M::callLook(m_callActive, helpFlash);
     m_callBtn->setText(look.title);
     m_callBtn->setStyleSheet(buttonStyle(look.colour, look.pixelSize));
 }
@@ -182,16 +186,8 @@ void SaleWidget::flashHelp()
 
 void SaleWidget::flashHelpNotSent()
 {
-    flashLook(M::helpNotSentLook(), M::kHelpFailedMs);
-}
-
-void SaleWidget::flashLook(const M::CallLook &look, int ms)
-{
-    if (!m_callBtn)
-        return;
-    m_callBtn->setText(look.title);
-    m_callBtn->setStyleSheet(buttonStyle(look.colour, look.pixelSize));
-    m_flashEnd.start(ms);
+    drawLook(M::helpNotSentLook());
+    m_flashEnd.start(M::kHelpFailedMs);
 }
 
 void SaleWidget::setTip(const QString &tip)

@@ -73,7 +73,7 @@ protected:
 private:
     void build(bool withSale);
     void drawCall(bool helpFlash);
-    void flashLook(const SaleWidgetModel::CallLook &look, int ms);
+    void drawLook(const SaleWidgetModel::CallLook &look);
     void moved();
     void snapToEdge();
 

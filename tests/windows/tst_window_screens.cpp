@@ -81,7 +81,8 @@ private Q_SLOTS:
         QCOMPARE(M::snap(r({10, 10}), {}), std::optional<QRect>());                                    // no screen
         QCOMPARE(M::firstFrame(QRect(0, 0, 1280, 760), true), QRect(1060, 554, 196, 182));
         QCOMPARE(M::firstFrame(QRect(0, 0, 1280, 760), false), QRect(1060, 602, 196, 134));
-        QVERIFY(M::kSnapDelayMs == 180 && M::kSnappingMs == 350 && M::kHelpFlashMs == 1400 && SaleForm::kHideAfterSuccessMs == 1300
+        QVERIFY(M::kSnapDelayMs == 180 && M::kSnappingMs == 350 && M::kHelpFlashMs == 1400 && M::kHelpFailedMs == 5000
+                && M::helpNotSentLook().colour == M::red() && SaleForm::kHideAfterSuccessMs == 1300
                 && ScreenSnapper::kPortalTimeoutMs == 60000); // the real times
         QCOMPARE(M::parseFrame(QStringLiteral("{{12, -40}, {196, 182}}")), std::optional<QRect>(QRect(12, -40, 196, 182)));
         QCOMPARE(M::frameText(QRect(12, -40, 196, 182)), QStringLiteral("{{12, -40}, {196, 182}}"));
