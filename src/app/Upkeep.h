@@ -4,13 +4,16 @@
 #include <QString>
 
 #include <functional>
+#include <optional>
 
 class BuildInfo;
 class QTimer;
 template <typename T> class QFutureWatcher;
 
 // Keeping the installed agent current: every 10 s it looks whether a newer build has been
-// installed beside the running one and, when the agent is not busy, relaunches into it. The
+// installed beside the running one and, when the agent is not busy, relaunches into it; when this
+// copy has been removed from the computer (its build file gone for three checks in a row: a
+// package removed, a folder deleted), it quits once the agent is not busy. The
 // build file is read on a pool thread, so a slow or hung disk never holds up the main thread; a
 // check is skipped while the previous read has not come back. Main thread only.
 class Upkeep : public QObject
@@ -32,17 +35,27 @@ public:
     void relaunchSelf();
     /// Tests only: runs instead of relaunchSelf() when a newer build is found.
     std::function<void()> relaunch;
+    /// Tests only: runs instead of quitting when this copy has been removed.
+    std::function<void()> quit;
 
     /// Interval of the new-build check in milliseconds.
     static constexpr int kVersionCheckMs = 10000;
+    /// Checks in a row that must find the build file gone before this copy counts as removed (a
+    /// folder being replaced by hand is without it for a moment).
+    static constexpr int kGoneChecks = 3;
 
 private:
-    void onInstalledBuild(const QString &onDisk);
+    void onInstalledBuild(const std::optional<QString> &onDisk);
+    void onRemoved();
 
     std::function<bool()> m_busy;
     QString m_runningBuild;
     QString m_infoPath;
     QTimer *m_timer;
-    QFutureWatcher<QString> *m_read;
+    QFutureWatcher<std::optional<QString>> *m_read;
     bool m_checking = false;
+    bool m_hadFile;
+    int m_goneChecks = 0;
+    bool m_removedSaid = false;
+    QString m_waitSaid; // the newer build already logged as waiting for idle
 };

@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QSettings>
+#include <QUrl>
 
 BuildInfo::BuildInfo(const QString &path)
     : m_path(path)
@@ -18,6 +19,7 @@ BuildInfo BuildInfo::read(const QString &path)
     BuildInfo info(path);
     if (!QFileInfo::exists(path))
         return info;
+    info.m_fromFile = true;
     QSettings ini(path, QSettings::IniFormat);
     const auto str = [&ini](const char *key) { return ini.value(QLatin1String(key)).toString(); };
     info.m_server = str("BravaServer");
@@ -47,6 +49,19 @@ QString BuildInfo::readKey(const QString &path, const QString &key)
         return QString();
     QSettings ini(path, QSettings::IniFormat);
     return ini.value(key).toString();
+}
+
+QString BuildInfo::webServiceProblem() const
+{
+    if (m_webBase.isEmpty())
+        return QString();
+    const QUrl url(m_webBase, QUrl::StrictMode);
+    if (url.isValid() && (url.scheme() == QLatin1String("https") || url.scheme() == QLatin1String("http")) && !url.host().isEmpty())
+        return QString();
+    constexpr int kShown = 80;
+    return QStringLiteral("This copy of Brava Recorder was built with a wrong event web service address (“%1”): "
+                          "ask the event's IT for a corrected build.")
+        .arg(m_webBase.size() > kShown ? m_webBase.left(kShown) + QStringLiteral("…") : m_webBase);
 }
 
 bool BuildInfo::serverLocked() const

@@ -18,6 +18,8 @@ public:
 
     /// The Info.ini this was read from ("" for the defaults).
     QString path() const { return m_path; }
+    /// True when the file at path() existed when it was read.
+    bool fromFile() const { return m_fromFile; }
     /// The fixed control-room address of this build ("BravaServer"), "" when none.
     QString defaultServer() const { return m_server; }
     /// True when this build fixes the control-room address.
@@ -30,6 +32,9 @@ public:
     QString bundleIdentifier() const { return m_identifier; }
     /// Base URL of the event web service without a trailing slash, "" when this build has none.
     QString webServiceURL() const { return m_webBase; }
+    /// What is wrong with the event web service address in words, "" when it is a usable http(s)
+    /// address or there is none.
+    QString webServiceProblem() const;
     /// True when a package manager installed this copy ("PackageManaged=true"): the package then
     /// provides the start at login for every user, so the agent writes no autostart entry itself.
     bool packageManaged() const { return m_packageManaged; }
@@ -44,4 +49,5 @@ private:
     QString m_identifier;
     QString m_webBase;
     bool m_packageManaged = false;
+    bool m_fromFile = false;
 };

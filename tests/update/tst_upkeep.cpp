@@ -86,6 +86,26 @@ private Q_SLOTS:
         busy = false;
         check();
         QCOMPARE(relaunched, 1);
+
+        // This copy removed (its build file gone for kGoneChecks checks in a row, a gap in between
+        // starts the count again): it quits, once idle.
+        int quits = 0;
+        upkeep.quit = [&quits] { ++quits; };
+        for (const bool comesBack : {true, false}) {
+            QVERIFY(QFile::remove(info));
+            for (int i = 1; i < Upkeep::kGoneChecks; ++i)
+                check();
+            if (comesBack) {
+                writeFile(info, "[General]\nCFBundleVersion=7\n");
+                check();
+            }
+        }
+        busy = true;
+        check();
+        QCOMPARE(quits, 0);
+        busy = false;
+        check();
+        QCOMPARE(quits, 1);
     }
 
     // The relaunch script, and the start-at-login entry as GLib's desktop-entry reader runs it, start
