@@ -123,7 +123,11 @@ void SaleWidget::build(bool withSale)
         switch (b.kind) {
         case M::Button::Call:
             m_callBtn = button;
-            connect(button, &QPushButton::clicked, this, &SaleWidget::callPressed);
+            // While it reads "Help sent", a press is taken as the agent's glance at it, never as ending the call.
+            connect(button, &QPushButton::clicked, this, [this] {
+                if (!m_flashEnd.isActive())
+                    Q_EMIT callPressed();
+            });
             break;
         case M::Button::Sale:
             m_saleBtn = button;

@@ -136,7 +136,7 @@ private Q_SLOTS:
         savedFrame.clear();
         int saves = 0;
         SaleWidget widget({[this] { return savedFrame; }, [&](const QString &t) { savedFrame = t, ++saves; }});
-        QSignalSpy help(&widget, &SaleWidget::helpPressed);
+        QSignalSpy help(&widget, &SaleWidget::helpPressed), call(&widget, &SaleWidget::callPressed);
         widget.show(true);
         QWidget *w = widget.window();
         QVERIFY(onScreen(w));
@@ -168,7 +168,10 @@ private Q_SLOTS:
 
         QTest::mouseClick(w->findChildren<QPushButton *>().last(), Qt::LeftButton);
         QVERIFY(help.size() == 1 && at(shoot(w, QStringLiteral("widget-help-sent")), 16, 40, M::green()));
+        QTest::mouseClick(widget.callButton(), Qt::LeftButton); // reads "Help sent": does not end the call
         QTRY_COMPARE_WITH_TIMEOUT(widget.callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
+        QTest::mouseClick(widget.callButton(), Qt::LeftButton);
+        QCOMPARE(call.size(), 1);
 
         // Being shown and placed is no move of the agent's: nothing snapped or saved meanwhile.
         QVERIFY2(saves == 0 && w->geometry() == M::firstFrame(avail, true), qPrintable(savedFrame));
