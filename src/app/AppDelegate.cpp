@@ -125,6 +125,8 @@ void AppDelegate::applicationDidFinishLaunching()
 {
     bravaLog(QStringLiteral("start: Brava Recorder %1 (build %2)").arg(m_build.version(), m_build.buildNumber())
              + (m_build.serverLocked() ? QStringLiteral(", fixed to control room ") + m_build.defaultServer() : QString()));
+    if (const QString problem = m_build.webServiceProblem(); !problem.isEmpty())
+        bravaLog(problem);
 
     // 1. The status item.
     m_status.show([](StatusMenu::Action a) { return canPerform(a); }, [this](StatusMenu::Action a) { perform(a); });

@@ -346,6 +346,11 @@ void WizardModel::verifyAndSave()
         saveAgent();
         return;
     }
+    if (const QString problem = m_build.webServiceProblem(); !problem.isEmpty()) {
+        bravaLog(QStringLiteral("agent check impossible: ") + problem);
+        setVerify(false, problem);
+        return;
+    }
     setVerify(true, std::nullopt);
     const QJsonObject body{{QStringLiteral("token"), QString::fromLatin1(CheckIn::token)},
                            {QStringLiteral("name"), name},
