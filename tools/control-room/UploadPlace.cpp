@@ -5,28 +5,22 @@
 
 #include <QRegularExpression>
 
-#include <map>
-
 namespace {
 QString value(const QUrlQuery &q, const char *key)
 {
     return q.queryItemValue(QLatin1String(key), QUrl::FullyDecoded);
 }
 
-bool matches(const QString &text, const char *pattern)
+bool whole(const QRegularExpression &pattern, const QString &text)
 {
-    // Compiled once per pattern and thread: a restarted room checks every stored name with these.
-    thread_local std::map<const char *, QRegularExpression> compiled;
-    auto it = compiled.find(pattern);
-    if (it == compiled.end())
-        it = compiled.emplace(pattern, QRegularExpression(QLatin1String(pattern))).first;
-    return it->second.match(text).hasMatch();
+    return pattern.match(text).hasMatch();
 }
 } // namespace
 
 bool UploadPlace::sessionOk(const QString &session)
 {
-    return matches(session, "^[A-Za-z0-9_+%-][A-Za-z0-9_.+%-]{0,63}$");
+    static const QRegularExpression ok(QStringLiteral("^[A-Za-z0-9_+%-][A-Za-z0-9_.+%-]{0,63}$"));
+    return whole(ok, session);
 }
 
 std::optional<int> UploadPlace::agentNumber(const QString &text)
@@ -50,11 +44,13 @@ std::optional<UploadPlace> UploadPlace::fromQuery(const QUrlQuery &q, QString *w
     if (!sessionOk(p.session))
         return refuse(U::session);
     const QString t = value(q, U::track), tk = value(q, U::take), ix = value(q, U::index), fin = value(q, U::final), ex = value(q, U::ext);
-    if (!matches(t, "^(mic|sys|room|cam[234]?)$"))
+    static const QRegularExpression track(QStringLiteral("^(mic|sys|room|cam[234]?)$")), take(QStringLiteral("^[0-9]{1,19}$")),
+        index(QStringLiteral("^[0-9]{1,9}$"));
+    if (!whole(track, t))
         return refuse(U::track);
-    if (!matches(tk, "^[0-9]{1,19}$"))
+    if (!whole(take, tk))
         return refuse(U::take);
-    if (!matches(ix, "^[0-9]{1,9}$"))
+    if (!whole(index, ix))
         return refuse(U::index);
     if (fin != QLatin1String("0") && fin != QLatin1String("1"))
         return refuse(U::final);
