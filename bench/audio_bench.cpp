@@ -108,13 +108,13 @@ void liveLatency(double *median, double *p99)
     Recorder rec(backend, cameras, Clock::monotonic());
     rec.listening = true;
     std::mutex mutex;
-    std::vector<int64_t> arrived, handed;
+    std::vector<double> ms;
     int64_t pendingArrival = 0;
     rec.onLiveAudio = [&](quint8 source, const QByteArray &) {
         if (source != 0)
             return;
         std::lock_guard lock(mutex);
-        handed.push_back(Clock::monotonic().nowNs());
+        ms.push_back(double(Clock::monotonic().nowNs() - pendingArrival) / 1e6); // from the block that completed the frame
     };
     startAndWait(rec, std::nullopt);
     const int64_t start = Clock::monotonic().nowNs();
@@ -125,16 +125,13 @@ void liveLatency(double *median, double *p99)
         {
             std::lock_guard lock(mutex);
             pendingArrival = Clock::monotonic().nowNs();
-            arrived.push_back(pendingArrival);
         }
         backend.deliver(QStringLiteral("mic"), signal(b * 480, 480, 1), due);
         backend.deliver(QStringLiteral("out.monitor"), signal(b * 480, 480, 2), due);
     }
     rec.audioQueue().sync([] {});
     stopAndWait(rec);
-    std::vector<double> ms;
-    for (size_t i = 0; i < std::min(arrived.size(), handed.size()); ++i)
-        ms.push_back(double(handed[i] - arrived[i]) / 1e6);
+    std::lock_guard lock(mutex);
     std::sort(ms.begin(), ms.end());
     *median = ms.empty() ? 0 : ms[ms.size() / 2];
     *p99 = ms.empty() ? 0 : ms[std::min(ms.size() - 1, size_t(double(ms.size()) * 0.99))];
@@ -168,8 +165,8 @@ public:
         std::lock_guard lock(m_mutex);
         if (m_arrivals.empty())
             return 0;
-        const int64_t at = m_arrivals.front();
-        m_arrivals.pop_front();
+        const int64_t at = m_arrivals.back(); // the block that completed the frame
+        m_arrivals.clear();
         return at;
     }
 

@@ -238,8 +238,16 @@ void AudioPath::onAudio(Source source, int generation, const AudioBuffer &buffer
     const std::optional<QByteArray> pcm = live.process(reinterpret_cast<const float *>(buffer.pcm.constData()),
                                                        buffer.frames(), buffer.rate, buffer.channels, m_listening);
     raisePeak(source, live.takePeak());
-    if (pcm && onLiveAudio)
-        onLiveAudio(source == Mic ? 0 : 1, *pcm);
+    QByteArray &held = m_liveHeld[source];
+    if (!pcm || !onLiveAudio) {
+        held.clear(); // not listening: nothing old is sent when listening starts again
+        return;
+    }
+    held += *pcm;
+    if (held.size() >= kLiveChunkBytes) {
+        onLiveAudio(source == Mic ? 0 : 1, held);
+        held.clear();
+    }
 }
 
 void AudioPath::write(Source source, const std::vector<TimedSample> &samples)

@@ -69,8 +69,12 @@ public:
     /// Blocks dropped so far because q was full, per source (tests, benchmarks).
     long long dropped(Source source) const { return m_dropped[source]; }
 
-    /// One live-audio block; source 0 = microphone, 1 = computer audio; called on q.
+    /// One live-audio block of at least kLiveChunkBytes (blocks the server hands out smaller are
+    /// gathered, so a listener gets one message per 20 ms, not per server block); source 0 =
+    /// microphone, 1 = computer audio; called on q.
     std::function<void(quint8 source, const QByteArray &pcm)> onLiveAudio;
+    /// Smallest live-audio block: 20 ms of 16-bit mono at 48 kHz.
+    static constexpr int kLiveChunkBytes = 2 * 48000 / 50;
 
 private:
     void onAudio(Source source, int generation, const AudioBuffer &buffer);
@@ -94,6 +98,7 @@ private:
     std::unique_ptr<DriftCorrector> m_drift[kSources];
     int m_driftGeneration[kSources] = {-1, -1, -1};
     std::unique_ptr<LiveConverter> m_live[2];
+    QByteArray m_liveHeld[2]; // live audio gathered towards kLiveChunkBytes
     long long m_reported[kSources] = {0, 0, 0};
     DriftCorrector::Steps m_steps[kSources]; // mended in this take
 };
