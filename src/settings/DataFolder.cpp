@@ -3,6 +3,8 @@
 #include "XdgFolder.h"
 
 #include <QDir>
+#include <QFile>
+#include <QFileInfo>
 
 namespace {
 const QString kFolder = QStringLiteral("Brava Recorder");
@@ -10,10 +12,18 @@ const QString kFolder = QStringLiteral("Brava Recorder");
 
 namespace DataFolder {
 
+void makePrivate(const QString &path)
+{
+    if (QFileInfo::exists(path))
+        return;
+    QDir().mkpath(path);
+    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
+
 QString dataDir()
 {
     const QString path = xdgFolder(XdgFolder::Data) + QLatin1Char('/') + kFolder;
-    QDir().mkpath(path);
+    makePrivate(path);
     return path;
 }
 

@@ -3,6 +3,7 @@
 #include "Announce.h"
 #include "BravaLog.h"
 #include "BuildInfo.h"
+#include "DataFolder.h"
 #include "Protocol.h"
 #include "StrictInt.h"
 #include "TextTools.h"
@@ -46,7 +47,7 @@ Settings::Settings(const QString &path, const BuildInfo &build, QObject *parent)
     , m_path(path)
     , m_build(build)
 {
-    QDir().mkpath(QFileInfo(path).absolutePath());
+    DataFolder::makePrivate(QFileInfo(path).absolutePath());
     m_settle.setSingleShot(true);
     m_settle.setInterval(kSettleMs);
     connect(&m_settle, &QTimer::timeout, this, &Settings::reload);

@@ -16,10 +16,10 @@ QMessageBox *show(const Alert &alert, std::function<void(int)> answer)
     box->setWindowModality(Qt::ApplicationModal);
     QList<QAbstractButton *> buttons;
     for (qsizetype i = 0; i < alert.buttons.size(); ++i) {
-        // The first button is the default; a second one is the way out.
+        // The first button goes ahead; a second one is the way out.
         const auto role = i == 0 ? QMessageBox::AcceptRole : QMessageBox::RejectRole;
         QPushButton *b = box->addButton(alert.buttons[i], role);
-        if (i == 0)
+        if (i == alert.defaultButton)
             box->setDefaultButton(b);
         buttons.append(b);
     }

@@ -10,6 +10,7 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -54,11 +55,12 @@ Alert Uninstaller::confirmation(int pending, AppRemoval removal, const QString &
             + QStringLiteral(" recording file(s) haven't uploaded to the control room yet. Connect to the event Wi-Fi "
                              "and wait for them to finish, or they'll be lost.");
     if (removal == AppRemoval::Package)
-        a.informative += QStringLiteral("\n\nThe program itself was installed with the system's packages: remove the "
-                                        "brava-recorder package afterwards.");
+        a.informative += QStringLiteral("\n\nThe program itself stays installed with the system's packages, but no longer "
+                                        "starts at login for you; removing the brava-recorder package needs an administrator.");
     else if (removal == AppRemoval::ByHand)
         a.informative += QStringLiteral("\n\nThe program's folder stays where it is: ") + appFolder;
     a.critical = pending > 0;
+    a.defaultButton = pending > 0 ? 1 : 0; // Enter keeps the recordings
     a.buttons = {pending > 0 ? QStringLiteral("Uninstall Anyway") : QStringLiteral("Uninstall"), QStringLiteral("Cancel")};
     return a;
 }
@@ -89,6 +91,16 @@ void Uninstaller::start()
     });
 }
 
+void Uninstaller::hideAtLogin(const QString &entry)
+{
+    QDir().mkpath(QFileInfo(entry).path());
+    QSaveFile out(entry);
+    if (out.open(QIODevice::WriteOnly)) {
+        out.write("[Desktop Entry]\nType=Application\nName=Brava Recorder\nHidden=true\n");
+        out.commit();
+    }
+}
+
 void Uninstaller::remove()
 {
     bravaLog(QStringLiteral("uninstall: removing settings, start at login and the data folder"));
@@ -96,10 +108,14 @@ void Uninstaller::remove()
         beforeRemoving();
     QFile::remove(m_paths.settingsFile);
     QDir().rmdir(QFileInfo(m_paths.settingsFile).path()); // only when empty
-    // This user's own entry goes; a package's entry for every user goes with the package (and a
-    // desktop skips it once the program is gone: TryExec).
-    QFile::remove(m_paths.autostartEntry);
+    // This user's own entry goes. A package's entry for every user goes with the package (and a
+    // desktop skips it once the program is gone: TryExec); until then this user's hidden copy of it
+    // keeps the agent from starting at their login.
     const AppRemoval removal = removalOf(m_paths.appFolder, m_paths.packageManaged);
+    if (removal == AppRemoval::Package)
+        hideAtLogin(m_paths.autostartEntry);
+    else
+        QFile::remove(m_paths.autostartEntry);
     // Failures to reach the Trash do not stop the uninstall; nothing is deleted outright, and the
     // person is told what is left before the agent goes.
     QStringList left;

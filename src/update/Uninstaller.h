@@ -10,9 +10,9 @@
 // Removes the agent from this computer after asking: stops the recorder, then moves the
 // program's folder (only an unpacked release in a folder this user owns under the home folder; a
 // package-managed install is left to the package manager and the alert says so) and the data
-// folder to the freedesktop Trash, removes the settings file and this user's autostart entry (a
-// package's entry for every user goes with the package, which the alert says to remove; no hidden
-// copy is left to outlive it), and quits.
+// folder to the freedesktop Trash, removes the settings file and this user's autostart entry (with
+// a package, whose entry for every user stays until the package goes, this user's entry becomes a
+// hidden copy of it instead, so the agent no longer starts at their login), and quits.
 // Recordings not uploaded yet (pending uploads and the pieces of a running take in writing/) are
 // counted in the alert, whose button then reads "Uninstall Anyway".
 class Uninstaller : public QObject
@@ -57,6 +57,7 @@ Q_SIGNALS:
 private:
     void remove();
     int piecesBeingWritten() const;
+    static void hideAtLogin(const QString &entry);
 
     Paths m_paths;
     bool m_running = false;

@@ -126,6 +126,8 @@ private Q_SLOTS:
         QVERIFY(QDir(DataFolder::dir(QStringLiteral("pending"))).exists());
         QCOMPARE(DataFolder::dir(QStringLiteral("pending")), home.root() + QStringLiteral("/data/Brava Recorder/pending"));
         QCOMPARE(home.settings().path(), home.root() + QStringLiteral("/config/Brava Recorder/settings.ini"));
+        for (const QString &folder : {DataFolder::dataDir(), QFileInfo(home.settings().path()).path()}) // recorded calls are this user's only
+            QVERIFY2(QFileInfo(folder).permissions() == (QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadUser | QFile::WriteUser | QFile::ExeUser), qPrintable(folder));
         QCOMPARE(xdgFolder(XdgFolder::Autostart), home.root() + QStringLiteral("/config/autostart"));
         // A session names exactly one folder inside writing/ and pending/, whatever its text, and
         // the folder gives the session back; past 255 bytes the name is cut at a whole character and marked.

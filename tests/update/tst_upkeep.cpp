@@ -166,14 +166,14 @@ private Q_SLOTS:
             {0, R::Trash, none, QStringLiteral("Uninstall")},
             {3, R::Trash, QLatin1String("3") + waiting, QStringLiteral("Uninstall Anyway")},
             {0, R::Package, QLatin1String("This removes Brava Recorder's settings and recordings from this computer. Recordings already sent to the control room aren't affected.")
-                                + QLatin1String("\n\nThe program itself was installed with the system's packages: remove the brava-recorder package afterwards."), QStringLiteral("Uninstall")},
+                                + QLatin1String("\n\nThe program itself stays installed with the system's packages, but no longer starts at login for you; removing the brava-recorder package needs an administrator."), QStringLiteral("Uninstall")},
             {1, R::ByHand, QLatin1String("1") + waiting + QLatin1String("\n\nThe program's folder stays where it is: /opt/b"), QStringLiteral("Uninstall Anyway")}};
         for (const auto &[pending, removal, text, button] : rows) {
             const Alert a = Uninstaller::confirmation(pending, removal, QStringLiteral("/opt/b"));
             QCOMPARE(a.message, QStringLiteral("Uninstall Brava Recorder?"));
             QCOMPARE(a.informative, text);
             QCOMPARE(a.buttons, (QStringList{button, QStringLiteral("Cancel")}));
-            QCOMPARE(a.critical, pending > 0);
+            QVERIFY(a.critical == (pending > 0) && a.defaultButton == (pending > 0 ? 1 : 0)); // Enter keeps what waits
         }
     }
 
@@ -246,9 +246,10 @@ private Q_SLOTS:
             }
             QCOMPARE(alerts.size(), 1);
             if (package) {
-                // The package's folder is the package manager's; this user's autostart entry goes
-                // (no hidden copy that would outlive the package).
-                QCOMPARE(filesBelow(home, trash), (QStringList{app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
+                // The package's folder is the package manager's; this user's autostart entry hides
+                // the package's, so the agent no longer starts at their login.
+                QCOMPARE(filesBelow(home, trash), (QStringList{paths.autostartEntry, app + QLatin1String("/RELEASE-MANIFEST"), app + QLatin1String("/brava-recorder")}));
+                QVERIFY(readFile(paths.autostartEntry).contains("\nHidden=true\n"));
                 QCOMPARE(QDir(trash + QLatin1String("/files")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).size(), 1);
                 continue;
             }
