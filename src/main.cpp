@@ -14,6 +14,7 @@
 #include "WhisperCard.h"
 
 #include <QApplication>
+#include <QLoggingCategory>
 
 #include <unistd.h>
 
@@ -25,6 +26,9 @@ int main(int argc, char *argv[])
     // stay above the dialer and keep its place.
     const DisplayPlatform::Choice display = DisplayPlatform::applyAtStartup();
     const QString engineNote = WhisperCard::prepareEngine(::geteuid() == 0);
+    // The browser engine describes its set-up at length on its first page; QT_LOGGING_RULES still
+    // turns that on for someone debugging it.
+    QLoggingCategory::setFilterRules(QStringLiteral("qt.webenginecontext.info=false"));
     if (display.platform.isEmpty() && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
         return CommandLine::noDisplay();
     QApplication app(argc, argv);

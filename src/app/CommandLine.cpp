@@ -42,8 +42,10 @@ std::optional<int> answer(int argc, char *argv[])
                        "cameras for the event's control room, and uploads every piece. It runs in the desktop\n"
                        "session, with an icon in the tray (and a floating call panel); the first start opens\n"
                        "the setup. On a desktop without a tray, right-click the panel for the menu, or start\n"
-                       "brava-recorder again: the menu opens at the pointer. Settings: $XDG_CONFIG_HOME/Brava Recorder/settings.ini; recordings and\n"
-                       "log.txt: $XDG_DATA_HOME/Brava Recorder.\n",
+                       "brava-recorder again: the menu opens at the pointer.\n"
+                       "\n"
+                       "Settings: $XDG_CONFIG_HOME/Brava Recorder/settings.ini\n"
+                       "Recordings and log.txt: $XDG_DATA_HOME/Brava Recorder\n",
                        stdout);
             return 0;
         }
