@@ -158,12 +158,16 @@ void SaleForm::build()
     caption(content, QStringLiteral("HOW DID YOU PLACE THIS CALL?"), 62);
     m_method = segments(content, {QStringLiteral("📞  Phone"), QStringLiteral("💻  Computer")}, QRect(kLeft, 82, kContentWidth, 40));
     connect(m_method, &QButtonGroup::idClicked, this, &SaleForm::applyMethod);
+    connect(m_method, &QButtonGroup::idClicked, this, &SaleForm::clearProblem);
     caption(content, QStringLiteral("LEAD NAME"), 138);
     m_lead = textField(content, QStringLiteral("Who did you write?"), 158);
     caption(content, QStringLiteral("ANNUAL PREMIUM VALUE (APV)"), 206);
     m_apv = textField(content, QStringLiteral("$ e.g. 1200"), 226);
     caption(content, QStringLiteral("REFERRAL?"), 274);
     m_referral = segments(content, {QStringLiteral("No"), QStringLiteral("Yes")}, QRect(kLeft, 294, 180, 32));
+    connect(m_referral, &QButtonGroup::idClicked, this, &SaleForm::clearProblem);
+    for (QLineEdit *field : {m_lead, m_apv})
+        connect(field, &QLineEdit::textEdited, this, &SaleForm::clearProblem);
     caption(content, QStringLiteral("CONFIRMATION  (PDF OR SCREENSHOT)"), 342);
     connect(attachButton(content, QStringLiteral("Choose file…"), QRect(24, 362, 205, 34)), &QPushButton::clicked, this,
             &SaleForm::chooseConfirm);
@@ -257,6 +261,7 @@ void SaleForm::setConfirmFile(const QString &path)
     m_confirmPng.clear();
     m_confirmLabel->setText(QStringLiteral("✓ ") + QFileInfo(path).fileName());
     m_confirmLabel->setStyleSheet(noteStyle(green()));
+    clearProblem();
 }
 
 void SaleForm::snapConfirm()
@@ -282,6 +287,7 @@ void SaleForm::setConfirmSnapshot(const QByteArray &png)
     m_confirmFile.clear();
     m_confirmLabel->setText(QStringLiteral("✓ Screen snapped (%1 KB)").arg(png.size() / 1024));
     m_confirmLabel->setStyleSheet(noteStyle(green()));
+    clearProblem();
 }
 
 void SaleForm::chooseCall()
@@ -295,6 +301,13 @@ void SaleForm::setCallFile(const QString &path)
 {
     m_callFile = path;
     applyMethod();
+    clearProblem();
+}
+
+void SaleForm::clearProblem()
+{
+    if (!m_busy && m_statusColour == errorColour())
+        setStatus(QString(), green());
 }
 
 void SaleForm::submitTapped()

@@ -40,6 +40,8 @@ public:
     void reset();
     /// Shows the call-recording section as the chosen method needs it.
     void applyMethod();
+    /// Takes a refusal's message away once the agent changes what it was about (anything on the form).
+    void clearProblem();
     /// Attaches a confirmation file (and drops a snapshot).
     void setConfirmFile(const QString &path);
     /// Attaches a snapshot (and drops a confirmation file).

@@ -170,6 +170,10 @@ private Q_SLOTS:
             QVERIFY(form->isVisible() && form->submitButton()->isEnabled());
             QVERIFY(form->leadField()->text() == QStringLiteral("  Ann Lee  ") && form->apvField()->text() == QStringLiteral("$1,250.50"));
             QVERIFY(form->confirmLabel()->text() == confirmShown && form->methodGroup()->checkedId() == (phone ? 0 : 1));
+            QTest::keyClick(form->leadField(), Qt::Key_End); // moving around changes nothing
+            QCOMPARE(form->statusLine()->text(), message);
+            QTest::keyClick(form->leadField(), Qt::Key_A); // a change takes the message away
+            QVERIFY(form->statusLine()->text().isEmpty());
         }
     }
 
