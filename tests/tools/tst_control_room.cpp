@@ -241,12 +241,14 @@ private Q_SLOTS:
         QVERIFY(room->command(0, start).contains(QStringLiteral("1 of them not live")));
     }
 
-    // Go Live and Start for every agent reach agents that connect later; a command to one agent stays with it.
+    // Go Live, Start and the quality for every agent reach agents that connect later; a command to one agent stays with it.
     void lateAgentsGetWhatEveryAgentWasAsked()
     {
         const auto cmd = [&](int to, const char *json) { return room->command(to, QJsonDocument::fromJson(json).object()); };
+        QCOMPARE(room->state().value(QStringLiteral("all")).toObject().value(QStringLiteral("liveAsked")), QJsonValue(false));
         QVERIFY(cmd(0, R"({"type":"cameras","on":true})").contains(QStringLiteral("; warning: no agent connected now; kept")));
         cmd(0, R"({"type":"start","session":"s9"})");
+        cmd(0, R"({"type":"quality","q":"low"})");
         std::vector<std::unique_ptr<QWebSocket>> links;
         const auto comes = [&](int id) { // what agent `id` is sent as it connects
             auto got = std::make_shared<QStringList>();
@@ -256,14 +258,16 @@ private Q_SLOTS:
             const bool in = QTest::qWaitFor([&] { return room->send(id, "{}") > 0; }, 5000) && QTest::qWaitFor([&] { return got->contains(QStringLiteral("{}")); }, 5000);
             return in ? got->mid(0, got->indexOf(QStringLiteral("{}"))).join(QLatin1Char(' ')) : QStringLiteral("(no link)");
         };
-        const QString both = QStringLiteral(R"({"on":true,"type":"cameras"} {"session":"s9","type":"start"})");
+        const QString low = QStringLiteral(R"({"q":"low","type":"quality"})");
+        const QString both = QStringLiteral(R"({"on":true,"type":"cameras"} {"session":"s9","type":"start"} )") + low;
         QCOMPARE(comes(6), both);
         cmd(6, R"({"type":"stop"})");
         QCOMPARE(comes(7), both);
         links.front()->close();
         QTRY_COMPARE(room->agentCount(), 1);
-        QCOMPARE(comes(6), QStringLiteral(R"({"on":true,"type":"cameras"})")); // back after a drop
-        QCOMPARE(room->state().value(QStringLiteral("all")).toObject(), QJsonObject({{QStringLiteral("live"), true}, {QStringLiteral("session"), QStringLiteral("s9")}}));
+        QCOMPARE(comes(6), QStringLiteral(R"({"on":true,"type":"cameras"} )") + low); // back after a drop
+        QCOMPARE(room->state().value(QStringLiteral("all")).toObject(), QJsonObject({{QStringLiteral("liveAsked"), true}, {QStringLiteral("live"), true}, {QStringLiteral("sessionAsked"), true},
+                                                                                    {QStringLiteral("session"), QStringLiteral("s9")}, {QStringLiteral("quality"), QStringLiteral("low")}}));
         // Released: the number's own wishes (here live without a session, listened to) go; the next computer with it is new.
         const auto page = open(QStringLiteral("/page?token=") + kToken);
         QSignalSpy feed(page.get(), &QWebSocket::textMessageReceived);
@@ -275,9 +279,15 @@ private Q_SLOTS:
         QTRY_COMPARE(room->agentCount(), 1);
         QCOMPARE(comes(6), both);
         cmd(0, R"({"type":"stop"})"); // a stop for every agent: the session is no longer kept, live still is
-        QCOMPARE(comes(9), QStringLiteral(R"({"on":true,"type":"cameras"})"));
+        QCOMPARE(comes(9), QStringLiteral(R"({"on":true,"type":"cameras"} )") + low);
         cmd(0, R"({"type":"cameras","on":false})");
-        QCOMPARE(comes(8), QString());
+        QCOMPARE(comes(8), low);
+        // Go Live pressed on a released row is kept for the next computer with the number.
+        cmd(8, R"({"type":"release"})");
+        cmd(8, R"({"type":"cameras","on":true})");
+        links.back()->close();
+        QTRY_COMPARE(room->agentCount(), 3);
+        QCOMPARE(comes(8), QStringLiteral(R"({"on":true,"type":"cameras"} )") + low);
     }
 
     // A whisper, listen and preview name one agent; an agent streams while any page still wants it.
@@ -450,11 +460,15 @@ private Q_SLOTS:
 
     void typedCommandsAreCheckedWords()
     {
-        const struct { const char *line, *json; } rows[] = { // "" when refused
-            {"start s1", R"({"session":"s1","type":"start"})"}, {"start ../x", ""}, {"start", ""}, {"quality med", R"({"q":"med","type":"quality"})"},
-            {"quality best", ""}, {"cameras on", R"({"on":true,"type":"cameras"})"}, {"listen maybe", ""},
-            {"preview on hd", R"({"hd":true,"on":true,"type":"preview"})"}, {"whisper 3 ask  twice", R"({"seat":3,"text":"ask twice","type":"whisper"})"},
-            {"whisper hi there", ""}, {"dance", ""}, {"preview on ultra", ""}, {"setCam", ""}, {"setCam cam-2", R"({"type":"setCam","uid":"cam-2"})"},
+        // Each row: what is typed, the command sent ("" when refused), the command in the operator's words.
+        const struct { const char *line, *json, *words = ""; } rows[] = {
+            {"start s1", R"({"session":"s1","type":"start"})", "start s1"}, {"start ../x", ""}, {"start", ""},
+            {"quality med", R"({"q":"med","type":"quality"})", "upload quality med"}, {"quality best", ""},
+            {"cameras on", R"({"on":true,"type":"cameras"})", "Go Live"}, {"cameras off", R"({"on":false,"type":"cameras"})", "End Live"}, {"listen maybe", ""},
+            {"preview on hd", R"({"hd":true,"on":true,"type":"preview"})", "preview in HD"},
+            {"whisper 3 ask  twice", R"({"seat":3,"text":"ask twice","type":"whisper"})", "whisper (seat 3): ask twice"},
+            {"whisper hi there", ""}, {"dance", ""}, {"preview on ultra", ""}, {"setCam", ""},
+            {"setCam cam-2", R"({"type":"setCam","uid":"cam-2"})", "camera → cam-2"}, {"setMic <b>", R"({"type":"setMic","uid":"<b>"})", "microphone → <b>"},
             {"json {bad", ""}, {"json [1]", ""}, {R"(json  {"type": "x"})", R"({"type":"x"})"}};
         for (const auto &r : rows) {
             QString why;
@@ -462,13 +476,18 @@ private Q_SLOTS:
             QByteArray got;
             if (line.startsWith(QLatin1String("json")))
                 got = CommandWords::json(line.mid(4), &why).value_or(QByteArray());
-            else if (const auto c = CommandWords::fromWords(line.split(QLatin1Char(' '), Qt::SkipEmptyParts), &why))
+            else if (const auto c = CommandWords::fromWords(line.split(QLatin1Char(' '), Qt::SkipEmptyParts), &why)) {
                 got = QJsonDocument(*c).toJson(QJsonDocument::Compact);
+                QCOMPARE(CommandWords::describe(*c), QString::fromUtf8(r.words));
+            }
             QCOMPARE(got, QByteArray(r.json));
             QVERIFY2(why.isEmpty() == (*r.json != 0), r.line);
         }
         QString why; // a device uid as long as a sound server's names get
         QVERIFY(CommandWords::checked({{QStringLiteral("type"), QStringLiteral("setMic")}, {QStringLiteral("uid"), QString(300, u'u')}}, &why));
+        // An agent's event in words too, its values as they came.
+        QCOMPARE(request("POST", QStringLiteral("/event?id=3&type=review&outcome=Positive&ctype=Emotional&why=%3Cb%3E%20late&secs=15")).first, 200);
+        QCOMPARE(printed->last().first().toString(), QStringLiteral("event agent #3 review: Positive, call type Emotional, why <b> late, 15 s"));
     }
 };
 

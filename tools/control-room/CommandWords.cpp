@@ -119,21 +119,26 @@ std::optional<QJsonObject> checked(const QJsonObject &c, QString *why)
 
 QString describe(const QJsonObject &c)
 {
+    // In the operator's words, with the operator's values as they are.
     using namespace Protocol::Command;
     const QString type = c.value(L(Protocol::type)).toString();
-    const auto onOff = [&] { return c.value(L(on)).toBool() ? QStringLiteral(" on") : QStringLiteral(" off"); };
+    const bool on = c.value(L(Protocol::Command::on)).toBool();
     if (type == L(start))
-        return type + QLatin1Char(' ') + c.value(L(session)).toString();
-    if (type == L(cameras) || type == L(listen))
-        return type + onOff();
+        return QStringLiteral("start ") + c.value(L(session)).toString();
+    if (type == L(cameras))
+        return on ? QStringLiteral("Go Live") : QStringLiteral("End Live");
+    if (type == L(listen))
+        return on ? QStringLiteral("listen") : QStringLiteral("stop listening");
     if (type == L(preview))
-        return type + onOff() + (c.value(L(hd)).toBool() ? QStringLiteral(" hd") : QString());
+        return on ? (c.value(L(hd)).toBool() ? QStringLiteral("preview in HD") : QStringLiteral("preview")) : QStringLiteral("end preview");
     if (type == L(quality))
-        return type + QLatin1Char(' ') + c.value(L(q)).toString();
+        return QStringLiteral("upload quality ") + c.value(L(q)).toString();
     if (type == L(whisper))
         return QStringLiteral("whisper (seat %1): %2").arg(c.value(L(seat)).toInt()).arg(c.value(L(text)).toString());
     if (type == L(setCam) || type == L(setMic))
-        return type + QLatin1Char(' ') + c.value(L(uid)).toString(QStringLiteral("(the default)"));
+        return (type == L(setCam) ? QStringLiteral("camera → ") : QStringLiteral("microphone → ")) + c.value(L(uid)).toString(QStringLiteral("the default"));
+    if (type == L(release))
+        return QStringLiteral("release the number");
     return type;
 }
 

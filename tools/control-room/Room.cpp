@@ -40,6 +40,7 @@ struct Room::Agent
     bool connected = false;
     bool camerasOn = false; // as this room last asked, kept while the agent is away
     QString session;        // of the last "start" sent to it, until a stop or End Live
+    QString quality;        // the upload quality last sent to it, empty before any (agents do not report theirs)
     bool released = false;  // its computer was told to free the number: the next one with it starts afresh
     int uploading = 0;
     int stored = 0;
@@ -80,11 +81,16 @@ Room::Agent &Room::record(int id)
 {
     // A number first seen now takes what the operator asked of every agent.
     const auto [it, added] = m_records.try_emplace(id);
-    if (added) {
-        it->second.camerasOn = m_allLive;
-        it->second.session = m_allSession;
-    }
+    if (added)
+        takeAllWishes(it->second);
     return it->second;
+}
+
+void Room::takeAllWishes(Agent &a) const
+{
+    a.camerasOn = m_allLive;
+    a.session = m_allSession;
+    a.quality = m_allQuality;
 }
 
 quint16 Room::listen(const tcp::endpoint &at)
@@ -243,14 +249,13 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
         m_agents[&l] = Link{l.shared_from_this(), id};
         Agent &a = record(id);
         a.connected = true;
-        if (std::exchange(a.released, false)) { // a computer set up with a released number: a new agent
-            a.camerasOn = m_allLive;
-            a.session = m_allSession;
-        }
+        a.released = false; // a computer set up with a released number: a new agent, with the wishes kept for it
         if (a.camerasOn && id > 0) // back after a drop or a restart: still live as the operator asked
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::cameras)}, {L(Protocol::Command::on), true}}));
         if (!a.session.isEmpty() && id > 0) // the same session again is nothing new to an agent that records it
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::start)}, {L(Protocol::Command::session), a.session}}));
+        if (!a.quality.isEmpty() && id > 0) // for its next take; the same quality again changes nothing
+            l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::quality)}, {L(Protocol::Command::q), a.quality}}));
         if (id > 0 && wanting(id, false) > 0) // it stopped live audio when its link dropped; a page still listens
             l.sendText(bytes({{L(Protocol::type), L(Protocol::Command::listen)}, {L(Protocol::Command::on), true}}));
         if (id > 0 && wanting(id, true) > 0) // and its preview, as a page still sees it
@@ -447,10 +452,16 @@ QString Room::command(int id, const QJsonObject &c)
     const bool endLive = type == L(Protocol::Command::cameras) && !c.value(L(Protocol::Command::on)).toBool();
     const bool start = type == L(Protocol::Command::start);
     const QString session = start ? c.value(L(Protocol::Command::session)).toString() : QString();
+    const bool quality = type == L(Protocol::Command::quality);
+    const QString q = c.value(L(Protocol::Command::q)).toString();
     if (id == 0 && type == L(Protocol::Command::cameras))
         m_allLive = !endLive;
     if (id == 0 && (start || endLive || type == L(Protocol::Command::stop)))
         m_allSession = session;
+    if (id == 0 && quality)
+        m_allQuality = q;
+    m_allLiveAsked = m_allLiveAsked || (id == 0 && type == L(Protocol::Command::cameras));
+    m_allSessionAsked = m_allSessionAsked || (id == 0 && (start || endLive || type == L(Protocol::Command::stop)));
     for (auto &[n, a] : m_records) {
         if (id != 0 && n != id)
             continue;
@@ -458,6 +469,8 @@ QString Room::command(int id, const QJsonObject &c)
             a.camerasOn = !endLive;
         if (start || endLive || type == L(Protocol::Command::stop))
             a.session = session;
+        if (quality)
+            a.quality = q;
     }
     const bool streamsEnded = endLive && endStreams(id);
     int notLive = 0;
@@ -470,8 +483,7 @@ QString Room::command(int id, const QJsonObject &c)
         notLive += start && !a.camerasOn;
         if (type == L(Protocol::Command::release)) { // its wishes go with the computer that let go of the number
             a.released = true;
-            a.camerasOn = false;
-            a.session.clear();
+            takeAllWishes(a); // the next computer with the number is a new agent; what is asked of the row now is kept for it
             endStreams(t);
         }
     }
@@ -551,22 +563,29 @@ bool Room::event(const QUrlQuery &q, QString *why)
         return false;
     }
     QJsonObject e{{QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)}};
-    QStringList words{type};
+    // In the operator's words: "review: Positive, call type Emotional, why …, 15 s"; values as they came.
+    QStringList parts;
     for (const auto &[key, value] : q.queryItems(QUrl::FullyDecoded)) {
         if (key == L(id) || e.size() > 10)
             continue;
         e.insert(key.left(40), value.left(200));
-        if (key != L(Protocol::Event::type))
-            words.append(key.left(40) + QLatin1Char('=') + value.left(200));
+        if (key == L(secs))
+            parts.append(value.left(200) + QStringLiteral(" s"));
+        else if (key == L(outcome))
+            parts.append(value.left(200));
+        else if (key != L(Protocol::Event::type))
+            parts.append((key == L(ctype) ? QStringLiteral("call type") : key.left(40)) + QLatin1Char(' ') + value.left(200));
     }
+    const QString head = type == L(callStart) ? QStringLiteral("call started") : type == L(callEnd) ? QStringLiteral("call ended") : type;
+    const QString words = parts.isEmpty() ? head : head + QStringLiteral(": ") + parts.join(QStringLiteral(", "));
     Agent &a = record(*agent);
     a.lastEvent = e;
     if (type == L(callStart))
         a.onCall = true;
     if (type == L(callEnd))
         a.onCall = false;
-    say(QStringLiteral("event agent #%1 %2").arg(*agent).arg(words.join(QLatin1Char(' '))));
-    feed(QStringLiteral("event"), *agent, words.join(QLatin1Char(' ')));
+    say(QStringLiteral("event agent #%1 %2").arg(*agent).arg(words));
+    feed(QStringLiteral("event"), *agent, words);
     if (m_hooks.event)
         m_hooks.event(q);
     return true;
@@ -628,13 +647,15 @@ QJsonObject Room::state(bool withFiles) const
         if (id == 0)
             continue;
         agents.append(QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("name"), a.name}, {QStringLiteral("connected"), a.connected}, {QStringLiteral("released"), a.released},
-                                  {QStringLiteral("live"), a.camerasOn}, {QStringLiteral("session"), a.session}, {QStringLiteral("status"), a.status},
+                                  {QStringLiteral("live"), a.camerasOn}, {QStringLiteral("session"), a.session}, {QStringLiteral("quality"), a.quality}, {QStringLiteral("status"), a.status},
                                   {QStringLiteral("uploading"), a.uploading}, {QStringLiteral("stored"), a.stored},
                                   {QStringLiteral("lastEvent"), a.lastEvent}, {QStringLiteral("onCall"), a.onCall},
                                   {QStringLiteral("os"), a.os}, {QStringLiteral("version"), a.version}});
     }
     QJsonObject out{{QStringLiteral("name"), m_name}, {QStringLiteral("agents"), agents}, {QStringLiteral("sales"), m_sales.json()},
-                    {QStringLiteral("all"), QJsonObject{{QStringLiteral("live"), m_allLive}, {QStringLiteral("session"), m_allSession}}}};
+                    {QStringLiteral("all"), QJsonObject{{QStringLiteral("liveAsked"), m_allLiveAsked}, {QStringLiteral("live"), m_allLive},
+                                                        {QStringLiteral("sessionAsked"), m_allSessionAsked}, {QStringLiteral("session"), m_allSession},
+                                                        {QStringLiteral("quality"), m_allQuality}}}};
     if (withFiles) {
         QJsonArray files;
         for (const QString &f : m_files)

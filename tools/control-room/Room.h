@@ -119,6 +119,7 @@ private:
     void toPages(const QByteArray &json);
     void say(const QString &line) const;
     Agent &record(int id);
+    void takeAllWishes(Agent &a) const;
 
     asio::io_context &m_io;
     QDir m_uploads;
@@ -138,6 +139,9 @@ private:
     std::map<int, Agent> m_records;
     bool m_allLive = false; // the last Go Live or End Live for every agent
     QString m_allSession;   // the last start for every agent, until a stop or End Live for every agent
+    QString m_allQuality;   // the last upload quality for every agent, empty before any
+    bool m_allLiveAsked = false;    // Go Live or End Live asked of every agent yet
+    bool m_allSessionAsked = false; // a start, stop or End Live asked of every agent yet
     std::vector<std::weak_ptr<HttpSession>> m_sessions;
     std::set<QString> m_files;
     SaleBook m_sales;

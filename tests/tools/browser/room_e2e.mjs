@@ -98,10 +98,20 @@ try {
 
   if (!(await page.isDisabled('#agent-1 button:text-is("Listen")')) || !(await page.isDisabled('#agent-1 button:text-is("Preview")')))
     throw new Error('Listen and Preview can be pressed for an agent that is not live');
+  const allState = () => page.textContent('#all-state');
+  if ((await allState()) !== 'Nothing asked of all agents yet') throw new Error(`before any command: ${await allState()}`);
 
-  step('go live and start a session');
-  await page.click('#all-live');
-  await until('both agents live', async () => (await state()).agents.every((a) => a.live));
+  step('the quality sent stays shown after a reload');
+  if ((await page.inputValue('#quality')) !== '' || !(await page.textContent('#quality-state')).startsWith('not sent')) throw new Error('a quality shown before any was sent');
+  await page.selectOption('#quality', 'low');
+  await page.click('#all-quality');
+  await until('the quality in force', async () => (await page.textContent('#quality-state')) === 'in force: low (last sent)');
+  await page.reload();
+  await page.waitForSelector('#agent-2');
+  await until('the quality after a reload', async () => (await page.inputValue('#quality')) === 'low');
+
+  step('a start before Go Live waits for it, then both record');
+  const row = (id, cell) => page.textContent(`#agent-${id} td.${cell}`);
   for (const bad of ['s'.repeat(65), 'two words', '.hidden', '  ']) { // refused beside the field, not cut or sent
     await page.fill('#session', bad);
     await page.click('#all-start');
@@ -110,8 +120,12 @@ try {
   await page.fill('#session', 'e2e-1');
   await page.click('#all-start');
   if ((await page.textContent('#session-note')) !== '') throw new Error('a good session still shows a refusal');
-  await until('both agents recording', async () => (await state()).agents.every((a) => a.status.recording === true));
-  await until('what every agent was asked on the page', async () => (await page.textContent('#all-state')) === 'every agent: live · recording e2e-1');
+  await until('each row waiting for Go Live', async () => (await row(1, 'recording')) === 'not recording · will record e2e-1 at Go Live'
+    && (await row(2, 'recording')) === 'not recording · will record e2e-1 at Go Live' && (await allState()) === 'Last asked of all: start e2e-1 · quality low');
+  if ((await page.$$('#feed li.sent.warning')).length !== 1) throw new Error('a start before Go Live is not warned once');
+  await page.click('#all-live');
+  await until('both agents recording', async () => (await state()).agents.every((a) => a.live && a.status.recording === true));
+  await until('what every agent was asked on the page', async () => (await allState()) === 'Last asked of all: Go Live · start e2e-1 · quality low');
   const widths = async () => page.$$eval('td.mic .meter > div, td.sys .meter > div', (ds) => ds.map((d) => d.style.width));
   // The tone swells and fades, so each meter that follows the levels (both agents, both columns) shows several widths.
   const seen = [0, 1, 2, 3].map(() => new Set());
@@ -125,7 +139,6 @@ try {
       JSON.stringify((await state()).agents.map((a) => [a.status.mic, a.status.sys])));
     throw e;
   });
-  const row = (id, cell) => page.textContent(`#agent-${id} td.${cell}`);
   await until('rows with the session and the camera', async () => (await row(1, 'recording')) === 'recording · e2e-1'
     && (await row(2, 'recording')) === 'recording · e2e-1' && (await row(2, 'devices')).includes('Synthetic Camera 1 on'));
   await page.screenshot({ path: path.join(screens, '02-recording.png') });
@@ -135,6 +148,8 @@ try {
   await page.waitForFunction(() => window.__room.previewFrames > 2, null, { timeout: 20000 });
   await page.waitForFunction(() => document.getElementById('preview').naturalWidth === 480, null, { timeout: 10000 });
   if ((await page.textContent('#preview-label')) !== '#1 E2E Agent 1') throw new Error('the preview is not labelled with its agent');
+  const [picture, label] = await page.$$eval('#preview, #preview-label', (es) => es.map((e) => e.getBoundingClientRect().toJSON()));
+  if (label.top < picture.bottom) throw new Error('the preview\'s label covers the picture');
   await page.screenshot({ path: path.join(screens, '03-preview.png') });
 
   step('HD preview, then the second camera of agent 1');
@@ -179,6 +194,30 @@ try {
   // Meters in dB from -60 to 0: half of full scale (0x4000, 16-bit little-endian) is -6 dB, speech at 0.01 is a third.
   const half = await page.evaluate(() => { playPcm(0, new Uint8Array([0, 0x40])); return [document.getElementById('listen-level').style.width, document.querySelector('#listen-box .meter').title, level(0.01), level(0)].join(); });
   if (half !== '90%,-6 dB,33%,0%') throw new Error(`meters: ${half}`);
+  // The colour at the end of a bar is the level's: green at -33 dB, red at -3 dB, on small and big meters alike.
+  await page.evaluate(() => {
+    const box = document.createElement('div'); box.id = 'test-meters'; box.style.width = '300px';
+    for (const [kind, value] of [['meter', 0.0224], ['meter', 0.708], ['meter big', 0.0224], ['meter big', 0.708]]) {
+      const m = document.createElement('div'); m.className = kind; m.style.margin = '4px 0'; m.innerHTML = '<div style="transition: none"></div>';
+      box.append(m); meter(m.firstChild, value);
+    }
+    document.body.append(box);
+  });
+  const shot = (await page.locator('#test-meters').screenshot()).toString('base64');
+  const ends = await page.evaluate(async (png) => {
+    const img = new Image(); img.src = `data:image/png;base64,${png}`; await img.decode();
+    const c = document.createElement('canvas'); c.width = img.width; c.height = img.height;
+    const g = c.getContext('2d'); g.drawImage(img, 0, 0);
+    const box = document.getElementById('test-meters'), at = box.getBoundingClientRect();
+    const out = [...box.querySelectorAll('.meter > div')].map((bar) => {
+      const r = bar.getBoundingClientRect();
+      const [red, green] = g.getImageData(Math.floor(r.right - at.left) - 2, Math.floor(r.top - at.top + r.height / 2), 1, 1).data;
+      return green > red + 40 ? 'green' : red > green + 40 ? 'red' : 'yellow';
+    });
+    box.remove();
+    return out.join();
+  }, shot);
+  if (ends !== 'green,red,green,red') throw new Error(`the ends of meters at -33 and -3 dB: ${ends}`);
   await page.screenshot({ path: path.join(screens, '04-listening.png') });
 
   step('whisper to agent 1');
@@ -230,17 +269,21 @@ try {
   await until('agent 2 recording again', async () => (await row(2, 'recording')) === 'recording · e2e-2');
   await page.click('#agent-2 button:text-is("Listen")');
   children.find((c) => c.name === 'agent2').kill('SIGKILL');
-  await until('agent 2 shown away', async () => (await row(2, 'recording')) === 'away — was recording · e2e-2');
+  await until('agent 2 shown away', async () => (await row(2, 'recording')) === 'will record e2e-2 when it connects');
+  // Nothing of its computer, only what the room will ask of it again, in words.
   const away = await page.evaluate(() => ({ row: document.getElementById('agent-2').className, live: document.querySelector('#agent-2 td.live').textContent,
-    listen: window.__room.listen, green: document.querySelector('#agent-2 td.actions button:nth-child(4)').className,
+    devices: document.querySelector('#agent-2 td.devices').textContent, listen: window.__room.listen,
+    green: document.querySelector('#agent-2 td.actions button:nth-child(4)').className, live2: document.querySelector('#agent-2 td.actions button').className,
+    preview: document.querySelector('#agent-2 td.actions button:nth-child(5)').disabled,
     meters: [...document.querySelectorAll('#agent-2 .meter > div'), document.getElementById('listen-level')].map((d) => d.style.width).join() }));
-  if (JSON.stringify(away) !== JSON.stringify({ row: 'away', live: 'away — was live', listen: 2, green: 'waiting', meters: '0%,0%,0%' })) throw new Error(`agent 2 away: ${JSON.stringify(away)}`);
+  if (JSON.stringify(away) !== JSON.stringify({ row: 'away', live: 'Go Live when it connects', devices: '', listen: 2, green: 'waiting', live2: '', preview: true, meters: '0%,0%,0%' }))
+    throw new Error(`agent 2 away: ${JSON.stringify(away)}`);
   await page.fill('#whisper-to', '2');
   await page.fill('#whisper-text', 'Are you there?');
   await page.click('#whisper-send');
   if (!(await page.textContent('#whisper-note')).includes('not connected')) throw new Error('a whisper to an agent away was not refused');
   await page.click('#agent-2 button:text-is("Start")'); // reaches nobody: a warning in red
-  await page.waitForSelector('#feed li.sent.warning', { timeout: 10000 });
+  await page.waitForSelector('#feed li.sent.warning:has-text("→ #2: start e2e-2")', { timeout: 10000 });
   const warned = await page.textContent('#feed li.sent.warning');
   if (!warned.includes('kept for when it connects')) throw new Error(`a start to agent 2 away, not kept: ${warned}`);
   await page.screenshot({ path: path.join(screens, '07-agent-away.png') });
@@ -249,11 +292,23 @@ try {
   await page.click('#agent-1 button:text-is("End Live")');
   await page.waitForFunction(() => window.__room.preview === 0 && !document.getElementById('preview').src
     && document.querySelector('#agent-1 td.actions button:nth-child(5)').className === '', null, { timeout: 10000 });
+  // The row says it was asked otherwise than every agent.
+  await until('agent 1 not live on its own', async () => (await row(1, 'live')) === 'not live · asked of this agent only: End Live');
 
   step('release agent 1: shown released, not away');
   page.once('dialog', (d) => d.accept());
   await page.click('#agent-1 button:text-is("Release")');
-  await until('agent 1 released', async () => [await row(1, 'link'), await row(1, 'live'), await row(1, 'recording')].join() === 'released,,');
+  // Released, the number takes what every agent was asked, for the next computer with it; nothing of the last one shows.
+  const released = async () => page.evaluate(() => [...document.querySelectorAll('#agent-1 td')].map((td) => td.textContent).slice(2, 11).join('|')
+    + [...document.querySelectorAll('#agent-1 button')].slice(0, 5).map((b) => `|${b.textContent}${b.className ? `.${b.className}` : ''}${b.disabled ? '-' : ''}`).join(''));
+  const releasedLive = 'released|will record e2e-2 when it connects|Go Live when it connects||||||';
+  await until('agent 1 released', async () => (await released()) === `${releasedLive}|Cancel Go Live|Start|Stop|Listen-|Preview-`);
+  await page.click('#agent-1 button:text-is("Cancel Go Live")');
+  await until('agent 1 not to go live', async () => (await row(1, 'live')) === 'asked of this agent only: End Live');
+  await page.click('#agent-1 button:text-is("Go Live")'); // a wish for when it connects, not shown live
+  await until('agent 1 to go live when it connects', async () => (await row(1, 'live')) === 'Go Live when it connects');
+  if ((await released()) !== `${releasedLive.replace('will record e2e-2 when it connects', 'asked of this agent only: stop')}|Cancel Go Live|Start|Stop|Listen-|Preview-`)
+    throw new Error(`agent 1 released and asked to go live: ${await released()}`);
   await page.screenshot({ path: path.join(screens, '08-released.png') });
   if (refused.length) throw new Error(`the page got errors: ${refused.join(', ')}`);
   step('PASS');

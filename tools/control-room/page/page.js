@@ -2,7 +2,7 @@
 'use strict';
 
 const room = { link: null, agents: new Map(), listen: 0, preview: 0, audio: null, node: null,
-               audioSamples: 0, previewFrames: 0, feedCount: 0, lastState: null };
+               audioSamples: 0, previewFrames: 0, feedCount: 0, lastState: null, all: {}, quality: null };
 window.__room = room; // for tests and for a look from the console
 
 const $ = (id) => document.getElementById(id);
@@ -44,8 +44,9 @@ function onText(m) {
   if (m.kind === 'state') {
     room.lastState = m;
     if (m.name) { $('room-name').textContent = m.name; document.title = m.name; }
+    if (m.all) showAll(m.all);
     for (const a of m.agents) render(a);
-    if (m.all) $('all-state').textContent = `every agent: ${m.all.live ? 'live' : 'not live'}${m.all.session ? ` · recording ${m.all.session}` : ''}`;
+    showQuality(m.agents);
     if (m.feed) { $('feed').textContent = ''; m.feed.forEach(addFeed); }
     refreshCameras();
   } else if (m.kind === 'feed') {
@@ -56,6 +57,24 @@ function onText(m) {
     const row = room.agents.get(m.agent);
     if (row && row.agent) render(row.agent);
   }
+}
+
+// Only what the operator last asked of every agent; what each agent does is on its row.
+function showAll(all) {
+  room.all = all;
+  const asked = [all.liveAsked && (all.live ? 'Go Live' : 'End Live'),
+    all.sessionAsked && (all.session ? `start ${all.session}` : all.live && 'stop'), all.quality && `quality ${all.quality}`].filter(Boolean);
+  $('all-state').textContent = asked.length ? `Last asked of all: ${asked.join(' · ')}` : 'Nothing asked of all agents yet';
+}
+
+// The quality in force is the one last sent: agents do not report theirs. The selector follows
+// it when it changes (a reload, another page), not while the operator picks one.
+function showQuality(agents) {
+  const q = room.all.quality || '';
+  if (q !== room.quality) { room.quality = q; $('quality').value = q; }
+  const own = agents.filter((a) => a.quality && a.quality !== q && !a.released).map((a) => `#${a.id} ${a.quality}`);
+  $('quality-state').textContent = (q ? `in force: ${q} (last sent)` : 'not sent: each agent keeps its own (full unless changed)')
+    + (own.length ? ` · sent to one agent: ${own.join(', ')}` : '');
 }
 
 // ---- agents table ---------------------------------------------------------------------------
@@ -91,48 +110,64 @@ function meter(bar, value) {
   bar.parentNode.title = dB(value) > -60 ? `${Math.round(dB(value))} dB` : 'silent (below -60 dB)';
 }
 
+// What the operator asked of this row that it does not do yet, in words; and where the row was
+// asked otherwise than every agent, so that the header line is not contradicted silently.
+function wishes(a, here) {
+  const all = room.all;
+  const own = (asked, mine, everyone, what) => (asked && mine !== everyone ? `asked of this agent only: ${what}` : '');
+  return {
+    live: [!here && a.live && 'Go Live when it connects', own(all.liveAsked, !!a.live, !!all.live, a.live ? 'Go Live' : 'End Live')],
+    recording: [a.session && (!a.live ? `will record ${a.session} at Go Live` : !here && `will record ${a.session} when it connects`),
+      own(all.sessionAsked, a.session || '', all.session || '', a.session ? `start ${a.session}` : 'stop')],
+  };
+}
+const words = (...parts) => parts.flat().filter(Boolean).join(' · ');
+
 function render(a) {
   let row = room.agents.get(a.id);
   if (!row) { row = makeRow(a.id); room.agents.set(a.id, row); }
   row.agent = a;
-  const s = a.status || {};
+  // Away or released, nothing of its computer is shown: its last status is old news, and a
+  // released number has no computer. Only what the room keeps asking of it, in words.
+  const here = a.connected && !a.released;
+  const s = here ? a.status || {} : {};
   const c = row.cells;
-  // Away, its last status is old news: shown greyed as what it was, and nothing streams from it.
-  // Released, the number is free: nothing of its computer counts any more.
-  const was = a.connected ? '' : 'away — was ';
-  row.tr.className = a.connected ? (s.recording ? 'recording' : '') : 'away';
+  const wish = wishes(a, here);
+  row.tr.className = here ? (s.recording ? 'recording' : '') : 'away';
   c.id.textContent = a.id;
-  c.name.textContent = a.name + (a.onCall ? ' · on a call' : '');
+  c.name.textContent = a.name + (here && a.onCall ? ' · on a call' : '');
   c.link.textContent = a.connected ? 'connected' : a.released ? 'released' : 'away';
-  c.recording.textContent = a.released && !a.connected ? '' : was + (s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'not recording');
-  c.live.textContent = a.released && !a.connected ? '' : was + (a.live ? 'live' : 'not live') + (s.live && a.connected ? ' · heard' : '');
+  c.recording.textContent = words(here && (s.recording ? `recording${a.session ? ` · ${a.session}` : ''}` : 'not recording'), wish.recording);
+  c.live.textContent = words(here && (a.live ? 'live' : 'not live'), s.live && 'heard', wish.live);
   // Listening and the preview wait for an agent that dropped (a blip of its Wi-Fi): the room asks
   // it again when it is back. Meanwhile the buttons say so instead of showing them on.
   if (room.listen === a.id) $('listen-who').textContent = `to agent #${a.id}` + (a.connected ? '' : ' (away: resumes when it is back)');
   if (room.listen === a.id && !a.connected) $('listen-level').style.width = '0%';
   if (room.preview === a.id) $('preview-who').textContent = `of agent #${a.id}` + (a.connected ? '' : ' (away)');
   if (room.preview === a.id) labelPreview();
-  meter(c.mic.firstChild.firstChild, a.connected && s.mic);
-  meter(c.sys.firstChild.firstChild, a.connected && s.sys);
+  meter(c.mic.firstChild.firstChild, s.mic);
+  meter(c.sys.firstChild.firstChild, s.sys);
   const cams = s.cams || [];
   const cam = cams.find((x) => x.uid === s.camUID) || cams[0];
-  c.devices.textContent = `${s.micName || 'no microphone'} · ${s.cam ? `${cam ? cam.name : 'camera'} ${s.camActive ? 'on' : 'off'}` : 'no camera'}`;
+  c.devices.textContent = here ? `${s.micName || 'no microphone'} · ${s.cam ? `${cam ? cam.name : 'camera'} ${s.camActive ? 'on' : 'off'}` : 'no camera'}` : '';
   c.errors.textContent = [s.camError && `camera: ${s.camError}`, s.error].filter(Boolean).join(' · ');
   c.errors.className = 'errors err';
-  c.uploads.textContent = `${a.stored} stored` + (a.uploading ? `, ${a.uploading} arriving` : '');
-  const e = a.lastEvent || {};
+  c.uploads.textContent = a.released ? '' : `${a.stored} stored` + (a.uploading ? `, ${a.uploading} arriving` : '');
+  const e = (!a.released && a.lastEvent) || {};
   c.event.textContent = e.type ? `${e.type} ${time(e.time)}` : '';
-  row.live.textContent = a.live ? 'End Live' : 'Go Live';
-  row.live.classList.toggle('on', !!a.live);
+  // Live is shown only for an agent that is there; a wish for one that is not reads as one.
+  row.live.textContent = a.live ? (here ? 'End Live' : 'Cancel Go Live') : 'Go Live';
+  row.live.classList.toggle('on', !!a.live && here);
   row.listen.classList.toggle('on', room.listen === a.id && a.connected);
   row.listen.classList.toggle('waiting', room.listen === a.id && !a.connected);
   row.preview.classList.toggle('on', room.preview === a.id && a.connected);
   row.preview.classList.toggle('waiting', room.preview === a.id && !a.connected);
-  // An agent sends sound and pictures only while live: until then the buttons wait (one on stays off-able).
+  // An agent sends sound and pictures only while there and live: until then the buttons wait (one on stays off-able).
   const up = room.link && room.link.readyState === WebSocket.OPEN;
+  const streams = here && a.live;
   for (const [b, on] of [[row.listen, room.listen === a.id], [row.preview, room.preview === a.id]]) {
-    b.disabled = !up || (!a.live && !on);
-    b.title = a.live ? '' : 'Go Live first: the agent sends sound and pictures only while live';
+    b.disabled = !up || (!streams && !on);
+    b.title = streams ? '' : here ? 'Go Live first: the agent sends sound and pictures only while live' : 'The agent is not connected';
   }
 }
 
@@ -255,7 +290,7 @@ function start(to) {
 }
 $('all-start').onclick = () => start(0);
 $('all-stop').onclick = () => send(0, { type: 'stop' });
-$('all-quality').onclick = () => send(0, { type: 'quality', q: $('quality').value });
+$('all-quality').onclick = () => { if ($('quality').value) send(0, { type: 'quality', q: $('quality').value }); };
 $('hd').onchange = () => { if (room.preview) send(room.preview, { type: 'preview', on: true, hd: $('hd').checked }); };
 $('camera').onchange = () => { if (room.preview) send(room.preview, { type: 'setCam', uid: $('camera').value }); };
 $('whisper-send').onclick = () => {
