@@ -5,6 +5,7 @@
 #include "Relaunch.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QFileInfo>
 #include <QFutureWatcher>
 #include <QTimer>
@@ -16,13 +17,14 @@ Upkeep::Upkeep(const BuildInfo &build, std::function<bool()> busy, QObject *pare
     , m_runningBuild(build.buildNumber())
     , m_infoPath(build.path())
     , m_timer(new QTimer(this))
-    , m_read(new QFutureWatcher<std::optional<QString>>(this))
+    , m_exePath(QFileInfo(m_infoPath).absolutePath() + QLatin1Char('/') + QFileInfo(QCoreApplication::applicationFilePath()).fileName())
+    , m_read(new QFutureWatcher<Seen>(this))
     , m_hadFile(build.fromFile())
 {
     Q_ASSERT(m_busy);
     m_timer->setInterval(kVersionCheckMs);
     connect(m_timer, &QTimer::timeout, this, &Upkeep::checkForNewVersion);
-    connect(m_read, &QFutureWatcher<std::optional<QString>>::finished, this, [this] { onInstalledBuild(m_read->result()); });
+    connect(m_read, &QFutureWatcher<Seen>::finished, this, [this] { onInstalledBuild(m_read->result()); });
 }
 
 void Upkeep::start()
@@ -40,11 +42,7 @@ void Upkeep::checkForNewVersion()
     if (m_checking)
         return;
     m_checking = true;
-    m_read->setFuture(QtConcurrent::run([path = m_infoPath]() -> std::optional<QString> {
-        if (!QFileInfo::exists(path))
-            return std::nullopt;
-        return BuildInfo::readKey(path, QStringLiteral("CFBundleVersion"));
-    }));
+    m_read->setFuture(QtConcurrent::run(&Upkeep::look, m_infoPath, m_exePath));
 }
 
 bool Upkeep::checking() const
@@ -52,23 +50,48 @@ bool Upkeep::checking() const
     return m_checking;
 }
 
-void Upkeep::onInstalledBuild(const std::optional<QString> &onDisk)
+Upkeep::Seen Upkeep::look(const QString &infoPath, const QString &exePath)
+{
+    Seen seen;
+    if (!QFileInfo::exists(infoPath))
+        return seen;
+    seen.build = BuildInfo::readKey(infoPath, QStringLiteral("CFBundleVersion"));
+    const QFileInfo exe(exePath);
+    seen.runnable = exe.isFile() && exe.isExecutable();
+    seen.size = exe.size();
+    seen.modifiedMs = exe.lastModified().toMSecsSinceEpoch();
+    return seen;
+}
+
+void Upkeep::onInstalledBuild(const Seen &seen)
 {
     m_checking = false;
-    if (!onDisk) {
+    const bool settled = m_lastSeen == seen;
+    m_lastSeen = seen;
+    if (!seen.build) {
         onRemoved();
         return;
     }
     m_goneChecks = 0;
-    if (!Relaunch::newBuild(*onDisk, m_runningBuild))
+    const QString onDisk = *seen.build;
+    if (!Relaunch::newBuild(onDisk, m_runningBuild))
         return;
     if (m_busy()) {
-        if (m_waitSaid != *onDisk)
-            bravaLog(QStringLiteral("new version on disk (") + *onDisk + QStringLiteral(") — relaunching once the agent is idle"));
-        m_waitSaid = *onDisk;
+        if (m_waitSaid != onDisk)
+            bravaLog(QStringLiteral("new version on disk (") + onDisk + QStringLiteral(") — relaunching once the agent is idle"));
+        m_waitSaid = onDisk;
         return;
     }
-    bravaLog(QStringLiteral("new version on disk (") + *onDisk + QStringLiteral(") — relaunching"));
+    if (!seen.runnable) {
+        if (m_brokenSaid != onDisk)
+            bravaLog(QStringLiteral("new version on disk (") + onDisk + QStringLiteral(") but no program to start at ") + m_exePath
+                     + QStringLiteral(" (missing or not executable) — not relaunched"));
+        m_brokenSaid = onDisk;
+        return;
+    }
+    if (!settled)
+        return; // still being copied, perhaps: the next check decides
+    bravaLog(QStringLiteral("new version on disk (") + onDisk + QStringLiteral(") — relaunching"));
     if (relaunch)
         relaunch();
     else

@@ -11,7 +11,9 @@ class QTimer;
 template <typename T> class QFutureWatcher;
 
 // Keeping the installed agent current: every 10 s it looks whether a newer build has been
-// installed beside the running one and, when the agent is not busy, relaunches into it; when this
+// installed beside the running one and, when the agent is not busy and the new program file is
+// executable and has stayed the same since the check before (a folder still being copied is not
+// started half-way), relaunches into it; when this
 // copy has been removed from the computer (its build file gone for three checks in a row: a
 // package removed, a folder deleted), it quits once the agent is not busy. The
 // build file is read on a pool thread, so a slow or hung disk never holds up the main thread; a
@@ -45,17 +47,31 @@ public:
     static constexpr int kGoneChecks = 3;
 
 private:
-    void onInstalledBuild(const std::optional<QString> &onDisk);
+    // What one check found on disk: the build number (none when the build file is gone) and the
+    // program file beside it.
+    struct Seen
+    {
+        std::optional<QString> build;
+        qint64 size = -1;
+        qint64 modifiedMs = 0;
+        bool runnable = false;
+        bool operator==(const Seen &) const = default;
+    };
+    static Seen look(const QString &infoPath, const QString &exePath);
+    void onInstalledBuild(const Seen &seen);
     void onRemoved();
 
     std::function<bool()> m_busy;
     QString m_runningBuild;
     QString m_infoPath;
     QTimer *m_timer;
-    QFutureWatcher<std::optional<QString>> *m_read;
+    QString m_exePath;
+    QFutureWatcher<Seen> *m_read;
+    std::optional<Seen> m_lastSeen;
     bool m_checking = false;
     bool m_hadFile;
     int m_goneChecks = 0;
     bool m_removedSaid = false;
     QString m_waitSaid; // the newer build already logged as waiting for idle
+    QString m_brokenSaid; // the newer build already logged as having no runnable program
 };

@@ -67,8 +67,10 @@ private Q_SLOTS:
             {"8", "7", true}, {"10", "9", true}, {"7", "7", false}, {"6", "7", false}, {"", "7", false}};
         for (const auto &r : rows)
             QVERIFY2(Relaunch::newBuild(QString::fromUtf8(r.onDisk), QString::fromUtf8(r.running)) == r.relaunch, r.onDisk);
-        const QString info = tmp.path() + QLatin1String("/Info.ini");
+        const QString info = tmp.path() + QLatin1String("/Info.ini"), exe = tmp.path() + u'/' + QFileInfo(QCoreApplication::applicationFilePath()).fileName();
         writeFile(info, "[General]\nCFBundleVersion=7\n");
+        writeFile(exe, "#!/bin/sh\n");
+        QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
         const BuildInfo running = BuildInfo::read(info);
         bool busy = true;
         int relaunched = 0;
@@ -84,6 +86,16 @@ private Q_SLOTS:
         check();
         QCOMPARE(relaunched, 0);
         busy = false;
+        // A program file that changed since the check before (still being copied) waits a check;
+        // one that cannot run is never started.
+        for (const bool runnable : {false, true}) {
+            writeFile(exe, runnable ? "#!/bin/sh\n" : "#!/bin/sh\n\n");
+            QFile::setPermissions(exe, QFile::ReadOwner | QFile::WriteOwner | (runnable ? QFile::ExeOwner : QFile::Permissions()));
+            check();
+            if (!runnable)
+                check();
+            QCOMPARE(relaunched, 0);
+        }
         check();
         QCOMPARE(relaunched, 1);
 
