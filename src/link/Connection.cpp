@@ -12,11 +12,31 @@
 #include <QTimer>
 #include <QWebSocket>
 
+#include <algorithm>
+
 Connection::Connection(const Settings &settings, const BuildInfo &build, QObject *parent)
     : QObject(parent)
     , m_settings(settings)
     , m_build(build)
+    , m_watch(new QTimer(this))
 {
+    connect(m_watch, &QTimer::timeout, this, &Connection::watch);
+}
+
+void Connection::watch()
+{
+    if (!m_connected || !m_socket) {
+        m_watch->stop();
+        return;
+    }
+    if (!m_heard.hasExpired(silenceMs)) {
+        m_socket->ping();
+        return;
+    }
+    // No answer, not even to pings: the room is frozen or out of reach without having closed.
+    bravaLog(QStringLiteral("the control room stopped answering (nothing for %1 s): reconnecting").arg(silenceMs / 1000.0));
+    m_watch->stop();
+    m_socket->abort();
 }
 
 Connection::~Connection()
@@ -76,6 +96,10 @@ void Connection::open()
     m_socket = socket;
     QObject::connect(socket, &QWebSocket::connected, this, [this, gen, socket] { opened(gen, socket); });
     QObject::connect(socket, &QWebSocket::textMessageReceived, this, [this, gen](const QString &text) { received(gen, text); });
+    QObject::connect(socket, &QWebSocket::pong, this, [this, socket] {
+        if (socket == m_socket)
+            m_heard.start();
+    });
     // Binary frames from the control room carry nothing for the agent.
     // A failed open reports an error, an open link that ends reports disconnected, and some
     // failures report both: the first one for the current socket counts.
@@ -97,6 +121,8 @@ void Connection::opened(qint64 gen, QWebSocket *socket)
     if (gen != m_generation || socket != m_socket)
         return;
     m_connected = true;
+    m_heard.start();
+    m_watch->start(std::max(1, silenceMs / 3));
     m_lastFailure.clear();
     m_failureLog.clear();
     bravaLog(QStringLiteral("connected to %1 as agent %2").arg(m_settings.server()).arg(m_settings.agentID()));
@@ -108,6 +134,7 @@ void Connection::received(qint64 gen, const QString &text)
 {
     if (gen != m_generation)
         return;
+    m_heard.start();
     QJsonParseError error{};
     const QJsonDocument doc = QJsonDocument::fromJson(text.toUtf8(), &error);
     if (error.error != QJsonParseError::NoError || !doc.isObject())

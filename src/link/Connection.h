@@ -3,6 +3,7 @@
 #include "LogOnce.h"
 #include "Protocol.h"
 
+#include <QElapsedTimer>
 #include <QJsonObject>
 #include <QObject>
 
@@ -12,6 +13,7 @@
 class BuildInfo;
 class OrderedJson;
 class Settings;
+class QTimer;
 class QWebSocket;
 
 // The agent's single WebSocket link to the control room: ws://<server>/agent?id&os&v&name.
@@ -57,6 +59,11 @@ public:
     static constexpr int kRetryMs = 2000;
     /// The delay in use; tests shorten it.
     int retryMs = kRetryMs;
+    /// Longest silence of an open link, in milliseconds, before it counts as lost (a room that stops
+    /// answering without closing: frozen, or gone with the Wi-Fi); the link is pinged meanwhile.
+    static constexpr int kSilenceMs = 15000;
+    /// The silence in use; tests shorten it (pings go out every third of it).
+    int silenceMs = kSilenceMs;
     /// First byte of a binary frame: live microphone audio.
     static constexpr quint8 kMicSource = Protocol::Frame::micAudio;
     /// First byte of a binary frame: live computer audio.
@@ -76,6 +83,7 @@ private:
     void received(qint64 gen, const QString &text);
     void dropped(qint64 gen);
     void noteFailure(const QString &reason);
+    void watch();
     void cancelSocket();
     void sendText(const QByteArray &text);
     void sendFrame(quint8 kind, const QByteArray &payload);
@@ -88,4 +96,6 @@ private:
     bool m_replaced = false;
     QString m_lastFailure; // why the link last failed to open (the socket's reason); cleared when a link opens
     LogOnce m_failureLog;  // retries every 2 s meet the same refusal: logged once until it changes
+    QTimer *m_watch = nullptr; // pings the open link and notices its silence
+    QElapsedTimer m_heard;     // since the room last sent anything, a pong included
 };

@@ -14,6 +14,8 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QSystemTrayIcon>
+#include <QWebSocket>
+#include <QWebSocketServer>
 #include <QtTest>
 
 #include <thread>
@@ -406,7 +408,41 @@ private Q_SLOTS:
         home.settings().setServer(QStringLiteral("127.0.0.1:1"));
         conn.open();
         QTRY_COMPARE(home.log().count(QStringLiteral("cannot open the link to 127.0.0.1:1")), 2);
-        QVERIFY(Connection(home.settings(), home.info()).retryMs == 2000 && Connection::kMaxMessageBytes == 8 << 20); // the real delay, shortened above
+        // A room that takes the link and then answers nothing, not even pings (frozen, or gone
+        // with the Wi-Fi without a word): the link counts as lost after the silence, and is tried again.
+        // The room runs on a thread of its own, which then hangs.
+        QThread roomThread;
+        roomThread.start();
+        QWebSocketServer silent(QStringLiteral("frozen"), QWebSocketServer::NonSecureMode);
+        silent.moveToThread(&roomThread);
+        QList<QWebSocket *> links; // kept open, owned by the server
+        std::atomic<int> opened = 0;
+        quint16 silentPort = 0;
+        QMetaObject::invokeMethod(&silent, [&] {
+            silent.listen(QHostAddress::LocalHost);
+            silentPort = silent.serverPort();
+            connect(&silent, &QWebSocketServer::newConnection, &silent, [&] { links << silent.nextPendingConnection(), ++opened; });
+        }, Qt::BlockingQueuedConnection);
+        QSemaphore thaw;
+        const auto finish = qScopeGuard([&] {
+            thaw.release();
+            QMetaObject::invokeMethod(&silent, [&] { qDeleteAll(links), silent.close(), silent.moveToThread(QCoreApplication::instance()->thread()); }, Qt::BlockingQueuedConnection);
+            roomThread.quit();
+            roomThread.wait();
+        });
+        conn.silenceMs = 600;
+        home.settings().setServer(QStringLiteral("127.0.0.1:%1").arg(silentPort));
+        conn.open();
+        QTRY_VERIFY(conn.connected() && opened >= 1);
+        const int before = opened;
+        QTest::qWait(2 * conn.silenceMs);
+        QVERIFY(conn.connected() && opened == before); // pings answered: a link quiet for longer than the silence holds
+        QMetaObject::invokeMethod(&silent, [&thaw] { thaw.acquire(); }); // the room hangs
+        QTRY_VERIFY(!conn.connected());
+        QVERIFY(home.log().contains(QStringLiteral("the control room stopped answering (nothing for 0.6 s): reconnecting")));
+        thaw.release();
+        QTRY_VERIFY(opened > before && conn.connected()); // the thawed room takes the link again
+        QVERIFY(Connection(home.settings(), home.info()).retryMs == 2000 && Connection::kSilenceMs == 15000 && Connection::kMaxMessageBytes == 8 << 20); // the real delays, shortened above
     }
 
     // A locked build with an event web service: check-in at launch and when the link comes back,

@@ -20,7 +20,12 @@ asio::awaitable<void> WsLink::reader(http::request<http::empty_body> upgrade)
     auto self = shared_from_this();
     beast::error_code ec;
     beast::get_lowest_layer(m_ws).expires_never(); // the WebSocket's own time-outs and pings from here
-    m_ws.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+    // A peer that stops answering (an agent's laptop asleep, a page gone with the Wi-Fi) is pinged
+    // and closed after 15 s of silence rather than the suggested 300 s: the operator then sees it away.
+    websocket::stream_base::timeout timeouts = websocket::stream_base::timeout::suggested(beast::role_type::server);
+    timeouts.idle_timeout = std::chrono::seconds(15);
+    timeouts.keep_alive_pings = true;
+    m_ws.set_option(timeouts);
     m_ws.read_message_max(m_maxMessage);
     co_await m_ws.async_accept(upgrade, noThrow(ec));
     if (ec) {
