@@ -288,6 +288,15 @@ private Q_SLOTS:
         links.back()->close();
         QTRY_COMPARE(room->agentCount(), 3);
         QCOMPARE(comes(8), QStringLiteral(R"({"on":true,"type":"cameras"} )") + low);
+        // A restarted room asks the same again: of the numbers it knew, and of all.
+        cmd(8, R"({"type":"start","session":"s10"})");
+        const QJsonObject all = room->state().value(QStringLiteral("all")).toObject();
+        links.clear();
+        room.reset();
+        start();
+        QCOMPARE(comes(8), QStringLiteral(R"({"on":true,"type":"cameras"} {"session":"s10","type":"start"} )") + low);
+        QCOMPARE(comes(5), low);
+        QCOMPARE(room->state().value(QStringLiteral("all")).toObject(), all);
     }
 
     // A whisper, listen and preview name one agent; an agent streams while any page still wants it.

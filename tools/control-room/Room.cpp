@@ -10,6 +10,7 @@
 #include <QDateTime>
 #include <QElapsedTimer>
 #include <QJsonDocument>
+#include <QSaveFile>
 #include <QLocale>
 
 #include <cmath>
@@ -93,6 +94,51 @@ void Room::takeAllWishes(Agent &a) const
     a.quality = m_allQuality;
 }
 
+void Room::saveWishes() const
+{
+    QJsonObject agents;
+    for (const auto &[id, a] : m_records)
+        if (id > 0)
+            agents.insert(QString::number(id), QJsonObject{{QStringLiteral("live"), a.camerasOn}, {QStringLiteral("session"), a.session},
+                                                           {QStringLiteral("quality"), a.quality}, {QStringLiteral("released"), a.released}});
+    const QJsonObject all{{QStringLiteral("live"), m_allLive}, {QStringLiteral("session"), m_allSession}, {QStringLiteral("quality"), m_allQuality},
+                          {QStringLiteral("liveAsked"), m_allLiveAsked}, {QStringLiteral("sessionAsked"), m_allSessionAsked}};
+    QSaveFile out(m_uploads.filePath(QLatin1String(kWishesFile)));
+    if (!out.open(QIODevice::WriteOnly) || out.write(QJsonDocument(QJsonObject{{QStringLiteral("all"), all}, {QStringLiteral("agents"), agents}}).toJson()) < 0 || !out.commit())
+        say(QStringLiteral("warning: cannot keep what was asked in %1: %2").arg(out.fileName(), out.errorString()));
+}
+
+void Room::loadWishes()
+{
+    QFile in(m_uploads.filePath(QLatin1String(kWishesFile)));
+    constexpr qint64 kMaxBytes = 1 << 20;
+    if (!in.open(QIODevice::ReadOnly) || in.size() > kMaxBytes)
+        return;
+    const QJsonObject saved = QJsonDocument::fromJson(in.readAll()).object();
+    const QJsonObject all = saved.value(QStringLiteral("all")).toObject();
+    constexpr int kMaxText = 1000; // longer than any session the agents take
+    const auto text = [](const QJsonObject &o, const char *key) { return o.value(QLatin1String(key)).toString().left(kMaxText); };
+    m_allLive = all.value(QStringLiteral("live")).toBool();
+    m_allSession = text(all, "session");
+    m_allQuality = text(all, "quality");
+    m_allLiveAsked = all.value(QStringLiteral("liveAsked")).toBool();
+    m_allSessionAsked = all.value(QStringLiteral("sessionAsked")).toBool();
+    const QJsonObject agents = saved.value(QStringLiteral("agents")).toObject();
+    for (auto it = agents.begin(); it != agents.end(); ++it) {
+        const std::optional<int> id = UploadPlace::agentNumber(it.key());
+        if (!id)
+            continue;
+        const QJsonObject o = it.value().toObject();
+        Agent &a = m_records[*id];
+        a.camerasOn = o.value(QStringLiteral("live")).toBool();
+        a.session = text(o, "session");
+        a.quality = text(o, "quality");
+        a.released = o.value(QStringLiteral("released")).toBool();
+    }
+    say(QStringLiteral("took back what was asked before: %1 agent(s)%2").arg(agents.size()).arg(m_allLive ? QStringLiteral(", every agent live") : QString())
+        + (m_allSession.isEmpty() ? QString() : QStringLiteral(", recording ") + m_allSession));
+}
+
 quint16 Room::listen(const tcp::endpoint &at)
 {
     beast::error_code ec;
@@ -164,6 +210,7 @@ asio::awaitable<void> Room::learnStored(std::shared_ptr<tcp::acceptor> acceptor)
     QElapsedTimer clock;
     clock.start();
     QStringList skipped;
+    loadWishes();
     m_sales.learnStored(skipped);
     const QJsonArray sales = m_sales.json();
     for (const QJsonValue &sale : sales)
@@ -487,6 +534,8 @@ QString Room::command(int id, const QJsonObject &c)
             endStreams(t);
         }
     }
+    if (start || type == L(Protocol::Command::cameras) || type == L(Protocol::Command::stop) || quality || type == L(Protocol::Command::release))
+        saveWishes();
     const int sent = sendRaw(id, bytes(c));
     // One pass: a "%1" in a session or a whisper is text, not a place for the count.
     QString line = QStringLiteral("→ %1: %2 — sent to %3 agent(s)")

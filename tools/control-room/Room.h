@@ -120,6 +120,10 @@ private:
     void say(const QString &line) const;
     Agent &record(int id);
     void takeAllWishes(Agent &a) const;
+    /// Writes what the operator asked (of all and of each number) to the uploads folder.
+    void saveWishes() const;
+    /// Reads back what saveWishes() wrote before a restart; a missing or unreadable file is nothing asked.
+    void loadWishes();
 
     asio::io_context &m_io;
     QDir m_uploads;

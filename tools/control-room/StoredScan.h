@@ -11,6 +11,9 @@
 // at a time so that the room serves between steps. Only names the room itself writes are taken;
 // links, strays and the sales' files (the sale book's) are not. A hidden partial upload older than
 // `startedAt` is a leftover of a run that ended mid-upload and is removed; a newer one is in flight.
+/// The file in the uploads folder that keeps what the operator asked over a restart of the room.
+inline constexpr char kWishesFile[] = "room-wishes.json";
+
 class StoredScan
 {
 public:
