@@ -3,6 +3,7 @@
 #include "MediaProbe.h"
 #include "OrphanRecovery.h"
 #include "RecorderFixture.h"
+#include "SegmentWriter.h"
 #include "SessionFolder.h"
 #include "TestHome.h"
 #include "TestLiterals.h"
@@ -190,7 +191,9 @@ private Q_SLOTS:
         for (const QString &track : strings({"mic", "sys"}))
             QVERIFY(home.log().count(QLatin1String("writer error ") + track) <= 1 + home.log().count(QLatin1String("writer ") + track + QLatin1String(": writing again")));
         QVERIFY(mount("remount,size=20m"));
-        f->feed({usb, mon}, f->clock->nowNs(), 6);
+        f->feed({usb, mon}, f->clock->nowNs(), SegmentWriter::kSteadySeconds - 1); // written again, not yet steadily: still shown
+        QVERIFY(f->rec->lastError().has_value());
+        f->feed({usb, mon}, f->clock->nowNs(), 3);
         QVERIFY(!f->rec->lastError());
         QVERIFY(f->stop() && f->doneNames(QStringLiteral("mic")).last().contains(QStringLiteral("_final")));
         for (const auto &[path, session] : f->done)

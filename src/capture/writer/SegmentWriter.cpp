@@ -92,6 +92,7 @@ void SegmentWriter::append(const TimedSample &sample)
     if (!m_session || !sample.isValid())
         return;
     const MediaTime t = sample.pts;
+    m_now = t;
     const std::optional<MediaTime> at = openAt();
     if (at && t < *at)
         return;
@@ -216,6 +217,7 @@ bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample
 
 void SegmentWriter::report(const QString &failure)
 {
+    m_failedAt = m_now;
     // A failure that repeats with every sample (a full disk) is logged once until it clears.
     if (!m_failureLog.log(failure))
         return;
@@ -227,7 +229,10 @@ void SegmentWriter::recovered()
 {
     if (m_failureLog.last().isEmpty())
         return;
+    if (m_failedAt && m_now && *m_now < *m_failedAt + MediaTime::make(kSteadySeconds, 1))
+        return; // not yet steady
     m_failureLog.clear();
+    m_failedAt.reset();
     bravaLog(QStringLiteral("writer ") + m_track + QStringLiteral(": writing again"));
     if (onFault)
         onFault(std::nullopt);

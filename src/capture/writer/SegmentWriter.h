@@ -25,8 +25,8 @@ struct AVPacket;
 //
 // A write that fails (a full disk) ends the segment where its last whole fragment ends: that part
 // is reported as a finished segment, a file without a whole fragment is removed, never reported.
-// The failure goes to onFault (and the log) once until a fragment reaches the disk again, which
-// clears it; a new segment is tried kRetrySeconds of media time later.
+// The failure goes to onFault (and the log) once until fragments have reached the disk again for
+// kSteadySeconds of media time without a failure, which clears it; a new segment is tried kRetrySeconds of media time later.
 //
 // All calls except setOpenAt come from the one serial queue that serves the track. Finished
 // segments are reported through onSegmentDone on that queue; the receiver hops to its own thread.
@@ -39,6 +39,9 @@ public:
     static constexpr int kFragmentMicroseconds = 2000000;
     /// After a failed write, media time before a new segment is tried.
     static constexpr int kRetrySeconds = 2;
+    /// Media time a writer must write without a failure before its fault clears (a disk nearly full
+    /// takes a piece now and then: the fault stays shown rather than coming and going).
+    static constexpr int kSteadySeconds = 10;
 
     /// A writer of `track` in this format, writing into the setup's folder.
     SegmentWriter(const QString &track, std::unique_ptr<SegmentFormat> format, const WriterSetup &setup);
@@ -103,6 +106,8 @@ private:
     int64_t m_take = 0;
     int m_idx = 0;
     std::optional<MediaTime> m_retryFrom; // no new segment before this, after a failed write
+    std::optional<MediaTime> m_now;       // of the sample being written
+    std::optional<MediaTime> m_failedAt;  // of the last failure, until the fault clears
     MediaTime m_segStart;
     QString m_path;
     AVFormatContext *m_fmt = nullptr;
