@@ -289,8 +289,9 @@ void AppDelegate::tick()
     publish();
     m_status.refresh();
     m_status.showCallTime(m_actions.callSeconds());
-    // Without a tray the panel is where the agent's state can be read: it carries the tray's tooltip.
-    m_windows.setTip(trayMissing() ? m_status.tray()->tip() : QString());
+    // The panel carries the tray's tooltip: the agent's state is read where the agent looks (and,
+    // without a tray, only there).
+    m_windows.setTip(m_status.tray()->tip());
     cameraRefusalToSetup();
 }
 

@@ -123,10 +123,13 @@ void SaleWidget::build(bool withSale)
         switch (b.kind) {
         case M::Button::Call:
             m_callBtn = button;
-            // While it reads "Help sent", a press is taken as the agent's glance at it, never as ending the call.
+            // While it reads "Help sent" (or "not sent"), a press only puts the call's own title back:
+            // pressing the help answer never ends the call.
             connect(button, &QPushButton::clicked, this, [this] {
                 if (!m_flashEnd.isActive())
-                    Q_EMIT callPressed();
+                    return Q_EMIT callPressed();
+                m_flashEnd.stop();
+                setCall(m_callActive);
             });
             break;
         case M::Button::Sale:

@@ -186,7 +186,7 @@ private Q_SLOTS:
         const auto unmount = qScopeGuard([&] { QProcess::execute(QStringLiteral("umount"), {QStringLiteral("-l"), writing}); }); // lazy: files may be open
         QVERIFY(f->start(QStringLiteral("D1")));
         f->feed({usb, mon}, f->clock->nowNs(), 20); // 24 kB/s of AAC: full after about 12 s
-        QVERIFY(f->rec->lastError().value_or(QString()).contains(QStringLiteral("No space left")));
+        QVERIFY(f->rec->lastError().value_or(QString()).contains(QStringLiteral("No space left on device — free some space on this computer")));
         QVERIFY(f->doneNames().size() >= 2);
         for (const QString &track : strings({"mic", "sys"}))
             QVERIFY(home.log().count(QLatin1String("writer error ") + track) <= 1 + home.log().count(QLatin1String("writer ") + track + QLatin1String(": writing again")));

@@ -122,6 +122,8 @@ private Q_SLOTS:
         help->click();
         QTRY_COMPARE(w->callButton()->text(), QStringLiteral("Help not sent ✗"));
         home.settings().setServer(f.room.address());
+        w->callButton()->click(); // a press on the answer puts the call back, and ends nothing
+        QVERIFY(w->callButton()->text() == QStringLiteral("⏹  End the Call") && f.app->actions().onCall());
         // The panel carries what the tray would say, and opens the agent's menu on a right click;
         // so does starting the program again.
         QMenu *menu = f.app->status().tray()->menu();

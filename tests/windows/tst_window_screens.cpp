@@ -168,8 +168,10 @@ private Q_SLOTS:
 
         QTest::mouseClick(w->findChildren<QPushButton *>().last(), Qt::LeftButton);
         QVERIFY(help.size() == 1 && at(shoot(w, QStringLiteral("widget-help-sent")), 16, 40, M::green()));
-        QTest::mouseClick(widget.callButton(), Qt::LeftButton); // reads "Help sent": does not end the call
         QTRY_COMPARE_WITH_TIMEOUT(widget.callButton()->text(), QStringLiteral("⏹  End the Call"), 3000);
+        widget.flashHelp();
+        QTest::mouseClick(widget.callButton(), Qt::LeftButton); // reads "Help sent": puts the call back, ends nothing
+        QVERIFY(call.isEmpty() && widget.callButton()->text() == QStringLiteral("⏹  End the Call"));
         QTest::mouseClick(widget.callButton(), Qt::LeftButton);
         QCOMPARE(call.size(), 1);
 

@@ -26,8 +26,9 @@ bool StoredScan::step(int count, std::set<QString> &pieces, QStringList &skipped
         }
         if (rel == QLatin1String("sales") || rel.startsWith(QLatin1String("sales/")))
             continue; // the sale book's
-        if (rel == QLatin1String(kWishesFile) || rel.startsWith(QLatin1String(kWishesFile) + QLatin1String(".")))
-            continue; // what the operator asked, kept over a restart (and its save in progress)
+        if (rel == QLatin1String(kWishesFile) || rel.startsWith(QLatin1String(kWishesFile) + QLatin1String("."))
+            || rel == QLatin1String(kTokenFile) || rel.startsWith(QLatin1String(kTokenFile) + QLatin1String(".")))
+            continue; // what the operator asked and the token, kept over a restart (and their saves in progress)
         if (entry.isSymLink()) { // never followed: it may lead out of the folder
             skipped.append(rel + QStringLiteral(": a link"));
             continue;

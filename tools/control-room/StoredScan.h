@@ -13,6 +13,8 @@
 // `startedAt` is a leftover of a run that ended mid-upload and is removed; a newer one is in flight.
 /// The file in the uploads folder that keeps what the operator asked over a restart of the room.
 inline constexpr char kWishesFile[] = "room-wishes.json";
+/// The file in the uploads folder that keeps the operator token over a restart (this user's only).
+inline constexpr char kTokenFile[] = "room-token";
 
 class StoredScan
 {

@@ -7,13 +7,17 @@
 #include "CommandWords.h"
 #include "ControlRoomServer.h"
 #include "RoomAnnouncer.h"
+#include "StoredScan.h"
 #include "StrictInt.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QFile>
 #include <QHostInfo>
 #include <QJsonDocument>
 #include <QNetworkInterface>
+#include <QRegularExpression>
+#include <QSaveFile>
 #include <QSocketNotifier>
 #include <QTextStream>
 
@@ -76,7 +80,15 @@ int main(int argc, char *argv[])
     const QDir uploads(rest.value(1, options.value(uploadsOption)));
     const QString name = options.isSet(nameOption) ? options.value(nameOption).left(63) : QStringLiteral("Control room on ") + QHostInfo::localHostName();
 
-    ControlRoomServer room(uploads);
+    // The operator token of the last run on this folder, so that open pages and scripts keep working
+    // over a restart; removing the file makes a new one.
+    QString keptToken;
+    if (QFile kept(uploads.filePath(QLatin1String(kTokenFile))); kept.open(QIODevice::ReadOnly))
+        keptToken = QString::fromLatin1(kept.read(64)).trimmed();
+    static const QRegularExpression tokenShape(QStringLiteral("^[0-9a-f]{32}$"));
+    if (!tokenShape.match(keptToken).hasMatch())
+        keptToken.clear();
+    ControlRoomServer room(uploads, nullptr, keptToken);
     room.setName(name);
     const quint16 bound = room.listen(quint16(*port), address);
     if (!bound) // the room said why
@@ -86,6 +98,12 @@ int main(int argc, char *argv[])
         return 1;
     }
     out << "control room \"" << name << "\" on port " << bound << ", uploads in " << uploads.absolutePath() << Qt::endl;
+    if (keptToken.isEmpty()) {
+        QSaveFile tokenOut(uploads.filePath(QLatin1String(kTokenFile)));
+        if (!tokenOut.open(QIODevice::WriteOnly) || !tokenOut.setPermissions(QFile::ReadOwner | QFile::WriteOwner)
+            || tokenOut.write(room.token().toLatin1() + '\n') < 0 || !tokenOut.commit())
+            out << "warning: the operator token is not kept for a restart: " << tokenOut.errorString() << Qt::endl;
+    }
     QString host = address.toString();
     if (address == QHostAddress(QHostAddress::AnyIPv4))
         host = reachableHost();
@@ -146,6 +164,7 @@ int main(int argc, char *argv[])
         const ssize_t n = ::read(STDIN_FILENO, chunk, sizeof chunk);
         if (n <= 0) {
             input.setEnabled(false); // end of input: keep serving
+            out << "standard input closed: commands typed here are no longer read (the page still steers the room)" << Qt::endl;
             if (!pending.isEmpty())
                 run(QString::fromUtf8(std::exchange(pending, {})));
             return;

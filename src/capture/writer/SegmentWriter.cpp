@@ -215,9 +215,13 @@ bool SegmentWriter::open(const QString &session, MediaTime at, const TimedSample
     return true;
 }
 
-void SegmentWriter::report(const QString &failure)
+void SegmentWriter::report(const QString &reason)
 {
     m_failedAt = m_now;
+    // What a person can do about it, where there is something.
+    const QString failure = reason.contains(QLatin1String("No space left on device"))
+        ? reason + QStringLiteral(" — free some space on this computer: parts of the call are not being recorded")
+        : reason;
     // A failure that repeats with every sample (a full disk) is logged once until it clears.
     if (!m_failureLog.log(failure))
         return;

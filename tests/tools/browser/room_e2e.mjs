@@ -67,6 +67,12 @@ try {
   if (other.status !== 1 || (other.stdout + other.stderr).split('cannot listen').length !== 2 || fs.existsSync(path.join(work, 'second')))
     throw new Error(`a room that cannot listen: ${other.status} ${other.stdout}${other.stderr}`);
 
+  step('a room restarted on the same folder keeps the operator token; one without input says so');
+  const again = spawnSync(path.join(build, 'brava-control-room'), ['--listen', '127.0.0.1', '--port', '0', '--uploads', uploads], { encoding: 'utf8', input: '', timeout: 3000 });
+  if (!again.stdout.includes(`?token=${token}\n`) || !again.stdout.includes('standard input closed: commands typed here are no longer read')
+      || (fs.statSync(path.join(uploads, 'room-token')).mode & 0o777) !== 0o600)
+    throw new Error(`a restarted room: ${again.stdout}`);
+
   step('two agents');
   for (const id of [1, 2]) {
     const home = path.join(work, `agent${id}`);
