@@ -36,7 +36,10 @@ demo_pid=$!
 exec 5>"$work/in"
 for _ in $(seq 1 300); do grep -q '^demo: operator page' "$work/live" && break; sleep 0.2; done
 printf 'cameras on\nstart s1\n' >&5
-for _ in $(seq 1 150); do grep -q '"recording":true' "$work/live" && break; sleep 0.2; done
+# The agents' status lines go to the room's log only, not to the terminal.
+room_log=$(sed -n 's/^demo: uploads arrive in \(.*\)\/uploads; .*/\1/p' "$work/live")/room.log
+for _ in $(seq 1 150); do grep -q '"recording":true' "$room_log" && break; sleep 0.2; done
+check "the terminal leaves the agents' status lines to room.log" test "$(grep -c '^[0-9:]* *agent #[0-9]* status ' "$work/live")" -eq 0
 kill -INT -- -"$demo_pid"
 wait "$demo_pid"
 exec 5>&-
