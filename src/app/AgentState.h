@@ -42,6 +42,7 @@ public:
         bool setupDone = false;        ///< setup has been completed
         bool serverLocked = false;     ///< this build fixes the control-room address
         QString version;               ///< the build's marketing version
+        QString updateActivity;        ///< what a running update download does ("" when none)
         bool operator==(const Values &) const = default;
     };
 

@@ -101,6 +101,7 @@ void AppDelegate::publish()
     v.setupDone = m_settings.setupDone();
     v.serverLocked = m_build.serverLocked();
     v.version = Maintenance::menuVersion(m_build.version());
+    v.updateActivity = m_maintenance.updates().activity();
     m_state.update(v);
 }
 

@@ -12,7 +12,7 @@ QString fingerprint(const State &s)
 {
     return QStringList{b(s.camerasEnabled), b(s.isRecording), b(s.live), b(s.connected), b(s.replaced),
                        QString::number(s.agentID), b(s.setupDone), QString::number(s.pendingCount),
-                       s.lastError, b(s.onCall)}
+                       s.lastError, b(s.onCall), s.updateActivity}
         .join(QLatin1Char('|'));
 }
 
@@ -55,7 +55,9 @@ QList<Entry> entries(const State &s)
     }
     out.append({QStringLiteral("Run Setup Again…"), Action::ShowWizard, true});
     out.append({QStringLiteral("Open Local Backup Folder"), Action::OpenFolder});
-    if (s.serverLocked)
+    if (s.serverLocked && !s.updateActivity.isEmpty())
+        out.append({s.updateActivity});
+    else if (s.serverLocked)
         out.append({QStringLiteral("Check for Updates…"), Action::CheckUpdates});
     out.append({QStringLiteral("Version ") + s.version});
     out.append({QStringLiteral("Uninstall Brava Recorder…"), Action::Uninstall});

@@ -22,6 +22,7 @@ struct State {
     bool onCall = false;
     bool serverLocked = false;
     QString version;
+    QString updateActivity; // a running update download, "" when none
 };
 
 struct Entry {

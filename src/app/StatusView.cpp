@@ -39,6 +39,7 @@ StatusMenu::State StatusView::menuState() const
     s.onCall = v.onCall;
     s.serverLocked = v.serverLocked;
     s.version = v.version;
+    s.updateActivity = v.updateActivity;
     return s;
 }
 

@@ -170,8 +170,24 @@ void AppUpdates::endCheck()
     Q_EMIT checkFinished();
 }
 
+QString AppUpdates::activity() const
+{
+    if (m_verifying)
+        return QStringLiteral("Verifying the update…");
+    if (m_received < 0)
+        return {};
+    if (m_total > 0) // in steps of 5 %: the menu is not redrawn for every piece
+        return QStringLiteral("Downloading the update… %1 %").arg(m_received * 20 / m_total * 5);
+    return QStringLiteral("Downloading the update… %1 MB").arg(m_received >> 20);
+}
+
 void AppUpdates::offerPending()
 {
+    if (m_handOverOwed && !m_checking && !isBusy()) {
+        m_handOverOwed = false;
+        handOver();
+        return;
+    }
     if (m_checking || !m_pending || m_prompted == m_pending->version || isBusy())
         return;
     const Release release = *m_pending;
@@ -192,8 +208,14 @@ void AppUpdates::download(const Release &release)
         bravaLog(QStringLiteral("update refused: version ") + release.version + QStringLiteral(" is not newer"));
         return;
     }
+    if (release.version == m_verifiedVersion && QFileInfo(m_verified).isDir()) {
+        handOver();
+        return;
+    }
     m_checking = true;
     m_verified.clear();
+    m_verifiedVersion.clear();
+    m_handOverOwed = false;
     const QString work = m_options.workRoot + QStringLiteral("/brava-update-")
         + QUuid::createUuid().toString(QUuid::WithoutBraces);
     if (!QDir().mkpath(m_options.workRoot) || ::mkdir(QFile::encodeName(work).constData(), 0700) != 0) {
@@ -206,7 +228,13 @@ void AppUpdates::download(const Release &release)
     pruneEarlier(work);
     const QString file = work + QLatin1Char('/') + UpdatePolicy::archiveName(release.version);
     auto *transfer = new UpdateDownload(m_net, release.url, host(), file + QStringLiteral(".part"),
-                                        m_options.maxDownloadBytes, this);
+                                        m_options.maxDownloadBytes, m_options.downloadDeadlineMs, this);
+    m_received = 0;
+    m_total = -1;
+    connect(transfer, &UpdateDownload::progress, this, [this](qint64 received, qint64 total) {
+        m_received = received;
+        m_total = total;
+    });
     connect(transfer, &UpdateDownload::finished, this,
             [this, transfer, release, work, file](const QString &error, const QString &sha256) {
                 transfer->deleteLater();
@@ -219,6 +247,7 @@ void AppUpdates::download(const Release &release)
 void AppUpdates::downloaded(const Release &release, const QString &work, const QString &file, const QString &error,
                             const QString &sha256)
 {
+    m_received = -1;
     if (!error.isEmpty()) {
         verified(false, error, QString(), QString());
         return;
@@ -233,17 +262,22 @@ void AppUpdates::downloaded(const Release &release, const QString &work, const Q
     }
     ReleaseVerifier::Input input{file, work, release.version, m_options.identifier, m_options.publicKeyPem,
                                  m_options.limits};
+    m_verifying = true;
     auto result = std::make_shared<ReleaseVerifier::Result>();
     QThread *worker = QThread::create([input, result] { *result = ReleaseVerifier::verify(input); });
     connect(worker, &QThread::finished, worker, &QObject::deleteLater);
     connect(worker, &QThread::finished, this,
-            [this, result] { verified(result->ok, result->error, result->detail, result->appFolder); });
+            [this, result, version = release.version] {
+                m_verifiedVersion = result->ok ? version : QString();
+                verified(result->ok, result->error, result->detail, result->appFolder);
+            });
     worker->start();
 }
 
 void AppUpdates::verified(bool ok, const QString &error, const QString &detail, const QString &folder)
 {
     m_checking = false;
+    m_verifying = false;
     if (!ok) {
         m_lastError = error;
         bravaLog(QStringLiteral("update refused: ") + error + (detail.isEmpty() ? QString() : QStringLiteral(" (") + detail + QLatin1Char(')')));
@@ -291,15 +325,17 @@ void AppUpdates::pruneEarlier(const QString &keep)
 void AppUpdates::handOver()
 {
     if (isBusy()) {
+        m_handOverOwed = true;
         show(UpdateAlerts::verifiedButBusy());
         return;
     }
     show(UpdateAlerts::verified(m_options.installedFolder, m_verified, m_options.packageManaged), [this, folder = m_verified](int button) {
         if (button != 0)
             return;
-        if (isBusy())
+        if (isBusy()) {
+            m_handOverOwed = true;
             show(UpdateAlerts::verifiedButBusy());
-        else if (reveal)
+        } else if (reveal)
             reveal(folder, [self = QPointer<AppUpdates>(this), folder] {
                 if (self)
                     self->show(UpdateAlerts::notShown(folder));

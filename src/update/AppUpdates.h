@@ -35,6 +35,7 @@ public:
         QByteArray publicKeyPem;    ///< key the release manifest must be signed with
         QString workRoot;           ///< where work folders go; defaultWorkRoot() when empty
         qint64 maxDownloadBytes = BRAVA_UPDATE_MAX_BYTES;
+        int downloadDeadlineMs = 30 * 60000; ///< the whole download, however slowly it goes on
         ArchiveUnpacker::Limits limits;
     };
 
@@ -57,9 +58,11 @@ public:
     /// Starts a check unless the build is not locked or one is running; returns at once. An
     /// automatic check in a build without an event web service only logs that no feed is configured.
     void check(bool manual);
-    /// Offers the pending release when nothing runs, the agent is idle and it was not offered yet.
+    /// Offers the pending release when nothing runs, the agent is idle and it was not offered yet;
+    /// shows a build verified while the agent was busy once it is idle.
     void offerPending();
-    /// Downloads and verifies `release` unless busy, not allowed or not newer; returns at once.
+    /// Downloads and verifies `release` unless busy, not allowed or not newer; returns at once. A
+    /// build of that version verified before is shown again instead.
     void download(const Release &release);
 
     /// Whether a check or download is running.
@@ -72,6 +75,8 @@ public:
     QString lastError() const { return m_lastError; }
     /// The verified folder of the last successful download.
     QString verifiedFolder() const { return m_verified; }
+    /// What a running download is doing, as the menu shows it ("" when none runs).
+    QString activity() const;
     /// The web service host release URLs must be on.
     QString host() const;
 
@@ -107,4 +112,9 @@ private:
     QString m_lastError;
     QString m_verified;
     QString m_work; ///< the running download's work folder
+    QString m_verifiedVersion;      ///< the version in m_verified
+    bool m_handOverOwed = false;    ///< verified while busy: shown once the agent is idle
+    qint64 m_received = -1;         ///< bytes of the running download (-1: none runs)
+    qint64 m_total = -1;            ///< its length, -1 when the server did not say
+    bool m_verifying = false;       ///< the running download is being unpacked and checked
 };

@@ -7,7 +7,7 @@
 #include <QNetworkReply>
 
 UpdateDownload::UpdateDownload(QNetworkAccessManager &net, const QUrl &url, const QString &host, const QString &file,
-                               qint64 maxBytes, QObject *parent)
+                               qint64 maxBytes, int deadlineMs, QObject *parent)
     : QObject(parent)
     , m_net(net)
     , m_url(url)
@@ -15,8 +15,13 @@ UpdateDownload::UpdateDownload(QNetworkAccessManager &net, const QUrl &url, cons
     , m_file(file)
     , m_sha(std::make_unique<Sha256>())
     , m_max(maxBytes)
+    , m_deadlineMs(deadlineMs)
 {
     m_disk.setMaxThreadCount(1);
+    m_deadline.setSingleShot(true);
+    connect(&m_deadline, &QTimer::timeout, this, [this] {
+        fail(QStringLiteral("the download did not finish within %1 s").arg(m_deadlineMs / 1000.0));
+    });
 }
 
 UpdateDownload::~UpdateDownload()
@@ -37,6 +42,7 @@ void UpdateDownload::start()
     request.setTransferTimeout(kTimeoutMs);
     request.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::UserVerifiedRedirectPolicy);
     m_reply = m_net.get(request);
+    m_deadline.start(m_deadlineMs);
     // The reply buffers little: while the disk is behind, the socket is not read.
     m_reply->setReadBufferSize(qint64(kMaxPiecesInFlight) << 16);
     connect(m_reply, &QNetworkReply::redirected, this, [this](const QUrl &to) {
@@ -49,6 +55,8 @@ void UpdateDownload::start()
         const QVariant length = m_reply->header(QNetworkRequest::ContentLengthHeader);
         if (length.isValid() && length.toLongLong() > m_max)
             fail(QStringLiteral("Download larger than %1 bytes").arg(m_max));
+        else if (length.isValid())
+            m_total = length.toLongLong();
     });
     connect(m_reply, &QNetworkReply::readyRead, this, &UpdateDownload::receive);
     connect(m_reply, &QNetworkReply::finished, this, &UpdateDownload::done);
@@ -72,6 +80,7 @@ void UpdateDownload::receive()
             fail(QStringLiteral("Download larger than %1 bytes").arg(m_max));
             return;
         }
+        Q_EMIT progress(m_received, m_total);
         toDisk([this, piece] {
             m_sha->add(piece.constData(), piece.size());
             return m_file.write(piece) == piece.size() ? QString() : m_file.errorString();
@@ -111,6 +120,7 @@ void UpdateDownload::endIfDrained()
     if (!m_ended || m_closing || m_inFlight > 0 || (m_error.isEmpty() && m_reply->bytesAvailable() > 0))
         return;
     m_closing = true;
+    m_deadline.stop();
     QString error = m_error;
     if (error.isEmpty() && m_reply->error() != QNetworkReply::NoError)
         error = m_reply->errorString();

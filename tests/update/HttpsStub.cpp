@@ -22,9 +22,10 @@ void HttpsStub::incomingConnection(qintptr fd)
         if (!answer.location.isEmpty())
             head += "Location: " + answer.location + "\r\n";
         if (answer.withLength)
-            head += "Content-Length: " + QByteArray::number(answer.body.size()) + "\r\n";
+            head += "Content-Length: " + QByteArray::number(answer.body.size() * (answer.stall ? 2 : 1)) + "\r\n";
         socket->write(head + "\r\n" + answer.body);
-        socket->disconnectFromHost();
+        if (!answer.stall)
+            socket->disconnectFromHost();
     });
     connect(socket, &QSslSocket::disconnected, socket, &QObject::deleteLater);
     socket->startServerEncryption();

@@ -17,6 +17,7 @@ public:
         QByteArray body;
         QByteArray location;    ///< a redirect's target
         bool withLength = true; ///< false: no Content-Length, the end of the body is the connection's end
+        bool stall = false;     ///< claims twice the body's length, sends the body and waits
     };
 
     /// A server with this certificate and key.

@@ -51,7 +51,8 @@ std::unique_ptr<AppUpdates> UpdateKit::updater(const QString &version)
 {
     const AppUpdates::Options o{.serverLocked = true, .webBase = base(), .runningVersion = version,
                                 .identifier = QStringLiteral("com.vantorra.brava-recorder"), .installedFolder = installed,
-                                .publicKeyPem = readAll(key(QStringLiteral("test-public.pem"))), .workRoot = dir.path(), .maxDownloadBytes = kCap};
+                                .publicKeyPem = readAll(key(QStringLiteral("test-public.pem"))), .workRoot = dir.path(), .maxDownloadBytes = kCap,
+                                .downloadDeadlineMs = deadlineMs};
     auto u = std::make_unique<AppUpdates>(net, o);
     u->ask = [this](const Alert &alert, std::function<void(int)> reply) {
         alerts.append(alert);

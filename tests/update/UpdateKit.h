@@ -41,6 +41,7 @@ public:
     QList<Alert> alerts;
     int answer = -1;
     bool busy = false;
+    int deadlineMs = 30 * 60000; ///< the updaters' deadline for a whole download
     QStringList revealed;
     bool revealFails = false; ///< nothing on the desktop can show the folder
     static constexpr qint64 kCap = 1 << 20;

@@ -150,7 +150,8 @@ private Q_SLOTS:
             kit.alerts.clear(), kit.revealed.clear(), kit.busy = false, kit.revealFails = revealFails;
             auto u = kit.updater();
             QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
-            u->download(publish());
+            const Release release = publish();
+            u->download(release);
             kit.busy = busyWhenVerified;
             QVERIFY(done.wait(20000) && done[0][0].toBool() == true);
             kit.busy = busyAtClick;
@@ -161,6 +162,14 @@ private Q_SLOTS:
             if (busyAtClick) {
                 QCOMPARE(kit.alerts.last().message, QStringLiteral("Update verified"));
                 QCOMPARE(kit.alerts.last().informative, QStringLiteral("The update is ready, but recording or uploads have started. Use Check for Updates when they finish."));
+                // Once idle, the tick's offer shows the verified build; that version is not fetched again.
+                kit.busy = false;
+                const qsizetype asked = kit.server->heads.size();
+                u->offerPending();
+                QTRY_COMPARE(kit.revealed, QStringList{folder});
+                u->download(release);
+                QTRY_COMPARE(kit.revealed, (QStringList{folder, folder}));
+                QVERIFY(kit.server->heads.size() == asked && !u->checking());
                 continue;
             }
             QCOMPARE(kit.alerts[0].informative, QStringLiteral("Quit Brava Recorder, then replace the installed Brava Recorder folder (") + kit.installed
@@ -246,6 +255,20 @@ private Q_SLOTS:
         installedUntouched();
         const QString line = home.log().split(QLatin1Char('\n')).filter(QStringLiteral("update refused: ")).last();
         QVERIFY2(line.contains(QStringLiteral("update refused: ") + error) && line.contains(detail), qPrintable(line));
+    }
+
+    // A transfer that trickles on is shown in the menu as it goes and ends at the deadline.
+    void slowDownloadEndsAtDeadline()
+    {
+        kit.deadlineMs = 1500;
+        auto u = kit.updater();
+        kit.deadlineMs = 30 * 60000;
+        QSignalSpy done(u.get(), &AppUpdates::downloadFinished);
+        u->download(serve(QStringLiteral("/wp-content/uploads/slow.zip"), {200, QByteArray(200000, 's'), {}, true, true}));
+        QTRY_COMPARE(u->activity(), QStringLiteral("Downloading the update… 50 %"));
+        QVERIFY(done.wait(20000) && done[0][0].toBool() == false);
+        QCOMPARE(u->lastError(), QStringLiteral("the download did not finish within 1.5 s"));
+        QCOMPARE(u->activity(), QString());
     }
 
     // A build is unpacked into "unpacking" and named "verified" only once every check has passed.
