@@ -7,6 +7,7 @@
 #include "TextTools.h"
 #include "DeviceChoice.h"
 #include "SerialQueue.h"
+#include "SessionFolder.h"
 #include "Take.h"
 
 #include <QDateTime>
@@ -78,6 +79,7 @@ void Recorder::start(const std::optional<QString> &session, const WriterSetup &s
     m_sources->clearError();
     m_lastTake = std::max(QDateTime::currentMSecsSinceEpoch(), m_lastTake + 1);
     const QString forwarded = session.value_or(QString());
+    m_takeFolder = session ? setup.writingDir + QLatin1Char('/') + SessionFolder::name(*session) : QString();
     m_take = std::make_shared<Take>(
         session, m_lastTake, m_cameras->expectsCamera(), m_clock,
         [this, forwarded](const QString &path) {
@@ -116,11 +118,18 @@ void Recorder::stop(std::function<void()> done)
     }
     m_take.reset();
     m_sources->close(); // blocks already handed over are still written
-    // Both halves end on their own queues; the main thread only posts and hears back.
+    // Both halves end on their own queues; the main thread only posts and hears back. Every piece
+    // has then been handed on (queued before this), so a session folder left empty goes, unless a
+    // take of the same session has begun meanwhile.
     auto halves = std::make_shared<std::atomic<int>>(2);
-    auto ended = [this, halves, done = std::move(done)] {
+    auto ended = [this, halves, folder = std::exchange(m_takeFolder, QString()), done = std::move(done)] {
         if (--*halves == 0)
-            finishLater(this, done);
+            finishLater(this, [this, folder, done] {
+                if (!folder.isEmpty() && folder != m_takeFolder)
+                    SessionFolder::removeIfEmpty(folder);
+                if (done)
+                    done();
+            });
     };
     m_path->endTake(ended);
     m_cameras->endTake(ended);

@@ -175,6 +175,7 @@ private:
     CameraBackend &m_cameraBackend;
     Clock &m_clock;
     std::shared_ptr<Take> m_take; // the running take; none when stopped
+    QString m_takeFolder;         // its session folder in writing/ ("" without a session)
     mutable std::mutex m_faultMutex; // guards m_writeFaults (set on the writers' queues)
     std::map<QString, QString> m_writeFaults; // track → why it cannot be written
     qint64 m_faultTake = 0; // the take m_writeFaults belong to

@@ -103,4 +103,14 @@ QString make(const QString &parent, const QString &session, QString *error)
     return path;
 }
 
+bool removeIfEmpty(const QString &path)
+{
+    const QStringList left = QDir(path).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    if (!left.isEmpty() && left != QStringList{QLatin1String(kSessionNote)})
+        return false;
+    if (!left.isEmpty())
+        QFile::remove(path + QLatin1Char('/') + QLatin1String(kSessionNote));
+    return QDir().rmdir(path);
+}
+
 } // namespace SessionFolder

@@ -23,5 +23,8 @@ QString sessionOf(const QString &folderPath);
 /// Creates `parent`/name(session) with its kSessionNote when the name is shortened; returns the
 /// folder's path, or "" with the reason in `error`.
 QString make(const QString &parent, const QString &session, QString *error = nullptr);
+/// Removes the session folder at `path` when nothing but its kSessionNote is left in it; true when
+/// it is gone. Only where no one may be adding a file to it.
+bool removeIfEmpty(const QString &path);
 
 } // namespace SessionFolder

@@ -152,6 +152,8 @@ void Uploader::finished(const SegmentPost::Outcome &outcome, const QString &path
         m_lastError.clear();
         m_fault = Fault::None;
         QFile::remove(path);
+        // Files arrive in pending/ only on this thread: an emptied session folder can go at once.
+        SessionFolder::removeIfEmpty(QFileInfo(path).path());
         bravaLog(QStringLiteral("upload: ") + QFileInfo(path).fileName() + QStringLiteral(" done"));
         if (onUploaded)
             onUploaded(path);
