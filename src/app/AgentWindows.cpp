@@ -75,6 +75,7 @@ void AgentWindows::openSaleForm()
         m_snapper = std::make_unique<ScreenSnapper>(ScreenSnapper::sessionNeedsPortal());
         m_form = std::make_unique<SaleForm>(*m_submission, *m_snapper, [this] { return m_settings.agentID(); },
                                             [this] { return m_settings.server(); });
+        m_form->recording = [this] { return m_state.recording(); };
     }
     m_form->open();
 }

@@ -115,6 +115,16 @@ QColor SaleForm::errorColour()
     return QColor::fromRgbF(1.0f, 0.5f, 0.5f, 1.0f);
 }
 
+QColor SaleForm::warningColour()
+{
+    return QColor(0xff, 0xcc, 0x00);
+}
+
+QString SaleForm::notRecordingText()
+{
+    return QStringLiteral("⚠ This computer is not recording: the control room has no recording of this call");
+}
+
 SaleForm::SaleForm(SaleSubmission &submission, ScreenSnapper &snapper, std::function<int()> agentID,
                    std::function<QString()> server, QWidget *parent)
     : QWidget(parent, Qt::Window)
@@ -157,8 +167,8 @@ void SaleForm::build()
           QStringLiteral("color: white; font-size: 22px; font-weight: bold;"));
     caption(content, QStringLiteral("HOW DID YOU PLACE THIS CALL?"), 62);
     m_method = segments(content, {QStringLiteral("📞  Phone"), QStringLiteral("💻  Computer")}, QRect(kLeft, 82, kContentWidth, 40));
-    connect(m_method, &QButtonGroup::idClicked, this, &SaleForm::applyMethod);
     connect(m_method, &QButtonGroup::idClicked, this, &SaleForm::clearProblem);
+    connect(m_method, &QButtonGroup::idClicked, this, &SaleForm::applyMethod);
     caption(content, QStringLiteral("LEAD NAME"), 138);
     m_lead = textField(content, QStringLiteral("Who did you write?"), 158);
     caption(content, QStringLiteral("ANNUAL PREMIUM VALUE (APV)"), 206);
@@ -229,6 +239,12 @@ bool SaleForm::phone() const
 
 void SaleForm::applyMethod()
 {
+    // The warning follows the method and the recording; a refusal or an outcome shown stays.
+    const bool warn = !phone() && !recording();
+    if (!m_busy && warn && m_status->text().isEmpty())
+        setStatus(notRecordingText(), warningColour());
+    else if (!m_busy && !warn && m_statusColour == warningColour())
+        setStatus(QString(), green());
     if (!phone()) {
         m_callTitle->setStyleSheet(QStringLiteral("color: %1; font-size: 11px; font-weight: bold;").arg(rgba(white(0.3))));
         m_callChoose->setEnabled(false);

@@ -59,6 +59,9 @@ public:
     /// Asks for one file of these types with this message; "" when none was chosen. The desktop's
     /// own file chooser unless replaced (tests).
     std::function<QString(const QString &message, const QStringList &types)> chooseFile;
+    /// Whether this computer records a take now: a computer sale made while it does not is
+    /// flagged on the status line (no recording of the call exists). Always true unless replaced.
+    std::function<bool()> recording = [] { return true; };
 
     /// Controls, for the one who drives the form (tests).
     QButtonGroup *methodGroup() const { return m_method; }
@@ -81,6 +84,10 @@ public:
     /// Colours: progress and success, and errors.
     static QColor green();
     static QColor errorColour();
+    /// The colour of a warning that does not stop the sale.
+    static QColor warningColour();
+    /// The warning of a computer sale while nothing is recorded.
+    static QString notRecordingText();
 
 private:
     void build();

@@ -220,6 +220,13 @@ private Q_SLOTS:
         QVERIFY(form->leadField()->text() == QStringLiteral("  Ann Lee  ") && form->referralGroup()->checkedId() == 1);
         form->submitButton()->click();
         QCOMPARE(form->statusLine()->text(), QStringLiteral("Add a confirmation (file or snap)"));
+        // A computer sale while nothing is recorded is flagged; the phone method takes the flag away.
+        form->recording = [] { return false; };
+        form->open();
+        form->methodGroup()->button(1)->click();
+        QVERIFY(form->statusLine()->text() == SaleForm::notRecordingText() && form->statusColour() == SaleForm::warningColour());
+        form->methodGroup()->button(0)->click();
+        QCOMPARE(form->statusLine()->text(), QString());
     }
 };
 
