@@ -93,6 +93,13 @@ private Q_SLOTS:
         QVERIFY(port);
     }
     void cleanup() { room.reset(); }
+    QJsonObject agent(int id) const
+    {
+        for (const QJsonValue &a : room->state()[QStringLiteral("agents")].toArray())
+            if (a[QStringLiteral("id")] == id)
+                return a.toObject();
+        return {};
+    }
 
     void refusedUploads_data()
     {
@@ -297,6 +304,11 @@ private Q_SLOTS:
         QCOMPARE(comes(8), QStringLiteral(R"({"on":true,"type":"cameras"} {"session":"s10","type":"start"} )") + low);
         QCOMPARE(comes(5), low);
         QCOMPARE(room->state().value(QStringLiteral("all")).toObject(), all);
+        // The late close of a link that a newer one of the number took over is no disconnection.
+        QWebSocket again;
+        again.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/agent?id=5").arg(port)));
+        QTRY_VERIFY(printed->last().first().toString() == QStringLiteral("agent #5: an earlier link closed; the newer one stays"));
+        QCOMPARE(agent(5)[QStringLiteral("connected")], QJsonValue(true));
     }
 
     // A whisper, listen and preview name one agent; an agent streams while any page still wants it.
@@ -460,6 +472,7 @@ private Q_SLOTS:
         const QStringList kept = {QStringLiteral("agent7/s1/mic_123_12_final.m4a"), QStringLiteral("sales/%1/call.m4a").arg(sale), QStringLiteral("sales/%1/sale.json").arg(sale),
                                  QStringLiteral("sales/%1/sale.json").arg(later)};
         QCOMPARE(room->state().value(QStringLiteral("files")).toVariant().toStringList(), kept);
+        QCOMPARE(agent(7)[QStringLiteral("stored")], QJsonValue(1)); // agent 7's piece, counted again
         QCOMPARE(sales(), before); // in their order, with their files
         for (const QString &path : kept + planted)
             QVERIFY2(request("GET", QStringLiteral("/files/") + path, {}, "Bearer " + kToken.toLatin1()).first == (kept.contains(path) ? 200 : 404), qPrintable(path));

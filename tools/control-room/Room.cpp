@@ -227,6 +227,14 @@ asio::awaitable<void> Room::learnStored(std::shared_ptr<tcp::acceptor> acceptor)
         say(QStringLiteral("skipped in the uploads folder: ") + line);
     if (skipped.size() > kSaidMax)
         say(QStringLiteral("skipped in the uploads folder: %1 more").arg(skipped.size() - kSaidMax));
+    // Each agent's count of stored pieces counts those from before too (every piece is in m_files once).
+    std::map<int, int> stored;
+    for (const QString &file : std::as_const(m_files))
+        if (file.startsWith(QLatin1String("agent")))
+            if (const auto id = UploadPlace::agentNumber(file.section(QLatin1Char('/'), 0, 0).mid(5)))
+                ++stored[*id];
+    for (const auto &[id, count] : stored)
+        record(id).stored = count;
     say(QStringLiteral("took back %1 stored pieces and %2 sales in %3 ms; removed %4 partial uploads left from before")
             .arg(scan.found()).arg(sales.size()).arg(clock.elapsed()).arg(scan.removed()));
 }
@@ -327,8 +335,11 @@ void Room::acceptAgent(beast::tcp_stream &&stream, http::request<http::empty_bod
         bool other = false;
         for (auto &[ptr, x] : m_agents)
             other = other || (ptr != &l && x.id == id);
-        if (!other)
-            record(id).connected = false;
+        if (other) { // the late close of a link a newer one took over: the agent is still connected
+            say(QStringLiteral("agent #%1: an earlier link closed; the newer one stays").arg(id));
+            return;
+        }
+        record(id).connected = false;
         say(QStringLiteral("agent #%1 disconnected").arg(id));
         feed(QStringLiteral("disconnected"), id, QString());
     };
