@@ -243,6 +243,8 @@ std::optional<QString> AppDelegate::error() const
 {
     if (const std::optional<QString> e = m_recorder.lastError())
         return e;
+    if (const QString stall = m_stall.note(Clock::monotonic().nowNs() / 1000000); !stall.isEmpty())
+        return stall; // part of the take may be missing
     if (!m_windows.note().isEmpty())
         return m_windows.note(); // no floating windows on this desktop
     if (!m_whisper.note().isEmpty())
@@ -262,6 +264,7 @@ bool AppDelegate::updateBusy() const
 
 void AppDelegate::tick()
 {
+    m_stall.beat(Clock::monotonic().nowNs() / 1000000, m_recorder.isRecording());
     m_maintenance.tick();
     m_checkIn.poke(false);
     const Recorder::Levels levels = m_recorder.takeLevels();

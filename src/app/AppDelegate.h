@@ -13,6 +13,7 @@
 #include "Recorder.h"
 #include "RoomDiscovery.h"
 #include "SetupRoute.h"
+#include "StallWatch.h"
 #include "StatusMenu.h"
 #include "StatusView.h"
 #include "Uploader.h"
@@ -146,6 +147,7 @@ private:
     MentorRoster m_roster;
     RoomDiscovery m_discovery;
     AgentEvents m_events;
+    StallWatch m_stall;
     AgentActions m_actions;
     AgentWindows m_windows; // uses the actions and the network manager
     Recorder m_recorder;

@@ -29,6 +29,14 @@ void Connection::watch()
         m_watch->stop();
         return;
     }
+    // This computer not running for longer than the silence (suspended, stopped, overloaded) is no
+    // silence of the room's: what it sent meanwhile, a close included, waits unread. It gets a
+    // silence's time again from now.
+    if (m_watched.restart() > silenceMs) {
+        bravaLog(QStringLiteral("the link went quiet while this computer did not run; the control room gets another %1 s")
+                     .arg(silenceMs / 1000.0));
+        m_heard.start();
+    }
     if (!m_heard.hasExpired(silenceMs)) {
         m_socket->ping();
         return;
@@ -122,6 +130,7 @@ void Connection::opened(qint64 gen, QWebSocket *socket)
         return;
     m_connected = true;
     m_heard.start();
+    m_watched.start();
     m_watch->start(std::max(1, silenceMs / 3));
     m_lastFailure.clear();
     m_failureLog.clear();

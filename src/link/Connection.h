@@ -98,4 +98,5 @@ private:
     LogOnce m_failureLog;  // retries every 2 s meet the same refusal: logged once until it changes
     QTimer *m_watch = nullptr; // pings the open link and notices its silence
     QElapsedTimer m_heard;     // since the room last sent anything, a pong included
+    QElapsedTimer m_watched;   // since the watch last ran
 };

@@ -4,6 +4,7 @@
 #include "DataFolder.h"
 #include "Heartbeat.h"
 #include "SetupRoute.h"
+#include "StallWatch.h"
 #include "Reconciler.h"
 #include "SyntheticAudioBackend.h"
 #include "TestLiterals.h"
@@ -438,12 +439,31 @@ private Q_SLOTS:
         const int before = opened;
         QTest::qWait(2 * conn.silenceMs);
         QVERIFY(conn.connected() && opened == before); // pings answered: a link quiet for longer than the silence holds
+        QThread::msleep(3 * conn.silenceMs); // this computer stops running the agent: no silence of the room's
+        QTest::qWait(conn.silenceMs);
+        QVERIFY(conn.connected() && opened == before && home.log().contains(QStringLiteral("the link went quiet while this computer did not run")));
         QMetaObject::invokeMethod(&silent, [&thaw] { thaw.acquire(); }); // the room hangs
         QTRY_VERIFY(!conn.connected());
         QVERIFY(home.log().contains(QStringLiteral("the control room stopped answering (nothing for 0.6 s): reconnecting")));
         thaw.release();
         QTRY_VERIFY(opened > before && conn.connected()); // the thawed room takes the link again
         QVERIFY(Connection(home.settings(), home.info()).retryMs == 2000 && Connection::kSilenceMs == 15000 && Connection::kMaxMessageBytes == 8 << 20); // the real delays, shortened above
+    }
+
+    // A late tick is a stall: logged, and while a take runs shown for a minute (the take may miss audio there).
+    void stallsAreNoted()
+    {
+        StallWatch watch;
+        const struct { qint64 at; bool recording; bool shown; } beats[] = {
+            {0, true, false}, {500, true, false}, {4500, true, false}, {4500 + StallWatch::kStallMs + 1, false, false}, // not recording: logged only
+            {9000, true, false}, {13001, true, true}};
+        for (const auto &[at, recording, shown] : beats) {
+            watch.beat(at, recording);
+            QVERIFY2(watch.note(at).isEmpty() != shown, qPrintable(QString::number(at)));
+        }
+        QCOMPARE(watch.note(13001 + StallWatch::kShowMs - 1), QStringLiteral("This computer did not run the recorder for 4.0 s (suspended or overloaded): the recording may miss up to that much audio there"));
+        QVERIFY(watch.note(13001 + StallWatch::kShowMs).isEmpty());
+        QCOMPARE(home.log().count(QStringLiteral("did not run the recorder for")), 2);
     }
 
     // A locked build with an event web service: check-in at launch and when the link comes back,
