@@ -117,6 +117,12 @@ try {
   await page.waitForSelector('#agent-2');
   await until('the quality after a reload', async () => (await page.inputValue('#quality')) === 'low');
 
+  step('a room that stops running shows in the header, and recovers');
+  room.kill('SIGSTOP');
+  await until('the silent room in the header', async () => (await page.textContent('#link-state')).startsWith('connected, but the room has not answered for'), 10000);
+  room.kill('SIGCONT');
+  await until('the room answering again', async () => (await page.textContent('#link-state')) === 'connected');
+
   step('a start before Go Live waits for it, then both record');
   const row = (id, cell) => page.textContent(`#agent-${id} td.${cell}`);
   for (const bad of ['s'.repeat(65), 'two words', '.hidden', '  ']) { // refused beside the field, not cut or sent

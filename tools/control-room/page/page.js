@@ -36,9 +36,23 @@ function connect() {
     linked(false, 'not connected — retrying');
     setTimeout(connect, 2000);
   };
-  ws.onmessage = (e) => (typeof e.data === 'string' ? onText(JSON.parse(e.data)) : onFrame(e.data));
+  ws.onmessage = (e) => { room.heard = Date.now(); (typeof e.data === 'string' ? onText(JSON.parse(e.data)) : onFrame(e.data)); };
   room.link = ws;
+  room.heard = Date.now();
 }
+
+// The room sends its state twice a second: a link open but silent means a room that does not run
+// (stopped, overloaded). Said in the header; what is pressed meanwhile goes once it runs again.
+setInterval(() => {
+  if (!room.link || room.link.readyState !== WebSocket.OPEN) return;
+  const quiet = Date.now() - room.heard;
+  if (quiet > 3000) {
+    $('link-state').textContent = `connected, but the room has not answered for ${Math.round(quiet / 1000)} s`;
+    $('link-state').className = 'bad';
+  } else if ($('link-state').className === 'bad') {
+    linked(true, 'connected');
+  }
+}, 1000);
 
 function onText(m) {
   if (m.kind === 'state') {
