@@ -25,9 +25,12 @@ void onSignal(int number)
 
 } // namespace
 
-QuitSignals::QuitSignals(QObject *parent)
+QuitSignals::QuitSignals(std::function<void(const QString &signal)> said, QObject *parent)
     : QObject(parent)
+    , m_said(std::move(said))
 {
+    if (!m_said)
+        m_said = [](const QString &signal) { bravaLog(QStringLiteral("stopped by ") + signal + QStringLiteral(": quitting as from the menu")); };
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, m_fds) != 0) {
         bravaLog(QStringLiteral("cannot watch for the signals that end the agent: ") + QString::fromLocal8Bit(std::strerror(errno)));
         return;
@@ -63,6 +66,6 @@ void QuitSignals::readSignal()
     if (last == 0)
         return;
     const char *name = ::sigabbrev_np(last);
-    bravaLog(QStringLiteral("stopped by SIG") + QString::fromLatin1(name ? name : "?") + QStringLiteral(": quitting as from the menu"));
+    m_said(QStringLiteral("SIG") + QString::fromLatin1(name ? name : "?"));
     QCoreApplication::quit();
 }

@@ -5,6 +5,7 @@
 // Prints the page's address with its operator token on one line starting with "http://", then
 // takes commands on standard input (see --help).
 #include "CommandWords.h"
+#include "QuitSignals.h"
 #include "ControlRoomServer.h"
 #include "RoomAnnouncer.h"
 #include "StoredScan.h"
@@ -176,5 +177,9 @@ int main(int argc, char *argv[])
             run(line);
         }
     });
-    return app.exec();
+    // A stop (a service manager, Ctrl-C, a closed terminal) goes down as "quit" does, and says so.
+    const QuitSignals quitSignals([&out](const QString &signal) { out << "stopped by " << signal << ": the control room goes down" << Qt::endl; });
+    const int code = app.exec();
+    out << "control room stopped" << Qt::endl;
+    return code;
 }

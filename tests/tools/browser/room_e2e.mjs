@@ -324,6 +324,10 @@ try {
     throw new Error(`agent 1 released and asked to go live: ${await released()}`);
   await page.screenshot({ path: path.join(screens, '08-released.png') });
   if (refused.length) throw new Error(`the page got errors: ${refused.join(', ')}`);
+
+  step('a stop by signal goes down as "quit" does, and says so');
+  room.kill('SIGTERM');
+  await until('the room saying it stopped', () => room.output.includes('stopped by SIGTERM: the control room goes down\ncontrol room stopped\n'));
   step('PASS');
 } catch (e) {
   failed = true;
