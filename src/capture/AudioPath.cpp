@@ -59,6 +59,7 @@ void AudioPath::beginTake(std::shared_ptr<Take> take)
         for (int k = 0; k < kSources; ++k) {
             m_reported[k] = before[size_t(k)];
             m_steps[k] = {};
+            m_noticed[k] = false;
         }
         m_take = std::move(take);
     });
@@ -228,6 +229,12 @@ void AudioPath::onAudio(Source source, int generation, const AudioBuffer &buffer
         write(source, m_drift[source]->flush()); // the previous stream's last audio
         noteSteps(source);
         m_driftGeneration[source] = generation;
+    }
+    // The corrector holds the first audio back while it places its time line: the start sync
+    // hears of it now, or it would turn camera frames away all that time.
+    if (m_take && !m_noticed[source]) {
+        m_noticed[source] = true;
+        m_take->sawFirst(QString::fromLatin1(trackName(source)), MediaTime::fromNanoseconds(buffer.captureNs));
     }
     write(source, m_drift[source]->process(buffer));
     noteSteps(source, QStringLiteral("no other track compared it in time"));

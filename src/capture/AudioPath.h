@@ -101,4 +101,5 @@ private:
     QByteArray m_liveHeld[2]; // live audio gathered towards kLiveChunkBytes
     long long m_reported[kSources] = {0, 0, 0};
     DriftCorrector::Steps m_steps[kSources]; // mended in this take
+    bool m_noticed[kSources] = {};           // the take's start sync has heard of this source
 };

@@ -40,7 +40,8 @@ class Take;
 //  5. On q the drift corrector makes the audio contiguous on the monotonic clock.
 //  6. The take's start sync holds every track back until mic, sys and (when expected) cam have
 //     delivered, or 2 s have passed, then fixes the common start T0 and gives it to every writer
-//     of the take, also to those made later.
+//     of the take, also to those made later. Audio counts as delivered when its first block comes
+//     in on q (before the corrector's hold), so no camera frame after T0 is turned away.
 //  7. The track's SegmentWriter appends the sample; its format encodes it (AAC in M4A, H.264 in
 //     MP4) into a fragmented file in writing/<session>/ (a shortened folder with the full text
 //     in its ".session" file when the session is too long for a name); the header and a first

@@ -34,9 +34,20 @@ std::optional<MediaTime> SyncGate::seen(const QString &track) const
 bool SyncGate::pass(const QString &track, MediaTime time)
 {
     std::lock_guard lock(m_mutex);
-    if (m_t0)
-        return m_t0->isValid() && time >= *m_t0; // an invalid start lets nothing through
+    if (!m_t0)
+        decide(track, time);
+    return m_t0 && m_t0->isValid() && time >= *m_t0; // an invalid start lets nothing through
+}
 
+void SyncGate::saw(const QString &track, MediaTime time)
+{
+    std::lock_guard lock(m_mutex);
+    if (!m_t0)
+        decide(track, time);
+}
+
+void SyncGate::decide(const QString &track, MediaTime time)
+{
     m_seen.try_emplace(track, time); // the first sample of a track is never replaced
     const int64_t now = m_clock.nowNs();
     if (!m_readyNs)
@@ -46,7 +57,7 @@ bool SyncGate::pass(const QString &track, MediaTime time)
     const bool audioMissing = !has("mic") || !has("sys");
     const bool camMissing = m_expectCam && !has("cam");
     if ((audioMissing || camMissing) && now - *m_readyNs <= kWaitNs)
-        return false;
+        return;
 
     // Lock: T0 is the latest first time of mic, sys, cam; on a tie the earlier name wins.
     MediaTime t0 = MediaTime::invalid();
@@ -72,5 +83,4 @@ bool SyncGate::pass(const QString &track, MediaTime time)
     bravaLog(missing.isEmpty() ? QStringLiteral("sync: all tracks locked to one start")
                                : QStringLiteral("sync: started without ") + missing.join(QStringLiteral(", "))
                                    + QStringLiteral(" (timed out)"));
-    return t0.isValid() && time >= t0;
 }

@@ -27,6 +27,10 @@ public:
     void reset(bool expectCam);
     /// True when the sample of `track` at `time` is to be written.
     bool pass(const QString &track, MediaTime time);
+    /// The first sample of `track`, at `time`, is on its way but held back (audio being placed on
+    /// its time line): it counts as seen now, so that the start is fixed without waiting for it
+    /// and no camera frame after the start is turned away meanwhile.
+    void saw(const QString &track, MediaTime time);
     /// The common start once locked (the invalid time when nothing but "room" was seen).
     std::optional<MediaTime> t0() const;
     /// First time seen of a track since the last reset.
@@ -36,6 +40,8 @@ public:
     std::function<void(MediaTime t0)> onLock;
 
 private:
+    void decide(const QString &track, MediaTime time); // under m_mutex, before the lock
+
     Clock &m_clock;
     mutable std::mutex m_mutex;
     std::optional<MediaTime> m_t0;

@@ -69,6 +69,12 @@ void Take::write(const QString &track, const TimedSample &sample)
     writer(track)->append(sample);
 }
 
+void Take::sawFirst(const QString &track, MediaTime time)
+{
+    if (m_session && !m_audioDone)
+        m_sync.saw(track, time);
+}
+
 void Take::endTrack(const QString &track)
 {
     SegmentWriter *w = nullptr;

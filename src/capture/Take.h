@@ -53,6 +53,9 @@ public:
     /// On the track's queue: offers a sample of `track` to the start sync, then to its writer.
     /// Extra cameras ("cam2"…) never hold the start back: they are written once T0 is known.
     void write(const QString &track, const TimedSample &sample);
+    /// On the audio queue: the first audio of `track`, captured at `time`, is held back for
+    /// placing; the start sync counts it as seen (SyncGate::saw).
+    void sawFirst(const QString &track, MediaTime time);
     /// On the track's queue: ends `track` ("_final") because its source went away mid-take.
     void endTrack(const QString &track);
     /// Audio queue: ends every audio track of the take; later audio is dropped. Runs once.

@@ -67,6 +67,8 @@ private Q_SLOTS:
         const QJsonObject s = MediaProbe::video(f->path(QStringLiteral("CAM"), cam(QStringLiteral("cam"))));
         QCOMPARE(s.value(QStringLiteral("codec_name")).toString(), QStringLiteral("h264"));
         QVERIFY(s.value(QStringLiteral("width")).toInt() == 320 && s.value(QStringLiteral("height")).toInt() == 180);
+        // The picture starts with the take: no frame turned away while the audio was being placed.
+        QVERIFY2(number(s, "start_time") < 0.07, qPrintable(s.value(QStringLiteral("start_time")).toString()));
         const double flashAt = MediaProbe::firstBrightFrame(f->path(QStringLiteral("CAM"), cam(QStringLiteral("cam"))));
         const double clickAt = double(MediaProbe::firstAbove(MediaProbe::decode(f->path(QStringLiteral("CAM"), f->finalName(QStringLiteral("mic")))), 0.3f)) / 48000.0;
         const double captured = double(SyntheticCamera::lastFlashNs() - click) / 1e9;
