@@ -114,7 +114,9 @@ bool AacFormat::write(const TimedSample &sample, const PacketSink &sink)
     // Where this block belongs on the segment's time line, in samples (rounded to nearest).
     const MediaTime offset = sample.pts - m_start;
     const int64_t pos = (int64_t)std::llround(offset.seconds() * m_rate);
-    const int64_t tolerance = std::llround(kToleranceSeconds * m_rate);
+    // The first block is placed exactly: the start sets where the whole segment lies against the
+    // other tracks. Later blocks follow on unless they are clearly elsewhere.
+    const int64_t tolerance = m_written == 0 ? 0 : std::llround(kToleranceSeconds * m_rate);
     const int frames = sample.frameCount();
     const int64_t diff = pos - m_written;
     int skip = 0;
