@@ -38,13 +38,21 @@ void Connection::watch()
         m_heard.start();
     }
     if (!m_heard.hasExpired(silenceMs)) {
-        m_socket->ping();
+        if (writable())
+            m_socket->ping();
         return;
     }
     // No answer, not even to pings: the room is frozen or out of reach without having closed.
     bravaLog(QStringLiteral("the control room stopped answering (nothing for %1 s): reconnecting").arg(silenceMs / 1000.0));
     m_watch->stop();
     m_socket->abort();
+}
+
+// The link is up and its socket still open: a close the room sent may have ended it before the
+// event loop told us (after a stall, say); writing then would only warn.
+bool Connection::writable() const
+{
+    return m_connected && m_socket && m_socket->state() == QAbstractSocket::ConnectedState;
 }
 
 Connection::~Connection()
@@ -204,9 +212,8 @@ void Connection::close()
 
 void Connection::sendText(const QByteArray &text)
 {
-    if (!m_connected || !m_socket)
-        return;
-    m_socket->sendTextMessage(QString::fromUtf8(text));
+    if (writable())
+        m_socket->sendTextMessage(QString::fromUtf8(text));
 }
 
 void Connection::sendJSON(const OrderedJson &message)
@@ -235,9 +242,8 @@ void Connection::sendBinary(const QByteArray &data)
             Qt::QueuedConnection);
         return;
     }
-    if (!m_connected || !m_socket)
-        return;
-    m_socket->sendBinaryMessage(data);
+    if (writable())
+        m_socket->sendBinaryMessage(data);
 }
 
 void Connection::sendFrame(quint8 kind, const QByteArray &payload)

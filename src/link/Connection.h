@@ -79,6 +79,7 @@ public:
     std::function<void()> onChange;
 
 private:
+    bool writable() const;
     void opened(qint64 gen, QWebSocket *socket);
     void received(qint64 gen, const QString &text);
     void dropped(qint64 gen);
