@@ -472,7 +472,13 @@ private Q_SLOTS:
         const QStringList kept = {QStringLiteral("agent7/s1/mic_123_12_final.m4a"), QStringLiteral("sales/%1/call.m4a").arg(sale), QStringLiteral("sales/%1/sale.json").arg(sale),
                                  QStringLiteral("sales/%1/sale.json").arg(later)};
         QCOMPARE(room->state().value(QStringLiteral("files")).toVariant().toStringList(), kept);
-        QCOMPARE(agent(7)[QStringLiteral("stored")], QJsonValue(1)); // agent 7's piece, counted again
+        QCOMPARE(agent(7)[QStringLiteral("stored")], QJsonValue(1)); // agent 7's piece, counted again, and linked in the feed
+        QWebSocket page;
+        QSignalSpy greeted(&page, &QWebSocket::textMessageReceived);
+        page.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/page?token=%2").arg(port).arg(kToken)));
+        QTRY_VERIFY(!greeted.isEmpty());
+        const QJsonArray items = QJsonDocument::fromJson(greeted.first().first().toString().toUtf8())[QStringLiteral("feed")].toArray();
+        QVERIFY(items.size() == 1 && items[0][QStringLiteral("link")] == QStringLiteral("/files/agent7/s1/mic_123_12_final.m4a"));
         QCOMPARE(sales(), before); // in their order, with their files
         for (const QString &path : kept + planted)
             QVERIFY2(request("GET", QStringLiteral("/files/") + path, {}, "Bearer " + kToken.toLatin1()).first == (kept.contains(path) ? 200 : 404), qPrintable(path));

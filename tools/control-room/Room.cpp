@@ -13,7 +13,9 @@
 #include <QSaveFile>
 #include <QLocale>
 
+#include <algorithm>
 #include <cmath>
+#include <tuple>
 
 namespace {
 QString L(const char *word)
@@ -227,16 +229,54 @@ asio::awaitable<void> Room::learnStored(std::shared_ptr<tcp::acceptor> acceptor)
         say(QStringLiteral("skipped in the uploads folder: ") + line);
     if (skipped.size() > kSaidMax)
         say(QStringLiteral("skipped in the uploads folder: %1 more").arg(skipped.size() - kSaidMax));
-    // Each agent's count of stored pieces counts those from before too (every piece is in m_files once).
-    std::map<int, int> stored;
-    for (const QString &file : std::as_const(m_files))
-        if (file.startsWith(QLatin1String("agent")))
-            if (const auto id = UploadPlace::agentNumber(file.section(QLatin1Char('/'), 0, 0).mid(5)))
-                ++stored[*id];
-    for (const auto &[id, count] : stored)
-        record(id).stored = count;
+    takeBackFeed();
     say(QStringLiteral("took back %1 stored pieces and %2 sales in %3 ms; removed %4 partial uploads left from before")
             .arg(scan.found()).arg(sales.size()).arg(clock.elapsed()).arg(scan.removed()));
+}
+
+// After the scan: each agent's count of stored pieces counts those from before too (every piece is
+// in m_files once), and the newest pieces from before go back into the feed with their links, older
+// than anything said since the start (a take's number is its start in milliseconds). Open pages
+// get the feed again.
+void Room::takeBackFeed()
+{
+    std::set<QString> linked;
+    for (const QJsonObject &item : m_feed)
+        linked.insert(item.value(QStringLiteral("link")).toString());
+    std::map<int, int> stored;
+    std::vector<std::tuple<qint64, int, QString, int>> earlier; // take, index, path, agent
+    for (const QString &file : std::as_const(m_files)) {
+        const auto place = UploadPlace::fromPath(file);
+        if (!place)
+            continue; // a sale's file
+        ++stored[place->agent];
+        const QStringList parts = place->file.section(QLatin1Char('.'), 0, 0).split(QLatin1Char('_'));
+        if (!linked.count(QStringLiteral("/files/") + file))
+            earlier.emplace_back(parts.value(1).toLongLong(), parts.value(2).toInt(), file, place->agent);
+    }
+    for (const auto &[id, count] : stored)
+        record(id).stored = count;
+    std::sort(earlier.begin(), earlier.end());
+    const size_t room = kFeedMax > m_feed.size() ? kFeedMax - m_feed.size() : 0;
+    for (size_t i = earlier.size(); i-- > earlier.size() - std::min(room, earlier.size());) {
+        const auto &[take, index, path, agent] = earlier[i];
+        m_feed.push_front({{QStringLiteral("time"), QDateTime::fromMSecsSinceEpoch(take, Qt::UTC).toString(Qt::ISODateWithMs)},
+                           {QStringLiteral("kind"), QStringLiteral("upload")}, {QStringLiteral("agent"), agent},
+                           {QStringLiteral("text"), path}, {QStringLiteral("link"), QString(QStringLiteral("/files/") + path)}});
+    }
+    for (auto &[_, page] : m_pages)
+        page.link->sendText(bytes(greeting()));
+}
+
+QJsonObject Room::greeting() const
+{
+    QJsonObject s = state(false);
+    s.insert(QStringLiteral("kind"), QStringLiteral("state"));
+    QJsonArray items;
+    for (const QJsonObject &item : m_feed)
+        items.append(item);
+    s.insert(QStringLiteral("feed"), items);
+    return s;
 }
 
 void Room::track(const std::shared_ptr<HttpSession> &session)
@@ -403,13 +443,7 @@ void Room::acceptPage(beast::tcp_stream &&stream, http::request<http::empty_body
     WsLink::Handlers h;
     h.opened = [this](WsLink &l) {
         m_pages[&l] = Link{l.shared_from_this()};
-        QJsonObject s = state(false);
-        s.insert(QStringLiteral("kind"), QStringLiteral("state"));
-        QJsonArray items;
-        for (const QJsonObject &item : m_feed)
-            items.append(item);
-        s.insert(QStringLiteral("feed"), items);
-        l.sendText(bytes(s));
+        l.sendText(bytes(greeting()));
     };
     h.message = [this](WsLink &l, std::string &&m, bool binary) {
         if (!binary)

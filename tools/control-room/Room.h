@@ -118,6 +118,10 @@ private:
     void feed(const QString &kind, int agent, const QString &text, const QString &link = QString());
     void toPages(const QByteArray &json);
     void say(const QString &line) const;
+    /// After the scan of what was stored: counts and feed items of the pieces from before.
+    void takeBackFeed();
+    /// The state with the feed, as a page gets it when it connects.
+    QJsonObject greeting() const;
     Agent &record(int id);
     void takeAllWishes(Agent &a) const;
     /// Writes what the operator asked (of all and of each number) to the uploads folder.
