@@ -55,10 +55,10 @@ QList<Entry> entries(const State &s)
     }
     out.append({QStringLiteral("Run Setup Again…"), Action::ShowWizard, true});
     out.append({QStringLiteral("Open Local Backup Folder"), Action::OpenFolder});
-    if (s.serverLocked && !s.updateActivity.isEmpty())
-        out.append({s.updateActivity});
-    else if (s.serverLocked)
+    if (s.serverLocked)
         out.append({QStringLiteral("Check for Updates…"), Action::CheckUpdates});
+    if (s.serverLocked && !s.updateActivity.isEmpty())
+        out.append({s.updateActivity}); // below it: how the download it started goes
     out.append({QStringLiteral("Version ") + s.version});
     out.append({QStringLiteral("Uninstall Brava Recorder…"), Action::Uninstall});
     out.append({QStringLiteral("Quit"), Action::Quit, false, QStringLiteral("q")});
