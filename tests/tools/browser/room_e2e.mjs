@@ -150,6 +150,8 @@ try {
   }).catch(async (e) => {
     console.log('meters', JSON.stringify(await widths()), 'seen', JSON.stringify(seen.map((x) => [...x])), 'levels',
       JSON.stringify((await state()).agents.map((a) => [a.status.mic, a.status.sys])));
+    // What else plays into the test server, and whether the tones still do.
+    console.log(spawnSync('pactl', ['list', 'short', 'sink-inputs'], { encoding: 'utf8' }).stdout);
     throw e;
   });
   await until('rows with the session and the camera', async () => (await row(1, 'recording')) === 'recording · e2e-1'
