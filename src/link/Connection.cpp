@@ -139,7 +139,7 @@ void Connection::opened(qint64 gen, QWebSocket *socket)
     m_connected = true;
     m_heard.start();
     m_watched.start();
-    m_watch->start(std::max(1, silenceMs / 3));
+    m_watch->start(std::clamp(silenceMs / 3, 1, 1000)); // a silent room is noticed within a second of the limit
     m_lastFailure.clear();
     m_failureLog.clear();
     bravaLog(QStringLiteral("connected to %1 as agent %2").arg(m_settings.server()).arg(m_settings.agentID()));
