@@ -119,7 +119,12 @@ try {
 
   step('a room that stops running shows in the header, and recovers');
   room.kill('SIGSTOP');
-  await until('the silent room in the header', async () => (await page.textContent('#link-state')).startsWith('connected, but the room has not answered for'), 10000);
+  await until('the silent room in the header', async () => (await page.textContent('#link-state')).startsWith('connected, but the room has not answered for'), 20000)
+    .catch(async (e) => { // the header, how long the page has heard nothing, and the room's process state (T: stopped)
+      console.log('header', await page.textContent('#link-state'), 'quiet', await page.evaluate(() => Date.now() - window.__room.heard),
+        'room', fs.readFileSync(`/proc/${room.pid}/stat`, 'utf8').split(' ')[2]);
+      throw e;
+    });
   room.kill('SIGCONT');
   await until('the room answering again', async () => (await page.textContent('#link-state')) === 'connected');
 
