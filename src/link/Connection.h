@@ -62,7 +62,7 @@ public:
     /// Longest silence of an open link, in milliseconds, before it counts as lost (a room that stops
     /// answering without closing: frozen, or gone with the Wi-Fi); the link is pinged meanwhile.
     static constexpr int kSilenceMs = 15000;
-    /// The silence in use; tests shorten it (pings go out every third of it).
+    /// The silence in use; tests shorten it (pings go out every second, or every third of a shorter one).
     int silenceMs = kSilenceMs;
     /// First byte of a binary frame: live microphone audio.
     static constexpr quint8 kMicSource = Protocol::Frame::micAudio;

@@ -122,7 +122,7 @@ QColor SaleForm::warningColour()
 
 QString SaleForm::notRecordingText()
 {
-    return QStringLiteral("⚠ This computer is not recording: the control room has no recording of this call");
+    return QStringLiteral("⚠ This computer is not recording this call");
 }
 
 SaleForm::SaleForm(SaleSubmission &submission, ScreenSnapper &snapper, std::function<int()> agentID,

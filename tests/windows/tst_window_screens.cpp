@@ -231,13 +231,15 @@ private Q_SLOTS:
             {"phone", "phone", {}}, {"phone-no-lead", "phone submit", QStringLiteral("Enter the lead's name")},
             {"phone-no-call", "phone lead apv confirm submit", QStringLiteral("Attach the full call recording")}, {"phone-ready", "phone lead apv confirm call", {}},
             {"computer", "computer", {}}, {"computer-bad-apv", "computer lead apv=1e9999 submit", QStringLiteral("Enter the APV (dollar amount)")},
-            {"computer-no-confirmation", "computer lead apv submit", QStringLiteral("Add a confirmation (file or snap)")}, {"computer-snapped", "computer lead apv snap", {}}};
+            {"computer-no-confirmation", "computer lead apv submit", QStringLiteral("Add a confirmation (file or snap)")}, {"computer-snapped", "computer lead apv snap", {}},
+            {"computer-not-recording", "idle computer", SaleForm::notRecordingText()}};
         for (const auto &[name, state, status] : rows) {
             const QStringList words = QString::fromLatin1(state).split(QLatin1Char(' '));
             const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
             SaleSubmission submission(net);
             ScreenSnapper snapper(false);
             SaleForm form(submission, snapper, [] { return 7; }, [] { return QStringLiteral("127.0.0.1:9"); });
+            form.recording = [idle = has("idle")] { return !idle; };
             form.open();
             QVERIFY(onScreen(&form));
             QVERIFY(form.size() == QSize(468, 648) && form.windowTitle() == QStringLiteral("Submit a Sale"));
@@ -263,7 +265,7 @@ private Q_SLOTS:
             QVERIFY(at(shot, 30, 604, M::blue()) && at(shot, 4, 300, QColor(M::navy().rgb())) && at(shot, computer ? 240 + 8 : 24 + 8, 102, M::blue()));
             QVERIFY(areaHas(shot, QRect(24, 24, 200, 22), Qt::white, 20)); // the heading
             if (!status.isEmpty())
-                QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), SaleForm::errorColour(), 50));
+                QVERIFY(areaHas(shot, QRect(24, 556, 420, 18), has("idle") ? SaleForm::warningColour() : SaleForm::errorColour(), 50));
             const bool confirmed = has("confirm") || has("snap");
             QCOMPARE(areaHas(shot, QRect(24, 402, 300, 16), SaleForm::green(), 50), confirmed);
             QCOMPARE(form.callChoose()->isEnabled(), !computer);

@@ -250,9 +250,8 @@ void Room::takeBackFeed()
         if (!place)
             continue; // a sale's file
         ++stored[place->agent];
-        const QStringList parts = place->file.section(QLatin1Char('.'), 0, 0).split(QLatin1Char('_'));
         if (!linked.count(QStringLiteral("/files/") + file))
-            earlier.emplace_back(parts.value(1).toLongLong(), parts.value(2).toInt(), file, place->agent);
+            earlier.emplace_back(place->take, place->index, file, place->agent);
     }
     for (const auto &[id, count] : stored)
         record(id).stored = count;

@@ -56,6 +56,8 @@ std::optional<UploadPlace> UploadPlace::fromQuery(const QUrlQuery &q, QString *w
         return refuse(U::final);
     if (ex != QLatin1String("m4a") && ex != QLatin1String("mp4"))
         return refuse(U::ext);
+    p.take = tk.toLongLong();
+    p.index = ix.toInt();
     p.folder = QStringLiteral("agent%1/%2").arg(p.agent).arg(p.session);
     p.file = t + QLatin1Char('_') + tk + QLatin1Char('_') + ix + (fin == QLatin1String("1") ? QStringLiteral("_final") : QString()) + QLatin1Char('.') + ex;
     return p;

@@ -13,6 +13,8 @@ struct UploadPlace
     QString session;
     QString folder; ///< "agent<N>/<session>"
     QString file;   ///< the file name within folder
+    qint64 take = 0; ///< the take's number (its start in milliseconds since the epoch)
+    int index = 0;   ///< the piece's number within the take
 
     /// The place named by an upload's query, or nothing with the reason in `why`.
     static std::optional<UploadPlace> fromQuery(const QUrlQuery &query, QString *why);

@@ -125,6 +125,7 @@ try {
         'room', fs.readFileSync(`/proc/${room.pid}/stat`, 'utf8').split(' ')[2]);
       throw e;
     });
+  await page.screenshot({ path: path.join(screens, '01b-room-silent.png') });
   room.kill('SIGCONT');
   await until('the room answering again', async () => (await page.textContent('#link-state')) === 'connected');
 
