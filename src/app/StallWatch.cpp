@@ -14,7 +14,7 @@ void StallWatch::beat(qint64 nowMs, bool recording)
         return;
     }
     m_note = QStringLiteral("This computer did not run the recorder for %1 s (suspended or overloaded): the recording "
-                            "may miss up to that much audio there").arg(seconds);
+                            "may have a gap there").arg(seconds);
     m_shownUntil = nowMs + kShowMs;
     bravaLog(m_note);
 }

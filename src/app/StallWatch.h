@@ -3,8 +3,9 @@
 #include <QString>
 
 // Notices that this computer did not run the agent for a while (suspended, stopped, swapping): the
-// controller's tick comes late. Audio the sound server could not keep for so long is missing from
-// a take that ran meanwhile, so the stall is logged once and, when a take ran, shown as the status
+// controller's tick comes late. Camera pictures of that time are missing from a take that ran
+// meanwhile (a camera keeps a few frames), and audio too when the sound server could not keep it
+// for so long (about 10 s), so the stall is logged once and, when a take ran, shown as the status
 // error for kShowMs. Main thread only; times are the monotonic clock's, in milliseconds.
 class StallWatch
 {

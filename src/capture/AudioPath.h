@@ -19,9 +19,11 @@ class Take;
 // The audio half of a recording after the device: every block a source delivers is handed to
 // the audio queue q, where drift correction makes it contiguous and stamped on the monotonic
 // clock, then the take's start sync and writer get it, and the live converter makes live audio
-// and the level. At most ~2 s of blocks wait on q per source; blocks beyond are dropped, counted
-// and logged once per take (the drift corrector bridges the hole with silence, so the track keeps
-// its time line). A loss the server's own positions show on a stream is filled with silence
+// and the level. At most kMaxQueuedMs of blocks wait on q per source, more than the sound server
+// itself holds for a stream: after this process was not running for seconds the server hands
+// over all it kept at once, and none of it may be dropped here. Blocks beyond (q is stuck) are
+// dropped, counted and logged once per take (the drift corrector bridges the hole with silence,
+// so the track keeps its time line). A loss the server's own positions show on a stream is filled with silence
 // where they put it, whatever the other tracks did meanwhile (a server that skips ahead after a
 // stall loses the same stretch on every stream, and each is filled). A step seen in one track's
 // stamps alone is filled (or an overlap dropped) only as far as the other tracks' stamps, on the
@@ -35,8 +37,9 @@ class AudioPath
 public:
     enum Source { Mic = 0, Sys = 1, Room = 2 };
     static constexpr int kSources = 3;
-    /// Most audio waiting on q per source, in milliseconds.
-    static constexpr int kMaxQueuedMs = 2000;
+    /// Most audio waiting on q per source, in milliseconds: more than the sound server's queue
+    /// for one stream holds (4 MB: 21.8 s of mono float at 48 kHz, 10.9 s of stereo).
+    static constexpr int kMaxQueuedMs = 22000;
     /// Audio of the other tracks after a step that its verdict waits for, at least and at most.
     static constexpr int64_t kJudgeNs = 100000000;
     static constexpr int64_t kMaxJudgeNs = 300000000;

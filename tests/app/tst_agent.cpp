@@ -450,7 +450,7 @@ private Q_SLOTS:
         QVERIFY(Connection(home.settings(), home.info()).retryMs == 2000 && Connection::kSilenceMs == 15000 && Connection::kMaxMessageBytes == 8 << 20); // the real delays, shortened above
     }
 
-    // A late tick is a stall: logged, and while a take runs shown for a minute (the take may miss audio there).
+    // A late tick is a stall: logged, and while a take runs shown for a minute (the take may have a gap there).
     void stallsAreNoted()
     {
         StallWatch watch;
@@ -461,7 +461,7 @@ private Q_SLOTS:
             watch.beat(at, recording);
             QVERIFY2(watch.note(at).isEmpty() != shown, qPrintable(QString::number(at)));
         }
-        QCOMPARE(watch.note(13001 + StallWatch::kShowMs - 1), QStringLiteral("This computer did not run the recorder for 4.0 s (suspended or overloaded): the recording may miss up to that much audio there"));
+        QCOMPARE(watch.note(13001 + StallWatch::kShowMs - 1), QStringLiteral("This computer did not run the recorder for 4.0 s (suspended or overloaded): the recording may have a gap there"));
         QVERIFY(watch.note(13001 + StallWatch::kShowMs).isEmpty());
         QCOMPARE(home.log().count(QStringLiteral("did not run the recorder for")), 2);
     }

@@ -156,8 +156,9 @@ private Q_SLOTS:
         QCOMPARE(f->audio->openChannels(mon), 0);
     }
 
-    // A stuck audio queue holds at most 2 s per source; the rest is dropped, counted, and logged
-    // once when the take ends. The main thread's level reading does not wait for the queue.
+    // A stuck audio queue holds at most 22 s per source (more than the sound server keeps for a
+    // stream); the rest is dropped, counted, and logged once when the take ends. The main
+    // thread's level reading does not wait for the queue.
     void fullQueueDropsAndSays()
     {
         QVERIFY(f->start(QStringLiteral("S10")));
@@ -165,7 +166,7 @@ private Q_SLOTS:
         stuck.lock();
         f->rec->audioQueue().async([&stuck] { std::lock_guard hold(stuck); });
         const int64_t t = f->clock->nowNs();
-        for (int b = 0; b < 300; ++b)
+        for (int b = 0; b < 2300; ++b)
             f->audio->deliver(usb, RecorderFixture::tone(1, b * 480), t + b * 10000000LL);
         f->rec->takeLevels(); // returns although q is stuck
         stuck.unlock();

@@ -119,6 +119,8 @@ void PulseCapture::stateChanged()
     // not opened what was asked for either.
     const pa_stream_state_t state = pa_stream_get_state(m_stream);
     const char *device = state == PA_STREAM_READY ? pa_stream_get_device_name(m_stream) : nullptr;
+    if (const pa_buffer_attr *attr = state == PA_STREAM_READY ? pa_stream_get_buffer_attr(m_stream) : nullptr)
+        m_queueNs = int64_t(attr->maxlength) * 1000000000 / (int64_t(sizeof(float)) * m_channels * m_rate);
     const bool elsewhere = device && QString::fromUtf8(device) != m_source;
     if (!m_failed && (!PA_STREAM_IS_GOOD(state) || elsewhere)) {
         m_failed = true;
@@ -201,8 +203,10 @@ void PulseCapture::readable()
         // Arrival times are no server positions: the step to placed stamps starts a new time line.
         m_gap = m_gap || (placed && m_arrivalStamped);
         m_arrivalStamped = !placed;
-        // A server whose figures place a frame seconds away from its arrival is not believed.
-        if (std::llabs(b.captureNs - arrived) > kMaxSkewNs)
+        // A server whose figures place a frame seconds away from its arrival is not believed; a
+        // frame that waited in the server's queue (this process did not read for seconds) is as
+        // old as the queue is long, and its stamp stands.
+        if (b.captureNs - arrived > kMaxSkewNs || arrived - b.captureNs > m_queueNs + kMaxSkewNs)
             b.captureNs = arrived;
         b.discontinuity = m_gap;
         m_gap = false;

@@ -49,7 +49,9 @@ private:
 
     /// Wake-ups without a usable snapshot after which arrival times are used instead.
     static constexpr int kMaxUntimedWakeups = 200;
-    /// Largest distance between a frame's stamp and its arrival that is believed.
+    /// Largest distance between a frame's stamp and its arrival that is believed, beyond the
+    /// time the server's queue for the stream holds (a frame waits there as long as this process
+    /// does not read: suspended, stopped, swapping).
     static constexpr int64_t kMaxSkewNs = 5000000000;
     pa_threaded_mainloop *m_loop;
     pa_context *m_ctx;
@@ -64,4 +66,5 @@ private:
     StreamTimeLine m_line;
     int m_untimedWakeups = 0;
     bool m_arrivalStamped = false; // the last block went out with its arrival time
+    int64_t m_queueNs = 0;          // audio the server's queue for the stream holds at most
 };

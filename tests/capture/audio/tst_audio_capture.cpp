@@ -120,6 +120,54 @@ private Q_SLOTS:
         QVERIFY2(failed.isEmpty(), qPrintable(QLatin1String("takes beyond 1 ms:\n") + failed.join(QLatin1Char('\n'))));
     }
 
+
+    // This process does not run for 7 s in the middle of a take (a laptop swapping, a debugger):
+    // the sound server keeps what it captured meanwhile, and all of it lands in both tracks where
+    // it was captured, a tone of 10 s as 10 s of tone with no silence in it.
+    void aPausedAgentKeepsItsAudio()
+    {
+        const int seconds = 10;
+        QVector<float> tone(48000 * seconds);
+        for (qsizetype i = 0; i < tone.size(); ++i)
+            tone[i] = float(0.5 * std::sin(2 * M_PI * 440.0 * double(i) / 48000.0));
+        QFile file(home.root() + QLatin1String("/tone.raw"));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(reinterpret_cast<const char *>(tone.constData()), tone.size() * 4) == tone.size() * 4);
+        file.close();
+        QVERIFY(startTake());
+        QProcess play;
+        play.start(QStringLiteral("paplay"), strings({"--raw", "--format=float32le", "--rate=48000", "--channels=1", "-d", "brava_out"}) << file.fileName());
+        float heard = 0; // levels are reset as they are read
+        QTRY_VERIFY((heard = std::max(heard, f->rec->takeLevels().sys)) > 0.1f);
+        qint64 longestGap = 0;
+        QElapsedTimer sinceTick;
+        QTimer ticks;
+        connect(&ticks, &QTimer::timeout, this, [&] { longestGap = std::max(longestGap, sinceTick.restart()); });
+        ticks.start(100);
+        sinceTick.start();
+        QProcess::startDetached(QStringLiteral("sh"), {QStringLiteral("-c"), QStringLiteral("kill -STOP %1; sleep 7; kill -CONT %1").arg(::getpid())});
+        QTRY_VERIFY_WITH_TIMEOUT(play.state() == QProcess::NotRunning, 30000);
+        QVERIFY2(longestGap > 6000, qPrintable(QString::number(longestGap))); // it was stopped
+        QVERIFY(f->stop());
+        for (const char *track : {"mic", "sys"}) {
+            const QVector<float> d = MediaProbe::decode(f->path(QStringLiteral("s1"), f->finalName(QString::fromLatin1(track))));
+            const qsizetype first = MediaProbe::firstAbove(d, 0.25f);
+            qsizetype last = d.size() - 1;
+            while (last > first && std::fabs(d[last]) < 0.25f)
+                --last;
+            QStringList silent; // 20 ms windows of the tone's span without it
+            for (qsizetype at = std::max<qsizetype>(first, 0); at + 960 <= last; at += 960) {
+                float peak = 0;
+                for (qsizetype i = at; i < at + 960; ++i)
+                    peak = std::max(peak, std::fabs(d[i]));
+                if (peak < 0.25f)
+                    silent.append(QString::number(double(at) / 48000.0, 'f', 2));
+            }
+            const double span = double(last - first) / 48000.0;
+            qInfo("%s: the tone lasts %.3f s, silent at %s", track, span, qPrintable(silent.join(QLatin1Char(' '))));
+            QVERIFY2(first > 0 && std::fabs(span - seconds) < 0.05 && silent.isEmpty(), qPrintable(home.log()));
+        }
+    }
+
     // The sound server hangs (stopped) for 10 s in the middle of a take: the main thread keeps
     // its pace while it asks what the tray and the heartbeat ask and opens a stream, the hang is
     // noticed within seconds, and once the server resumes the error clears and audio flows again.
