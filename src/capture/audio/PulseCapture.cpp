@@ -203,11 +203,14 @@ void PulseCapture::readable()
         // Arrival times are no server positions: the step to placed stamps starts a new time line.
         m_gap = m_gap || (placed && m_arrivalStamped);
         m_arrivalStamped = !placed;
-        // A server whose figures place a frame seconds away from its arrival is not believed; a
-        // frame that waited in the server's queue (this process did not read for seconds) is as
-        // old as the queue is long, and its stamp stands.
-        if (b.captureNs - arrived > kMaxSkewNs || arrived - b.captureNs > m_queueNs + kMaxSkewNs)
+        // A server whose figures place a frame seconds after its arrival, or before the frames
+        // the stream handed over earlier, is not believed. A frame may be far older than its
+        // arrival: while this process did not read for seconds, the server kept what it
+        // captured (at most its queue's length, and once that is full, the oldest of it).
+        const int64_t earliest = m_nextNs ? m_nextNs - kMaxSkewNs : arrived - m_queueNs - kMaxSkewNs;
+        if (b.captureNs - arrived > kMaxSkewNs || b.captureNs < earliest)
             b.captureNs = arrived;
+        m_nextNs = b.captureNs + int64_t(usable / frameBytes) * 1000000000 / m_rate;
         b.discontinuity = m_gap;
         m_gap = false;
         const StreamTimeLine::Loss loss = m_line.takeLoss();

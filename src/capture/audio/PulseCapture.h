@@ -49,9 +49,9 @@ private:
 
     /// Wake-ups without a usable snapshot after which arrival times are used instead.
     static constexpr int kMaxUntimedWakeups = 200;
-    /// Largest distance between a frame's stamp and its arrival that is believed, beyond the
-    /// time the server's queue for the stream holds (a frame waits there as long as this process
-    /// does not read: suspended, stopped, swapping).
+    /// Largest distance of a frame's stamp after its arrival, or before the end of the frames
+    /// handed over before it, that is believed (a frame waits in the server's queue as long as
+    /// this process does not read: suspended, stopped, swapping).
     static constexpr int64_t kMaxSkewNs = 5000000000;
     pa_threaded_mainloop *m_loop;
     pa_context *m_ctx;
@@ -67,4 +67,5 @@ private:
     int m_untimedWakeups = 0;
     bool m_arrivalStamped = false; // the last block went out with its arrival time
     int64_t m_queueNs = 0;          // audio the server's queue for the stream holds at most
+    int64_t m_nextNs = 0;           // stamp the frame after the last one handed over would have
 };
