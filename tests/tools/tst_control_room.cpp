@@ -446,6 +446,7 @@ private Q_SLOTS:
     void aRestartedRoomTakesBackWhatItStored()
     {
         QCOMPARE(request("POST", q(QStringLiteral("s1")), "piece").first, 200);
+        QCOMPARE(request("POST", q(QStringLiteral("s1"), QStringLiteral("&track=sys&take=99&idx=3&final=0&ext=m4a")), "an older take's").first, 200);
         const QString sale = QString::fromLatin1(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":"L","apv":5,"referral":"no"})").second.mid(9, 21));
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=call&ext=m4a").arg(sale), "call").first, 200);
         const QString later = QString::fromLatin1(request("POST", QStringLiteral("/sale"), R"({"id":8,"method":"computer","lead":"N","apv":6,"referral":"yes"})").second.mid(9, 21));
@@ -467,18 +468,19 @@ private Q_SLOTS:
         left.close();
         room.reset();
         start();
-        QTRY_VERIFY(!printed->isEmpty() && printed->last().first().toString().startsWith(QStringLiteral("took back 1 stored pieces and 2 sales")));
+        QTRY_VERIFY(!printed->isEmpty() && printed->last().first().toString().startsWith(QStringLiteral("took back 2 stored pieces and 2 sales")));
         QCOMPARE(printed->count(), 8); // each of 7 skipped entries once, then the summary
-        const QStringList kept = {QStringLiteral("agent7/s1/mic_123_12_final.m4a"), QStringLiteral("sales/%1/call.m4a").arg(sale), QStringLiteral("sales/%1/sale.json").arg(sale),
+        const QStringList kept = {QStringLiteral("agent7/s1/mic_123_12_final.m4a"), QStringLiteral("agent7/s1/sys_99_3.m4a"), QStringLiteral("sales/%1/call.m4a").arg(sale), QStringLiteral("sales/%1/sale.json").arg(sale),
                                  QStringLiteral("sales/%1/sale.json").arg(later)};
         QCOMPARE(room->state().value(QStringLiteral("files")).toVariant().toStringList(), kept);
-        QCOMPARE(agent(7)[QStringLiteral("stored")], QJsonValue(1)); // agent 7's piece, counted again, and linked in the feed
+        QCOMPARE(agent(7)[QStringLiteral("stored")], QJsonValue(2)); // agent 7's pieces, counted again, and linked in the feed
         QWebSocket page;
         QSignalSpy greeted(&page, &QWebSocket::textMessageReceived);
         page.open(QUrl(QStringLiteral("ws://127.0.0.1:%1/page?token=%2").arg(port).arg(kToken)));
         QTRY_VERIFY(!greeted.isEmpty());
         const QJsonArray items = QJsonDocument::fromJson(greeted.first().first().toString().toUtf8())[QStringLiteral("feed")].toArray();
-        QVERIFY(items.size() == 1 && items[0][QStringLiteral("link")] == QStringLiteral("/files/agent7/s1/mic_123_12_final.m4a"));
+        QVERIFY(items.size() == 2 && items[1][QStringLiteral("link")] == QStringLiteral("/files/agent7/s1/mic_123_12_final.m4a")); // oldest take first
+        QVERIFY(items[0][QStringLiteral("link")] == QStringLiteral("/files/agent7/s1/sys_99_3.m4a") && items[0][QStringLiteral("time")] == QStringLiteral("1970-01-01T00:00:00.099Z"));
         QCOMPARE(sales(), before); // in their order, with their files
         for (const QString &path : kept + planted)
             QVERIFY2(request("GET", QStringLiteral("/files/") + path, {}, "Bearer " + kToken.toLatin1()).first == (kept.contains(path) ? 200 : 404), qPrintable(path));
