@@ -35,7 +35,7 @@ class Take;
 //     AudioPath (posted to the audio queue q) and to the CameraManager (posted to videoQ).
 //  3. AudioSources opens the microphone, the computer audio (the default output's monitor) and the
 //     room microphone on the main thread; the CameraManager opens the cameras on videoQ.
-//  4. The sound server's thread copies each block to q (at most ~2 s waiting per source); each
+//  4. The sound server's thread copies each block to q (at most 22 s waiting per source); each
 //     camera's capture thread hands its newest frame to videoQ.
 //  5. On q the drift corrector makes the audio contiguous on the monotonic clock.
 //  6. The take's start sync holds every track back until mic, sys and (when expected) cam have
