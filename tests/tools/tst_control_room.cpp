@@ -109,11 +109,13 @@ private Q_SLOTS:
         QTest::newRow("slash") << q(QStringLiteral("a/b"));
         QTest::newRow("NUL") << q(QStringLiteral("a") + QChar(0) + QStringLiteral("b"));
         QTest::newRow("300 characters") << q(QString(300, QLatin1Char('a')));
+        QTest::newRow("65 characters") << q(QString(65, QLatin1Char('a')));
         QTest::newRow("hidden") << q(QStringLiteral(".x"));
         QTest::newRow("no query") << QStringLiteral("/upload");
         QTest::newRow("agent 0") << QStringLiteral("/upload?id=0&session=s&track=mic&take=1&idx=1&final=0&ext=m4a");
         QTest::newRow("agent 111") << QStringLiteral("/upload?id=111&session=s&track=mic&take=1&idx=1&final=0&ext=m4a");
         QTest::newRow("track") << q(QStringLiteral("s"), QStringLiteral("&track=..&take=1&idx=1&final=0&ext=m4a"));
+        QTest::newRow("camera 5") << q(QStringLiteral("s"), QStringLiteral("&track=cam5&take=1&idx=1&final=0&ext=mp4"));
         QTest::newRow("take") << q(QStringLiteral("s"), QStringLiteral("&track=mic&take=1x&idx=1&final=0&ext=m4a"));
         QTest::newRow("index") << q(QStringLiteral("s"), QStringLiteral("&track=mic&take=1&idx=-1&final=0&ext=m4a"));
         QTest::newRow("final") << q(QStringLiteral("s"), QStringLiteral("&track=mic&take=1&idx=1&final=yes&ext=m4a"));
@@ -432,7 +434,14 @@ private Q_SLOTS:
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=nope&kind=confirm&ext=png"), "png").first, 400);
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=confirm&ext=../x").arg(token), "png").first, 400);
         QCOMPARE(request("POST", QStringLiteral("/sale-file?sale=%1&kind=confirm&ext=png").arg(token), "PNG").first, 200);
-        QCOMPARE(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"fax","lead":"x","apv":1,"referral":"no"})").first, 400);
+        // Records a room refuses, each one value off a good one.
+        for (const char *wrong : {R"("id":1.5)", R"("id":0)", R"("id":111)", R"("method":"fax")", R"("lead":" ")", R"("apv":-1)", R"("apv":1000000001)", R"("referral":"maybe")"}) {
+            QJsonObject record = QJsonDocument::fromJson(R"({"id":7,"method":"phone","lead":"x","apv":1,"referral":"no"})").object();
+            const QJsonObject change = QJsonDocument::fromJson(QByteArray("{") + wrong + "}").object();
+            record.insert(change.begin().key(), change.begin().value());
+            QVERIFY2(request("POST", QStringLiteral("/sale"), QJsonDocument(record).toJson()).first == 400, wrong);
+        }
+        QCOMPARE(request("POST", QStringLiteral("/sale"), R"({"id":7,"method":"phone","lead":")" + QByteArray(201, 'J') + R"(","apv":1,"referral":"no"})").first, 400);
         QCOMPARE(request("POST", QStringLiteral("/sale"), QByteArray(4 << 20, ' ')).first, 413); // read by the client still sending
         QCOMPARE(filesUnder(uploads()), QStringList({QStringLiteral("sales/%1/confirm.png").arg(token), QStringLiteral("sales/%1/sale.json").arg(token)}));
         const QJsonArray sales = room->state().value(QStringLiteral("sales")).toArray();

@@ -129,6 +129,7 @@ private Q_SLOTS:
         const ArchiveUnpacker::Limits limits; // the real limits and time-outs, shortened below
         QVERIFY(limits.maxEntries == 20000 && limits.maxBytes == qint64(4) << 30 && ReleaseManifest::kMaxBytes == 4 << 20);
         QVERIFY(AppUpdates::kFeedTimeoutMs == 20000 && UpdateDownload::kTimeoutMs == 300000);
+        QVERIFY(AppUpdates::Options().downloadDeadlineMs == 30 * 60000 && UpdateDownload::kDeadlineMs == 30 * 60000);
         // Work folders live in the data folder (removed with it, never by a reboot), not in /tmp.
         QCOMPARE(AppUpdates::defaultWorkRoot(), home.root() + QStringLiteral("/data/Brava Recorder/updates"));
     }
@@ -310,7 +311,8 @@ private Q_SLOTS:
             {{{"/tmp/abs.txt"}}, QStringLiteral("leaves the folder")}, {{{"B/../../x.txt"}}, QStringLiteral("leaves the folder")},
             {{{"B/l", 0120777, "../../etc"}}, QStringLiteral("link leaves")}, {{{"B/l", 0120777, "/etc"}}, QStringLiteral("link leaves")},
             {{{"B/dev", 020644}}, QStringLiteral("device")}, {{{"B/blk", 060644}}, QStringLiteral("device")}, {{{"B/first.txt"}}, QStringLiteral("twice")},
-            {{{"B/2"}, {"B/3"}}, QStringLiteral("entries")}, {{{"B/big", 0100644, QByteArray(2000, 'b')}}, QStringLiteral("bytes")}};
+            {{{"B/a\\b.txt"}}, QStringLiteral("leaves the folder")}, {{{"B/a\tb.txt"}}, QStringLiteral("leaves the folder")},
+            {{{"B/l", 0120777, ".."}}, QStringLiteral("link leaves")}, {{{"B/2"}, {"B/3"}}, QStringLiteral("entries")}, {{{"B/big", 0100644, QByteArray(2000, 'b')}}, QStringLiteral("bytes")}};
         for (const auto &[items, reason] : rows) {
             QTemporaryDir into;
             const QString out = into.filePath(QStringLiteral("out"));
