@@ -16,22 +16,22 @@ class LiveConverter;
 class SerialQueue;
 class Take;
 
-// The audio half of a recording after the device: every block a source delivers is handed to
-// the audio queue q, where drift correction makes it contiguous and stamped on the monotonic
-// clock, then the take's start sync and writer get it, and the live converter makes live audio
-// and the level. At most kMaxQueuedMs of blocks wait on q per source, more than the sound server
-// itself holds for a stream: after this process was not running for seconds the server hands
-// over all it kept at once, and none of it may be dropped here. Blocks beyond (q is stuck) are
-// dropped, counted and logged once per take (the drift corrector bridges the hole with silence,
-// so the track keeps its time line). A loss the server's own positions show on a stream is filled with silence
-// where they put it, whatever the other tracks did meanwhile (a server that skips ahead after a
-// stall loses the same stretch on every stream, and each is filled). A step seen in one track's
-// stamps alone is filled (or an overlap dropped) only as far as the other tracks' stamps, on the
-// same clock, did not move with it: that part is the track's own positions falling behind, which
-// is audio the sound server lost on it. A step the other tracks share (their timing answers came
-// late: a loaded machine) or that nothing can be compared with is doubtful, logged and not
-// filled. The first settled step of a take is
-// logged with its size at once, all of them together when the take ends.
+// The audio half of a recording after the device: every block a source delivers is handed to the
+// audio queue q, where drift correction makes it contiguous and stamped on the monotonic clock,
+// then the take's start sync and writer get it, and the live converter makes live audio and the
+// level. At most kMaxQueuedMs of blocks wait on q per source, more than the sound server itself
+// holds for a stream: after this process was not running for seconds the server hands over all it
+// kept at once, and none of it may be dropped here. Blocks beyond (q is stuck) are dropped, counted
+// and logged once per take (the drift corrector bridges the hole with silence, so the track keeps
+// its time line). A loss the server's own positions show on a stream is filled with silence where
+// they put it, whatever the other tracks did meanwhile (a server that skips ahead after a stall
+// loses the same stretch on every stream, and each is filled). A step seen in one track's stamps
+// alone is filled (or an overlap dropped) only as far as the other tracks' stamps, on the same
+// clock, did not move with it: that part is the track's own positions falling behind, which is
+// audio the sound server lost on it. A step the other tracks share (their timing answers came late:
+// a loaded machine) or that nothing can be compared with is doubtful, logged and not filled. The
+// first settled step of a take is logged with its size at once, all of them together when the take
+// ends.
 class AudioPath
 {
 public:
