@@ -132,6 +132,11 @@ void Connection::open()
     socket->open(url);
 }
 
+int Connection::watchMs(int silenceMs)
+{
+    return std::clamp(silenceMs / 3, 1, 1000); // a silent room is noticed within a second of the limit
+}
+
 void Connection::opened(qint64 gen, QWebSocket *socket)
 {
     if (gen != m_generation || socket != m_socket)
@@ -139,7 +144,7 @@ void Connection::opened(qint64 gen, QWebSocket *socket)
     m_connected = true;
     m_heard.start();
     m_watched.start();
-    m_watch->start(std::clamp(silenceMs / 3, 1, 1000)); // a silent room is noticed within a second of the limit
+    m_watch->start(watchMs(silenceMs));
     m_lastFailure.clear();
     m_failureLog.clear();
     bravaLog(QStringLiteral("connected to %1 as agent %2").arg(m_settings.server()).arg(m_settings.agentID()));

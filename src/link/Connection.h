@@ -64,6 +64,8 @@ public:
     static constexpr int kSilenceMs = 15000;
     /// The silence in use; tests shorten it (pings go out every second, or every third of a shorter one).
     int silenceMs = kSilenceMs;
+    /// How often an open link with `silenceMs` is pinged and its silence checked.
+    static int watchMs(int silenceMs);
     /// First byte of a binary frame: live microphone audio.
     static constexpr quint8 kMicSource = Protocol::Frame::micAudio;
     /// First byte of a binary frame: live computer audio.

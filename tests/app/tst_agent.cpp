@@ -448,6 +448,7 @@ private Q_SLOTS:
         thaw.release();
         QTRY_VERIFY(opened > before && conn.connected()); // the thawed room takes the link again
         QVERIFY(Connection(home.settings(), home.info()).retryMs == 2000 && Connection::kSilenceMs == 15000 && Connection::kMaxMessageBytes == 8 << 20); // the real delays, shortened above
+        QVERIFY(Connection::watchMs(Connection::kSilenceMs) == 1000 && Connection::watchMs(600) == 200); // pinged every second, or every third of a shorter silence
     }
 
     // A late tick is a stall: logged, and while a take runs shown for a minute (the take may have a gap there).

@@ -259,9 +259,7 @@ void Room::takeBackFeed()
     const size_t room = kFeedMax > m_feed.size() ? kFeedMax - m_feed.size() : 0;
     for (size_t i = earlier.size(); i-- > earlier.size() - std::min(room, earlier.size());) {
         const auto &[take, index, path, agent] = earlier[i];
-        m_feed.push_front({{QStringLiteral("time"), QDateTime::fromMSecsSinceEpoch(take, Qt::UTC).toString(Qt::ISODateWithMs)},
-                           {QStringLiteral("kind"), QStringLiteral("upload")}, {QStringLiteral("agent"), agent},
-                           {QStringLiteral("text"), path}, {QStringLiteral("link"), QString(QStringLiteral("/files/") + path)}});
+        m_feed.push_front(feedItem(QDateTime::fromMSecsSinceEpoch(take, Qt::UTC), QStringLiteral("upload"), agent, path, path));
     }
     for (auto &[_, page] : m_pages)
         page.link->sendText(bytes(greeting()));
@@ -714,12 +712,18 @@ void Room::fault(int agent, const QString &line)
     feed(QStringLiteral("error"), agent, line);
 }
 
-void Room::feed(const QString &kind, int agent, const QString &text, const QString &link)
+QJsonObject Room::feedItem(const QDateTime &time, const QString &kind, int agent, const QString &text, const QString &link)
 {
-    QJsonObject item{{QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
-                     {QStringLiteral("kind"), kind}, {QStringLiteral("agent"), agent}, {QStringLiteral("text"), text}};
+    QJsonObject item{{QStringLiteral("time"), time.toString(Qt::ISODateWithMs)}, {QStringLiteral("kind"), kind},
+                     {QStringLiteral("agent"), agent}, {QStringLiteral("text"), text}};
     if (!link.isEmpty())
         item.insert(QStringLiteral("link"), QString(QStringLiteral("/files/") + link));
+    return item;
+}
+
+void Room::feed(const QString &kind, int agent, const QString &text, const QString &link)
+{
+    const QJsonObject item = feedItem(QDateTime::currentDateTimeUtc(), kind, agent, text, link);
     m_feed.push_back(item);
     if (m_feed.size() > kFeedMax)
         m_feed.pop_front();

@@ -116,6 +116,8 @@ private:
     void letGo(Link &page, bool seeing);
     bool endStreams(int id);
     void feed(const QString &kind, int agent, const QString &text, const QString &link = QString());
+    /// One feed item at `time`; `link` is a stored file's path under the uploads folder, or empty.
+    static QJsonObject feedItem(const QDateTime &time, const QString &kind, int agent, const QString &text, const QString &link);
     void toPages(const QByteArray &json);
     void say(const QString &line) const;
     /// After the scan of what was stored: counts and feed items of the pieces from before.
