@@ -232,7 +232,7 @@ private Q_SLOTS:
             {"phone-no-call", "phone lead apv confirm submit", QStringLiteral("Attach the full call recording")}, {"phone-ready", "phone lead apv confirm call", {}},
             {"computer", "computer", {}}, {"computer-bad-apv", "computer lead apv=1e9999 submit", QStringLiteral("Enter the APV (dollar amount)")},
             {"computer-no-confirmation", "computer lead apv submit", QStringLiteral("Add a confirmation (file or snap)")}, {"computer-snapped", "computer lead apv snap", {}},
-            {"computer-not-recording", "idle computer", SaleForm::notRecordingText()}};
+            {"computer-not-recording", "idle computer", QStringLiteral("⚠ This computer is not recording this call")}};
         for (const auto &[name, state, status] : rows) {
             const QStringList words = QString::fromLatin1(state).split(QLatin1Char(' '));
             const auto has = [&](const char *w) { return words.contains(QLatin1String(w)); };
